@@ -1,0 +1,30 @@
+// Types and macros shared by every layer of the library: the result code
+// eRtCode and the printf-format attribute.
+//
+// Any thread may include and use these; they hold no state.
+#ifndef ORBEL_ORBELDEFS_H
+#define ORBEL_ORBELDEFS_H
+
+#include <cstdint>
+
+// Marks a printf-like function so that a wrong conversion, or a format that
+// is not a literal, is a compile error. fmtIdx and argIdx count from 1; for a
+// non-static member function the implicit `this` is argument 1.
+#define ORBEL_PRINTF(fmtIdx, argIdx) __attribute__((format(printf, fmtIdx, argIdx)))
+
+namespace Orbel {
+
+// The library-wide result code. Zero is success; every other value names a
+// reason. Functions that return eRtCode never throw.
+enum eRtCode : int32_t {
+    RT_SUCCESS = 0,
+    RT_FAILURE = 2,        // no connection, null argument, null or wrong-typed reply
+    RT_FIELD_MISSING = 3,  // a hash field that is missing or empty
+    RT_NO_SUCH_KEY = 5,    // a key or list index that does not exist (nil reply)
+    RT_BUSY = 9,           // a resource lock held by someone else
+    RT_INVALID_ARG = 13,   // invalid argument
+};
+
+}  // namespace Orbel
+
+#endif  // ORBEL_ORBELDEFS_H

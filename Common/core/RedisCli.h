@@ -1,0 +1,122 @@
+// The store client: every Redis command the library sends goes through
+// these free functions, the only code that talks to hiredis.
+//
+// Connections. Every wrapper takes a hiredis context first. A context passed
+// by the caller is used and left open. When the caller passes null, most
+// wrappers open a connection of their own (RedisConnect) for that one call
+// and close it before returning, on every path. Six wrappers never connect by
+// themselves and treat a null context as a null argument (log, return 2):
+// RedisSetAdd, RedisSetRem, RedisListSize, RedisListSet, RedisListGet and
+// RedisListWriteBinData.
+//
+// Threads. The functions keep no state. A context belongs to one thread at a
+// time: never share one between threads, and never reuse one after a
+// connection error. Threads without a context of their own pass null.
+//
+// Results (eRtCode): 0 success; 2 failure (no connection, null argument, null
+// reply, reply of the wrong type); 3 hash field missing or empty; 5 key or
+// list index missing (nil reply); 13 invalid argument (RedisTTL only).
+// RedisType returns a table-type code instead. Failures are logged as ERROR
+// from "RedisCli.cpp"; reply and key dumps are raw lines under "ZComLib".
+//
+// Caller texts (keys, fields, values) are always passed to Redis as separate
+// arguments, byte for byte; they are never used as a format.
+#ifndef ORBEL_REDISCLI_H
+#define ORBEL_REDISCLI_H
+
+#include <hiredis/hiredis.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "OrbelDefs.h"
+
+namespace Orbel {
+
+// Table types returned by RedisType.
+enum eRedisTableType : int {
+    REDIS_TABLE_NONE = 0,
+    REDIS_TABLE_HASH = 1,
+    REDIS_TABLE_LIST = 2,
+    REDIS_TABLE_STRING = 3,
+    REDIS_TABLE_UNSUPPORTED = 4,  // any other type, and every failure
+};
+
+// Connects to the Unix socket RedisSocketPath() ("/tmp/redis.sock" under the
+// sysroot). Returns an open context owned by the caller (close it with
+// RedisDisconnect), or null (logged). No time-out, no retry.
+redisContext* RedisConnect();
+void RedisDisconnect(redisContext* c);
+// "AUTH <pass>": 0 only on a status reply "OK", else 2.
+eRtCode redisAuthentication(redisContext* c, const char* pass);
+// Logs `reply` recursively, indented per array level.
+void RedisDumpReply(const char* cmd, redisReply* reply);
+
+// Always opens its own connection and sends "SUBSCRIBE <channel>". Returns
+// that context (the caller reads messages with redisGetReply and closes it),
+// or null.
+redisContext* RedisSubscribeFromChannel(std::string channel);
+eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string message);
+
+int RedisType(redisContext* c, const char* key);  // eRedisTableType
+
+eRtCode RedisHashSize(redisContext* c, const char* key, int& size);
+eRtCode RedisHashSet(redisContext* c, const char* key, const char* name, const char* value);
+// Missing or empty field: value cleared, 3.
+eRtCode RedisHashGet(redisContext* c, const char* key, const char* name, std::string& value);
+eRtCode RedisHashDel(redisContext* c, const char* key, const char* name);
+eRtCode RedisHashGetAll(redisContext* c, const char* key, std::map<std::string, std::string>& out,
+                        bool dump = false);
+
+eRtCode RedisSetAdd(redisContext* c, const char* key, const char* value);
+eRtCode RedisSetRem(redisContext* c, const char* key, const char* value);
+
+eRtCode RedisListSize(redisContext* c, const char* key, int& size);
+eRtCode RedisListSet(redisContext* c, const char* key, const char* index, const char* value);
+eRtCode RedisListGet(redisContext* c, const char* key, int index, std::string& value);
+// One RPUSH per element, in order; stops at the first failure.
+eRtCode RedisListPushBack(redisContext* c, const char* key, const std::vector<std::string>& values);
+eRtCode RedisListPushBack(redisContext* c, const char* key, const char* value);
+// Removes the first element equal to `value`.
+eRtCode RedisListDel(redisContext* c, const char* key, std::string value);
+// Removes every element equal to `value`.
+eRtCode RedisListDelAll(redisContext* c, const char* key, std::string value);
+// Removes by the value found at `index`: when an equal element stands
+// earlier in the list, that earlier one goes.
+eRtCode RedisListDel(redisContext* c, const char* key, int index);
+// `out` is cleared first.
+eRtCode RedisListGetAll(redisContext* c, const char* key, int start, int stop,
+                        std::vector<std::string>& out, bool dump = false);
+
+// A byte buffer as a list of decimal texts "0".."255", one element a byte,
+// appended to the list (delete the key first to rewrite it).
+eRtCode RedisListWriteBinData(redisContext* c, const char* key, unsigned char* data,
+                              unsigned int len);
+// Allocates *data with new[] (caller deletes with delete[]); an empty or
+// non-list key gives *data = null, len = 0 and 0.
+eRtCode RedisListReadBinData(redisContext* c, const char* key, unsigned char** data,
+                             unsigned int& len);
+
+// "SET <key> <value> EX <seconds>".
+eRtCode RedisSet(redisContext* c, const char* key, const char* value, unsigned int seconds);
+// Nil reply: 5.
+eRtCode RedisGet(redisContext* c, const char* key, std::string* value);
+// *seconds = -2 for a missing key, -1 for no expiry.
+eRtCode RedisTTL(redisContext* c, const char* key, int* seconds);
+// Appends the keys matching `pattern` to `out`.
+eRtCode RedisKeys(redisContext* c, const char* pattern, std::vector<std::string>& out,
+                  bool dump = false);
+// UNLINKs `key`, or every key matching it when it holds '*'. A null key
+// returns 0.
+eRtCode RedisDelTable(redisContext* c, const char* key);
+
+// Runs the event service's scripts (their SHA-1 digests are kept in the hash
+// "redisSHAScripts") with `payload` as the one key. result starts at -1 and
+// receives the script's integer result; 0 only when that is 1.
+eRtCode RedisEvalEnqueueEvent(redisContext* c, const char* payload, int& result);
+eRtCode RedisEvalEnqueueMetricReport(redisContext* c, const char* payload, int& result);
+
+}  // namespace Orbel
+
+#endif  // ORBEL_REDISCLI_H

@@ -1,0 +1,5 @@
+#include <cstdio>
+int main() {
+    std::fprintf(stderr, "orbel-sim: not built yet\n");
+    return 2;
+}

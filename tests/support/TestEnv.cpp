@@ -1,0 +1,269 @@
+#include "TestEnv.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "Orbel.h"
+#include "ZLogPrint.h"
+
+namespace OrbelTest {
+
+namespace {
+
+std::string& SysrootStorage() {
+    static std::string dir;
+    return dir;
+}
+
+void MakeDirs(const std::string& path) {
+    std::string partial;
+    std::stringstream ss(path);
+    std::string part;
+    while (std::getline(ss, part, '/')) {
+        if (part.empty()) continue;
+        partial += "/" + part;
+        mkdir(partial.c_str(), 0755);
+    }
+}
+
+void RemoveTree(const std::string& path) {
+    std::string cmd = "rm -rf '" + path + "'";
+    if (std::system(cmd.c_str()) != 0) {
+        std::fprintf(stderr, "test: could not remove %s\n", path.c_str());
+    }
+}
+
+// Sets up the sysroot and the log service before any test runs, and tears
+// both down (with the store) after the last one.
+class OrbelTestEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override {
+        char tmpl[] = "/tmp/orbel-test-XXXXXX";
+        char* dir = mkdtemp(tmpl);
+        if (dir == nullptr) {
+            std::perror("mkdtemp");
+            std::abort();
+        }
+        SysrootStorage() = dir;
+        setenv("ORBEL_SYSROOT", dir, 1);
+        MakeDirs(SysrootStorage() + "/tmp/Redfish");
+        Orbel::zLogPrint = new Orbel::ZLogPrint(SysrootStorage() + "/tmp/Redfish/test", 1 << 30);
+        Orbel::zLogPrint->SetDebugLevel(1);
+        Orbel::zLogPrint->EnableSchemaDebug("ZComLib");
+    }
+    void TearDown() override {
+        RedisServer::Instance().Stop();
+        delete Orbel::zLogPrint;
+        Orbel::zLogPrint = nullptr;
+        const char* keep = std::getenv("ORBEL_KEEP_SYSROOT");
+        if (keep == nullptr || keep[0] == '\0') {
+            RemoveTree(SysrootStorage());
+        } else {
+            std::fprintf(stderr, "test: sysroot kept at %s\n", SysrootStorage().c_str());
+        }
+    }
+};
+
+}  // namespace
+
+void RegisterEnvironment() { ::testing::AddGlobalTestEnvironment(new OrbelTestEnvironment); }
+
+const std::string& SysrootDir() { return SysrootStorage(); }
+
+std::string LogFilePath() { return SysrootDir() + "/tmp/Redfish/test.log"; }
+
+size_t LogMark() { return ReadFile(LogFilePath()).size(); }
+
+std::string LogSince(size_t mark) {
+    std::string all = ReadFile(LogFilePath());
+    return mark <= all.size() ? all.substr(mark) : all;
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return std::string();
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+bool FileExists(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+void WriteFile(const std::string& path, const std::string& text) {
+    auto slash = path.find_last_of('/');
+    if (slash != std::string::npos && slash > 0) MakeDirs(path.substr(0, slash));
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+}
+
+RedisServer& RedisServer::Instance() {
+    static RedisServer server;
+    return server;
+}
+
+std::string RedisServer::SocketPath() const { return SysrootDir() + "/tmp/redis.sock"; }
+
+bool RedisServer::Start() {
+    if (mPid > 0) return true;
+    MakeDirs(SysrootDir() + "/tmp");
+    unlink(SocketPath().c_str());
+    std::string logPath = SysrootDir() + "/tmp/redis-server.log";
+    pid_t pid = fork();
+    if (pid < 0) {
+        std::perror("fork");
+        return false;
+    }
+    if (pid == 0) {
+        int fd = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        if (fd >= 0) {
+            dup2(fd, 1);
+            dup2(fd, 2);
+            close(fd);
+        }
+        std::string sock = SocketPath();
+        execlp("redis-server", "redis-server", "--port", "0", "--unixsocket", sock.c_str(),
+               "--unixsocketperm", "700", "--save", "", "--appendonly", "no", "--dir",
+               SysrootDir().c_str(), "--daemonize", "no", (char*)nullptr);
+        _exit(127);
+    }
+    mPid = pid;
+    for (int i = 0; i < 500; ++i) {
+        redisContext* c = redisConnectUnix(SocketPath().c_str());
+        if (c != nullptr && c->err == 0) {
+            redisReply* r = static_cast<redisReply*>(redisCommand(c, "PING"));
+            bool ok = r != nullptr && r->type == REDIS_REPLY_STATUS;
+            if (r != nullptr) freeReplyObject(r);
+            redisFree(c);
+            if (ok) return true;
+        } else if (c != nullptr) {
+            redisFree(c);
+        }
+        int status = 0;
+        if (waitpid(mPid, &status, WNOHANG) == mPid) {
+            std::fprintf(stderr, "test: redis-server exited at start:\n%s\n",
+                         ReadFile(logPath).c_str());
+            mPid = -1;
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    std::fprintf(stderr, "test: redis-server did not accept connections on %s\n",
+                 SocketPath().c_str());
+    Stop();
+    return false;
+}
+
+void RedisServer::Stop() {
+    if (mPid <= 0) return;
+    redisContext* c = redisConnectUnix(SocketPath().c_str());
+    if (c != nullptr && c->err == 0) {
+        redisReply* r = static_cast<redisReply*>(redisCommand(c, "SHUTDOWN NOSAVE"));
+        if (r != nullptr) freeReplyObject(r);
+    }
+    if (c != nullptr) redisFree(c);
+    for (int i = 0; i < 300; ++i) {
+        int status = 0;
+        if (waitpid(mPid, &status, WNOHANG) == mPid) {
+            mPid = -1;
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    kill(mPid, SIGKILL);
+    int status = 0;
+    waitpid(mPid, &status, 0);
+    mPid = -1;
+}
+
+void RedisServer::FlushAll() {
+    Reply r = RawCommand({"FLUSHALL"});
+    if (!r || r->type == REDIS_REPLY_ERROR) {
+        ADD_FAILURE() << "FLUSHALL failed";
+    }
+}
+
+RedisConn RawConnect() {
+    RedisConn c(redisConnectUnix(RedisServer::Instance().SocketPath().c_str()));
+    if (c && c->err != 0) c.reset();
+    return c;
+}
+
+Reply RawCommand(const std::vector<std::string>& args) {
+    RedisConn c = RawConnect();
+    if (!c) return Reply();
+    std::vector<const char*> argv;
+    std::vector<size_t> lens;
+    for (const auto& a : args) {
+        argv.push_back(a.data());
+        lens.push_back(a.size());
+    }
+    return Reply(static_cast<redisReply*>(
+        redisCommandArgv(c.get(), static_cast<int>(argv.size()), argv.data(), lens.data())));
+}
+
+std::map<std::string, std::string> HGetAll(const std::string& key) {
+    std::map<std::string, std::string> out;
+    Reply r = RawCommand({"HGETALL", key});
+    if (r && r->type == REDIS_REPLY_ARRAY) {
+        for (size_t i = 0; i + 1 < r->elements; i += 2) {
+            out[std::string(r->element[i]->str, r->element[i]->len)] =
+                std::string(r->element[i + 1]->str, r->element[i + 1]->len);
+        }
+    }
+    return out;
+}
+
+std::vector<std::string> LRange(const std::string& key) {
+    std::vector<std::string> out;
+    Reply r = RawCommand({"LRANGE", key, "0", "-1"});
+    if (r && r->type == REDIS_REPLY_ARRAY) {
+        for (size_t i = 0; i < r->elements; ++i) {
+            out.emplace_back(r->element[i]->str, r->element[i]->len);
+        }
+    }
+    return out;
+}
+
+std::set<std::string> SMembers(const std::string& key) {
+    std::set<std::string> out;
+    Reply r = RawCommand({"SMEMBERS", key});
+    if (r && r->type == REDIS_REPLY_ARRAY) {
+        for (size_t i = 0; i < r->elements; ++i) {
+            out.emplace(r->element[i]->str, r->element[i]->len);
+        }
+    }
+    return out;
+}
+
+std::string Type(const std::string& key) {
+    Reply r = RawCommand({"TYPE", key});
+    if (r && r->type == REDIS_REPLY_STATUS) return std::string(r->str, r->len);
+    return std::string();
+}
+
+bool Exists(const std::string& key) {
+    Reply r = RawCommand({"EXISTS", key});
+    return r && r->type == REDIS_REPLY_INTEGER && r->integer == 1;
+}
+
+void StoreTest::SetUp() {
+    ASSERT_TRUE(RedisServer::Instance().Start()) << "private redis-server did not start";
+    RedisServer::Instance().FlushAll();
+}
+
+}  // namespace OrbelTest
