@@ -1,0 +1,250 @@
+// The one application object of a plug-in process, and its registries.
+//
+// A plug-in's main() constructs a ZApplication (or a class derived from it)
+// with the application name, fills an sExecParams record and calls Exec,
+// which runs the whole life of the process: options, schema creation, VEX
+// registration, the process-loop thread, the staged initialisation of every
+// schema's resources around the moment the front end reports itself ready,
+// the ready file, and, after SIGINT/SIGTERM or Exit(), the ordered shutdown.
+//
+// The global zApp designates the one instance. The object registry (OIDs,
+// live objects by JPath, resources by name, the recycle queue, monitors) and
+// the schema list are members of the same class.
+//
+// Threads: the main thread (blocked in Exec after start-up), the process-loop
+// thread (every 3 s: recycling, monitors, diagnostics), the signal thread
+// (reads signal numbers from the self-pipe zAppSigPipe), and the schemas'
+// dispatcher threads. Every registry has its own mutex; all public members
+// may be called from any thread.
+#ifndef ORBEL_ZAPPLICATION_H
+#define ORBEL_ZAPPLICATION_H
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "OrbelDefs.h"
+#include "vex.h"
+
+namespace Orbel {
+
+class ZObject;
+class ZResource;
+class ZSchema;
+class ZUserInputTemplate;
+
+class ZApplication {
+public:
+    // One entry of the schema table: a schema's ID is its index plus 2.
+    struct sSchemaFactory {
+        const char* name;
+        int (*factory)(void* arg);  // called with null; < 0 means failure
+    };
+    // Filled by main() and passed to Exec.
+    struct sExecParams {
+        int argc;
+        char** argv;
+        const sSchemaFactory* schemaTable;
+        int schemaNum;
+    };
+
+    typedef void (*VexEventCallback_t)(EVENT_TYPE type, char* eventName, int dataLen, void* data);
+
+    // Creates "/tmp/Redfish/", sets zApp and creates the log service
+    // zLogPrint (work directory as base path, rotate size 16000).
+    explicit ZApplication(const std::string& appName);
+    // Deletes the schemas and the log service this object created, and
+    // restores zApp and zLogPrint to what they were before.
+    virtual ~ZApplication();
+
+    ZApplication(const ZApplication&) = delete;
+    ZApplication& operator=(const ZApplication&) = delete;
+
+    // Hooks for the plug-in.
+    virtual void AppInitDoneProcess();  // once, after the post-ready stage
+    virtual void AppExitProcess();      // once, after the exit signal
+    virtual void SigHandle(int sig);    // for every caught signal
+
+    // Runs the process. Returns 0 on a normal end and after -h or an unknown
+    // option, 2 when schema initialisation failed otherwise.
+    int Exec(sExecParams& params);
+    // Sets the exited flag and wakes Exec once. Safe from any thread, not
+    // from a signal handler.
+    void Exit();
+
+    bool isAppInitDone() const { return GetInitStep() == 5; }
+    void WaitAppInitDone() const;  // polls every 100 ms, no time limit
+
+    const std::string& AppName() const { return mAppName; }
+    static const char* CommLibVer();
+    uint32_t GetInitStep() const { return mInitStep.load(); }
+    bool isExited() const { return mExited.load(); }
+    void UpdateLastLoopProcTimetick();
+    uint32_t LastLoopProcTimetick() const { return mLastLoopProcTimetick.load(); }
+    // "/tmp/Redfish/" + the application name behind its last "/".
+    const std::string& WorkDir() const { return mWorkDir; }
+    const std::string& GetDbgLvlVexName() const { return mDbgLvlVexName; }
+    const std::string& GetDbgInfoVexName() const { return mDbgInfoVexName; }
+
+    // VEX events. Callbacks may be registered only at init steps 0 and 1
+    // (before Exec registers with VEX): from main() or a schema factory.
+    eRtCode RegisterVexEventCallback(const std::string& eventName, VexEventCallback_t callback);
+    VexEventCallback_t GetVexEventCallback(const std::string& eventName);
+    // The single function registered with VEX; forwards to the plug-in's callback.
+    static void VexEventCallback(EVENT_TYPE type, char* eventName, int dataLen, void* data);
+
+    // Re-reads the debug level from the debug-level VEX variable ("0", "1"
+    // or a schema-ID list, as for option -d).
+    void ChangeDebugMsgLevel();
+
+    // Runtime diagnostics: the list of the process's threads, rewritten into
+    // WorkDir() + ".threads" by the process loop.
+    void RegisterThreadInfo(const std::string& owner, const std::string& threadName);
+    void UnregisterThreadInfo();
+    void UpdateThreadInfoProcess();
+
+    // ---------------------------------------------------------------------
+    // Schema list (registration order).
+    // ---------------------------------------------------------------------
+    // Refuses a schema whose name is already listed (returns 2).
+    eRtCode SchemaListAppend(ZSchema* schema);
+    eRtCode SchemaListRemove(ZSchema* schema);
+    size_t SchemaListSize();
+    ZSchema* GetSchemaObj(const std::string& name);
+    std::deque<ZSchema*> GetSchemaList();  // a copy
+
+    // ---------------------------------------------------------------------
+    // Object registry.
+    // ---------------------------------------------------------------------
+    // A new OID entered in the OID map with `obj`; 0 when no OID is free.
+    uint32_t NewOID(ZObject* obj);
+    // Indexes `obj` by JPath (and a resource by its resource name). Refuses a
+    // duplicate JPath (returns 2); a duplicate resource name is logged and
+    // the object stays listed by JPath only.
+    eRtCode ObjectListAppend(ZObject* obj);
+    eRtCode ObjectListRemove(ZObject* obj);
+    size_t ObjectListSize();
+    // The JPaths of all listed objects, and of the orphans (JSON objects and
+    // arrays without a parent: free-standing trees such as response data).
+    std::vector<std::string> GetObjectList();
+    std::vector<std::string> GetOrphanObjsList();
+    // Looks a JPath up, retrying with a trailing "/" added or removed.
+    ZObject* GetObject(const std::string& jpath);
+    ZResource* GetResource(const std::string& resourceName);
+    // The resource or collection that owns `obj` (walking up its parents).
+    ZResource* GetResource(ZObject* obj);
+    std::string GetResourceURI(ZObject* obj);
+    // True when `obj` designates a registered object (logged otherwise).
+    bool IsValidObj(ZObject* obj);
+
+    // Recycle queue: retired objects wait here until nobody uses them.
+    void RecycledListAppend(ZObject* obj);
+    // A user-input template whose cache is freed `delayMs` after this call.
+    void RecycledListAppend(ZUserInputTemplate* tmpl, unsigned long delayMs);
+    size_t RecycledListSize();
+    // Called by the process loop: frees the retired objects whose using
+    // count is zero, and the templates whose delay has passed.
+    void RecycleProcess();
+
+    // Object monitors: a callback run by the process loop for the object
+    // found at a JPath (or at every JPath matching an ECMAScript pattern),
+    // until the object dies.
+    typedef void (*ObjMonitorCallback_t)(ZObject* obj, void* arg);
+    eRtCode RegisterMonitorObject(const std::string& jpath, ObjMonitorCallback_t callback,
+                                  void* arg);
+    eRtCode RegisterMonitorObjectWithRegExp(const std::string& pattern,
+                                            ObjMonitorCallback_t callback, void* arg);
+    void ObjMonitorScan();
+    std::string DumpMonitorList();
+
+private:
+    int _ExecInitSchemas(sExecParams& params);
+    int _ExecParserArgFlags(const char* list, unsigned char* flags, int count);
+    void _ExecPrintUsage(sExecParams& params);
+    void _RemoveAppReady();
+    void _SetAppReady();
+    void _RegisterVexInit();
+    void _RegisterVexEvents();
+    void _RegisterSigHandler();
+    void _PreCorvelReady_InitAllSchemaResources();
+    void _PostCorvelReady_InitAllSchemaResources();
+    void _PostCorvelReady_AfterTreatment();
+    void _WaitAllThreadsExit();
+    void _DeleteAllSchemas();
+    std::string _RuntimeSummary();
+
+    static void AppProcessLoop(ZApplication* app);
+    static void AppSysSigHandle(ZApplication* app);
+    static void SigHandler(int sig);
+
+    // Constant after construction.
+    const std::string mAppName;
+    const std::string mWorkDir;
+    const std::string mDbgLvlVexName;
+    const std::string mDbgInfoVexName;
+
+    std::atomic<uint32_t> mInitStep{0};
+    std::atomic<bool> mExited{false};
+    sExecParams mExecParams{};
+    std::atomic<uint32_t> mLastLoopProcTimetick{0};
+
+    std::mutex mVexEventMutex;  // guards mVexEventCallbacks
+    std::map<std::string, VexEventCallback_t> mVexEventCallbacks;
+
+    std::mutex mSchemaListMutex;  // guards mSchemaList
+    std::deque<ZSchema*> mSchemaList;
+
+    std::mutex mThreadInfoMutex;  // guards mThreadInfo
+    struct sThreadInfo {
+        std::string owner;
+        std::string name;
+    };
+    std::map<long, sThreadInfo> mThreadInfo;  // by kernel thread id
+
+    // Registry containers; each guarded by its own mutex (ZApplication_Registry.cpp).
+    std::mutex mOIDMutex;
+    std::map<uint32_t, ZObject*> mOIDMap;
+    uint32_t mOIDSeq = 0;
+    std::mutex mValidObjMutex;
+    std::map<ZObject*, uint8_t> mValidObjMap;
+    std::mutex mObjectListMutex;
+    std::map<std::string, ZObject*> mObjectList;
+    std::mutex mResourceListMutex;
+    std::map<std::string, ZResource*> mResourceList;
+    struct lRecycleRef {
+        ZObject* obj;               // a retired object, or null
+        ZUserInputTemplate* tmpl;   // a template whose cache is to be freed, or null
+        uint32_t dueTick;           // templates: MiniTimeTick() after which to free
+    };
+    std::mutex mRecycleMutex;
+    std::list<lRecycleRef> mRecycleList;
+    struct _sOMTgt;
+    struct sOMItem;
+    std::mutex mMonitorMutex;
+    std::list<sOMItem*> mMonitorList;
+
+    std::thread mProcLoopThread;
+    std::thread mSigThread;
+
+    ZApplication* mPrevApp = nullptr;
+    bool mOwnsLogService = false;
+    void* mPrevLogService = nullptr;
+};
+
+// The instance, the signal self-pipe ([0] read end, [1] write end), and the
+// condition variable (with its mutex) on which Exec waits for Exit().
+extern ZApplication* zApp;
+extern int zAppSigPipe[2];
+extern std::condition_variable zAppExitCv;
+extern std::mutex zAppExitCvMutex;
+
+}  // namespace Orbel
+
+#endif  // ORBEL_ZAPPLICATION_H
