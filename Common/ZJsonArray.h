@@ -1,0 +1,74 @@
+// A JSON array of the resource tree, stored as one Redis list under its
+// JPath. Its elements are value texts or node texts (docs/wire-protocol.md).
+//
+// The array keeps the nodes written into it (its member objects) in the order
+// they were added, and, with class attribute bit 0, publishes its length in
+// the parent's hash as <name>@odata.count after every applied change.
+//
+// Threads: as ZObject; the member vector and the published count have their
+// own lock.
+#ifndef ORBEL_ZJSONARRAY_H
+#define ORBEL_ZJSONARRAY_H
+
+#include <cstdint>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ZObject.h"
+
+namespace Orbel {
+
+class ZJsonArray : public ZObject {
+public:
+    // Class attribute: publish the element count in the parent.
+    static constexpr uint32_t ARRAY_ATTR_OdataCount = 1u;
+
+    // Runs Initial(), then writes <name>@odata.count = 0 into the parent
+    // (with ARRAY_ATTR_OdataCount), or, on a MultiBackend node, takes the
+    // node texts other backends stored under the JPath as existing members.
+    ZJsonArray(ZObject* parent, const std::string& name, uint32_t attributes = 0);
+    ~ZJsonArray() override;
+
+    uint32_t Attributes() const { return mClassAttributes; }
+
+    // Member objects (nodes written into the array).
+    eRtCode AddObjectItem(ZObject* obj);  // a duplicate is logged and ignored
+    eRtCode DelObjectItem(ZObject* obj);
+    int GetIdxByObject(ZObject* obj);     // -1 when absent
+    void GetMemberObjects(std::vector<ZObject*>& out);
+    void DumpMemberObjs();
+    void CleanObjectItem();
+
+    // The element count in the store (0 when it cannot be read, logged).
+    unsigned int ItemNum();
+
+    // Store side of the change queue (called while applying); each refreshes
+    // the parent's count.
+    eRtCode AppendItem(redisContext* c, const std::string& value);
+    eRtCode UpdateItem(redisContext* c, const std::string& index, const std::string& value);
+    eRtCode RemoveItem(redisContext* c, const std::string& text);
+    // Writes <name>@odata.count into the parent when the stored length
+    // changed since the last publication. `c` may be null.
+    eRtCode UpdateParentOdataCount(redisContext* c);
+    eRtCode CleanItemsFromRedis(redisContext* c);
+
+    // Deletes the parent's <name>@odata.navigationLink and <name>@odata.count
+    // fields, then retires the array.
+    void _Destroy(eDestroyMode mode, bool clearStore);
+
+private:
+    void _InitFillDefaultContents();
+    void _InitMultiBackendMembers();
+
+    const uint32_t mClassAttributes;
+    std::mutex mMemberMutex;  // guards everything below
+    std::vector<ZObject*> mMembers;
+    int32_t mPublishedCount = -1;
+    std::set<std::string> mWrittenItems;  // MultiBackend: items this process wrote
+};
+
+}  // namespace Orbel
+
+#endif  // ORBEL_ZJSONARRAY_H

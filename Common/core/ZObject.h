@@ -1,0 +1,376 @@
+// The tree node core: the base class of every node of a plug-in's resource
+// tree, and the change queue that mirrors node content into the store.
+//
+// A node has an id (its key among its siblings and the last segment of its
+// JPath), a display name, a type, a parent, a JPath (its Redis key; for a
+// resource its URI), children by id, two reference lists (which nodes link
+// to it, which nodes it links to), a using count that keeps its memory
+// alive while a thread works on it, a liveness mark, and a queue of pending
+// store commands.
+//
+// Lifetime. Users never `delete` a node: its owner retires it with
+// ObjDestroy, which unlinks it, throws its unapplied queue away and hands it
+// to the application's recycle queue; the process loop frees it once its
+// using count is zero. A node is registered with the application (zApp must
+// exist before the first node is made) when it is constructed (OID) and when
+// Initial() succeeds (JPath).
+//
+// Writes. HashWrite/ListWrite/HashRemove/ListRemove queue one store command
+// each on the node; ApplyRedisChanges writes the queue (recursively) to the
+// store, one command at a time. The tree's bookkeeping (children,
+// references) changes at once, the store only when applied.
+//
+// Threads. Any thread may work on any node. Each node has three locks (change
+// queue, children, references); no operation holds two of them at once or a
+// node's lock across a call into another node. Every public operation holds
+// the using count for its duration. A store connection passed to an apply
+// call belongs to the calling thread.
+#ifndef ORBEL_ZOBJECT_H
+#define ORBEL_ZOBJECT_H
+
+#include <hiredis/hiredis.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "OrbelDefs.h"
+
+namespace Orbel {
+
+class ZObject;
+class ZResource;
+class ZSchema;
+
+// What a queued change does. Logs call 0/1 "create/update", 2/3 "remove/clear".
+enum eObjChgAction : uint32_t {
+    eObjChgCreate = 0,  // append (lists)
+    eObjChgUpdate = 1,  // set a field / overwrite a list position
+    eObjChgRemove = 2,
+    eObjChgClear = 3,
+};
+
+// Kind of the value carried by a change; the number is part of the log output.
+enum eObjDataKind : uint32_t {
+    eObjDataNull = 0,
+    eObjDataBool = 1,
+    eObjDataSigned = 2,    // 64-bit
+    eObjDataUnsigned = 3,  // 64-bit
+    eObjDataString = 4,
+    eObjDataObject = 5,    // a node
+    eObjDataRawString = 6, // already JSON text
+    eObjDataDouble = 7,
+};
+
+// Table kind of a change.
+enum : uint32_t {
+    eObjTableHash = 1,  // a hash property
+    eObjTableList = 2,  // a list item
+};
+
+// The description of one write; lives on the caller's stack.
+struct sObjectChange {
+    eObjChgAction action = eObjChgUpdate;
+    uint32_t tableKind = eObjTableHash;
+    bool isLink = false;  // store a node or text as "&&ObjectRef"
+    int32_t index = -1;   // list position (-1: append)
+    std::string key;      // property name, or for list removal the item text
+    uint32_t dataKind = eObjDataNull;
+    union {
+        bool b;
+        long long s;
+        unsigned long long u;
+        double d;
+    } scalar = {};
+    std::string strValue;       // kinds 4 and 6
+    ZObject* objValue = nullptr;  // kind 5
+};
+
+// One queued store command.
+struct sRedisCmdItem {
+    eObjChgAction action = eObjChgUpdate;
+    // Hash: the field name. List: "Create" (append), the decimal index
+    // (update) or the item text (remove).
+    std::string key;
+    std::string value;      // the value text
+    ZObject* obj = nullptr; // the node the command stores, if any
+};
+
+class ZObject {
+public:
+    enum eType : uint32_t {
+        eJsonObject = 0,
+        eJsonArray = 1,
+        eResource = 2,
+        eResourceCollection = 3,
+    };
+
+    // What happens to the nodes that link to a node being destroyed.
+    enum eDestroyMode : uint32_t {
+        eDestroyRelink = 0,  // rewrite each referrer's link text in place, at once
+        eDestroyDelete = 1,  // remove each referrer's property or item holding the link
+        eDestroyUnlink = 2,  // as 1, but only for "&&ObjectRef" links
+    };
+
+    // Attribute bits of the node (GetAttribute).
+    static constexpr uint32_t ATTR_RawJson = 1u;       // content kept as one JSON text
+    static constexpr uint32_t ATTR_MultiBackend = 2u;  // content served by several backends
+
+    static constexpr uint32_t kAliveMark = 0x5A5A5A5Au;  // "ZZZZ"
+    static constexpr uint32_t kDiedMark = 0xA5A5A5A5u;
+
+    // Does not register the node in its parent: Initial() does. Bit 0 of the
+    // parent's attributes is inherited; bit 1 too, except by resources.
+    ZObject(ZObject* parent, eType type, const std::string& id, const std::string& name,
+            unsigned long attribute);
+    // Logs a warning when the node was never retired with ObjDestroy.
+    virtual ~ZObject();
+
+    ZObject(const ZObject&) = delete;
+    ZObject& operator=(const ZObject&) = delete;
+
+    // Allocates the lists, builds the JPath, registers the node (in its
+    // parent and in the application) and removes whatever a previous process
+    // left under the JPath. Refuses both attribute bits together and an
+    // empty id (the node then stays without lists; its owner must still
+    // retire it). Returns 0 or 2.
+    virtual eRtCode Initial();
+    // Retires the node (see the class comment). A second call does nothing.
+    virtual void ObjDestroy(eDestroyMode mode, bool clearStore);
+    // Collections override these; the base versions only log.
+    virtual eRtCode CollectionAddMember(ZResource* member);
+    virtual eRtCode CollectionRemoveMember(ZResource* member);
+
+    bool IsDied() const { return mLiveMark.load() != kAliveMark; }
+    bool IsDataFmtRawJson() const { return mIsRawJson; }
+
+    std::string GetId();
+    std::string GetName();
+    std::string GetJPath();
+    eType GetType() const { return mType; }
+    bool IsResourceType() const { return mType == eResource || mType == eResourceCollection; }
+    uint32_t GetOID() const { return mOID; }
+    ZObject* GetParent() const { return mParent.load(); }
+    uint32_t GetAttribute() const { return mAttribute; }
+
+    // Joins a base JPath and a child id or relative path with the JPath rules
+    // ("&&" prefix for non-resource children, a single "/" between parts).
+    static std::string CombineJPath(ZObject* base, ZObject* child);
+    static std::string CombineJPath(ZObject* base, const std::string& relativePath);
+
+    // The nearest node of type resource or collection, this node included
+    // (GetOwnedByResource) or excluded (GetParentResource).
+    ZResource* GetOwnedByResource();
+    ZResource* GetParentResource();
+    ZSchema* GetOwnedBySchema();
+
+    // ---------------------------------------------------------------------
+    // Children
+    // ---------------------------------------------------------------------
+    // Refuses a second child with an existing id (the first stays).
+    eRtCode AppendChildObj(ZObject* child);
+    // Null when absent or died; `silent` suppresses those two logs.
+    ZObject* GetChild(const std::string& id, bool silent = false);
+    ZObject* GetChild(int id, bool silent = false);
+    // Descends "a/b/c" (empty segments skipped); null on the first miss.
+    ZObject* GetChildByJPath(const std::string& relativePath);
+    std::vector<std::string> GetChildIDs();
+    size_t GetChildNum();
+    void DumpChildObj();
+    eRtCode RemoveChildObj(ZObject* child);
+    void DeleteAllChildObjs();
+
+    // ---------------------------------------------------------------------
+    // References: who links to whom (kept by the change queue)
+    // ---------------------------------------------------------------------
+    void AppendReferencedBy(ZObject* referrer, const std::string& metaKey);
+    void RemoveReferencedBy(ZObject* referrer);
+    std::string GetMetaKeyInReferencedBy(ZObject* referrer);
+    void DumpReferencedBy();
+    void AppendReferenceTo(ZObject* target);
+    void RemoveReferenceTo(ZObject* target);
+    void DumpReferenceTo();
+    // Run by ObjDestroy: cleans up the referrers' links per `mode`.
+    void UpdateReferencedBy(eDestroyMode mode);
+
+    // ---------------------------------------------------------------------
+    // Using count (atomic)
+    // ---------------------------------------------------------------------
+    void IncreaseUsingCount() { mUsingCount.fetch_add(1); }
+    void DecreaseUsingCount() { mUsingCount.fetch_sub(1); }
+    int32_t GetUsingCount() const { return mUsingCount.load(); }
+
+    // ---------------------------------------------------------------------
+    // Hash writes (JSON objects, resources, collections). Each queues one
+    // Update; returns 0, or 2 when refused (logged).
+    // ---------------------------------------------------------------------
+    eRtCode HashWrite(const std::string& name);  // null
+    eRtCode HashWrite(const std::string& name, bool value);
+    eRtCode HashWrite(const std::string& name, long long value);
+    eRtCode HashWrite(const std::string& name, int value);
+    eRtCode HashWrite(const std::string& name, long value);
+    eRtCode HashWrite(const std::string& name, unsigned long long value);
+    eRtCode HashWrite(const std::string& name, unsigned int value);
+    eRtCode HashWrite(const std::string& name, unsigned long value);
+    eRtCode HashWrite(const std::string& name, double value);
+    eRtCode HashWrite(const std::string& name, float value);
+    eRtCode HashWrite(const std::string& name, const char* value, bool isLink = false);
+    eRtCode HashWrite(const std::string& name, const std::string& value, bool isLink = false);
+    // `value` must be a live node other than this one. Without the link
+    // flag it is owned content ("&&Object"/"&&Array"); with it, a link.
+    eRtCode HashWrite(const std::string& name, ZObject* value, bool isLink = false);
+    eRtCode HashWriteRawString(const std::string& name, const std::string& text);
+
+    // ---------------------------------------------------------------------
+    // List writes (JSON arrays). Index -1 appends, any other overwrites.
+    // ---------------------------------------------------------------------
+    eRtCode ListWrite(int index);  // null
+    eRtCode ListWrite(int index, bool value);
+    eRtCode ListWrite(int index, long long value);
+    eRtCode ListWrite(int index, int value);
+    eRtCode ListWrite(int index, long value);
+    eRtCode ListWrite(int index, unsigned long long value);
+    eRtCode ListWrite(int index, unsigned int value);
+    eRtCode ListWrite(int index, unsigned long value);
+    eRtCode ListWrite(int index, double value);
+    eRtCode ListWrite(int index, float value);
+    eRtCode ListWrite(int index, const char* value, bool isLink = false);
+    eRtCode ListWrite(int index, const std::string& value, bool isLink = false);
+    eRtCode ListWrite(int index, ZObject* value, bool isLink = false);
+    eRtCode ListWriteRawString(const std::string& text);  // always appends
+
+    // ---------------------------------------------------------------------
+    // Removal
+    // ---------------------------------------------------------------------
+    // Removes a property. When it holds an owned node, the composite field
+    // is removed and the node retired; when it holds a link, only the link
+    // field goes (as HashRemoveLink).
+    eRtCode HashRemove(const std::string& name);
+    eRtCode HashRemoveLink(const std::string& name);
+    eRtCode HashRemoveLink(const std::string& name, ZResource* target);
+    eRtCode HashRemoveLink(const std::string& name, const std::string& target);
+    // Removes the element whose text is `text` (a node text names the node,
+    // which is retired). all=false: one element (action Remove); all=true:
+    // action Clear, which queues nothing and only retires a named node.
+    eRtCode ListRemove(const std::string& text, bool all = false);
+    eRtCode ListRemove(int index);  // reads the list from the store first
+    eRtCode ListRemove(ZObject* item);
+    // The element count in the store; -1 (logged) when it cannot be read.
+    int ListSize(redisContext* c);
+
+    // ---------------------------------------------------------------------
+    // Compound writers
+    // ---------------------------------------------------------------------
+    // Written at once, not queued: the bytes as a list of decimal texts
+    // under CombineJPath(this, name), linked as "&&Array <name> <key>".
+    eRtCode HashWriteNumArray(const std::string& name, const unsigned char* data,
+                              unsigned int count);
+    // Keeps the child array <name>@Redfish.AllowableValues (made on first
+    // use) holding each value once, and links it into the hash.
+    eRtCode HashAppendAllowableValues(const std::string& name, const std::string& value);
+    // On an "Actions" object: the entry <actionName> with "target" (must
+    // contain "Actions/") and "title", plus the task properties when the
+    // schema runs actions as tasks (docs/wire-protocol.md).
+    eRtCode HashAppendAction(ZSchema* schema, const std::string& actionName,
+                             const std::string& target, const std::string& title);
+
+    // ---------------------------------------------------------------------
+    // Queue control
+    // ---------------------------------------------------------------------
+    // The common path of every write: converts the change into a queued
+    // command and keeps the reference bookkeeping.
+    eRtCode ApplyObjectChanges(sObjectChange* change);
+    // Takes ownership of `item`.
+    void AppendRedisChange(sRedisCmdItem* item);
+    // Writes the queue (and with `recursive` the children's, in id order) to
+    // the store on `c`, or on a connection of its own when `c` is null.
+    eRtCode ApplyRedisChanges(bool recursive = true, redisContext* c = nullptr);
+    eRtCode ObjData2RedisCache(bool recursive, redisContext* c);
+    // Drops the queued commands without writing them.
+    void DiscardRedisChanges(bool recursive = true, redisContext* c = nullptr);
+    void DiscardObjData(bool recursive, redisContext* c);
+    size_t GetRedisChangeNum();
+    void DumpRedisChanges(bool recursive = false);
+    void DumpObjectChange(sObjectChange* change);
+
+    // RawJson data format: the node's content as one JSON text under the
+    // field "&&RawJSON" (see docs/wire-protocol.md).
+    std::string ObjData2RawJsonString();
+    eRtCode ApplyRawJsonData(redisContext* c);
+
+protected:
+    // Builds the JPath from `id`, registers the node in its parent and in the
+    // application.
+    eRtCode _SetId(const std::string& id);
+    ZObject* _GetChild(const std::string& id, bool silent);
+    // Deletes what the node keeps in the store (never the service root).
+    void _ClearRedisCache();
+
+    eRtCode _HashWrite(sObjectChange* change, eObjChgAction action, const std::string& name);
+    eRtCode _ListWrite(sObjectChange* change, eObjChgAction action, int index);
+    eRtCode _ListWrite(sObjectChange* change, eObjChgAction action, const std::string& text);
+    eRtCode _ObjChg2RedisCmd(sObjectChange* change, sRedisCmdItem* item);
+    eRtCode _ObjChg2RawJsonData(sObjectChange* change, sRedisCmdItem* item);
+    // The value text of a change (the layout's value column).
+    std::string _ValueText(const sObjectChange* change);
+    // The link text of a node value ("&&Object ...", "&&Array ...",
+    // "&&ObjectRef ..."), with or without a property name.
+    static std::string _NodeLinkText(ZObject* node, bool isLink, const std::string& name);
+    // Refuses writes on unknown or died nodes; holds the using count.
+    bool _CheckWritable();
+    bool _IsHashTable(const char* what, const std::string& name);
+    bool _IsListTable(int index);
+    // The node (owned child or link target) stored under property `name`.
+    ZObject* _FindNodeOfProperty(const std::string& name, bool* isLink);
+    void _ApplyOneItem(redisContext* c, sRedisCmdItem* item);
+
+    // Constant after Initial() (read without locks).
+    std::atomic<uint32_t> mLiveMark;
+    uint32_t mAttribute;
+    uint32_t mOID;
+    std::atomic<ZObject*> mParent;
+    const eType mType;
+    std::string mId;
+    std::string mName;
+    std::string mJPath;
+    const bool mIsRawJson;
+
+    std::mutex mQueueMutex;  // guards mRedisCmdQueue, mLastAppendTick
+    std::vector<sRedisCmdItem*>* mRedisCmdQueue = nullptr;
+    uint32_t mLastAppendTick = 0;
+
+    std::mutex mChildMutex;  // guards mChildList
+    std::map<std::string, ZObject*>* mChildList = nullptr;
+
+    std::mutex mRefMutex;  // guards mReferencedBy and mReferenceTo
+    std::map<ZObject*, std::string>* mReferencedBy = nullptr;
+    std::set<ZObject*>* mReferenceTo = nullptr;
+
+    std::atomic<int32_t> mUsingCount{0};
+
+    friend class ZApplication;
+};
+
+// Holds a node's using count for a scope.
+class ZObjectUseGuard {
+public:
+    explicit ZObjectUseGuard(ZObject* obj) : mObj(obj) {
+        if (mObj != nullptr) mObj->IncreaseUsingCount();
+    }
+    ~ZObjectUseGuard() {
+        if (mObj != nullptr) mObj->DecreaseUsingCount();
+    }
+    ZObjectUseGuard(const ZObjectUseGuard&) = delete;
+    ZObjectUseGuard& operator=(const ZObjectUseGuard&) = delete;
+
+private:
+    ZObject* mObj;
+};
+
+}  // namespace Orbel
+
+#endif  // ORBEL_ZOBJECT_H
