@@ -123,7 +123,9 @@ public:
     // ---------------------------------------------------------------------
     // Object registry.
     // ---------------------------------------------------------------------
-    // A new OID entered in the OID map with `obj`; 0 when no OID is free.
+    // A new OID entered in the OID map with `obj` (and `obj` in the
+    // valid-object map); kInvalidOID when no OID is free.
+    static constexpr uint32_t kInvalidOID = 0xFFFFFFFFu;
     uint32_t NewOID(ZObject* obj);
     // Indexes `obj` by JPath (and a resource by its resource name). Refuses a
     // duplicate JPath (returns 2); a duplicate resource name is logged and
