@@ -323,12 +323,12 @@ int File2NumStrArray(const std::string& path, char** data) {
             ++tokenEnd;
         }
         size_t tokenLen = tokenEnd - pos;
-        bool canonical = tokenLen > 0 && tokenLen <= 3 && value <= 255 &&
-                         !(tokenLen > 1 && text[pos] == '0');
+        bool canonical =
+            tokenLen > 0 && tokenLen <= 3 && value <= 255 && !(tokenLen > 1 && text[pos] == '0');
         bool separated = tokenEnd == end || (text[tokenEnd] == ' ' && tokenEnd + 1 < end);
         if (!canonical || !separated) {
-            ZLOG(eZLogError, "File[%s] is not a byte array: bad text at offset %u\n",
-                 path.c_str(), static_cast<unsigned int>(pos));
+            ZLOG(eZLogError, "File[%s] is not a byte array: bad text at offset %u\n", path.c_str(),
+                 static_cast<unsigned int>(pos));
             return -1;
         }
         bytes.push_back(static_cast<char>(value));
@@ -385,8 +385,9 @@ eRtCode CreateDirTree(const std::string& path) {
         if (!partial.empty() && mkdir(partial.c_str(), 0755) != 0) {
             int err = errno;
             if (err != EEXIST || !_PathIsDir(partial)) {
-                ZLOG(eZLogError, "Failed to call mkdir(%s) errno(%d)\n", partial.c_str(),
-                     err == EEXIST ? ENOTDIR : err);
+                // The errno mkdir gave: EEXIST here means a file stands
+                // where a directory should be.
+                ZLOG(eZLogError, "Failed to call mkdir(%s) errno(%d)\n", partial.c_str(), err);
                 return RT_FAILURE;
             }
         }
