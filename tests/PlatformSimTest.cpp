@@ -110,17 +110,11 @@ TEST_F(PlatformSimTest, ValuesSetByTheToolAreReadByTheLibraryAndBack) {
     int flag = 0;
     ASSERT_NE(vex_config_get_bool("sim_flag", &flag), 0);
     EXPECT_EQ(flag, 1);
-    ASSERT_EQ(Sim({"vex", "set", "sim_count", "-17"}).status, 0);
-    int count = 0;
-    ASSERT_NE(vex_config_get_int("sim_count", &count), 0);
-    EXPECT_EQ(count, -17);
 
     ASSERT_NE(vex_config_set_int64("sim_big", 5000000000LL, 0), 0);
     ToolResult r = Sim({"vex", "get", "sim_big"});
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.output, "5000000000\n");
-    ASSERT_NE(vex_config_set_bool("sim_on", 0, 0), 0);
-    EXPECT_EQ(Sim({"vex", "get", "sim_on"}).output, "false\n");
 
     r = Sim({"vex", "get", "sim_missing"});
     EXPECT_EQ(r.status, 1);
@@ -157,13 +151,11 @@ TEST_F(PlatformSimTest, TypedGetsRefuseTextOfAnotherType) {
         bool isBool, isInt, isInt64;
     };
     const Case cases[] = {
-        {"true", true, false, false},       {"0", true, true, true},
-        {"1\n", true, true, true},          {"yes", false, false, false},
-        {"2147483647", false, true, true},  {"2147483648", false, false, true},
-        {"-2147483648", false, true, true}, {"9223372036854775808", false, false, false},
+        {"true", true, false, false},       {"1\n", true, true, true},
+        {"yes", false, false, false},       {"-2147483648", false, true, true},
+        {"2147483648", false, false, true}, {"9223372036854775808", false, false, false},
         {"+5", false, false, false},        {" 5", false, false, false},
         {"5\n\n", false, false, false},     {"-", false, false, false},
-        {"", false, false, false},          {"12a", false, false, false},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string("text [") + c.text + "]");
@@ -177,18 +169,13 @@ TEST_F(PlatformSimTest, TypedGetsRefuseTextOfAnotherType) {
             EXPECT_EQ(i, -1) << "a failed get must leave the value alone";
         }
     }
-    ASSERT_NE(vex_config_set_str_n("sim_typed", "-9223372036854775808", 64, 0), 0);
-    long long ll = 0;
-    ASSERT_NE(vex_config_get_int64("sim_typed", &ll), 0);
-    EXPECT_EQ(ll, -9223372036854775807LL - 1);
-
-    // Strings: at most size-1 bytes and a zero; set_str_n stores at most `size` bytes.
+    // Strings: set_str_n stores at most `size` bytes, get_str_n returns at
+    // most size-1 and a zero.
     ASSERT_NE(vex_config_set_str_n("sim_s", "abcdef", 4, 0), 0);
-    EXPECT_EQ(GetStr("sim_s"), "abcd");
-    char small[3] = {'x', 'x', 'x'};
+    char small[3];
     ASSERT_NE(vex_config_get_str_n("sim_s", small, 3), 0);
     EXPECT_STREQ(small, "ab");
-    EXPECT_EQ(vex_config_get_str_n("sim_s", small, 0), 0);
+    EXPECT_EQ(GetStr("sim_s"), "abcd");
 }
 
 TEST_F(PlatformSimTest, NamesThatAreNotPlainFileNamesAreRefused) {
@@ -230,43 +217,36 @@ TEST_F(PlatformSimTest, KobaReportsItsErrorCodes) {
     unsigned u = 0;
     EXPECT_EQ(GetVarValueSINT(-1, 0, 0, 0, "sim_k", &err, &s), KOBA_ERR_NOT_FOUND);
     EXPECT_EQ(err, KOBA_ERR_NOT_FOUND);
-
     ASSERT_EQ(SetVarValueSINT(-1, 0, 0, 0, "sim_k", &err, -5), KOBA_OK);
     EXPECT_EQ(err, KOBA_OK);
     EXPECT_EQ(ReadFile(Path("/var/lib/koba/sim_k")), "s:-5");
-    ASSERT_EQ(GetVarValueSINT(-1, 0, 0, 0, "sim_k", &err, &s), KOBA_OK);
-    EXPECT_EQ(s, -5);
+
     // The type is fixed when the variable is created.
     EXPECT_EQ(GetVarValueUINT(-1, 0, 0, 0, "sim_k", &err, &u), KOBA_ERR_FORMAT);
     EXPECT_EQ(err, KOBA_ERR_FORMAT);
-    EXPECT_EQ(SetVarValueUINT(-1, 0, 0, 0, "sim_k", &err, 5), KOBA_ERR_FORMAT);
     EXPECT_EQ(SetVarValueBOOL(-1, 0, 0, 0, "sim_k", &err, 1), KOBA_ERR_FORMAT);
     EXPECT_EQ(ReadFile(Path("/var/lib/koba/sim_k")), "s:-5");
 
     // Stored text that does not parse.
-    OrbelTest::WriteFile(Path("/var/lib/koba/sim_bad"), "s:12x");
-    EXPECT_EQ(GetVarValueSINT(-1, 0, 0, 0, "sim_bad", &err, &s), KOBA_ERR_FORMAT);
-    OrbelTest::WriteFile(Path("/var/lib/koba/sim_bad"), "garbage");
-    EXPECT_EQ(GetVarValueSINT(-1, 0, 0, 0, "sim_bad", &err, &s), KOBA_ERR_FORMAT);
-    EXPECT_EQ(SetVarValueSINT(-1, 0, 0, 0, "sim_bad", &err, 1), KOBA_ERR_FORMAT);
-    OrbelTest::WriteFile(Path("/var/lib/koba/sim_bad"), "u:4294967296");
-    EXPECT_EQ(GetVarValueUINT(-1, 0, 0, 0, "sim_bad", &err, &u), KOBA_ERR_FORMAT);
+    for (const char* text : {"s:12x", "garbage", "u:4294967296"}) {
+        OrbelTest::WriteFile(Path("/var/lib/koba/sim_bad"), text);
+        EXPECT_EQ(text[0] == 'u' ? GetVarValueUINT(-1, 0, 0, 0, "sim_bad", &err, &u)
+                                 : GetVarValueSINT(-1, 0, 0, 0, "sim_bad", &err, &s),
+                  KOBA_ERR_FORMAT)
+            << text;
+    }
 
     // Strings come back whole or not at all.
     ASSERT_EQ(SetVarValueSTRING(-1, 0, 0, 0, "sim_str", &err, "abcd"), KOBA_OK);
     char buf[5] = {'x', 'x', 'x', 'x', 'x'};
     EXPECT_EQ(GetVarValueSTRING(-1, 0, 0, 0, "sim_str", &err, buf, 4), KOBA_ERR_BUFFER);
-    EXPECT_EQ(err, KOBA_ERR_BUFFER);
     EXPECT_EQ(buf[0], 'x');
     ASSERT_EQ(GetVarValueSTRING(-1, 0, 0, 0, "sim_str", &err, buf, 5), KOBA_OK);
     EXPECT_STREQ(buf, "abcd");
 
-    // Only the controller's own instance exists here.
+    // Only the controller's own instance exists here; the error word is optional.
     EXPECT_EQ(GetVarValueSINT(0, 0, 0, 0, "sim_k", &err, &s), KOBA_ERR_IO);
-    EXPECT_EQ(SetVarValueSINT(-1, 1, 0, 0, "sim_k", &err, 1), KOBA_ERR_IO);
-    EXPECT_EQ(err, KOBA_ERR_IO);
-    // The error word is optional.
-    EXPECT_EQ(GetVarValueSINT(-1, 0, 0, 0, "sim_nothing", nullptr, &s), KOBA_ERR_NOT_FOUND);
+    EXPECT_EQ(SetVarValueSINT(-1, 1, 0, 0, "sim_k", nullptr, 1), KOBA_ERR_IO);
 }
 
 TEST_F(PlatformSimTest, KobaThroughTheTool) {
@@ -290,9 +270,7 @@ TEST_F(PlatformSimTest, KobaThroughTheTool) {
     r = Sim({"koba", "set", "sim_u", "s", "1"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.output, "orbel-sim: cannot set KOBA variable sim_u (error 3)\n");
-    EXPECT_EQ(Sim({"koba", "get", "sim_none"}).status, 1);
     EXPECT_EQ(Sim({"koba", "set", "sim_x", "u", "-1"}).status, 2);
-    EXPECT_EQ(Sim({"koba", "set", "sim_x", "q", "1"}).status, 2);
     EXPECT_FALSE(FileExists(Path("/var/lib/koba/sim_x")));
 }
 
@@ -329,12 +307,7 @@ TEST_F(PlatformSimTest, EventsRaisedByTheToolReachSubscribedCallbacksOnly) {
     ASSERT_EQ(seen.size(), 1u);
     EXPECT_EQ(seen[0].type, VEX_EVENT_VAR_CHANGED);
     EXPECT_EQ(seen[0].payload, "7");
-    ASSERT_NE(vex_config_set_bool("sim_var", 1, 0), 0);
-    ASSERT_TRUE(WaitForEvent("sim_var", seen));
-    EXPECT_EQ(seen.back().payload, "true");
 
-    EXPECT_EQ(vex_event_raise("sim.ev.wanted", nullptr, 1), 0);
-    EXPECT_EQ(vex_event_raise("sim.ev.wanted", "x", -1), 0);
     std::string huge(70 * 1024, 'h');
     EXPECT_EQ(vex_event_raise("sim.ev.wanted", huge.data(), static_cast<int>(huge.size())), 0);
 }
@@ -379,7 +352,6 @@ TEST_F(PlatformSimTest, MachineRecordIsGeneratedOnceAndEditable) {
     std::vector<unsigned char> record(VPDD_MACHINE_RECORD_SIZE + 4, 0xEE);
     EXPECT_EQ(vpdd_machine_vpd_read(record.data(), VPDD_MACHINE_RECORD_SIZE - 1), VPDD_ERR_ARG);
     EXPECT_EQ(record[0], 0xEE);
-    EXPECT_EQ(vpdd_machine_vpd_read(nullptr, VPDD_MACHINE_RECORD_SIZE), VPDD_ERR_ARG);
     ASSERT_EQ(vpdd_machine_vpd_read(record.data(), static_cast<int>(record.size())), VPDD_OK);
     std::string text(record.begin(), record.begin() + VPDD_MACHINE_RECORD_SIZE);
     EXPECT_EQ(text.substr(VPDD_UUID_OFFSET, VPDD_UUID_LENGTH), "6E2B8F14A09C4D3B8F5A1C7D2E9B0A63");
@@ -398,15 +370,12 @@ TEST_F(PlatformSimTest, MachineRecordIsGeneratedOnceAndEditable) {
 
     ASSERT_EQ(Sim({"vpd", "set", "serial", "XY12"}).status, 0);
     ASSERT_EQ(Sim({"vpd", "set", "uuid", "0123abcd-0000-4000-8000-00000000beef"}).status, 0);
-    EXPECT_EQ(Sim({"vpd", "set", "uuid", "0123"}).status, 2);
     EXPECT_EQ(Sim({"vpd", "set", "mtm", "seventeen-chars-x"}).status, 2);
-    EXPECT_EQ(Sim({"vpd", "set", "colour", "red"}).status, 2);
     ASSERT_EQ(vpdd_machine_vpd_read(record.data(), VPDD_MACHINE_RECORD_SIZE), VPDD_OK);
     text.assign(record.begin(), record.begin() + VPDD_MACHINE_RECORD_SIZE);
     EXPECT_EQ(text.substr(VPDD_UUID_OFFSET, VPDD_UUID_LENGTH), "0123ABCD00004000800000000000BEEF");
     EXPECT_EQ(text.substr(VPDD_SERIAL_OFFSET, VPDD_SERIAL_LENGTH),
               std::string("XY12") + std::string(12, '\0'));
-    EXPECT_EQ(text.substr(VPDD_MTM_OFFSET, 10), "7X99CTO1WW");
 
     OrbelTest::WriteFile(Path("/var/lib/vpd/machine.vpd"), "short");
     EXPECT_EQ(vpdd_machine_vpd_read(record.data(), VPDD_MACHINE_RECORD_SIZE), VPDD_ERR_IO);
@@ -423,37 +392,10 @@ TEST_F(PlatformSimTest, ShutdownMarkerFollowsTheTool) {
     EXPECT_EQ(Sim({"shutdown", "maybe"}).status, 2);
 }
 
-TEST_F(PlatformSimTest, ClockGivesLocalTimeAndZoneAndCanBeMadeToFail) {
-    const char* oldTz = std::getenv("TZ");
-    std::string savedTz = oldTz != nullptr ? oldTz : "";
-    struct Zone {
-        const char* tz;
-        const char* text;
-    };
-    for (Zone z :
-         {Zone{"<+0530>-5:30", "+05:30"}, Zone{"<-0345>3:45", "-03:45"}, Zone{"UTC0", "+00:00"}}) {
-        setenv("TZ", z.tz, 1);
-        tzset();
-        struct tm tm;
-        char zone[8];
-        time_t before = time(nullptr);
-        ASSERT_EQ(getTarnClock(&tm, zone, sizeof(zone)), 0);
-        time_t after = time(nullptr);
-        EXPECT_STREQ(zone, z.text);
-        // Broken-down local time: converting it back gives the current time.
-        time_t back = mktime(&tm);
-        EXPECT_GE(back, before);
-        EXPECT_LE(back, after);
-    }
-    if (oldTz != nullptr) {
-        setenv("TZ", savedTz.c_str(), 1);
-    } else {
-        unsetenv("TZ");
-    }
-    tzset();
-
+TEST_F(PlatformSimTest, ClockCanBeMadeToFailThroughTheTool) {
     struct tm tm;
     char zone[8];
+    ASSERT_EQ(getTarnClock(&tm, zone, sizeof(zone)), 0);
     EXPECT_NE(getTarnClock(&tm, zone, 6), 0) << "no room for +hh:mm";
     ASSERT_EQ(Sim({"clock", "fail", "7"}).status, 0);
     EXPECT_EQ(getTarnClock(&tm, zone, sizeof(zone)), 7);
@@ -462,7 +404,6 @@ TEST_F(PlatformSimTest, ClockGivesLocalTimeAndZoneAndCanBeMadeToFail) {
     EXPECT_EQ(r.output, "orbel-sim: getTarnClock returned 7\n");
     ASSERT_EQ(Sim({"clock", "ok"}).status, 0);
     EXPECT_EQ(getTarnClock(&tm, zone, sizeof(zone)), 0);
-    EXPECT_EQ(Sim({"clock", "fail", "0"}).status, 2);
 }
 
 TEST_F(PlatformSimTest, ShellRunnerReportsExitStatus) {
@@ -482,10 +423,7 @@ TEST_F(PlatformSimTest, ToolUsage) {
     ToolResult help = Sim({"help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.output, r.output);
-    EXPECT_NE(help.output.find("  vex set NAME VALUE [--persist]"), std::string::npos);
-    EXPECT_EQ(Sim({"vex", "get"}).status, 2);
     EXPECT_EQ(Sim({"vex", "set", "x"}).status, 2);
-    EXPECT_EQ(Sim({"frobnicate"}).status, 2);
 }
 
 }  // namespace
