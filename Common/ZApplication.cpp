@@ -543,18 +543,14 @@ void ZApplication::_RemoveAppReady() {
 }
 
 void ZApplication::_SetAppReady() {
+    // Written aside and renamed into place: whoever sees the file sees
+    // "Ready\n", never an empty file.
     std::string path = RedfishWorkDir() + mAppName + ".run";
-    if (TouchFile(path, true) != RT_SUCCESS) {
+    size_t slash = path.find_last_of('/');
+    if (slash != std::string::npos) CreateDirTree(path.substr(0, slash));
+    if (!WriteWholeFile(path, "Ready\n")) {
         ZLOG(eZLogError, "Failed to create ready file[%s]\n", path.c_str());
-        return;
     }
-    FILE* f = std::fopen(path.c_str(), "w");
-    if (f == nullptr) {
-        ZLOG(eZLogError, "Failed to create ready file[%s]\n", path.c_str());
-        return;
-    }
-    std::fputs("Ready\n", f);
-    std::fclose(f);
 }
 
 // ---------------------------------------------------------------------------
