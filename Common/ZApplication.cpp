@@ -683,6 +683,10 @@ void ZApplication::_WaitAllThreadsExit() {
     // (a plug-in may notify zAppExitCv directly): tell the loop as well.
     _MarkExited();
     mProcLoopThread.join();
+    // The signal thread calls into the plug-in (SigHandle, Exit): once Exec
+    // returns, main() may destroy the application, so the thread must be
+    // done by then.
+    _StopSigThread();
 }
 
 // ---------------------------------------------------------------------------
