@@ -380,6 +380,13 @@ TEST_F(PluginProcessTest, TerminationIsIgnoredWhileTheControllerShutsDown) {
     EXPECT_EQ(child->Wait(kExitTimeoutMs), 128 + SIGKILL);
 }
 
+TEST_F(PluginProcessTest, AnEarlyReturnLeavesNothingInTheAccessBlockList) {
+    auto child = StartPlugin("RF_Session", {"-h"});
+    ASSERT_EQ(child->Wait(kExitTimeoutMs), 0);
+    EXPECT_EQ(child->Output().find("Failed to call RedisConnect()"), std::string::npos);
+    EXPECT_TRUE(SMembers("&&AccessBlockList").empty());
+}
+
 TEST_F(PluginProcessTest, StartsWithoutAnyStore) {
     // A sysroot of its own, with no redis-server on its socket.
     const std::string sysroot = SysrootDir() + "/nostore";
