@@ -1,7 +1,8 @@
-// A minimal program built against the installed library. It exits 0 only
-// when the headers, the library and its run-time dependencies work from the
-// install prefix: printable-text checks, sysroot paths and a log service
-// writing a line with the expected layout.
+// A tiny plug-in built against the installed library. It exits 0 only when
+// the headers, the library and its run-time dependencies work from the
+// install prefix: printable-text checks, sysroot paths, a log service writing
+// a line with the expected layout, and an application with one schema that
+// answers -h the way every plug-in does.
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -12,9 +13,25 @@
 
 #include "FixedPaths.h"
 #include "Orbel.h"
+#include "ZApplication.h"
 #include "ZLogPrint.h"
+#include "ZSchema.h"
 
 namespace {
+
+class ConsumerSchema : public Orbel::ZSchema {
+public:
+    ConsumerSchema() : ZSchema("ConsumerThing", "v1_0_0") {}
+};
+
+int ConsumerFactory(void*) {
+    auto* schema = new ConsumerSchema();
+    if (schema->Init() != Orbel::RT_SUCCESS) {
+        delete schema;
+        return -1;
+    }
+    return 0;
+}
 
 int gFailures = 0;
 
@@ -59,6 +76,19 @@ int main() {
               "ZLogPrint line in the log file");
         Check(access((base + ".accesslog").c_str(), F_OK) == 0, "ZLogPrint access file");
     }
+
+    {
+        Orbel::ZApplication app("RF_Consumer");
+        static const Orbel::ZApplication::sSchemaFactory table[] = {
+            {"ConsumerThing", ConsumerFactory}};
+        char arg0[] = "consumer";
+        char arg1[] = "-h";
+        char* argv[] = {arg0, arg1, nullptr};
+        Orbel::ZApplication::sExecParams params{2, argv, table, 1};
+        Check(app.Exec(params) == 0, "Exec returns 0 after -h");
+        Check(Orbel::zApp == &app, "zApp designates the application");
+    }
+    Check(Orbel::zApp == nullptr, "zApp cleared with the application");
 
     Orbel::DelDirTree(root);
     Check(access(root.c_str(), F_OK) != 0, "DelDirTree of the temporary sysroot");
