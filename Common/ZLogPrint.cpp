@@ -250,7 +250,7 @@ void ZLogPrint::_BackupLogFile(const std::string& path) {
 eRtCode ZLogPrint::RerouteMsg(const std::set<std::string>& srcFiles, const std::string& basePath,
                               int rotateSize) {
     if (srcFiles.empty()) {
-        ZLOG(eZLogError, "srcFiles is empty!");
+        ZLOG(eZLogError, "srcFiles is empty!\n");
         return RT_FAILURE;
     }
     auto param = std::make_shared<sLogParam>();
@@ -386,8 +386,11 @@ void ZLogPrint::DumpMsgCache2File() {
     for (auto& param : params) {
         std::lock_guard<std::mutex> lock(param->mutex);
         if (param->normalPath.empty()) continue;
-        TouchFile(param->normalPath, true);
-        int fd = open(param->normalPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0700);
+        // Emptied and opened in one call rather than through TouchFile: its
+        // directory creation logs on failure, and logging to this destination
+        // while its mutex is held would deadlock.
+        int fd = open(param->normalPath.c_str(),
+                      O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0700);
         if (fd < 0) {
             std::printf("Failed to open log file[%s] res:%d\n", param->normalPath.c_str(), fd);
             continue;

@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <exception>
+#include <sstream>
 
 #include "FixedPaths.h"
 #include "ZLogPrint.h"
@@ -57,6 +59,288 @@ bool IsPureString(const std::string& s, bool verbose) {
 // Numbers, booleans, stripping, splitting, escaping, regular expressions,
 // meta keys, byte arrays in files
 // ---------------------------------------------------------------------------
+
+namespace {
+
+bool IsDigit(char ch) { return ch >= '0' && ch <= '9'; }
+
+// Printable in the C locale, whatever locale the process has set.
+bool IsPrintableByte(char ch) {
+    unsigned char uc = static_cast<unsigned char>(ch);
+    return uc >= 0x20 && uc <= 0x7E;
+}
+
+bool IsStripped(char ch, const std::string& chars) {
+    return !IsPrintableByte(ch) || chars.find(ch) != std::string::npos;
+}
+
+}  // namespace
+
+bool IsSignedNumString(const std::string& s) {
+    if (s.empty()) return false;
+    // A lone "-" passes on purpose: template verification has always treated
+    // it so, and tightening it would change which requests are accepted.
+    size_t i = s[0] == '-' ? 1 : 0;
+    for (; i < s.size(); ++i) {
+        if (!IsDigit(s[i])) return false;
+    }
+    return true;
+}
+
+bool IsUnsignedNumString(const std::string& s) {
+    if (s.empty() || s[0] == '-') return false;
+    for (char ch : s) {
+        if (!IsDigit(ch)) return false;
+    }
+    return true;
+}
+
+bool IsFloatString(const std::string& s) {
+    if (s.empty()) return false;
+    bool seenDot = false;
+    for (size_t i = s[0] == '-' ? 1 : 0; i < s.size(); ++i) {
+        if (s[i] == '.') {
+            if (seenDot) return false;
+            seenDot = true;
+        } else if (!IsDigit(s[i])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+eRtCode BoolStr2Value(const std::string& s, bool& out) {
+    if (s == "true") {
+        out = true;
+        return RT_SUCCESS;
+    }
+    if (s == "false") {
+        out = false;
+        return RT_SUCCESS;
+    }
+    return RT_FAILURE;
+}
+
+bool IsProtocolPortValid(int port) { return port >= 1 && port <= 65535; }
+
+bool IsProtocolPortValid(const std::string& port) {
+    if (port.empty()) return false;
+    // Accumulate by hand and stop as soon as the value leaves the port range,
+    // so a long run of digits can neither overflow nor throw.
+    long value = 0;
+    for (char ch : port) {
+        if (!IsDigit(ch)) return false;
+        if (value <= 65535) value = value * 10 + (ch - '0');
+    }
+    return value <= 65535 && IsProtocolPortValid(static_cast<int>(value));
+}
+
+std::string StringLeftStrip(const std::string& s, const std::string& chars) {
+    size_t begin = 0;
+    while (begin < s.size() && IsStripped(s[begin], chars)) ++begin;
+    return s.substr(begin);
+}
+
+std::string StringRightStrip(const std::string& s, const std::string& chars) {
+    size_t end = s.size();
+    while (end > 0 && IsStripped(s[end - 1], chars)) --end;
+    return s.substr(0, end);
+}
+
+int StringFindChar(unsigned int start, const std::string& s, const std::string& chars) {
+    for (size_t i = start; i < s.size(); ++i) {
+        if (chars.find(s[i]) != std::string::npos) return static_cast<int>(i);
+    }
+    return -1;
+}
+
+std::vector<std::string> StringSplit(const std::string& s, char delim) {
+    std::vector<std::string> pieces;
+    std::istringstream in(s);
+    std::string piece;
+    while (std::getline(in, piece, delim)) pieces.push_back(piece);
+    return pieces;
+}
+
+std::string StringEscapeCorrect(const std::string& s, bool escapeQuestion) {
+    std::string out;
+    out.reserve(s.size() + s.size() / 8);
+    for (char ch : s) {
+        if (ch == '\\' || ch == '"' || (escapeQuestion && ch == '?')) out += '\\';
+        out += ch;
+    }
+    return out;
+}
+
+std::string StringEscapeRevert(const std::string& s) {
+    if (s.empty()) return s;
+    // A plain pairwise walk: a backslash is dropped whenever the next byte is
+    // a backslash or a quote, and the walk does not skip that next byte. So
+    // an escaped backslash followed by an escaped quote (four bytes) reverts
+    // to a lone quote, and an escaped '?' is never reverted. Readers of
+    // stored texts depend on exactly this, asymmetries included.
+    std::string out;
+    out.reserve(s.size());
+    for (size_t i = 0; i + 1 < s.size(); ++i) {
+        if (s[i] == '\\' && (s[i + 1] == '\\' || s[i + 1] == '"')) continue;
+        out += s[i];
+    }
+    out += s.back();
+    return out;
+}
+
+bool RegExpCompare(const std::string& pattern, const std::string& text) {
+    regex_t compiled;
+    if (regcomp(&compiled, pattern.c_str(), REG_EXTENDED) != 0) return false;
+    bool matched = RegExpCompare(&compiled, text);
+    regfree(&compiled);
+    return matched;
+}
+
+bool RegExpCompare(const regex_t* compiled, const std::string& text) {
+    if (compiled == nullptr) return false;
+    regmatch_t match[1];
+    return regexec(compiled, text.c_str(), 1, match, 0) == 0;
+}
+
+std::regex* NewRegExpPattern(const std::string& pattern) {
+    try {
+        return new std::regex(pattern, std::regex::ECMAScript);
+    } catch (const std::regex_error& e) {
+        ZLOG(eZLogError, "std::regex( %s ) caught: err[%d]:[%s].\n",
+             StringEscapeCorrect(pattern, true).c_str(), static_cast<int>(e.code()), e.what());
+    } catch (const std::exception& e) {
+        // Out of memory or a pattern too complex for the library: same report,
+        // no regex error code to give.
+        ZLOG(eZLogError, "std::regex( %s ) caught: err[%d]:[%s].\n",
+             StringEscapeCorrect(pattern, true).c_str(), -1, e.what());
+    }
+    return nullptr;
+}
+
+bool IsACorvelMetaKey(const std::string& key, std::string* name, std::string* target,
+                      bool* isLink) {
+    static const char* const kTypes[] = {"&&Object", "&&Array", "&&ArraySimple", "&&ObjectRef"};
+    if (key.compare(0, 2, "&&") != 0) return false;
+    size_t blank = key.find(' ');
+    if (blank == std::string::npos) return false;
+    const std::string type = key.substr(0, blank);
+    bool known = false;
+    for (const char* t : kTypes) known = known || type == t;
+    if (!known) return false;
+
+    const std::string rest = key.substr(blank + 1);
+    if (rest.empty()) return false;
+    std::string outName;
+    std::string outTarget;
+    if (rest.compare(0, 2, "&&") == 0 || rest[0] == '/') {
+        // A list element: it names no property, only the node it links.
+        outTarget = rest;
+    } else {
+        size_t split = rest.find(' ');
+        if (split == std::string::npos) {
+            outTarget = rest;  // a list element that links a plain text
+        } else {
+            outName = rest.substr(0, split);
+            outTarget = rest.substr(split + 1);
+            if (outTarget.empty()) return false;
+        }
+    }
+    if (name != nullptr) *name = outName;
+    if (target != nullptr) *target = outTarget;
+    if (isLink != nullptr) *isLink = type == "&&ObjectRef";
+    return true;
+}
+
+eRtCode NumStrArray2File(const unsigned char* data, unsigned int length, const std::string& path) {
+    if (data == nullptr && length > 0) {
+        ZLOG(eZLogError, "Null data with length %u for file[%s]\n", length, path.c_str());
+        return RT_FAILURE;
+    }
+    // The same layout as the store's binary lists: decimal byte values
+    // separated by one blank, one line.
+    std::string text;
+    text.reserve(static_cast<size_t>(length) * 4 + 1);
+    for (unsigned int i = 0; i < length; ++i) {
+        if (i > 0) text += ' ';
+        text += std::to_string(static_cast<unsigned int>(data[i]));
+    }
+    text += '\n';
+
+    FILE* f = std::fopen(path.c_str(), "wb");
+    if (f == nullptr) {
+        ZLOG(eZLogError, "Open file[%s] for writing failed[%s]\n", path.c_str(),
+             std::strerror(errno));
+        return RT_FAILURE;
+    }
+    bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+    ok = std::fclose(f) == 0 && ok;
+    if (!ok) {
+        ZLOG(eZLogError, "Write file[%s] failed[%s]\n", path.c_str(), std::strerror(errno));
+        return RT_FAILURE;
+    }
+    return RT_SUCCESS;
+}
+
+int File2NumStrArray(const std::string& path, char** data) {
+    if (data == nullptr) {
+        ZLOG(eZLogError, "Null output for file[%s]\n", path.c_str());
+        return -1;
+    }
+    *data = nullptr;
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) {
+        ZLOG(eZLogError, "Open file[%s] for reading failed[%s]\n", path.c_str(),
+             std::strerror(errno));
+        return -1;
+    }
+    std::string text;
+    char chunk[4096];
+    size_t n = 0;
+    while ((n = std::fread(chunk, 1, sizeof(chunk), f)) > 0) text.append(chunk, n);
+    bool readError = std::ferror(f) != 0;
+    std::fclose(f);
+    if (readError) {
+        ZLOG(eZLogError, "Read file[%s] failed\n", path.c_str());
+        return -1;
+    }
+
+    // Only what NumStrArray2File writes is accepted: canonical decimal
+    // numbers 0..255 (no sign, no leading zero), one blank between them, one
+    // final "\n". Anything else means the file is not ours or was cut short.
+    std::vector<char> bytes;
+    size_t pos = 0;
+    const size_t end = text.empty() || text.back() != '\n' ? std::string::npos : text.size() - 1;
+    if (end == std::string::npos) {
+        ZLOG(eZLogError, "File[%s] is not a byte array: no line end\n", path.c_str());
+        return -1;
+    }
+    while (pos < end) {
+        size_t tokenEnd = pos;
+        unsigned int value = 0;
+        while (tokenEnd < end && IsDigit(text[tokenEnd]) && tokenEnd - pos < 4) {
+            value = value * 10 + static_cast<unsigned int>(text[tokenEnd] - '0');
+            ++tokenEnd;
+        }
+        size_t tokenLen = tokenEnd - pos;
+        bool canonical = tokenLen > 0 && tokenLen <= 3 && value <= 255 &&
+                         !(tokenLen > 1 && text[pos] == '0');
+        bool separated = tokenEnd == end || (text[tokenEnd] == ' ' && tokenEnd + 1 < end);
+        if (!canonical || !separated) {
+            ZLOG(eZLogError, "File[%s] is not a byte array: bad text at offset %u\n",
+                 path.c_str(), static_cast<unsigned int>(pos));
+            return -1;
+        }
+        bytes.push_back(static_cast<char>(value));
+        pos = tokenEnd == end ? end : tokenEnd + 1;
+    }
+
+    // Always a buffer, even for no bytes, so a non-null *data means success.
+    char* out = new char[bytes.empty() ? 1 : bytes.size()]();
+    if (!bytes.empty()) std::memcpy(out, bytes.data(), bytes.size());
+    *data = out;
+    return static_cast<int>(bytes.size());
+}
 
 // ---------------------------------------------------------------------------
 // VEX and KOBA settings, controller clock, run level, controller state

@@ -77,7 +77,7 @@ std::regex* NewRegExpPattern(const std::string& pattern);
 // ---------------------------------------------------------------------------
 // Front-end meta keys: the "&&Object", "&&Array", "&&ArraySimple" and
 // "&&ObjectRef" forms that link a hash field or list element to another node
-// (docs/wire-protocol.md gives the splitting rule). Returns true when `key`
+// (docs/meta-keys.md gives the splitting rule). Returns true when `key`
 // is one. `name` receives the property name (empty for a list element),
 // `target` the linked JPath, URI or text, and `isLink` is true for
 // "&&ObjectRef" (a link to a node owned elsewhere). Out-arguments may be null
@@ -147,8 +147,10 @@ eRtCode CompressFile(const std::string& path);   // "/bin/gzip -f <path>"
 int TouchFile(const std::string& path, bool truncate);
 // A byte buffer as decimal numbers separated by blanks, one line.
 eRtCode NumStrArray2File(const unsigned char* data, unsigned int length, const std::string& path);
-// Reads such a file; allocates *data with new[] (caller deletes with
-// delete[]). Returns the byte count, or -1 (and *data = null) on failure.
+// Reads such a file back; only that exact layout is accepted (see
+// docs/meta-keys.md). Allocates *data with new[] (caller deletes with
+// delete[]), at least one byte even for an empty array. Returns the byte
+// count, or -1 (and *data = null) on failure, logged.
 int File2NumStrArray(const std::string& path, char** data);
 
 }  // namespace Orbel
