@@ -35,6 +35,7 @@
 
 namespace Orbel {
 
+class ZLogPrint;
 class ZObject;
 class ZResource;
 class ZSchema;
@@ -181,6 +182,16 @@ private:
     void _WaitAllThreadsExit();
     void _DeleteAllSchemas();
     std::string _RuntimeSummary();
+    // Applies a debug setting ("0", "1" or a schema-ID list) to the log service.
+    void _ApplyDebugSetting(const std::string& setting);
+    // Answers a request written into the debug-info VEX variable (process loop).
+    void _ServeDbgInfoRequest();
+    std::string _DbgInfoResourceUsage();
+    std::string _ThreadInfoText();
+    // Wakes the signal thread with a 0 byte, joins it and closes the self-pipe.
+    void _StopSigThread();
+    // Sets the exited flag and wakes both Exec and the process loop.
+    void _MarkExited();
 
     static void AppProcessLoop(ZApplication* app);
     static void AppSysSigHandle(ZApplication* app);
@@ -235,9 +246,22 @@ private:
     std::thread mProcLoopThread;
     std::thread mSigThread;
 
+    // The process loop sleeps on mLoopCv so that Exit() ends its 3 s pause
+    // at once instead of delaying the shutdown.
+    std::mutex mLoopMutex;
+    std::condition_variable mLoopCv;
+
+    // Handshake: the signal thread creates zAppSigPipe and then sets
+    // mSigPipeReady; the main thread installs the handlers only after that.
+    std::mutex mSigPipeMutex;  // guards mSigPipeReady
+    std::condition_variable mSigPipeCv;
+    bool mSigPipeReady = false;
+    bool mSigHandlersInstalled = false;  // main thread only
+
+    // What the constructor replaced, restored by the destructor.
     ZApplication* mPrevApp = nullptr;
-    bool mOwnsLogService = false;
-    void* mPrevLogService = nullptr;
+    ZLogPrint* mPrevLogService = nullptr;
+    ZLogPrint* mOwnLogService = nullptr;  // created by the constructor, deleted by the destructor
 };
 
 // The instance, the signal self-pipe ([0] read end, [1] write end), and the

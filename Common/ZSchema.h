@@ -28,6 +28,7 @@
 
 namespace Orbel {
 
+class ZApplication;
 class ZResource;
 
 // The method of a request, also the index of a CRUD queue.
@@ -116,6 +117,10 @@ protected:
     bool mEtagEnabled = false;
 
 private:
+    // The application whose list holds this schema (set by a successful
+    // Init); the destructor takes the schema off that list.
+    ZApplication* mOwnerApp = nullptr;
+
     std::mutex mMutex;  // guards mOdataPrintName and mResources
     std::string mOdataPrintName;
     std::map<std::string, ZResource*> mResources;

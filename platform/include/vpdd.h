@@ -16,8 +16,16 @@ extern "C" {
 #define VPDD_MTM_OFFSET 48         /* machine type and model */
 #define VPDD_MTM_LENGTH 16
 
-/* Copies the machine record into `buffer` (at most `size` bytes).
- * Returns 0 on success, a non-zero error code otherwise. */
+/* Results of vpdd_machine_vpd_read. */
+enum {
+    VPDD_OK = 0,
+    VPDD_ERR_ARG = 1, /* null buffer, or smaller than the record */
+    VPDD_ERR_IO = 2,  /* the record could not be read (or is damaged) */
+};
+
+/* Copies the machine record into `buffer`, which must hold at least
+ * VPDD_MACHINE_RECORD_SIZE bytes. Returns VPDD_OK, or an error code and
+ * leaves the buffer unchanged. Safe to call from any thread. */
 int vpdd_machine_vpd_read(unsigned char* buffer, int size);
 
 #ifdef __cplusplus
