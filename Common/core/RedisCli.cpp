@@ -16,6 +16,10 @@
 // more than the command itself.
 #include "RedisCli.h"
 
+#include <pthread.h>
+#include <signal.h>
+
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -34,14 +38,76 @@ struct ReplyDeleter {
 };
 using ReplyPtr = std::unique_ptr<redisReply, ReplyDeleter>;
 
-// Takes ownership of what redisCommand returned. A context whose error flag
-// is set (the server went away, the socket broke) is treated like a null
+// A write to a connection whose server has gone raises SIGPIPE, and its
+// default action ends the process: a plug-in must outlive a restart of the
+// store. hiredis writes with write(2), which has no per-call opt-out, so
+// SIGPIPE is blocked in the calling thread while the command is sent, and a
+// SIGPIPE the failed write left pending is taken away before the mask is
+// restored. Nothing process-wide changes, so children that the plug-in
+// starts keep the default action. Per-thread masks make this safe from any
+// thread; the cost on success is two mask changes.
+class SigPipeBlock {
+  public:
+    SigPipeBlock() {
+        sigemptyset(&mPipe);
+        sigaddset(&mPipe, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &mPipe, &mOld);
+        mWasBlocked = sigismember(&mOld, SIGPIPE) == 1;
+    }
+    ~SigPipeBlock() {
+        if (!mWasBlocked) pthread_sigmask(SIG_SETMASK, &mOld, nullptr);
+    }
+    SigPipeBlock(const SigPipeBlock&) = delete;
+    SigPipeBlock& operator=(const SigPipeBlock&) = delete;
+
+    // After a failed command: discards the SIGPIPE its write raised. When
+    // the caller blocks SIGPIPE itself, whatever is pending is left to it.
+    void DiscardPending() {
+        if (mWasBlocked) return;
+        sigset_t pending;
+        if (sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
+            struct timespec noWait = {0, 0};
+            sigtimedwait(&mPipe, nullptr, &noWait);
+        }
+    }
+
+  private:
+    sigset_t mPipe;
+    sigset_t mOld;
+    bool mWasBlocked = false;
+};
+
+// Takes ownership of what hiredis returned. A context whose error flag is
+// set (the server went away, the socket broke) is treated like a null
 // reply: whatever came back cannot be trusted, and hiredis will not send
 // anything more on it anyway.
-ReplyPtr TakeReply(redisContext* c, void* raw) {
+ReplyPtr TakeReply(redisContext* c, void* raw, SigPipeBlock& block) {
     ReplyPtr reply(static_cast<redisReply*>(raw));
-    if (c->err != 0) reply.reset();
+    if (c->err != 0) {
+        reply.reset();
+        block.DiscardPending();
+    }
     return reply;
+}
+
+// Sends one command written in hiredis's format language (where "%s" and
+// "%b" each make one binary-safe argument). Not marked as printf-like:
+// "%b" takes a pointer and a length, which printf checking would refuse.
+// Every format passed here is a literal of this file.
+ReplyPtr Command(redisContext* c, const char* format, ...) {
+    SigPipeBlock block;
+    va_list args;
+    va_start(args, format);
+    void* raw = redisvCommand(c, format, args);
+    va_end(args);
+    return TakeReply(c, raw, block);
+}
+
+ReplyPtr CommandArgv(redisContext* c, std::vector<const char*>& argv,
+                     const std::vector<size_t>& argvLen) {
+    SigPipeBlock block;
+    void* raw = redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), argvLen.data());
+    return TakeReply(c, raw, block);
 }
 
 // The context a wrapper works with: the caller's (left open), or one opened
@@ -204,7 +270,7 @@ eRtCode redisAuthentication(redisContext* c, const char* pass) {
              static_cast<const void*>(pass));
         return RT_FAILURE;
     }
-    ReplyPtr reply = TakeReply(c, redisCommand(c, "AUTH %s", pass));
+    ReplyPtr reply = Command(c, "AUTH %s", pass);
     // The password never goes into a log line.
     if (!reply) {
         ZLOG(eZLogError, "Command[AUTH] reply is NULL. err[%s]\n", c->errstr);
@@ -239,8 +305,7 @@ redisContext* RedisSubscribeFromChannel(std::string channel) {
         ZLOG(eZLogError, "Failed to call RedisConnect().\n");
         return nullptr;
     }
-    ReplyPtr reply = TakeReply(
-        ctx.get(), redisCommand(ctx.get(), "SUBSCRIBE %b", channel.data(), channel.size()));
+    ReplyPtr reply = Command(ctx.get(), "SUBSCRIBE %b", channel.data(), channel.size());
     if (!reply) {
         ZLOG(eZLogError, "Command[SUBSCRIBE %s] reply is NULL.\n", channel.c_str());
         return nullptr;
@@ -251,9 +316,8 @@ redisContext* RedisSubscribeFromChannel(std::string channel) {
 eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string message) {
     CallContext ctx(c);
     ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
-    ReplyPtr reply =
-        TakeReply(ctx.get(), redisCommand(ctx.get(), "PUBLISH %b %b", channel.data(),
-                                          channel.size(), message.data(), message.size()));
+    ReplyPtr reply = Command(ctx.get(), "PUBLISH %b %b", channel.data(), channel.size(),
+                             message.data(), message.size());
     if (!reply) {
         ZLOG(eZLogError, "Command[PUBLISH %s %s] reply is NULL.\n", channel.c_str(),
              message.c_str());
@@ -278,7 +342,7 @@ int RedisType(redisContext* c, const char* key) {
         ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key));
         return REDIS_TABLE_UNSUPPORTED;
     }
-    ReplyPtr reply = TakeReply(ctx.get(), redisCommand(ctx.get(), "TYPE %s", key));
+    ReplyPtr reply = Command(ctx.get(), "TYPE %s", key);
     if (!reply) {
         ZLOG(eZLogError, "Command[TYPE %s] reply is NULL.\n", key);
         return REDIS_TABLE_UNSUPPORTED;
@@ -306,8 +370,7 @@ eRtCode RedisSet(redisContext* c, const char* key, const char* value, unsigned i
     // The log texts name an NX option the command does not send; both are
     // kept as they are because log readers and the command's behaviour (an
     // existing lock key is overwritten) rely on them separately.
-    ReplyPtr reply =
-        TakeReply(ctx.get(), redisCommand(ctx.get(), "SET %s %s EX %u", key, value, seconds));
+    ReplyPtr reply = Command(ctx.get(), "SET %s %s EX %u", key, value, seconds);
     if (!reply) {
         ZLOG(eZLogError, "Command[SET %s %s EX %u NX] reply is NULL.\n", key, value, seconds);
         return RT_FAILURE;
@@ -330,7 +393,7 @@ eRtCode RedisGet(redisContext* c, const char* key, std::string* value) {
         ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key));
         return RT_FAILURE;
     }
-    ReplyPtr reply = TakeReply(ctx.get(), redisCommand(ctx.get(), "GET %s", key));
+    ReplyPtr reply = Command(ctx.get(), "GET %s", key);
     if (!reply) {
         ZLOG(eZLogError, "Command[GET %s] reply is NULL.\n", key);
         return RT_FAILURE;
@@ -352,7 +415,7 @@ eRtCode RedisTTL(redisContext* c, const char* key, int* seconds) {
              static_cast<void*>(seconds));
         return RT_INVALID_ARG;
     }
-    ReplyPtr reply = TakeReply(ctx.get(), redisCommand(ctx.get(), "TTL %s", key));
+    ReplyPtr reply = Command(ctx.get(), "TTL %s", key);
     if (!reply) {
         ZLOG(eZLogError, "Command[TTL %s] reply is NULL.\n", key);
         return RT_FAILURE;
@@ -373,7 +436,7 @@ eRtCode RedisKeys(redisContext* c, const char* pattern, std::vector<std::string>
         ZLOG(eZLogError, "NULL arg! patten:%p\n", static_cast<const void*>(pattern));
         return RT_FAILURE;
     }
-    ReplyPtr reply = TakeReply(ctx.get(), redisCommand(ctx.get(), "KEYS %s", pattern));
+    ReplyPtr reply = Command(ctx.get(), "KEYS %s", pattern);
     if (!reply) {
         ZLOG(eZLogError, "Command[KEYS %s] reply is NULL.\n", pattern);
         return RT_FAILURE;
@@ -407,8 +470,7 @@ eRtCode RedisDelTable(redisContext* c, const char* key) {
     // large tree does not stall the front end. Replies are not checked: a
     // key that is already gone is as good as deleted.
     for (const std::string& k : keys) {
-        ReplyPtr reply(
-            static_cast<redisReply*>(redisCommand(ctx.get(), "UNLINK %b", k.data(), k.size())));
+        Command(ctx.get(), "UNLINK %b", k.data(), k.size());
     }
     return RT_SUCCESS;
 }
@@ -426,7 +488,7 @@ eRtCode RedisHashSize(redisContext* c, const char* key, int& size) {
     }
     // The texts say LLEN although HLEN is sent: log readers search for them
     // as they are.
-    ReplyPtr reply = TakeReply(ctx.get(), redisCommand(ctx.get(), "HLEN %s", key));
+    ReplyPtr reply = Command(ctx.get(), "HLEN %s", key);
     if (!reply) {
         ZLOG(eZLogError, "Command[LLEN %s] reply is NULL.\n", key);
         return RT_FAILURE;
@@ -447,8 +509,7 @@ eRtCode RedisHashSet(redisContext* c, const char* key, const char* name, const c
              static_cast<const void*>(name), static_cast<const void*>(value));
         return RT_FAILURE;
     }
-    ReplyPtr reply =
-        TakeReply(ctx.get(), redisCommand(ctx.get(), "HSET %s %s %s", key, name, value));
+    ReplyPtr reply = Command(ctx.get(), "HSET %s %s %s", key, name, value);
     if (!reply) {
         ZLOG(eZLogError, "Command[HSET %s %s %s] reply is NULL. err[%s]\n", key, name, value,
              ctx.get()->errstr);
@@ -470,7 +531,7 @@ eRtCode RedisHashGet(redisContext* c, const char* key, const char* name, std::st
              static_cast<const void*>(name));
         return RT_FAILURE;
     }
-    ReplyPtr reply = TakeReply(ctx.get(), redisCommand(ctx.get(), "HGET %s %s", key, name));
+    ReplyPtr reply = Command(ctx.get(), "HGET %s %s", key, name);
     if (!reply) {
         value.clear();
         ZLOG(eZLogError, "Command[HGET %s %s] reply is NULL.\n", key, name);
@@ -495,7 +556,7 @@ eRtCode RedisHashDel(redisContext* c, const char* key, const char* name) {
              static_cast<const void*>(name));
         return RT_FAILURE;
     }
-    ReplyPtr reply = TakeReply(ctx.get(), redisCommand(ctx.get(), "HDEL %s %s", key, name));
+    ReplyPtr reply = Command(ctx.get(), "HDEL %s %s", key, name);
     if (!reply) {
         ZLOG(eZLogError, "Command[HDEL %s %s] reply is NULL. err[%s]\n", key, name,
              ctx.get()->errstr);
@@ -516,7 +577,7 @@ eRtCode RedisHashGetAll(redisContext* c, const char* key, std::map<std::string, 
         ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key));
         return RT_FAILURE;
     }
-    ReplyPtr reply = TakeReply(ctx.get(), redisCommand(ctx.get(), "HGETALL %s", key));
+    ReplyPtr reply = Command(ctx.get(), "HGETALL %s", key);
     if (!reply) {
         ZLOG(eZLogError, "Command[HGETALL %s] reply is NULL.\n", key);
         return RT_FAILURE;
@@ -549,7 +610,7 @@ eRtCode RedisSetAdd(redisContext* c, const char* key, const char* value) {
              static_cast<const void*>(key), static_cast<const void*>(value));
         return RT_FAILURE;
     }
-    ReplyPtr reply = TakeReply(c, redisCommand(c, "SADD %s %s", key, value));
+    ReplyPtr reply = Command(c, "SADD %s %s", key, value);
     if (!reply) {
         ZLOG(eZLogError, "Command[SADD %s %s] reply is NULL. err[%s]\n", key, value, c->errstr);
         return RT_FAILURE;
@@ -567,7 +628,7 @@ eRtCode RedisSetRem(redisContext* c, const char* key, const char* value) {
              static_cast<const void*>(key), static_cast<const void*>(value));
         return RT_FAILURE;
     }
-    ReplyPtr reply = TakeReply(c, redisCommand(c, "SREM %s %s", key, value));
+    ReplyPtr reply = Command(c, "SREM %s %s", key, value);
     if (!reply) {
         ZLOG(eZLogError, "Command[SREM %s %s] reply is NULL. err[%s]\n", key, value, c->errstr);
         return RT_FAILURE;
@@ -589,7 +650,7 @@ eRtCode RedisListSize(redisContext* c, const char* key, int& size) {
              static_cast<const void*>(key));
         return RT_FAILURE;
     }
-    ReplyPtr reply = TakeReply(c, redisCommand(c, "LLEN %s", key));
+    ReplyPtr reply = Command(c, "LLEN %s", key);
     if (!reply) {
         ZLOG(eZLogError, "Command[LLEN %s] reply is NULL.\n", key);
         return RT_FAILURE;
@@ -611,7 +672,7 @@ eRtCode RedisListSet(redisContext* c, const char* key, const char* index, const 
     // The index is not one of the checked arguments; a null one is sent as
     // an empty text, which the server refuses as "not an integer".
     const char* indexText = index != nullptr ? index : "";
-    ReplyPtr reply = TakeReply(c, redisCommand(c, "LSET %s %s %s", key, indexText, value));
+    ReplyPtr reply = Command(c, "LSET %s %s %s", key, indexText, value);
     if (!reply) {
         ZLOG(eZLogError, "Command[LSET %s %s %s] reply is NULL. err[%s]\n", key, indexText, value,
              c->errstr);
@@ -630,7 +691,7 @@ eRtCode RedisListGet(redisContext* c, const char* key, int index, std::string& v
              static_cast<const void*>(key));
         return RT_FAILURE;
     }
-    ReplyPtr reply = TakeReply(c, redisCommand(c, "LINDEX %s %d", key, index));
+    ReplyPtr reply = Command(c, "LINDEX %s %d", key, index);
     if (!reply) {
         ZLOG(eZLogError, "Command[LINDEX %s %d] reply is NULL.\n", key, index);
         return RT_FAILURE;
@@ -659,8 +720,7 @@ eRtCode RedisListPushBack(redisContext* c, const char* key,
         return RT_SUCCESS;
     }
     for (const std::string& v : values) {
-        ReplyPtr reply =
-            TakeReply(ctx.get(), redisCommand(ctx.get(), "RPUSH %s %b", key, v.data(), v.size()));
+        ReplyPtr reply = Command(ctx.get(), "RPUSH %s %b", key, v.data(), v.size());
         if (!reply) {
             ZLOG(eZLogError, "Command[RPUSH %s %s] reply is NULL. err[%s]\n", key, v.c_str(),
                  ctx.get()->errstr);
@@ -694,8 +754,7 @@ eRtCode RedisListDel(redisContext* c, const char* key, std::string value) {
         ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key));
         return RT_FAILURE;
     }
-    ReplyPtr reply = TakeReply(
-        ctx.get(), redisCommand(ctx.get(), "LREM %s 1 %b", key, value.data(), value.size()));
+    ReplyPtr reply = Command(ctx.get(), "LREM %s 1 %b", key, value.data(), value.size());
     if (!reply) {
         ZLOG(eZLogError, "Command[LREM %s 1 %s] reply is NULL. err[%s]\n", key, value.c_str(),
              ctx.get()->errstr);
@@ -716,8 +775,7 @@ eRtCode RedisListDelAll(redisContext* c, const char* key, std::string value) {
         ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key));
         return RT_FAILURE;
     }
-    ReplyPtr reply = TakeReply(
-        ctx.get(), redisCommand(ctx.get(), "LREM %s 0 %b", key, value.data(), value.size()));
+    ReplyPtr reply = Command(ctx.get(), "LREM %s 0 %b", key, value.data(), value.size());
     if (!reply) {
         ZLOG(eZLogError, "Command[LREM %s 0 %s] reply is NULL. err[%s]\n", key, value.c_str(),
              ctx.get()->errstr);
@@ -763,8 +821,7 @@ eRtCode RedisListGetAll(redisContext* c, const char* key, int start, int stop,
         ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key));
         return RT_FAILURE;
     }
-    ReplyPtr reply =
-        TakeReply(ctx.get(), redisCommand(ctx.get(), "LRANGE %s %d %d", key, start, stop));
+    ReplyPtr reply = Command(ctx.get(), "LRANGE %s %d %d", key, start, stop);
     if (!reply) {
         ZLOG(eZLogError, "Command[LRANGE %s %d %d] reply is NULL.\n", key, start, stop);
         return RT_FAILURE;
@@ -811,8 +868,7 @@ eRtCode RedisListWriteBinData(redisContext* c, const char* key, unsigned char* d
         argv.push_back(table.text[data[i]]);
         argvLen.push_back(table.len[data[i]]);
     }
-    ReplyPtr reply = TakeReply(
-        c, redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), argvLen.data()));
+    ReplyPtr reply = CommandArgv(c, argv, argvLen);
     if (reply && reply->type == REDIS_REPLY_INTEGER) return RT_SUCCESS;
 
     // The log shows the command the way a person would type it.
@@ -840,7 +896,7 @@ eRtCode RedisListReadBinData(redisContext* c, const char* key, unsigned char** d
     }
     *data = nullptr;
     len = 0;
-    ReplyPtr reply = TakeReply(ctx.get(), redisCommand(ctx.get(), "LRANGE %s %d %d", key, 0, -1));
+    ReplyPtr reply = Command(ctx.get(), "LRANGE %s %d %d", key, 0, -1);
     if (!reply) {
         ZLOG(eZLogError, "Command[LRANGE %s 0 -1] reply is NULL.\n", key);
         return RT_FAILURE;
@@ -877,8 +933,7 @@ eRtCode RedisEvalEnqueueEvent(redisContext* c, const char* payload, int& result)
         ZLOG(eZLogError, "Failed to get script[enqueueEvent] SHA value.\n");
         return RT_FAILURE;
     }
-    ReplyPtr reply =
-        TakeReply(ctx.get(), redisCommand(ctx.get(), "evalsha %s 1 %s", sha.c_str(), payload));
+    ReplyPtr reply = Command(ctx.get(), "evalsha %s 1 %s", sha.c_str(), payload);
     if (!reply) {
         ZLOG(eZLogError, "Command[evalsha %s 1 %s] reply is NULL.\n", sha.c_str(), payload);
         return RT_FAILURE;
@@ -905,8 +960,7 @@ eRtCode RedisEvalEnqueueMetricReport(redisContext* c, const char* payload, int& 
         ZLOG(eZLogError, "Failed to get script[enqueueMetricReport] SHA value.\n");
         return RT_FAILURE;
     }
-    ReplyPtr reply =
-        TakeReply(ctx.get(), redisCommand(ctx.get(), "evalsha %s 1 %s", sha.c_str(), payload));
+    ReplyPtr reply = Command(ctx.get(), "evalsha %s 1 %s", sha.c_str(), payload);
     if (!reply) {
         ZLOG(eZLogError, "Command[evalsha %s 1 %s] reply is NULL.\n", sha.c_str(), payload);
         return RT_FAILURE;
