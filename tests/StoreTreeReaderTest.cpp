@@ -1,0 +1,371 @@
+// The store tree reader and the command orbel-tree: stores are filled with
+// raw commands in the layout the library writes, and the assembled
+// documents are compared whole.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "StoreTreeReader.h"
+#include "TestEnv.h"
+
+namespace {
+
+using Fields = std::vector<std::pair<std::string, std::string>>;
+
+class StoreTreeReaderTest : public OrbelTest::StoreTest {
+protected:
+    void SetUp() override {
+        OrbelTest::StoreTest::SetUp();
+        mConn = OrbelTest::RawConnect();
+        ASSERT_TRUE(mConn) << "no connection to the private store";
+    }
+
+    static void HSet(const std::string& key, const Fields& fields) {
+        std::vector<std::string> args = {"HSET", key};
+        for (const auto& f : fields) {
+            args.push_back(f.first);
+            args.push_back(f.second);
+        }
+        OrbelTest::Reply r = OrbelTest::RawCommand(args);
+        ASSERT_TRUE(r && r->type == REDIS_REPLY_INTEGER) << "HSET " << key;
+    }
+
+    static void RPush(const std::string& key, const std::vector<std::string>& items) {
+        std::vector<std::string> args = {"RPUSH", key};
+        args.insert(args.end(), items.begin(), items.end());
+        OrbelTest::Reply r = OrbelTest::RawCommand(args);
+        ASSERT_TRUE(r && r->type == REDIS_REPLY_INTEGER) << "RPUSH " << key;
+    }
+
+    std::string Read(const std::string& jpath, bool meta = false) {
+        Orbel::sStoreTreeOptions options;
+        options.pretty = false;
+        options.includeMeta = meta;
+        std::string json;
+        std::string error;
+        EXPECT_TRUE(Orbel::ReadStoreTree(mConn.get(), jpath, json, &error, options))
+            << jpath << ": " << error;
+        return json;
+    }
+
+    // A resource with scalars of every kind, nested objects, arrays of
+    // scalars and of objects, links, a dangling link, a cycle, request queue
+    // lists and meta fields.
+    static void StoreSystem() {
+        const std::string sys = "/redfish/v1/Systems/1";
+        HSet(sys, {{"@odata.id", "\"/redfish/v1/Systems/1\""},
+                   {"@odata.type", "\"#ComputerSystem.v1_0_0.ComputerSystem\""},
+                   {"Nothing", "null"},
+                   {"PoweredOn", "true"},
+                   {"Hidden", "false"},
+                   {"Offset", "-42"},
+                   {"Serial", "18446744073709551615"},
+                   {"Name", "\"abc\""},
+                   {"Raw", "{\"a\":[1,2]}"},
+                   {"Ratio", "1.500000"},
+                   {"&&Object Status &&" + sys + "/Status", ""},
+                   {"&&Object Boot &&" + sys + "/Boot", ""},
+                   {"&&Array Fans &&" + sys + "/Fans", ""},
+                   {"&&ArraySimple Names &&" + sys + "/Names", ""},
+                   {"&&ObjectRef Manager /redfish/v1/Managers/1", ""},
+                   {"&&Object Missing &&" + sys + "/Missing", ""},
+                   {"&&Array GETQ &&" + sys + "/GETQ", ""},
+                   {"&&Array PATCHQ &&" + sys + "/PATCHQ", ""},
+                   {"&&EnableChecklist", "true"},
+                   {"&&Async", "true"}});
+        HSet("&&" + sys + "/Status",
+             {{"Health", "\"OK\""}, {"&&Object Oem &&" + sys + "/Status/Oem", ""}});
+        HSet("&&" + sys + "/Status/Oem",
+             {{"Vendor", "\"Pell\""}, {"&&Object Up &&" + sys + "/Status", ""}});
+        HSet("&&" + sys + "/Boot", {{"&&Array Order &&" + sys + "/Boot/Order", ""}});
+        RPush("&&" + sys + "/Boot/Order", {"\"Pxe\"", "\"Hdd\"", "3"});
+        RPush("&&" + sys + "/Fans",
+              {"&&Object &&" + sys + "/Fans/0", "&&Object &&" + sys + "/Fans/1",
+               "&&ObjectRef /redfish/v1/Chassis/1"});
+        HSet("&&" + sys + "/Fans/0", {{"Rpm", "1200"}});
+        HSet("&&" + sys + "/Fans/1", {{"Rpm", "1300"}});
+        RPush("&&" + sys + "/Names", {"\"a\"", "\"b\""});
+        RPush("&&" + sys + "/GETQ", {"RF_Root:ComputerSystem:GETQ"});
+    }
+
+    // A collection whose own URI is written as a link into "@odata.id".
+    static void StoreCollection() {
+        HSet("/redfish/v1/Systems", {{"&&ObjectRef @odata.id /redfish/v1/Systems", ""},
+                                     {"Name", "\"Computer System Collection\""},
+                                     {"&&Array Members &&/redfish/v1/Systems/Members", ""},
+                                     {"Members@odata.count", "2"}});
+        RPush("&&/redfish/v1/Systems/Members",
+              {"&&ObjectRef /redfish/v1/Systems/1", "&&ObjectRef /redfish/v1/Systems/2"});
+    }
+
+    OrbelTest::RedisConn mConn;
+};
+
+const char kSystemBody[] =
+    R"({"@odata.id":"/redfish/v1/Systems/1","@odata.type":"#ComputerSystem.v1_0_0.ComputerSystem",)"
+    R"("Boot":{"Order":["Pxe","Hdd",3]},)"
+    R"("Fans":[{"Rpm":1200},{"Rpm":1300},{"@odata.id":"/redfish/v1/Chassis/1"}],)"
+    R"("Hidden":false,"Manager":{"@odata.id":"/redfish/v1/Managers/1"},"Missing":null,)"
+    R"("Name":"abc","Names":["a","b"],"Nothing":null,"Offset":-42,"PoweredOn":true,)"
+    R"("Ratio":1.500000,"Raw":{"a":[1,2]},"Serial":18446744073709551615,)"
+    R"("Status":{"Health":"OK","Oem":{"Up":null,"Vendor":"Pell"}}})";
+
+const char kCollectionBody[] =
+    R"({"@odata.id":"/redfish/v1/Systems","Members":[{"@odata.id":"/redfish/v1/Systems/1"},)"
+    R"({"@odata.id":"/redfish/v1/Systems/2"}],"Members@odata.count":2,)"
+    R"("Name":"Computer System Collection"})";
+
+const char kCollectionPretty[] = R"({
+    "@odata.id": "/redfish/v1/Systems",
+    "Members": [
+        {
+            "@odata.id": "/redfish/v1/Systems/1"
+        },
+        {
+            "@odata.id": "/redfish/v1/Systems/2"
+        }
+    ],
+    "Members@odata.count": 2,
+    "Name": "Computer System Collection"
+})";
+
+TEST_F(StoreTreeReaderTest, ResourceBodyFollowsLinksAndLeavesOutRoutingAndMeta) {
+    StoreSystem();
+    EXPECT_EQ(Read("/redfish/v1/Systems/1"), kSystemBody);
+
+    // The debug view adds the queue lists (followed; a missing one is null)
+    // and the other meta fields under their whole names.
+    const std::string meta =
+        R"({"&&Array GETQ &&/redfish/v1/Systems/1/GETQ":["RF_Root:ComputerSystem:GETQ"],)"
+        R"("&&Array PATCHQ &&/redfish/v1/Systems/1/PATCHQ":null,)"
+        R"("&&Async":true,"&&EnableChecklist":true,)" +
+        std::string(kSystemBody + 1);
+    EXPECT_EQ(Read("/redfish/v1/Systems/1", true), meta);
+
+    // A nested node read on its own: the cycle back to it is cut one level
+    // lower than above.
+    EXPECT_EQ(Read("&&/redfish/v1/Systems/1/Status/Oem"),
+              R"({"Up":{"Health":"OK","Oem":null},"Vendor":"Pell"})");
+}
+
+TEST_F(StoreTreeReaderTest, CollectionMembersAreLinksAndOdataIdLinkIsTheUri) {
+    StoreCollection();
+    EXPECT_EQ(Read("/redfish/v1/Systems"), kCollectionBody);
+}
+
+TEST_F(StoreTreeReaderTest, LinkTextsAreSplitByTheSharedRuleAndMalformedOnesLeftOut) {
+    const std::string k = "/redfish/v1/Links";
+    HSet(k, {{"&&ObjectRef Spaced /redfish/v1/a b", ""},
+             {"&&ObjectRef Quoted /x\"y", ""},
+             {"&&Object Status", ""},
+             {"&&Object  Double &&/k", ""},
+             {"&&Object &&" + k + "/Obj", ""},
+             {"&&Objects Foo &&/k", ""},
+             {"&&Array Items &&" + k + "/Items", ""},
+             {"&&Object Wrong &&" + k + "/Items", ""},
+             {"&&Array WrongToo &&" + k + "/Obj", ""}});
+    HSet("&&" + k + "/Obj", {{"A", "1"}});
+    RPush("&&" + k + "/Items", {"&&ObjectRef Links/x", "&&Object Named &&" + k + "/Obj",
+                                "&&Unknown", "&&Array &&" + k + "/Inner"});
+    RPush("&&" + k + "/Inner", {"\"x\""});
+
+    EXPECT_EQ(Read(k), R"({"Items":[{"@odata.id":"Links/x"},["x"]],"Quoted":{"@odata.id":"/x\"y"},)"
+                       R"("Spaced":{"@odata.id":"/redfish/v1/a b"},"Wrong":null,"WrongToo":null})");
+    EXPECT_EQ(Read(k, true),
+              R"({"&&Object  Double &&/k":null,"&&Object &&/redfish/v1/Links/Obj":null,)"
+              R"("&&Object Status":null,"&&Objects Foo &&/k":null,)"
+              R"("Items":[{"@odata.id":"Links/x"},"&&Object Named &&/redfish/v1/Links/Obj",)"
+              R"("&&Unknown",["x"]],"Quoted":{"@odata.id":"/x\"y"},)"
+              R"("Spaced":{"@odata.id":"/redfish/v1/a b"},"Wrong":null,"WrongToo":null})");
+}
+
+TEST_F(StoreTreeReaderTest, ValueTextsThatAreNotJsonStillGiveValidOutput) {
+    HSet("/h", {{"Empty", ""},
+                {"Quote", "\"say \"hi\"\""},
+                {"Word", "abc"},
+                {"Inf", "inf"},
+                {"Two", "1 2"},
+                {"Open", "{\"a\":1"},
+                {"Tab", "\"a\tb\""},
+                {"Byte", "\"\xff\""},
+                {"Lead0", "01"},
+                {"Dot", "1."},
+                {std::string("N\0l", 3), "-0.5e+3"},
+                {"Esc", "\"\\u00e9\\n\xc3\xa9\""},
+                {"Spaced", " [1, {\"b\": null}] "},
+                {"&&Array L &&/h/L", ""}});
+    RPush("&&/h/L", {"", "x"});
+    EXPECT_EQ(Read("/h"),
+              R"({"Byte":"\"\u00ff\"","Dot":"1.","Empty":null,"Esc":"\u00e9\n)"
+              "\xc3\xa9"
+              R"(","Inf":"inf","L":[null,"x"],"Lead0":"01","N\u0000l":-0.5e+3,)"
+              R"("Open":"{\"a\":1","Quote":"\"say \"hi\"\"",)"
+              R"("Spaced": [1, {"b": null}] ,"Tab":"\"a\tb\"","Two":"1 2","Word":"abc"})");
+}
+
+TEST_F(StoreTreeReaderTest, DepthIsLimitedAndCyclesAreCutOnlyOnTheirPath) {
+    HSet("/chain", {{"&&Object N &&/chain/1", ""}});
+    for (int i = 1; i <= 70; ++i) {
+        HSet("&&/chain/" + std::to_string(i),
+             {{"&&Object N &&/chain/" + std::to_string(i + 1), ""}});
+    }
+    // The top node and 64 levels below it; the 65th link gives null.
+    std::string expected;
+    for (unsigned i = 0; i <= Orbel::kStoreTreeMaxDepth; ++i) expected += R"({"N":)";
+    expected += "null" + std::string(Orbel::kStoreTreeMaxDepth + 1, '}');
+    EXPECT_EQ(Read("/chain"), expected);
+
+    // One node linked twice is expanded twice; links back into the path
+    // (from a list, to a nested node and to the resource) are null.
+    HSet("/cyc", {{"&&Object A &&/cyc/A", ""}, {"&&Object B &&/cyc/A", ""}});
+    HSet("&&/cyc/A", {{"V", "1"}, {"&&Array L &&/cyc/L", ""}});
+    RPush("&&/cyc/L", {"&&Object &&/cyc/A", "&&Object /cyc", "&&Array &&/cyc/L", "2"});
+    EXPECT_EQ(Read("/cyc"),
+              R"({"A":{"L":[null,null,null,2],"V":1},"B":{"L":[null,null,null,2],"V":1}})");
+}
+
+TEST_F(StoreTreeReaderTest, TopLevelListAndFailures) {
+    RPush("&&/top/list", {"1", "\"x\"", "&&ObjectRef /redfish/v1"});
+    EXPECT_EQ(Read("&&/top/list"), R"([1,"x",{"@odata.id":"/redfish/v1"}])");
+
+    std::string json = "left over";
+    std::string error;
+    EXPECT_FALSE(Orbel::ReadStoreTree(mConn.get(), "/missing", json, &error));
+    EXPECT_EQ(json, "");
+    EXPECT_EQ(error, "no such key");
+
+    ASSERT_TRUE(OrbelTest::RawCommand({"SET", "/plain", "x"}));
+    EXPECT_FALSE(Orbel::ReadStoreTree(mConn.get(), "/plain", json, &error));
+    EXPECT_EQ(error, "the key is a string, not a hash or a list");
+
+    EXPECT_FALSE(Orbel::ReadStoreTree(nullptr, "/plain", json, &error));
+    EXPECT_EQ(error, "no store connection");
+
+    // A connection that has failed is not used.
+    OrbelTest::RedisConn gone(
+        redisConnectUnix((OrbelTest::SysrootDir() + "/nowhere.sock").c_str()));
+    ASSERT_TRUE(gone);
+    ASSERT_NE(gone->err, 0);
+    EXPECT_FALSE(Orbel::ReadStoreTree(gone.get(), "/plain", json, &error));
+    EXPECT_EQ(error.rfind("store connection error: ", 0), 0u) << error;
+    std::vector<std::string> keys = {"stale"};
+    EXPECT_FALSE(Orbel::ListStoreKeys(gone.get(), "*", keys, &error));
+    EXPECT_TRUE(keys.empty());
+}
+
+TEST_F(StoreTreeReaderTest, ListStoreKeysScansEverythingSorted) {
+    // More keys than one SCAN step returns, stored out of order.
+    std::vector<std::string> expected;
+    for (int i = 1499; i >= 0; --i) {
+        char key[32];
+        std::snprintf(key, sizeof key, "/k/%04d", i);
+        HSet(key, {{"V", "1"}});
+    }
+    for (int i = 0; i < 1500; ++i) {
+        char key[32];
+        std::snprintf(key, sizeof key, "/k/%04d", i);
+        expected.push_back(key);
+    }
+    HSet("/other", {{"V", "1"}});
+    std::vector<std::string> keys;
+    std::string error;
+    ASSERT_TRUE(Orbel::ListStoreKeys(mConn.get(), "/k/*", keys, &error)) << error;
+    EXPECT_EQ(keys, expected);
+    ASSERT_TRUE(Orbel::ListStoreKeys(mConn.get(), "/o*", keys, &error)) << error;
+    EXPECT_EQ(keys, std::vector<std::string>{"/other"});
+    ASSERT_TRUE(Orbel::ListStoreKeys(mConn.get(), "/none*", keys, &error)) << error;
+    EXPECT_TRUE(keys.empty());
+}
+
+// ---------------------------------------------------------------------------
+// The command
+// ---------------------------------------------------------------------------
+
+struct sRun {
+    int status;
+    std::string output;
+};
+
+sRun RunTree(const std::vector<std::string>& args) {
+    std::vector<std::string> argv = {OrbelTest::BuiltProgram("tools/treereader/orbel-tree")};
+    argv.insert(argv.end(), args.begin(), args.end());
+    OrbelTest::ChildProcess child(argv);
+    if (!child.Start()) return {-2, "could not start " + argv[0]};
+    const int status = child.Wait(20000);
+    return {status, child.Output()};
+}
+
+std::string UsageText() {
+    return "Usage: orbel-tree [-s SOCKET] [--compact] [--meta] JPATH...\n"
+           "       orbel-tree [-s SOCKET] --keys PATTERN\n"
+           "Prints the JSON document stored under each JPATH, assembled as the front\n"
+           "end serves it, or lists the store keys that match PATTERN.\n"
+           "  -s, --socket SOCKET  the store's Unix socket (default " +
+           OrbelTest::SysrootDir() +
+           "/tmp/redis.sock)\n"
+           "      --compact        print each document on one line\n"
+           "      --meta           keep the library's && fields (debug view)\n"
+           "      --keys PATTERN   list the keys matching the glob PATTERN, sorted\n"
+           "  -h, --help           print this text\n"
+           "Exit status: 0 ok, 1 a JPATH not found or the store unreachable, 2 usage.\n";
+}
+
+TEST_F(StoreTreeReaderTest, CommandPrintsDocumentsAndKeys) {
+    StoreCollection();
+    StoreSystem();
+
+    sRun run = RunTree({"/redfish/v1/Systems"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.output, std::string(kCollectionPretty) + "\n");
+
+    run = RunTree({"--compact", "/redfish/v1/Systems", "/redfish/v1/Systems/1"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.output, std::string(kCollectionBody) + "\n" + kSystemBody + "\n");
+
+    run = RunTree(
+        {"-s", OrbelTest::RedisServer::Instance().SocketPath(), "--keys", "/redfish/v1/Systems*"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.output, "/redfish/v1/Systems\n/redfish/v1/Systems/1\n");
+}
+
+TEST_F(StoreTreeReaderTest, CommandExitCodes) {
+    StoreCollection();
+
+    // A missing JPath fails the run but does not stop the others.
+    sRun run = RunTree({"--compact", "/missing", "/redfish/v1/Systems"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.output.find("orbel-tree: /missing: no such key\n"), std::string::npos)
+        << run.output;
+    EXPECT_NE(run.output.find(std::string(kCollectionBody) + "\n"), std::string::npos)
+        << run.output;
+
+    run = RunTree({"-s", OrbelTest::SysrootDir() + "/nowhere.sock", "/redfish/v1/Systems"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(
+        run.output.rfind(
+            "orbel-tree: cannot connect to " + OrbelTest::SysrootDir() + "/nowhere.sock: ", 0),
+        0u)
+        << run.output;
+
+    run = RunTree({"-h"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.output, UsageText());
+
+    run = RunTree({"--bogus", "/redfish/v1/Systems"});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.output, "orbel-tree: unknown option --bogus\n" + UsageText());
+
+    run = RunTree({"/redfish/v1/Systems", "-s"});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.output, "orbel-tree: option -s needs an argument\n" + UsageText());
+
+    run = RunTree({"--compact"});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.output, "orbel-tree: no JPATH given\n" + UsageText());
+}
+
+}  // namespace

@@ -1,0 +1,569 @@
+#include "StoreTreeReader.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+#include <set>
+#include <utility>
+
+namespace Orbel {
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// hiredis plumbing
+// ---------------------------------------------------------------------------
+
+struct ReplyFree {
+    void operator()(redisReply* r) const {
+        if (r != nullptr) freeReplyObject(r);
+    }
+};
+using ReplyPtr = std::unique_ptr<redisReply, ReplyFree>;
+
+// Keys, fields and patterns may hold any byte, so every argument goes with
+// its length.
+ReplyPtr Command(redisContext* c, const std::vector<std::string>& args) {
+    std::vector<const char*> argv;
+    std::vector<size_t> lens;
+    argv.reserve(args.size());
+    lens.reserve(args.size());
+    for (const auto& a : args) {
+        argv.push_back(a.data());
+        lens.push_back(a.size());
+    }
+    return ReplyPtr(static_cast<redisReply*>(
+        redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lens.data())));
+}
+
+std::string ReplyText(const redisReply* r) {
+    if (r == nullptr || r->str == nullptr) return std::string();
+    return std::string(r->str, r->len);
+}
+
+std::string ContextError(const redisContext* c) {
+    if (c == nullptr) return "no store connection";
+    if (c->err != 0) return std::string("store connection error: ") + c->errstr;
+    return "store connection error";
+}
+
+// ---------------------------------------------------------------------------
+// JSON texts
+// ---------------------------------------------------------------------------
+
+// Length of the well-formed UTF-8 sequence at s[i], 0 when the bytes there
+// are not one (overlong forms, surrogates and code points above U+10FFFF
+// included).
+size_t Utf8SeqLen(const std::string& s, size_t i) {
+    const auto b = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
+    const unsigned char b0 = b(i);
+    if (b0 < 0x80) return 1;
+    size_t len = 0;
+    unsigned char lo = 0x80, hi = 0xBF;  // bounds of the second byte
+    if (b0 >= 0xC2 && b0 <= 0xDF) {
+        len = 2;
+    } else if (b0 >= 0xE0 && b0 <= 0xEF) {
+        len = 3;
+        if (b0 == 0xE0) lo = 0xA0;
+        if (b0 == 0xED) hi = 0x9F;
+    } else if (b0 >= 0xF0 && b0 <= 0xF4) {
+        len = 4;
+        if (b0 == 0xF0) lo = 0x90;
+        if (b0 == 0xF4) hi = 0x8F;
+    } else {
+        return 0;
+    }
+    if (i + len > s.size()) return 0;
+    if (b(i + 1) < lo || b(i + 1) > hi) return 0;
+    for (size_t k = 2; k < len; ++k) {
+        if (b(i + k) < 0x80 || b(i + k) > 0xBF) return 0;
+    }
+    return len;
+}
+
+// The text as a JSON string. A byte that does not start a well-formed UTF-8
+// sequence is written as the code point of the same value, so that any byte
+// string gives a valid (if not byte-identical) JSON string.
+std::string Quote(const std::string& s) {
+    static const char kHex[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(s.size() + 2);
+    out += '"';
+    for (size_t i = 0; i < s.size();) {
+        const unsigned char ch = static_cast<unsigned char>(s[i]);
+        if (ch == '"' || ch == '\\') {
+            out += '\\';
+            out += static_cast<char>(ch);
+            ++i;
+            continue;
+        }
+        if (ch >= 0x20 && ch < 0x80) {
+            out += static_cast<char>(ch);
+            ++i;
+            continue;
+        }
+        switch (ch) {
+            case '\b':
+                out += "\\b";
+                ++i;
+                continue;
+            case '\f':
+                out += "\\f";
+                ++i;
+                continue;
+            case '\n':
+                out += "\\n";
+                ++i;
+                continue;
+            case '\r':
+                out += "\\r";
+                ++i;
+                continue;
+            case '\t':
+                out += "\\t";
+                ++i;
+                continue;
+            default:
+                break;
+        }
+        const size_t len = ch >= 0x80 ? Utf8SeqLen(s, i) : 0;
+        if (len > 0) {
+            out.append(s, i, len);
+            i += len;
+        } else {
+            out += "\\u00";
+            out += kHex[ch >> 4];
+            out += kHex[ch & 0x0F];
+            ++i;
+        }
+    }
+    out += '"';
+    return out;
+}
+
+// Checks that a text is exactly one JSON value (RFC 8259), blanks around it
+// allowed. Iterative with an explicit stack of open containers, so a hostile
+// text cannot exhaust the call stack, and each step consumes at least one
+// byte, so it always ends.
+class JsonChecker {
+public:
+    explicit JsonChecker(const std::string& s) : mS(s) {}
+
+    bool IsValue() {
+        std::vector<char> open;  // '{' or '[' of every container not yet closed
+        for (;;) {
+            // A value starts here.
+            SkipBlanks();
+            if (At('{') || At('[')) {
+                const char opener = mS[mI++];
+                SkipBlanks();
+                if (!Accept(opener == '{' ? '}' : ']')) {
+                    open.push_back(opener);
+                    if (opener == '{' && !MemberKey()) return false;
+                    continue;
+                }
+            } else if (!Scalar()) {
+                return false;
+            }
+            // A value ended: close what it ends and find where the next starts.
+            for (;;) {
+                SkipBlanks();
+                if (open.empty()) return mI == mS.size();
+                const bool inObject = open.back() == '{';
+                if (Accept(',')) {
+                    if (inObject && !MemberKey()) return false;
+                    break;
+                }
+                if (!Accept(inObject ? '}' : ']')) return false;
+                open.pop_back();
+            }
+        }
+    }
+
+private:
+    bool At(char ch) const { return mI < mS.size() && mS[mI] == ch; }
+    bool Accept(char ch) {
+        if (!At(ch)) return false;
+        ++mI;
+        return true;
+    }
+    bool AtDigit() const { return mI < mS.size() && mS[mI] >= '0' && mS[mI] <= '9'; }
+    void SkipBlanks() {
+        while (At(' ') || At('\t') || At('\n') || At('\r')) ++mI;
+    }
+    bool Literal(const char* word) {
+        const std::string w(word);
+        if (mS.compare(mI, w.size(), w) != 0) return false;
+        mI += w.size();
+        return true;
+    }
+    bool Digits() {
+        if (!AtDigit()) return false;
+        while (AtDigit()) ++mI;
+        return true;
+    }
+    bool Number() {
+        Accept('-');
+        if (!Accept('0') && !Digits()) return false;
+        if (Accept('.') && !Digits()) return false;
+        if (Accept('e') || Accept('E')) {
+            if (!Accept('+')) Accept('-');
+            if (!Digits()) return false;
+        }
+        return true;
+    }
+    static bool IsHex(char ch) {
+        return (ch >= '0' && ch <= '9') || (ch >= 'a' && ch <= 'f') || (ch >= 'A' && ch <= 'F');
+    }
+    bool String() {
+        if (!Accept('"')) return false;
+        while (mI < mS.size()) {
+            const unsigned char ch = static_cast<unsigned char>(mS[mI]);
+            if (ch == '"') {
+                ++mI;
+                return true;
+            }
+            if (ch < 0x20) return false;
+            if (ch == '\\') {
+                ++mI;
+                if (mI >= mS.size()) return false;
+                const char e = mS[mI++];
+                if (e == 'u') {
+                    for (int k = 0; k < 4; ++k, ++mI) {
+                        if (mI >= mS.size() || !IsHex(mS[mI])) return false;
+                    }
+                } else if (std::string("\"\\/bfnrt").find(e) == std::string::npos) {
+                    return false;
+                }
+                continue;
+            }
+            const size_t len = Utf8SeqLen(mS, mI);
+            if (len == 0) return false;
+            mI += len;
+        }
+        return false;
+    }
+    bool Scalar() {
+        if (At('"')) return String();
+        if (At('-') || AtDigit()) return Number();
+        return Literal("true") || Literal("false") || Literal("null");
+    }
+    bool MemberKey() {
+        SkipBlanks();
+        if (!String()) return false;
+        SkipBlanks();
+        return Accept(':');
+    }
+
+    const std::string& mS;
+    size_t mI = 0;
+};
+
+// What a stored value text becomes in the document: the text itself when it
+// is JSON (the normal case), else something that keeps the output valid.
+std::string ValueText(const std::string& text) {
+    if (text.empty()) return "null";
+    if (JsonChecker(text).IsValue()) return text;
+    return Quote(text);
+}
+
+// ---------------------------------------------------------------------------
+// Link texts
+// ---------------------------------------------------------------------------
+
+enum class eLinkWord { kObject, kArray, kObjectRef };
+
+struct sLink {
+    eLinkWord word = eLinkWord::kObject;
+    std::string name;  // empty for a list element
+    std::string target;
+};
+
+// Splits a link text by the rule of docs/meta-keys.md: the type word, one
+// blank, then either a target beginning "&&" or "/" (a list element), a
+// property name up to the next blank and a non-empty target (a hash field),
+// or a single word (a list element linking a plain text). "&&ArraySimple"
+// is read as "&&Array". False for any other text.
+bool ParseLink(const std::string& text, sLink& link) {
+    const size_t blank = text.find(' ');
+    if (blank == std::string::npos) return false;
+    const std::string word = text.substr(0, blank);
+    if (word == "&&Object") {
+        link.word = eLinkWord::kObject;
+    } else if (word == "&&Array" || word == "&&ArraySimple") {
+        link.word = eLinkWord::kArray;
+    } else if (word == "&&ObjectRef") {
+        link.word = eLinkWord::kObjectRef;
+    } else {
+        return false;
+    }
+    const std::string rest = text.substr(blank + 1);
+    if (rest.empty()) return false;
+    const size_t nameEnd = rest.find(' ');
+    if (rest.compare(0, 2, "&&") == 0 || rest[0] == '/' || nameEnd == std::string::npos) {
+        link.name.clear();
+        link.target = rest;
+        return true;
+    }
+    link.name = rest.substr(0, nameEnd);
+    link.target = rest.substr(nameEnd + 1);
+    return !link.name.empty() && !link.target.empty();
+}
+
+// The lists through which the front end reaches a resource's handlers: they
+// are routing data, linked like arrays but never part of a body.
+bool IsQueueWord(const std::string& name) {
+    return name == "GETQ" || name == "PATCHQ" || name == "POSTCREATEQ" || name == "DELETEQ" ||
+           name == "POSTACTIONQ";
+}
+
+// ---------------------------------------------------------------------------
+// Assembly
+// ---------------------------------------------------------------------------
+
+enum class eNodeKind { kHash, kList };
+
+struct sMember {
+    std::string name;   // the member's name in the document
+    std::string field;  // the stored field name: orders members of the same name
+    std::string value;  // rendered value
+};
+
+class TreeAssembler {
+public:
+    TreeAssembler(redisContext* c, const sStoreTreeOptions& options) : mC(c), mOpt(options) {}
+
+    bool Read(const std::string& jpath, std::string& json, std::string& error) {
+        ReplyPtr type = Command(mC, {"TYPE", jpath});
+        if (!type) return Fail(error, ContextError(mC));
+        if (type->type == REDIS_REPLY_ERROR)
+            return Fail(error, "store error: " + ReplyText(type.get()));
+        const std::string typeName = ReplyText(type.get());
+        eNodeKind kind;
+        if (typeName == "hash") {
+            kind = eNodeKind::kHash;
+        } else if (typeName == "list") {
+            kind = eNodeKind::kList;
+        } else if (typeName == "none") {
+            return Fail(error, "no such key");
+        } else {
+            return Fail(error, "the key is a " + typeName + ", not a hash or a list");
+        }
+        bool missing = false;
+        if (!Node(jpath, kind, 0, 0, json, &missing)) return Fail(error, mError);
+        // Deleted between TYPE and the read.
+        if (missing) return Fail(error, "no such key");
+        return true;
+    }
+
+private:
+    bool Fail(std::string& error, const std::string& why) {
+        error = why;
+        return false;
+    }
+
+    // Appends the document of `key`, expected to be of `kind`, at link depth
+    // `depth` and indent level `indent`. A missing key, a key of another kind,
+    // a key already being expanded on this path and a depth beyond the limit
+    // give null (`*missing` set for the first). False only when the store
+    // fails; the reason is in mError.
+    bool Node(const std::string& key, eNodeKind kind, unsigned depth, unsigned indent,
+              std::string& out, bool* missing = nullptr) {
+        if (depth > kStoreTreeMaxDepth ||
+            std::find(mPath.begin(), mPath.end(), key) != mPath.end()) {
+            out += "null";
+            return true;
+        }
+        ReplyPtr r = kind == eNodeKind::kHash ? Command(mC, {"HGETALL", key})
+                                              : Command(mC, {"LRANGE", key, "0", "-1"});
+        if (!r) {
+            mError = ContextError(mC);
+            return false;
+        }
+        if (r->type == REDIS_REPLY_ERROR) {
+            const std::string text = ReplyText(r.get());
+            if (text.compare(0, 9, "WRONGTYPE") == 0) {
+                out += "null";
+                return true;
+            }
+            mError = "store error: " + text;
+            return false;
+        }
+        if (r->type != REDIS_REPLY_ARRAY) {
+            mError = "unexpected store reply";
+            return false;
+        }
+        // Redis keeps no empty hashes or lists: no element means no key.
+        if (r->elements == 0) {
+            if (missing != nullptr) *missing = true;
+            out += "null";
+            return true;
+        }
+        mPath.push_back(key);
+        const bool ok = kind == eNodeKind::kHash ? Hash(r.get(), depth, indent, out)
+                                                 : List(r.get(), depth, indent, out);
+        mPath.pop_back();
+        return ok;
+    }
+
+    bool Hash(const redisReply* r, unsigned depth, unsigned indent, std::string& out) {
+        std::vector<sMember> members;
+        for (size_t i = 0; i + 1 < r->elements; i += 2) {
+            sMember m;
+            m.field = ReplyText(r->element[i]);
+            const std::string value = ReplyText(r->element[i + 1]);
+            if (m.field.compare(0, 2, "&&") != 0) {
+                m.name = m.field;
+                m.value = ValueText(value);
+                members.push_back(std::move(m));
+                continue;
+            }
+            sLink link;
+            const bool isLink = ParseLink(m.field, link) && !link.name.empty();
+            const bool isQueue = isLink && link.word == eLinkWord::kArray && IsQueueWord(link.name);
+            if (!isLink || isQueue) {
+                // Meta data and routing lists: only the debug view shows them,
+                // under the whole field name.
+                if (!mOpt.includeMeta) continue;
+                m.name = m.field;
+                if (isQueue) {
+                    if (!Node(link.target, eNodeKind::kList, depth + 1, indent + 1, m.value))
+                        return false;
+                } else {
+                    m.value = ValueText(value);
+                }
+                members.push_back(std::move(m));
+                continue;
+            }
+            m.name = link.name;
+            if (link.word == eLinkWord::kObjectRef) {
+                // A link written into "@odata.id" is the URI itself.
+                m.value = link.name == "@odata.id" ? Quote(link.target)
+                                                   : RefObject(link.target, indent + 1);
+            } else if (!Node(link.target,
+                             link.word == eLinkWord::kObject ? eNodeKind::kHash : eNodeKind::kList,
+                             depth + 1, indent + 1, m.value)) {
+                return false;
+            }
+            members.push_back(std::move(m));
+        }
+        std::sort(members.begin(), members.end(), [](const sMember& a, const sMember& b) {
+            return a.name != b.name ? a.name < b.name : a.field < b.field;
+        });
+        std::vector<std::string> items;
+        items.reserve(members.size());
+        for (const auto& m : members) {
+            items.push_back(Quote(m.name) + (mOpt.pretty ? ": " : ":") + m.value);
+        }
+        Container('{', '}', items, indent, out);
+        return true;
+    }
+
+    bool List(const redisReply* r, unsigned depth, unsigned indent, std::string& out) {
+        std::vector<std::string> items;
+        items.reserve(r->elements);
+        for (size_t i = 0; i < r->elements; ++i) {
+            const std::string text = ReplyText(r->element[i]);
+            if (text.compare(0, 2, "&&") != 0) {
+                items.push_back(ValueText(text));
+                continue;
+            }
+            sLink link;
+            if (!ParseLink(text, link) || !link.name.empty()) {
+                if (mOpt.includeMeta) items.push_back(Quote(text));
+                continue;
+            }
+            std::string value;
+            if (link.word == eLinkWord::kObjectRef) {
+                value = RefObject(link.target, indent + 1);
+            } else if (!Node(link.target,
+                             link.word == eLinkWord::kObject ? eNodeKind::kHash : eNodeKind::kList,
+                             depth + 1, indent + 1, value)) {
+                return false;
+            }
+            items.push_back(std::move(value));
+        }
+        Container('[', ']', items, indent, out);
+        return true;
+    }
+
+    // {"@odata.id": "<target>"} at indent level `indent`.
+    std::string RefObject(const std::string& target, unsigned indent) const {
+        std::string out;
+        Container('{', '}', {Quote("@odata.id") + (mOpt.pretty ? ": " : ":") + Quote(target)},
+                  indent, out);
+        return out;
+    }
+
+    void Container(char open, char close, const std::vector<std::string>& items, unsigned indent,
+                   std::string& out) const {
+        out += open;
+        if (items.empty()) {
+            out += close;
+            return;
+        }
+        const std::string inner = mOpt.pretty ? "\n" + std::string(4 * (indent + 1), ' ') : "";
+        for (size_t i = 0; i < items.size(); ++i) {
+            if (i > 0) out += ',';
+            out += inner;
+            out += items[i];
+        }
+        if (mOpt.pretty) out += "\n" + std::string(4 * indent, ' ');
+        out += close;
+    }
+
+    redisContext* mC;
+    const sStoreTreeOptions& mOpt;
+    std::vector<std::string> mPath;  // keys being expanded, top first
+    std::string mError;
+};
+
+}  // namespace
+
+bool ReadStoreTree(redisContext* c, const std::string& jpath, std::string& json, std::string* error,
+                   const sStoreTreeOptions& options) {
+    json.clear();
+    std::string why;
+    bool ok = false;
+    if (c == nullptr || c->err != 0) {
+        why = ContextError(c);
+    } else {
+        ok = TreeAssembler(c, options).Read(jpath, json, why);
+    }
+    if (!ok) {
+        json.clear();
+        if (error != nullptr) *error = why;
+    }
+    return ok;
+}
+
+bool ListStoreKeys(redisContext* c, const std::string& pattern, std::vector<std::string>& keys,
+                   std::string* error) {
+    keys.clear();
+    const auto fail = [&](const std::string& why) {
+        keys.clear();
+        if (error != nullptr) *error = why;
+        return false;
+    };
+    if (c == nullptr || c->err != 0) return fail(ContextError(c));
+    // SCAN may return a key more than once while the store changes.
+    std::set<std::string> found;
+    std::string cursor = "0";
+    do {
+        ReplyPtr r = Command(c, {"SCAN", cursor, "MATCH", pattern, "COUNT", "1000"});
+        if (!r) return fail(ContextError(c));
+        if (r->type == REDIS_REPLY_ERROR) return fail("store error: " + ReplyText(r.get()));
+        if (r->type != REDIS_REPLY_ARRAY || r->elements != 2 ||
+            r->element[0]->type != REDIS_REPLY_STRING || r->element[1]->type != REDIS_REPLY_ARRAY) {
+            return fail("unexpected store reply");
+        }
+        cursor = ReplyText(r->element[0]);
+        for (size_t i = 0; i < r->element[1]->elements; ++i) {
+            found.insert(ReplyText(r->element[1]->element[i]));
+        }
+    } while (cursor != "0");
+    keys.assign(found.begin(), found.end());
+    return true;
+}
+
+}  // namespace Orbel

@@ -1,0 +1,64 @@
+// Store tree reader: assembles, from the Redis store alone, the JSON document
+// that the front end serves for a JPath, following the link fields of the
+// tree (docs/wire-protocol.md, "Assembling a body").
+//
+// It talks plain hiredis and shares nothing with the library's store client
+// or object model, so that a test or a developer reading its output sees what
+// the library wrote, not what the library believes it wrote. The command
+// `orbel-tree` and the test suites use it.
+//
+// Threads: the functions keep no state and may run on any thread; the
+// redisContext belongs to the calling thread (a hiredis context is not
+// thread-safe) and is only read from and written to, never freed.
+#ifndef ORBEL_STORETREEREADER_H
+#define ORBEL_STORETREEREADER_H
+
+#include <hiredis/hiredis.h>
+
+#include <string>
+#include <vector>
+
+namespace Orbel {
+
+// Links are followed at most this many levels below the requested node;
+// a deeper link yields null.
+constexpr unsigned kStoreTreeMaxDepth = 64;
+
+struct sStoreTreeOptions {
+    // Indented output (4 blanks a level, one member or element a line);
+    // false gives one line without any blank between tokens.
+    bool pretty = true;
+    // Debug view: keep the "&&" fields a body leaves out (the request queue
+    // lists, "&&Async", malformed link texts, ...), each as a member named by
+    // the whole field name.
+    bool includeMeta = false;
+};
+
+// Reads the node stored under `jpath` (a hash gives an object, a list an
+// array) and every node it links, and writes the document into `json`
+// (without a trailing newline).
+//
+// Returns true on success. Returns false, with `json` emptied and the reason
+// in `*error` (when `error` is not null), when `c` is null or in error, the
+// key does not exist, the key is neither a hash nor a list, or the store
+// fails or goes away while the document is read. Problems below the
+// requested node (a link to a missing key or to a key of the wrong type, a
+// cycle, the depth limit) are not failures: they render as null.
+//
+// The document is valid JSON whatever the store holds: members are sorted by
+// name; a value text that is empty renders as null; one that is not a JSON
+// value (a stored string with an unescaped quote, a bare word, bytes that are
+// not UTF-8) renders as a JSON string holding the text.
+bool ReadStoreTree(redisContext* c, const std::string& jpath, std::string& json,
+                   std::string* error = nullptr, const sStoreTreeOptions& options = {});
+
+// Lists the keys that match the glob `pattern` (Redis MATCH syntax), sorted
+// byte-wise, without duplicates. Uses SCAN, so a large store is not blocked.
+// Returns false, with `keys` emptied and the reason in `*error`, when `c` is
+// null or in error or the store fails.
+bool ListStoreKeys(redisContext* c, const std::string& pattern, std::vector<std::string>& keys,
+                   std::string* error = nullptr);
+
+}  // namespace Orbel
+
+#endif  // ORBEL_STORETREEREADER_H
