@@ -111,6 +111,12 @@ public:
     void ResourceDestroy();
 
 protected:
+    // For derived node types (collections): builds the ZObject part only;
+    // the derived constructor runs Initial() and the default contents.
+    ZResource(ZObject* parent, ZSchema* schema, eType type, const std::string& id,
+              const std::string& name, uint32_t attributes);
+    // Initial(), the schema's map and the default contents (without apply).
+    bool _InitResource();
     void _InitFillDefaultContents();
     void _InitFillCRUDChannel(ZJsonArray* channelArray, int method);
 
@@ -122,8 +128,7 @@ private:
     std::string mOdataId;
     std::string mLockKey;
 
-    std::mutex mLockSerial;  // serialises Lock/Unlock attempts
-    std::mutex mLockMutex;   // guards mLockOwner, mLockDepth
+    std::mutex mLockMutex;  // guards mLockOwner, mLockDepth
     unsigned long mLockOwner = 0;
     int mLockDepth = 0;
 

@@ -95,6 +95,9 @@ public:
     // Resource map, by resource name.
     eRtCode AddResource(ZResource* resource);
     eRtCode DelResource(const std::string& name);
+    // As DelResource(name), but only when the entry designates `expected`
+    // (a resource refused for a duplicate name must not remove the first).
+    eRtCode DelResource(const std::string& name, ZResource* expected);
     ZResource* GetResource(const std::string& name);
     std::map<std::string, ZResource*> GetResourceList();  // a copy
     size_t GetResourceNum();
