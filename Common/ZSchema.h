@@ -120,6 +120,10 @@ protected:
     bool mEtagEnabled = false;
 
 private:
+    // Retires every resource that names this schema as owner (the mapped
+    // ones and any refused for a duplicate name), so none outlives it.
+    void _RetireOwnedResources();
+
     // The application whose list holds this schema (set by a successful
     // Init); the destructor takes the schema off that list.
     ZApplication* mOwnerApp = nullptr;

@@ -76,6 +76,20 @@ void ZSchema::DestroyAllResources() {
     }
 }
 
+void ZSchema::_RetireOwnedResources() {
+    DestroyAllResources();
+    ZApplication* app = zApp;
+    if (app == nullptr) return;
+    for (const std::string& jpath : app->GetObjectList()) {
+        ZObject* obj = app->GetObject(jpath);
+        if (obj == nullptr || !obj->IsResourceType() || !app->UseIfValid(obj)) continue;
+        if (static_cast<ZResource*>(obj)->OwnedBySchema() == this) {
+            obj->ObjDestroy(ZObject::eDestroyDelete, true);
+        }
+        obj->DecreaseUsingCount();
+    }
+}
+
 std::string ZSchema::DumpResources() {
     std::ostringstream out;
     out << "Dump schema[" << mName << "] resources:\n";
