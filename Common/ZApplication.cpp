@@ -71,6 +71,14 @@ const char* const kUsage =
     "                            The priority is higher than -i option. For example: -e 5,7 \n"
     "SchemaIDs: \n";
 
+// The application whose Exec registered with VEX, if its Exec is still
+// running. The platform delivers events on a thread of its own and offers
+// no way to unregister, so every delivery takes this mutex: an application
+// is unhooked (under it) before Exec returns and again in its destructor, and
+// a callback in flight finishes first.
+std::mutex gVexDeliveryMutex;
+ZApplication* gVexDeliveryApp = nullptr;  // guarded by gVexDeliveryMutex
+
 long CurrentTid() {
     return static_cast<long>(syscall(SYS_gettid));
 }
@@ -179,6 +187,10 @@ ZApplication::ZApplication(const std::string& appName)
 }
 
 ZApplication::~ZApplication() {
+    {
+        std::lock_guard<std::mutex> lock(gVexDeliveryMutex);
+        if (gVexDeliveryApp == this) gVexDeliveryApp = nullptr;
+    }
     // No thread of ours may outlive the object: the signal thread first
     // (it may call Exit() and SigHandle()), then the process loop when Exec
     // did not get to join it.
@@ -593,6 +605,10 @@ void ZApplication::_RegisterVexEvents() {
                  res);
         }
     }
+    {
+        std::lock_guard<std::mutex> lock(gVexDeliveryMutex);
+        gVexDeliveryApp = this;
+    }
     if (vex_event_callback_register(VexEventCallback) == 0) {
         ZLOG(eZLogError, "Failed to call vex_event_callback_register() \n");
     } else {
@@ -626,8 +642,10 @@ ZApplication::VexEventCallback_t ZApplication::GetVexEventCallback(const std::st
 }
 
 void ZApplication::VexEventCallback(EVENT_TYPE type, char* eventName, int dataLen, void* data) {
-    ZApplication* app = zApp;
-    if (app == nullptr || eventName == nullptr) return;
+    if (eventName == nullptr) return;
+    std::lock_guard<std::mutex> lock(gVexDeliveryMutex);
+    ZApplication* app = gVexDeliveryApp;
+    if (app == nullptr) return;  // no Exec running: nobody to deliver to
     VexEventCallback_t callback = app->GetVexEventCallback(eventName);
     if (callback == nullptr) {
         ZLOG(eZLogWarning, "No callback for VEX event[%s]\n", eventName);
@@ -679,14 +697,21 @@ void ZApplication::_WaitAllThreadsExit() {
         ZLOG(eZLogInfo, "Wait Schema[%s] threads exiting..\n", schema->GetName().c_str());
         schema->WaitThreadsExit();
     }
-    if (!mProcLoopThread.joinable()) {
+    if (mProcLoopThread.joinable()) {
+        // Exec is past its exit wait, so the process is ending whatever woke
+        // it (a plug-in may notify zAppExitCv directly): tell the loop too.
+        _MarkExited();
+        mProcLoopThread.join();
+    } else {
         ZLOG(eZLogError, "mProcLoopThread is NULL.\n");
-        return;
     }
-    // Exec is past its exit wait, so the process is ending whatever woke it
-    // (a plug-in may notify zAppExitCv directly): tell the loop as well.
-    _MarkExited();
-    mProcLoopThread.join();
+    // The signal thread calls into the plug-in (SigHandle, Exit): once Exec
+    // returns, main() may destroy the application, so the thread must be
+    // done by then.
+    _StopSigThread();
+    // Likewise no VEX event reaches the plug-in's callbacks any more.
+    std::lock_guard<std::mutex> lock(gVexDeliveryMutex);
+    if (gVexDeliveryApp == this) gVexDeliveryApp = nullptr;
 }
 
 // ---------------------------------------------------------------------------

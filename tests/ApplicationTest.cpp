@@ -13,6 +13,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <regex>
 #include <thread>
 
@@ -57,8 +58,12 @@ std::string ExpectedUsage(const std::string& prog, const std::vector<std::string
 
 const std::vector<std::string> kPluginSchemas = {"Alpha", "Bravo", "Charlie", "Delta", "Echo"};
 
-std::string PluginPath() { return BuiltProgram("tests/TestPlugin"); }
-std::string SimToolPath() { return BuiltProgram("platform/sim/orbel-sim"); }
+std::string PluginPath() {
+    return BuiltProgram("tests/TestPlugin");
+}
+std::string SimToolPath() {
+    return BuiltProgram("platform/sim/orbel-sim");
+}
 
 std::string RedfishDir(const std::string& sysroot = SysrootDir()) {
     return sysroot + "/tmp/Redfish/";
@@ -73,8 +78,9 @@ std::string ReadyFile(const std::string& app, const std::string& sysroot = Sysro
     for (const auto& text : texts) {
         size_t at = out.find(text, pos);
         if (at == std::string::npos) {
-            return ::testing::AssertionFailure() << "missing or out of order: [" << text
-                                                 << "] in:\n" << out;
+            return ::testing::AssertionFailure()
+                   << "missing or out of order: [" << text << "] in:\n"
+                   << out;
         }
         pos = at + text.size();
     }
@@ -144,6 +150,20 @@ std::unique_ptr<ChildProcess> StartPlugin(const std::string& app, std::vector<st
     return ::testing::AssertionFailure() << "no ready file; output:\n" << child.Output();
 }
 
+// Threads of this process that carry one of the frame's thread names.
+size_t CountFrameThreads() {
+    size_t n = 0;
+    DIR* dir = opendir("/proc/self/task");
+    if (dir == nullptr) return 0;
+    while (struct dirent* e = readdir(dir)) {
+        if (e->d_name[0] == '.') continue;
+        std::string comm = ReadFile(std::string("/proc/self/task/") + e->d_name + "/comm");
+        if (comm == "ZAppProcLoop\n" || comm == "ZAppSigHandler\n") ++n;
+    }
+    closedir(dir);
+    return n;
+}
+
 size_t CountDirEntries(const char* path) {
     size_t n = 0;
     DIR* dir = opendir(path);
@@ -159,7 +179,7 @@ size_t CountDirEntries(const char* path) {
 // store is up and empty, and the front end is reported ready unless the
 // test says otherwise.
 class PluginProcessTest : public StoreTest {
-protected:
+  protected:
     void SetUp() override {
         StoreTest::SetUp();
         SetCorvelReady(true);
@@ -204,9 +224,7 @@ TEST(ApplicationOptionsTest, DebugOptionSwitchesAllOrAList) {
         // A comma makes a list even around 0 and 1; IDs below 2 are skipped.
         {{"-d", "1,3", "-h"}, "Debug log for Schemas: Bravo \n", "1,3"},
         // An ID past the table stops the parse: 3 is never read.
-        {{"-d", "2,9,3", "-h"},
-         "outFlagIdx:7 out of buffer size.\nDebug log for Schemas: Alpha \n",
-         "2,9,3"},
+        {{"-d", "2,9,3", "-h"}, "outFlagIdx:7 out of buffer size.\n", "2,9,3"},
         // Without any -d the variable is reset to "0".
         {{"-h"}, "Usage: ", "0"},
     };
@@ -225,6 +243,8 @@ TEST(ApplicationOptionsTest, DebugOptionSwitchesAllOrAList) {
     }
     EXPECT_NE(children[2]->Output().find("INFO: Enable debug log for Schemas: 2,4\n"),
               std::string::npos);
+    EXPECT_TRUE(InOrder(children[4]->Output(),
+                        {"outFlagIdx:7 out of buffer size.\n", "Debug log for Schemas: Alpha \n"}));
 }
 
 TEST(ApplicationOptionsTest, IncludeAndExcludeSelectTheSchemasCreated) {
@@ -233,17 +253,24 @@ TEST(ApplicationOptionsTest, IncludeAndExcludeSelectTheSchemasCreated) {
         std::vector<std::string> args;
         std::vector<std::string> created;
         std::string printed;
+        bool echoTried;  // Echo (ID 6) selected: its factory runs and fails
     };
     const std::vector<Case> cases = {
-        {{}, {"Alpha", "Bravo", "Charlie", "Delta"}, ""},
+        {{}, {"Alpha", "Bravo", "Charlie", "Delta"}, "", true},
         // Exclusion wins over inclusion.
-        {{"-i", "2,3", "-e", "3"}, {"Alpha"}, "Include Schemas: Alpha Bravo \n"},
-        {{"-e", "2,5"}, {"Bravo", "Charlie"}, "Exclude Schemas: Alpha Delta \n"},
-        {{"-i", "2,9,3"}, {"Alpha"}, "outFlagIdx:7 out of buffer size.\n"},
+        {{"-i", "2,3", "-e", "3"}, {"Alpha"}, "Include Schemas: Alpha Bravo \n", false},
+        {{"-e", "2,5"}, {"Bravo", "Charlie"}, "Exclude Schemas: Alpha Delta \n", true},
+        {{"-i", "2,9,3"}, {"Alpha"}, "outFlagIdx:7 out of buffer size.\n", false},
         // Junk tokens convert to 0 and are skipped; "4y" reads as 4.
-        {{"-i", "x,4y,,-1,0,1,5"}, {"Charlie", "Delta"}, "Include Schemas: Charlie Delta \n"},
+        {{"-i", "x,4y,,-1,0,1,5"},
+         {"Charlie", "Delta"},
+         "Include Schemas: Charlie Delta \n",
+         false},
         // Repeated lists add up.
-        {{"-i", "3", "-i", "4"}, {"Bravo", "Charlie"}, "Include Schemas: Bravo Charlie \n"},
+        {{"-i", "3", "-i", "4,6"},
+         {"Bravo", "Charlie"},
+         "Include Schemas: Bravo Charlie Echo \n",
+         true},
     };
     std::vector<std::unique_ptr<ChildProcess>> children;
     for (size_t i = 0; i < cases.size(); ++i) {
@@ -252,15 +279,13 @@ TEST(ApplicationOptionsTest, IncludeAndExcludeSelectTheSchemasCreated) {
     for (size_t i = 0; i < cases.size(); ++i) {
         SCOPED_TRACE("case " + std::to_string(i));
         std::string marker = "ZApplication[RF_Sel" + std::to_string(i) + "] initialed.\n";
-        ASSERT_TRUE(children[i]->WaitForOutput(marker, kStartTimeoutMs))
-            << children[i]->Output();
+        ASSERT_TRUE(children[i]->WaitForOutput(marker, kStartTimeoutMs)) << children[i]->Output();
         std::string out = children[i]->Output();
         EXPECT_EQ(CreatedSchemas(out), cases[i].created) << out;
         EXPECT_NE(out.find(cases[i].printed), std::string::npos) << out;
-        const bool echoSelected = cases[i].args.empty();
-        EXPECT_EQ(out.find("WARNING: Failed to initial Schema[Echo]. res:-3\n") !=
-                      std::string::npos,
-                  echoSelected)
+        EXPECT_EQ(
+            out.find("WARNING: Failed to initial Schema[Echo]. res:-3\n") != std::string::npos,
+            cases[i].echoTried)
             << out;
     }
 }
@@ -290,13 +315,12 @@ TEST_F(PluginProcessTest, WaitsForTheFrontEndThenReportsReadyAndExitsInOrder) {
     ASSERT_TRUE(child->WaitForOutput("INFO: Register signal(12) \n", kStartTimeoutMs));
 
     out = child->Output();
-    EXPECT_TRUE(InOrder(out, {"Stage post[Alpha] step[3]\n", "Stage post[Delta] step[3]\n",
-                              "PostCorvelReady_InitAllSchemaResources done!\n",
-                              "Stage after[Alpha] step[3]\n", "Stage after[Delta] step[3]\n",
-                              "PostCorvelReady_AfterTreatment done!\n"}));
+    EXPECT_TRUE(InOrder(
+        out, {"Stage post[Alpha] step[3]\n", "Stage post[Delta] step[3]\n",
+              "PostCorvelReady_InitAllSchemaResources done!\n", "Stage after[Alpha] step[3]\n",
+              "Stage after[Delta] step[3]\n", "PostCorvelReady_AfterTreatment done!\n"}));
     EXPECT_NE(out.find("AppInitDoneProcess step[4]\n"), std::string::npos);
-    EXPECT_NE(out.find("Success to call vex_init( RF_Session, 0x7266736e ) \n"),
-              std::string::npos);
+    EXPECT_NE(out.find("Success to call vex_init( RF_Session, 0x7266736e ) \n"), std::string::npos);
     // Event callbacks: accepted before Exec and from a factory, a duplicate
     // refused, and refused once VEX registration has run.
     EXPECT_NE(out.find("Register[TestEvent] at main: rt=0\n"), std::string::npos);
@@ -315,12 +339,15 @@ TEST_F(PluginProcessTest, WaitsForTheFrontEndThenReportsReadyAndExitsInOrder) {
     out = child->Output();
     // The shutdown order: the signal, the exit hook, the schemas' threads in
     // list order, the process loop, then the schemas are deleted in list order.
-    EXPECT_TRUE(InOrder(out, {"SigHandle(15)\n", "AppExitProcess\n",
-                              "Wait Schema[Alpha] threads exiting..\n",
-                              "Wait Schema[Delta] threads exiting..\n", "ZApp thread exited\n",
-                              "zApp Exit.\n", "Exec returned 0\n",
-                              "Deleted schema[Alpha]\nDeleted schema[Bravo]\n"
-                              "Deleted schema[Charlie]\nDeleted schema[Delta]\n"}));
+    // The signal thread and the process loop end on their own threads; by
+    // the time Exec returns both are done.
+    EXPECT_TRUE(InOrder(out, {"SigHandle(15)\n", "AppSysSigHandle:INFO: Exit\n", "zApp Exit.\n"}));
+    EXPECT_TRUE(InOrder(out, {"ZApp thread exited\n", "zApp Exit.\n"}));
+    EXPECT_TRUE(
+        InOrder(out, {"AppExitProcess\n", "Wait Schema[Alpha] threads exiting..\n",
+                      "Wait Schema[Delta] threads exiting..\n", "zApp Exit.\n", "Exec returned 0\n",
+                      "Deleted schema[Alpha]\n", "Deleted schema[Bravo]\n",
+                      "Deleted schema[Charlie]\n", "Deleted schema[Delta]\n"}));
 }
 
 TEST_F(PluginProcessTest, TerminationIsIgnoredWhileTheControllerShutsDown) {
@@ -351,6 +378,13 @@ TEST_F(PluginProcessTest, TerminationIsIgnoredWhileTheControllerShutsDown) {
     EXPECT_EQ(out.find("AppExitProcess"), std::string::npos) << out;
     ASSERT_TRUE(child->Signal(SIGKILL));
     EXPECT_EQ(child->Wait(kExitTimeoutMs), 128 + SIGKILL);
+}
+
+TEST_F(PluginProcessTest, AnEarlyReturnLeavesNothingInTheAccessBlockList) {
+    auto child = StartPlugin("RF_Session", {"-h"});
+    ASSERT_EQ(child->Wait(kExitTimeoutMs), 0);
+    EXPECT_EQ(child->Output().find("Failed to call RedisConnect()"), std::string::npos);
+    EXPECT_TRUE(SMembers("&&AccessBlockList").empty());
 }
 
 TEST_F(PluginProcessTest, StartsWithoutAnyStore) {
@@ -447,8 +481,8 @@ TEST_F(PluginProcessTest, RaisedEventsReachTheRegisteredCallbacks) {
     ChildProcess tool({SimToolPath(), "event", "raise", "TestEvent", "hello"});
     ASSERT_TRUE(tool.Start());
     ASSERT_EQ(tool.Wait(kExitTimeoutMs), 0) << tool.Output();
-    ASSERT_TRUE(child->WaitForOutput("Event[TestEvent] type[1] len[5] data[hello]\n",
-                                     kStartTimeoutMs))
+    ASSERT_TRUE(
+        child->WaitForOutput("Event[TestEvent] type[1] len[5] data[hello]\n", kStartTimeoutMs))
         << child->Output();
     ASSERT_NE(vex_event_raise("FactoryEvent", nullptr, 0), 0);
     ASSERT_TRUE(
@@ -472,9 +506,20 @@ int SoloFactory(void*) {
 }
 const ZApplication::sSchemaFactory kSoloTable[] = {{"Solo", SoloFactory}};
 
+// Events arrive on the platform's listener thread.
+std::mutex gEventsMutex;
 std::vector<std::string> gEvents;
 void RecordEvent(EVENT_TYPE, char* name, int len, void*) {
+    std::lock_guard<std::mutex> lock(gEventsMutex);
     gEvents.push_back(std::string(name) + ":" + std::to_string(len));
+}
+std::vector<std::string> RecordedEvents() {
+    std::lock_guard<std::mutex> lock(gEventsMutex);
+    return gEvents;
+}
+void ClearEvents() {
+    std::lock_guard<std::mutex> lock(gEventsMutex);
+    gEvents.clear();
 }
 void OtherEvent(EVENT_TYPE, char*, int, void*) {}
 
@@ -491,7 +536,8 @@ TEST(ApplicationInProcessTest, ConstructionPublishesAndDestructionRestores) {
         EXPECT_EQ(app.GetDbgInfoVexName(), "plugins/RF_Path_dbg_Info");
         EXPECT_EQ(app.GetInitStep(), 0u);
         EXPECT_FALSE(app.isExited());
-        EXPECT_TRUE(std::regex_match(ZApplication::CommLibVer(), std::regex("[0-9]+\\.[0-9]+\\.[0-9]+")));
+        EXPECT_TRUE(
+            std::regex_match(ZApplication::CommLibVer(), std::regex("[0-9]+\\.[0-9]+\\.[0-9]+")));
         {
             // A nested application (tests build several) restores the first.
             ZApplication inner("RF_Inner");
@@ -547,7 +593,7 @@ TEST(ApplicationInProcessTest, SchemaListKeepsOrderRefusesDuplicatesAndOwnsSchem
     EXPECT_EQ(deleted, (std::vector<std::string>{"C", "A"}));
 }
 
-TEST(ApplicationInProcessTest, VexEventCallbacksAreRegisteredOnceAndForwarded) {
+TEST(ApplicationInProcessTest, VexEventCallbacksAreRegisteredOnceAndOnlyDeliveredDuringExec) {
     ZApplication app("RF_Events");
     EXPECT_EQ(app.RegisterVexEventCallback("Ev1", RecordEvent), Orbel::RT_SUCCESS);
     EXPECT_EQ(app.RegisterVexEventCallback("Ev1", OtherEvent), Orbel::RT_FAILURE);
@@ -555,12 +601,12 @@ TEST(ApplicationInProcessTest, VexEventCallbacksAreRegisteredOnceAndForwarded) {
     EXPECT_EQ(app.GetVexEventCallback("Ev1"), &RecordEvent);  // the first one stays
     EXPECT_EQ(app.GetVexEventCallback("Ev2"), nullptr);
 
-    gEvents.clear();
+    // The platform may deliver at any time; without a running Exec there
+    // is nobody to hand the event to, and nothing is called.
+    ClearEvents();
     char ev1[] = "Ev1";
-    char ev2[] = "Ev2";
     ZApplication::VexEventCallback(VEX_EVENT_RAISED, ev1, 3, nullptr);
-    ZApplication::VexEventCallback(VEX_EVENT_RAISED, ev2, 0, nullptr);  // no callback
-    EXPECT_EQ(gEvents, (std::vector<std::string>{"Ev1:3"}));
+    EXPECT_TRUE(RecordedEvents().empty());
 }
 
 TEST(ApplicationInProcessTest, HelpStartsNoThreadAndExecCanRunAgain) {
@@ -595,11 +641,16 @@ class ApplicationInProcessStoreTest : public StoreTest {};
 
 TEST_F(ApplicationInProcessStoreTest, FullLifeLeavesNoThreadDescriptorOrHandler) {
     SetCorvelReady(true);
-    const size_t threadsBefore = CountDirEntries("/proc/self/task");
+    // The platform's event listener keeps a socket and a pipe for the life of
+    // the process; have it started before counting descriptors.
+    ASSERT_NE(vex_event_callback_register(ZApplication::VexEventCallback), 0);
     const size_t fdsBefore = CountDirEntries("/proc/self/fd");
     gCreated.clear();
+    ClearEvents();
+    char inEv[] = "InEv";
     {
         ZApplication app("RF_Log");
+        ASSERT_EQ(app.RegisterVexEventCallback("InEv", RecordEvent), Orbel::RT_SUCCESS);
         char prog[] = "prog";
         char* argv[] = {prog, nullptr};
         ZApplication::sExecParams params{1, argv, kSoloTable, 1};
@@ -612,8 +663,8 @@ TEST_F(ApplicationInProcessStoreTest, FullLifeLeavesNoThreadDescriptorOrHandler)
         EXPECT_EQ(ReadFile(ReadyFile("RF_Log")), "Ready\n");
         EXPECT_EQ(SMembers("&&AccessBlockList").count("RF_Log"), 0u);
         EXPECT_TRUE(Orbel::zLogPrint->IsAppInitDone());
-        // Main, process loop and signal thread.
-        EXPECT_EQ(CountDirEntries("/proc/self/task"), threadsBefore + 3);
+        // The process loop and the signal thread.
+        EXPECT_EQ(CountFrameThreads(), 2u);
 
         size_t mark = ReadFile(app.WorkDir() + ".log").size();
         EXPECT_EQ(app.RegisterVexEventCallback("Late", RecordEvent), Orbel::RT_FAILURE);
@@ -622,9 +673,18 @@ TEST_F(ApplicationInProcessStoreTest, FullLifeLeavesNoThreadDescriptorOrHandler)
                       .find("Should call this function not before the step 2.\n"),
                   std::string::npos);
 
+        // While Exec runs, raised events reach the callback.
+        ASSERT_NE(vex_event_raise("InEv", "12345", 5), 0);
+        EXPECT_TRUE(WaitUntil([] { return !RecordedEvents().empty(); }, kStartTimeoutMs));
+        EXPECT_EQ(RecordedEvents(), (std::vector<std::string>{"InEv:5"}));
+
         app.Exit();
         exec.join();
         EXPECT_EQ(rt, 0);
+        // Once Exec has returned, a late delivery reaches nobody.
+        ClearEvents();
+        ZApplication::VexEventCallback(VEX_EVENT_RAISED, inEv, 0, nullptr);
+        EXPECT_TRUE(RecordedEvents().empty());
         std::string log = ReadFile(app.WorkDir() + ".log");
         EXPECT_NE(log.find("[INFO] ZApplication.cpp:Exec(): zApp Exit.\n"), std::string::npos)
             << log;
@@ -632,7 +692,7 @@ TEST_F(ApplicationInProcessStoreTest, FullLifeLeavesNoThreadDescriptorOrHandler)
         // The start-up log was set aside once start-up was over.
         EXPECT_TRUE(FileExists(app.WorkDir() + ".loginit.gz"));
     }
-    EXPECT_EQ(CountDirEntries("/proc/self/task"), threadsBefore);
+    EXPECT_EQ(CountFrameThreads(), 0u);
     EXPECT_EQ(CountDirEntries("/proc/self/fd"), fdsBefore);
     struct sigaction sa;
     for (int sig : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2}) {

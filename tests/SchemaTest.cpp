@@ -33,8 +33,7 @@ TEST(SchemaTest, WithoutAnApplicationTheNameIsEmptyAndInitFails) {
 }
 
 TEST(SchemaTest, ThePrintNameDefaultsToTheSchemaName) {
-    ZSchema schema("ChassisCollection", "", ZSchema::CRUDQ_READ | ZSchema::CRUDQ_CREATE,
-                   "Chassis");
+    ZSchema schema("ChassisCollection", "", ZSchema::CRUDQ_READ | ZSchema::CRUDQ_CREATE, "Chassis");
     EXPECT_EQ(schema.GetCRUDqFlag(), 0x3u);  // create is bit 0, read bit 1
     EXPECT_EQ(schema.GetOdataPrintName(), "ChassisCollection");
     schema.SetOdataPrintName("ChassisColl");

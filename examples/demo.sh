@@ -1,0 +1,132 @@
+#!/usr/bin/env bash
+# A walk through the life of a plug-in process, for a new user.
+#
+#   examples/demo.sh BUILD_DIR      (./run demo calls it with build/debug)
+#
+# Everything happens under a private sysroot (a fresh temporary directory
+# that ORBEL_SYSROOT points at): its own Redis server on its own socket, its
+# own simulated platform variables, its own /tmp/Redfish. Nothing outside it
+# is touched, and it is removed at the end. The script ends by itself; it
+# exits non-zero when a step does not happen in time.
+set -euo pipefail
+
+BUILD="${1:?usage: demo.sh BUILD_DIR}"
+BUILD="$(cd "$BUILD" && pwd)"
+PLUGIN="$BUILD/examples/RF_Root/RF_Root"
+SIM="$BUILD/platform/sim/orbel-sim"
+for f in "$PLUGIN" "$SIM"; do
+  [ -x "$f" ] || { echo "demo: $f is not built" >&2; exit 1; }
+done
+command -v redis-server >/dev/null || { echo "demo: redis-server not found" >&2; exit 1; }
+command -v redis-cli >/dev/null || { echo "demo: redis-cli not found" >&2; exit 1; }
+
+step() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
+note() { printf '   %s\n' "$*"; }
+show() { sed 's/^/   | /'; }
+fail() { echo "demo: FAILED: $*" >&2; exit 1; }
+
+# wait_for SECONDS COMMAND...: polls every 0.2 s until COMMAND succeeds.
+wait_for() {
+  local deadline=$(( $(date +%s) + $1 )); shift
+  until "$@"; do
+    [ "$(date +%s)" -lt "$deadline" ] || return 1
+    sleep 0.2
+  done
+}
+
+SYSROOT="$(mktemp -d /tmp/orbel-demo-XXXXXX)"
+export ORBEL_SYSROOT="$SYSROOT"
+REDIS_PID=""
+PLUGIN_PID=""
+cleanup() {
+  local rc=$?
+  [ -n "$PLUGIN_PID" ] && kill -KILL "$PLUGIN_PID" 2>/dev/null || true
+  [ -n "$REDIS_PID" ] && kill -TERM "$REDIS_PID" 2>/dev/null || true
+  [ -n "$REDIS_PID" ] && wait "$REDIS_PID" 2>/dev/null || true
+  rm -rf "$SYSROOT"
+  if [ "$rc" -eq 0 ]; then
+    printf '\nDemo finished; the private sysroot is removed.\n'
+  fi
+  exit "$rc"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+SOCK="$SYSROOT/tmp/redis.sock"
+RD="$SYSROOT/tmp/Redfish"
+OUT="$SYSROOT/RF_Root.out"
+rcli() { redis-cli -s "$SOCK" "$@"; }
+
+step "1. A private sysroot"
+note "ORBEL_SYSROOT=$SYSROOT"
+note "Every fixed path of the library lives under it: /tmp/redis.sock becomes"
+note "$SOCK, /tmp/Redfish/ becomes $RD/."
+
+step "2. A private Redis server on the sysroot's socket (no TCP port, no persistence)"
+mkdir -p "$SYSROOT/tmp"
+redis-server --port 0 --unixsocket "$SOCK" --unixsocketperm 700 --save "" \
+  --appendonly no --dir "$SYSROOT" --daemonize no >"$SYSROOT/redis.log" 2>&1 &
+REDIS_PID=$!
+wait_for 10 sh -c "redis-cli -s '$SOCK' ping 2>/dev/null | grep -q PONG" ||
+  fail "redis-server did not answer"
+note "redis-server (pid $REDIS_PID) answers PING on $SOCK"
+
+step "3. Start the sample plug-in RF_Root; the front end is not ready yet"
+"$SIM" vex set nginx_redfish_ready false >/dev/null
+note "orbel-sim vex set nginx_redfish_ready false"
+note "\$ RF_Root -d 1     (debug output on, so its waiting shows; output in $OUT)"
+"$PLUGIN" -d 1 >"$OUT" 2>&1 &
+PLUGIN_PID=$!
+wait_for 15 grep -q "Waiting Corvel Orbel ready!" "$OUT" || fail "RF_Root does not wait"
+note "RF_Root has created its schemas and built its resources, and now checks the"
+note "VEX variable nginx_redfish_ready once a second:"
+grep -E "initialed|Waiting Corvel" "$OUT" | head -n 4 | show
+
+step "4. While it starts, RF_Root is listed in the store set &&AccessBlockList"
+note "\$ redis-cli SMEMBERS '&&AccessBlockList'"
+rcli SMEMBERS "&&AccessBlockList" | show
+rcli SISMEMBER "&&AccessBlockList" RF_Root | grep -q 1 || fail "RF_Root is not listed"
+[ ! -e "$RD/RF_Root.run" ] || fail "ready file exists too early"
+note "and there is no ready file $RD/RF_Root.run yet."
+
+step "5. The front end reports itself ready"
+note "\$ orbel-sim vex set nginx_redfish_ready true"
+"$SIM" vex set nginx_redfish_ready true >/dev/null
+wait_for 15 test -e "$RD/RF_Root.run" || fail "no ready file"
+note "Within a second RF_Root runs its post-ready stages, installs its signal"
+note "handlers and writes its ready file:"
+printf '   %s contains: %s\n' "$RD/RF_Root.run" "$(cat "$RD/RF_Root.run")"
+wait_for 5 sh -c "[ \"\$(redis-cli -s '$SOCK' SISMEMBER '&&AccessBlockList' RF_Root)\" = 0 ]" ||
+  fail "RF_Root is still in &&AccessBlockList"
+note "&&AccessBlockList no longer holds it (SCARD = $(rcli SCARD '&&AccessBlockList'))."
+
+step "6. Diagnostics through the debug-info variable"
+note "\$ orbel-sim vex set RF_Root_dbg_Info ru     (resource usage; '?' lists the requests)"
+"$SIM" vex set RF_Root_dbg_Info ru >/dev/null
+wait_for 10 test -e "$RD/RF_Root.dbginfo" || fail "no answer to the debug-info request"
+note "The process loop (every 3 s) answered in RF_Root.dbginfo:"
+show <"$RD/RF_Root.dbginfo"
+
+step "7. Logs"
+note "Files in $RD:"
+ls -1 "$RD" | show
+note "RF_Root.loginit.gz keeps the start-up phase (set aside once start-up was over);"
+note "RF_Root.log is the running log, RF_Root.logerr gets its warnings and errors,"
+note "RF_Root.accesslog one line per request and response, RF_Root.threads the"
+note "threads (rewritten by the process loop). Last lines of the start-up log:"
+gzip -dc "$RD/RF_Root.loginit.gz" | tail -n 3 | show
+note "and of the running log:"
+tail -n 2 "$RD/RF_Root.log" | show
+
+step "8. SIGTERM: the orderly exit"
+note "\$ kill -TERM $PLUGIN_PID"
+kill -TERM "$PLUGIN_PID"
+wait_for 15 sh -c "! kill -0 $PLUGIN_PID 2>/dev/null" || fail "RF_Root did not exit"
+set +e
+wait "$PLUGIN_PID"
+rc=$?
+set -e
+PLUGIN_PID=""
+[ "$rc" -eq 0 ] || fail "RF_Root exited with $rc"
+note "RF_Root exited with status 0. Its last lines:"
+tail -n 5 "$OUT" | show
