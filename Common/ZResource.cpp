@@ -51,7 +51,11 @@ ZResource::ZResource(ZObject* parent, ZSchema* schema, const std::string& id,
     if (_InitResource()) ApplyRedisChanges(true, nullptr);
 }
 
-ZResource::~ZResource() = default;
+ZResource::~ZResource() {
+    // Deleted without ObjDestroy (logged by the node core): the schema must
+    // not keep a pointer to it.
+    if (!IsDied() && mSchema != nullptr) mSchema->DelResource(mName, this);
+}
 
 bool ZResource::_InitResource() {
     if (Initial() != RT_SUCCESS) return false;

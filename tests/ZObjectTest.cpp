@@ -326,6 +326,13 @@ TEST_F(ZObjectTest, DeletingALiveNodeWarnsAndUnregistersIt) {
     EXPECT_EQ(parent->GetChildNum(), 0u);
     EXPECT_EQ(mApp->GetObject("&&Parent/Child"), nullptr);
     EXPECT_FALSE(mApp->IsValidObj(child));
+
+    ZSchema schema("Manager", "");
+    auto* res = new ZResource(nullptr, &schema, "/redfish/v1/Managers/1");
+    ASSERT_EQ(schema.GetResourceNum(), 1u);
+    delete res;
+    EXPECT_EQ(schema.GetResourceNum(), 0u);
+    EXPECT_EQ(mApp->GetResource("/redfish/v1/Managers/1"), nullptr);
 }
 
 TEST_F(ZObjectTest, DeleteAllChildObjsRetiresEveryChild) {
