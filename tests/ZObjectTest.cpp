@@ -456,3 +456,41 @@ TEST_F(ZObjectTest, APatternMonitorCallsBackForEachNewMatch) {
 }
 
 }  // namespace
+
+namespace {
+
+// The application's own log service appends the registry's part of the
+// runtime summary to its log when the message cache is dumped.
+class RuntimeSummaryTest : public OrbelTest::StoreTest {};
+
+TEST_F(RuntimeSummaryTest, ListsObjectsBusyResourcesAndOrphans) {
+    std::string logPath;
+    {
+        ZApplication app("RF_Summary");
+        auto* schema = new ZSchema("ComputerSystem", "v1_20_0");
+        ASSERT_EQ(schema->Init(), RT_SUCCESS);
+        auto* sys = new ZResource(nullptr, schema, "/redfish/v1/Systems/1");
+        new ZResource(nullptr, schema, "/redfish/v1/Systems/2");
+        new ZJsonObject(nullptr, "ResponseData");  // 2 resources, 2 GETQ lists, 1 orphan
+        ASSERT_EQ(sys->Lock(0), RT_SUCCESS);
+        app.RegisterMonitorObject("/redfish/v1/Systems/9", [](ZObject*, void*) {}, nullptr);
+
+        logPath = zLogPrint->LogFilePath();
+        zLogPrint->DumpMsgCache2File();
+        std::string text = OrbelTest::ReadFile(logPath);
+        EXPECT_NE(text.find("   ZObject Num = 5\n"), std::string::npos) << text;
+        EXPECT_NE(text.find("   Waiting Recycled Object Num = 0\n"), std::string::npos);
+        EXPECT_NE(text.find("   Monitor[/redfish/v1/Systems/9] JPath targets[0]\n"),
+                  std::string::npos);
+        size_t busy = text.find("Dump all resources that are in the BUSY state ====>\n");
+        size_t orphans = text.find("\n\nDump orphan objects ====>\n  ResponseData\n");
+        ASSERT_NE(busy, std::string::npos);
+        ASSERT_NE(orphans, std::string::npos);
+        std::string busyPart = text.substr(busy, orphans - busy);
+        EXPECT_NE(busyPart.find(") : [/redfish/v1/Systems/1] owner["), std::string::npos);
+        EXPECT_EQ(busyPart.find("/redfish/v1/Systems/2"), std::string::npos);
+        sys->Unlock();
+    }
+}
+
+}  // namespace
