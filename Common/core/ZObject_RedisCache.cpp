@@ -216,7 +216,7 @@ eRtCode ZObject::HashWrite(const std::string& name, const char* value, bool isLi
 }
 
 eRtCode ZObject::HashWrite(const std::string& name, const std::string& value, bool isLink) {
-    if (!IsPureString(value, false)) {
+    if (!IsPureString(value, true)) {
         ZLOG(eZLogWarning, "Object[%s] write a non pure string to property[%s] !\n",
              _LogName().c_str(), name.c_str());
     }
