@@ -29,7 +29,9 @@ class ZSchema;
 
 class ZResource : public ZObject {
 public:
-    // Class attribute bits.
+    // Class attribute bits. Bits 0 and 1 are the node attributes RawJson and
+    // MultiBackend (ZObject::ATTR_*): a resource does not inherit
+    // MultiBackend, it is asked for here.
     static constexpr uint32_t RES_ATTR_EnableChecklist = 4u;  // "&&EnableChecklist" = true
     // On a collection the same bit asks reads to recount the members.
     static constexpr uint32_t RES_ATTR_MemberCount = 4u;

@@ -328,7 +328,8 @@ protected:
     bool _IsListTable(int index);
     // The node (owned child or link target) stored under property `name`
     // (a plain property name, or a whole meta key); its field name goes to
-    // `field` and whether it is a link to `isLink`. Null when none.
+    // `field` and whether it is a link to `isLink`. Null when none; otherwise
+    // the node comes with a using count that the caller releases.
     ZObject* _FindNodeOfProperty(const std::string& name, bool* isLink, std::string* field);
     // The meta key under which `referrer` holds this node, without logging.
     bool _MetaKeyOf(ZObject* referrer, std::string* metaKey);
