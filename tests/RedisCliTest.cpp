@@ -78,7 +78,11 @@ TEST_F(RedisCliTest, HashWrappersKeepAwkwardTextsByteExact) {
 
         // The store's values replace what the caller left in the map.
         std::map<std::string, std::string> all = {{kAwkward[0], "stale"}, {"other", "kept"}};
-        EXPECT_EQ(RedisHashGetAll(c, "my key", all), RT_SUCCESS);
+        size_t mark = LogMark();
+        EXPECT_EQ(RedisHashGetAll(c, "my key", all, true), RT_SUCCESS);
+        std::string dump = LogSince(mark);
+        EXPECT_THAT(dump, HasSubstr("Command[HGETALL my key] reply:\n  key["));
+        EXPECT_THAT(dump, HasSubstr("  key[100% sure] value[100% sure value]:"));
         expected["other"] = "kept";
         EXPECT_EQ(all, expected);
 
@@ -162,8 +166,12 @@ TEST_F(RedisCliTest, ListWrappersReadAndWriteInOrder) {
 
     EXPECT_EQ(RedisListSet(ctx(), "my list", "1", "100% \"new\""), RT_SUCCESS);
     std::vector<std::string> part = {"stale"};
-    EXPECT_EQ(RedisListGetAll(nullptr, "my list", 1, 2, part), RT_SUCCESS);
+    size_t mark = LogMark();
+    EXPECT_EQ(RedisListGetAll(nullptr, "my list", 1, 2, part, true), RT_SUCCESS);
     EXPECT_THAT(part, ElementsAre("100% \"new\"", values[2]));
+    EXPECT_THAT(LogSince(mark), HasSubstr("Command[LRANGE my list 1 2] elementNum[2].\n"
+                                          "    |-- element_0[100% \"new\"].\n"
+                                          "    |-- element_1[100% sure].\n"));
     EXPECT_EQ(RedisListGetAll(ctx(), "missing", 0, -1, part), RT_SUCCESS);
     EXPECT_TRUE(part.empty());
 }
@@ -294,6 +302,7 @@ TEST_F(RedisCliTest, NullArgumentsAreRefusedWithTheirTexts) {
 }
 
 TEST_F(RedisCliTest, SetGetAndTtl) {
+    size_t quiet = LogMark();
     EXPECT_EQ(RedisSet(nullptr, "lock key", kAwkward[3].c_str(), 100), RT_SUCCESS);
     std::string value;
     EXPECT_EQ(RedisGet(ctx(), "lock key", &value), RT_SUCCESS);
@@ -316,6 +325,8 @@ TEST_F(RedisCliTest, SetGetAndTtl) {
     value = "kept";
     EXPECT_EQ(RedisGet(ctx(), "missing", &value), RT_NO_SUCH_KEY);
     EXPECT_EQ(value, "kept");
+    // Successes, a missing key and a key without expiry log nothing.
+    EXPECT_EQ(LogSince(quiet), "");
 
     RawCommand({"RPUSH", "l", "x"});
     size_t mark = LogMark();
@@ -439,6 +450,8 @@ TEST_F(RedisCliTest, BinaryDataFailures) {
     EXPECT_EQ(data, nullptr);
     unsigned char two[] = {1, 2};
     EXPECT_EQ(RedisListWriteBinData(ctx(), "h", two, 2), RT_FAILURE);
+    EXPECT_EQ(RedisListWriteBinData(ctx(), "empty", two, 0), RT_FAILURE);
+    EXPECT_FALSE(Exists("empty"));
     std::string log = LogSince(mark);
     EXPECT_THAT(
         log, HasSubstr(ErrorLine("RedisListWriteBinData", "Command[RPUSH h 1 2] reply failed.\n")));
@@ -463,6 +476,16 @@ TEST_F(RedisCliTest, EnqueueEventRunsTheStoredScript) {
     EXPECT_EQ(RedisEvalEnqueueEvent(ctx(), payload.c_str(), result), RT_SUCCESS);
     EXPECT_EQ(result, 1);
     EXPECT_THAT(LRange("queue"), ElementsAre(payload));
+
+    // A digest the server does not know (scripts flushed): an error reply.
+    RawCommand({"SCRIPT", "FLUSH"});
+    mark = LogMark();
+    EXPECT_EQ(RedisEvalEnqueueEvent(ctx(), payload.c_str(), result), RT_FAILURE);
+    EXPECT_EQ(result, -1);
+    EXPECT_THAT(LogSince(mark),
+                HasSubstr(ErrorLine("RedisEvalEnqueueEvent",
+                                    Fmt("Command[evalsha %s 1 %s] reply type[6] is unexpected.\n",
+                                        sha->str, payload.c_str()))));
 }
 
 TEST_F(RedisCliTest, EnqueueMetricReportReportsOtherResults) {

@@ -329,12 +329,12 @@ int File2NumStrArray(const std::string& path, char** data) {
             ++tokenEnd;
         }
         size_t tokenLen = tokenEnd - pos;
-        bool canonical = tokenLen > 0 && tokenLen <= 3 && value <= 255 &&
-                         !(tokenLen > 1 && text[pos] == '0');
+        bool canonical =
+            tokenLen > 0 && tokenLen <= 3 && value <= 255 && !(tokenLen > 1 && text[pos] == '0');
         bool separated = tokenEnd == end || (text[tokenEnd] == ' ' && tokenEnd + 1 < end);
         if (!canonical || !separated) {
-            ZLOG(eZLogError, "File[%s] is not a byte array: bad text at offset %u\n",
-                 path.c_str(), static_cast<unsigned int>(pos));
+            ZLOG(eZLogError, "File[%s] is not a byte array: bad text at offset %u\n", path.c_str(),
+                 static_cast<unsigned int>(pos));
             return -1;
         }
         bytes.push_back(static_cast<char>(value));
@@ -352,129 +352,138 @@ int File2NumStrArray(const std::string& path, char** data) {
 // VEX and KOBA settings, controller clock, run level, controller state
 // ---------------------------------------------------------------------------
 
-// The failure texts below are read by people and tools that watch the logs;
-// each wrapper logs under its own name, so the text is written out in each.
-
-eRtCode GetVEX(const std::string& name, bool& value, bool quiet) {
-    // Callers poll flags such as "nginx_redfish_ready" and take a failed
-    // read as "not yet": the reset makes that the natural result.
-    value = false;
-    int v = 0;
-    if (vex_config_get_bool(name.c_str(), &v) == 0) {
-        if (!quiet) ZLOG(eZLogError, "Get vex[%s] variable failed\n", name.c_str());
-        return RT_FAILURE;
-    }
-    value = v != 0;
-    return RT_SUCCESS;
-}
-
-eRtCode GetVEX(const std::string& name, int& value, bool quiet) {
-    int v = 0;
-    if (vex_config_get_int(name.c_str(), &v) == 0) {
-        if (!quiet) ZLOG(eZLogError, "Get vex[%s] variable failed\n", name.c_str());
-        return RT_FAILURE;
-    }
-    value = v;
-    return RT_SUCCESS;
-}
-
-eRtCode GetVEX(const std::string& name, long long& value, bool quiet) {
-    long long v = 0;
-    if (vex_config_get_int64(name.c_str(), &v) == 0) {
-        if (!quiet) ZLOG(eZLogError, "Get vex[%s] variable failed\n", name.c_str());
-        return RT_FAILURE;
-    }
-    value = v;
-    return RT_SUCCESS;
-}
-
-eRtCode GetVEX(const std::string& name, std::string& value, bool quiet) {
-    char buffer[1024] = {};
-    if (vex_config_get_str_n(name.c_str(), buffer, static_cast<int>(sizeof(buffer))) == 0) {
-        if (!quiet) ZLOG(eZLogError, "Get vex[%s] variable failed\n", name.c_str());
-        return RT_FAILURE;
-    }
-    buffer[sizeof(buffer) - 1] = '\0';
-    value = buffer;
-    return RT_SUCCESS;
-}
-
-eRtCode GetVEX(const std::string& name, char* buffer, int size, bool quiet) {
-    if (buffer == nullptr || size <= 0 || vex_config_get_str_n(name.c_str(), buffer, size) == 0) {
-        if (!quiet) ZLOG(eZLogError, "Get vex[%s] variable failed\n", name.c_str());
-        return RT_FAILURE;
-    }
-    return RT_SUCCESS;
-}
-
-eRtCode SetVEX(const std::string& name, bool value, bool persist, bool quiet) {
-    if (vex_config_set_bool(name.c_str(), value ? 1 : 0, persist ? 1 : 0) == 0) {
-        if (!quiet) ZLOG(eZLogError, "Set vex[%s] variable failed\n", name.c_str());
-        return RT_FAILURE;
-    }
-    return RT_SUCCESS;
-}
-
-eRtCode SetVEX(const std::string& name, int value, bool persist, bool quiet) {
-    if (vex_config_set_int(name.c_str(), value, persist ? 1 : 0) == 0) {
-        if (!quiet) ZLOG(eZLogError, "Set vex[%s] variable failed\n", name.c_str());
-        return RT_FAILURE;
-    }
-    return RT_SUCCESS;
-}
-
-eRtCode SetVEX(const std::string& name, long long value, bool persist, bool quiet) {
-    if (vex_config_set_int64(name.c_str(), value, persist ? 1 : 0) == 0) {
-        if (!quiet) ZLOG(eZLogError, "Set vex[%s] variable failed\n", name.c_str());
-        return RT_FAILURE;
-    }
-    return RT_SUCCESS;
-}
-
-eRtCode SetVEX(const std::string& name, const std::string& value, bool persist, bool quiet) {
-    if (vex_config_set_str_n(name.c_str(), value.c_str(), static_cast<int>(value.size()),
-                             persist ? 1 : 0) == 0) {
-        if (!quiet) ZLOG(eZLogError, "Set vex[%s] variable failed\n", name.c_str());
-        return RT_FAILURE;
-    }
-    return RT_SUCCESS;
-}
-
-eRtCode SetVEX(const std::string& name, const char* value, bool persist, bool quiet) {
-    // A null value is never handed to the platform, whose behaviour on it
-    // is not ours to rely on; it fails like a refused set.
-    if (value == nullptr ||
-        vex_config_set_str_n(name.c_str(), value, static_cast<int>(std::strlen(value)),
-                             persist ? 1 : 0) == 0) {
-        if (!quiet) ZLOG(eZLogError, "Set vex[%s] variable failed\n", name.c_str());
-        return RT_FAILURE;
-    }
-    return RT_SUCCESS;
-}
-
 namespace {
 
+// A VEX call's result (non-zero success) as an eRtCode; a failure is logged
+// under the calling wrapper's name `func` unless `quiet`.
+eRtCode VexGetResult(int rc, const char* func, const std::string& name, bool quiet) {
+    if (rc != 0) return RT_SUCCESS;
+    if (!quiet) {
+        LogPrintf("", eZLogError, __FILE_NAME__, func, __LINE__, "Get vex[%s] variable failed\n",
+                  name.c_str());
+    }
+    return RT_FAILURE;
+}
+
+eRtCode VexSetResult(int rc, const char* func, const std::string& name, bool quiet) {
+    if (rc != 0) return RT_SUCCESS;
+    if (!quiet) {
+        LogPrintf("", eZLogError, __FILE_NAME__, func, __LINE__, "Set vex[%s] variable failed\n",
+                  name.c_str());
+    }
+    return RT_FAILURE;
+}
+
 // The store's instance selectors: the controller's own instance.
-constexpr int kKobaInst0 = -1;
-constexpr int kKobaInst1 = 0;
-constexpr int kKobaInst2 = 0;
-constexpr int kKobaInst3 = 0;
+#define ORBEL_KOBA_INSTANCE -1, 0, 0, 0
 
 // Room for every string the store holds in practice; values set through
 // SetKOBA are at most 511 bytes.
 constexpr int kKobaStringReadSize = 1024;
 constexpr size_t kKobaStringWriteSize = 512;
 
+// A KOBA call's result (0 success) as an eRtCode, logging the store's error
+// word `err` under the wrapper's name `func`.
+eRtCode KobaGetResult(int rc, int err, const char* func, const std::string& name) {
+    if (rc == 0) return RT_SUCCESS;
+    LogPrintf("", eZLogError, __FILE_NAME__, func, __LINE__,
+              "Get kobaName[%s] failed!! ErrCode=%d.\n", name.c_str(), err);
+    return RT_FAILURE;
+}
+
+// `formatLine`: a type clash gets a line of its own (the bool and string
+// setters), since a flag kept as a number or a text is the usual mistake.
+eRtCode KobaSetResult(int rc, int err, const char* func, const std::string& name, bool formatLine) {
+    if (rc == 0) return RT_SUCCESS;
+    if (formatLine && err == KOBA_ERR_FORMAT) {
+        LogPrintf("", eZLogError, __FILE_NAME__, func, __LINE__, "Set kobaName[%s] format error.\n",
+                  name.c_str());
+    } else {
+        LogPrintf("", eZLogError, __FILE_NAME__, func, __LINE__,
+                  "Set kobaName[%s] failed!! ErrCode=%d.\n", name.c_str(), err);
+    }
+    return RT_FAILURE;
+}
+
 }  // namespace
+
+eRtCode GetVEX(const std::string& name, bool& value, bool quiet) {
+    // Callers poll flags such as "nginx_redfish_ready" and take a failed
+    // read as "not yet": the reset makes that the natural result.
+    value = false;
+    int v = 0;
+    eRtCode rc = VexGetResult(vex_config_get_bool(name.c_str(), &v), __func__, name, quiet);
+    if (rc == RT_SUCCESS) value = v != 0;
+    return rc;
+}
+
+eRtCode GetVEX(const std::string& name, int& value, bool quiet) {
+    int v = 0;
+    eRtCode rc = VexGetResult(vex_config_get_int(name.c_str(), &v), __func__, name, quiet);
+    if (rc == RT_SUCCESS) value = v;
+    return rc;
+}
+
+eRtCode GetVEX(const std::string& name, long long& value, bool quiet) {
+    long long v = 0;
+    eRtCode rc = VexGetResult(vex_config_get_int64(name.c_str(), &v), __func__, name, quiet);
+    if (rc == RT_SUCCESS) value = v;
+    return rc;
+}
+
+eRtCode GetVEX(const std::string& name, std::string& value, bool quiet) {
+    char buffer[1024] = {};
+    eRtCode rc =
+        VexGetResult(vex_config_get_str_n(name.c_str(), buffer, static_cast<int>(sizeof(buffer))),
+                     __func__, name, quiet);
+    buffer[sizeof(buffer) - 1] = '\0';
+    if (rc == RT_SUCCESS) value = buffer;
+    return rc;
+}
+
+eRtCode GetVEX(const std::string& name, char* buffer, int size, bool quiet) {
+    bool usable = buffer != nullptr && size > 0;
+    return VexGetResult(usable ? vex_config_get_str_n(name.c_str(), buffer, size) : 0, __func__,
+                        name, quiet);
+}
+
+eRtCode SetVEX(const std::string& name, bool value, bool persist, bool quiet) {
+    return VexSetResult(vex_config_set_bool(name.c_str(), value ? 1 : 0, persist ? 1 : 0), __func__,
+                        name, quiet);
+}
+
+eRtCode SetVEX(const std::string& name, int value, bool persist, bool quiet) {
+    return VexSetResult(vex_config_set_int(name.c_str(), value, persist ? 1 : 0), __func__, name,
+                        quiet);
+}
+
+eRtCode SetVEX(const std::string& name, long long value, bool persist, bool quiet) {
+    return VexSetResult(vex_config_set_int64(name.c_str(), value, persist ? 1 : 0), __func__, name,
+                        quiet);
+}
+
+eRtCode SetVEX(const std::string& name, const std::string& value, bool persist, bool quiet) {
+    return VexSetResult(vex_config_set_str_n(name.c_str(), value.c_str(),
+                                             static_cast<int>(value.size()), persist ? 1 : 0),
+                        __func__, name, quiet);
+}
+
+eRtCode SetVEX(const std::string& name, const char* value, bool persist, bool quiet) {
+    // A null value is never handed to the platform, whose behaviour on it
+    // is not ours to rely on; it fails like a refused set.
+    int rc = value != nullptr
+                 ? vex_config_set_str_n(name.c_str(), value, static_cast<int>(std::strlen(value)),
+                                        persist ? 1 : 0)
+                 : 0;
+    return VexSetResult(rc, __func__, name, quiet);
+}
 
 eRtCode GetKOBA(const std::string& name, unsigned int& value) {
     int err = 0;
     unsigned int v = 0;
-    if (GetVarValueUINT(kKobaInst0, kKobaInst1, kKobaInst2, kKobaInst3, name.c_str(), &err, &v) !=
-        0) {
-        ZLOG(eZLogError, "Get kobaName[%s] failed!! ErrCode=%d.\n", name.c_str(), err);
-        return RT_FAILURE;
-    }
+    // The call is a statement of its own: `err` is read only after it.
+    int rc = GetVarValueUINT(ORBEL_KOBA_INSTANCE, name.c_str(), &err, &v);
+    if (KobaGetResult(rc, err, __func__, name) != RT_SUCCESS) return RT_FAILURE;
     value = v;
     return RT_SUCCESS;
 }
@@ -482,11 +491,9 @@ eRtCode GetKOBA(const std::string& name, unsigned int& value) {
 eRtCode GetKOBA(const std::string& name, int& value) {
     int err = 0;
     int v = 0;
-    if (GetVarValueSINT(kKobaInst0, kKobaInst1, kKobaInst2, kKobaInst3, name.c_str(), &err, &v) !=
-        0) {
-        ZLOG(eZLogError, "Get kobaName[%s] failed!! ErrCode=%d.\n", name.c_str(), err);
-        return RT_FAILURE;
-    }
+    // The call is a statement of its own: `err` is read only after it.
+    int rc = GetVarValueSINT(ORBEL_KOBA_INSTANCE, name.c_str(), &err, &v);
+    if (KobaGetResult(rc, err, __func__, name) != RT_SUCCESS) return RT_FAILURE;
     value = v;
     return RT_SUCCESS;
 }
@@ -494,33 +501,25 @@ eRtCode GetKOBA(const std::string& name, int& value) {
 eRtCode GetKOBA(const std::string& name, bool& value) {
     int err = 0;
     int v = 0;
-    if (GetVarValueBOOL(kKobaInst0, kKobaInst1, kKobaInst2, kKobaInst3, name.c_str(), &err, &v) !=
-        0) {
-        ZLOG(eZLogError, "Get kobaName[%s] failed!! ErrCode=%d.\n", name.c_str(), err);
-        return RT_FAILURE;
-    }
+    // The call is a statement of its own: `err` is read only after it.
+    int rc = GetVarValueBOOL(ORBEL_KOBA_INSTANCE, name.c_str(), &err, &v);
+    if (KobaGetResult(rc, err, __func__, name) != RT_SUCCESS) return RT_FAILURE;
     value = v != 0;
     return RT_SUCCESS;
 }
 
 eRtCode GetKOBA(const std::string& name, char* buffer, int size) {
     int err = 0;
-    if (GetVarValueSTRING(kKobaInst0, kKobaInst1, kKobaInst2, kKobaInst3, name.c_str(), &err,
-                          buffer, size) != 0) {
-        ZLOG(eZLogError, "Get kobaName[%s] failed!! ErrCode=%d.\n", name.c_str(), err);
-        return RT_FAILURE;
-    }
-    return RT_SUCCESS;
+    int rc = GetVarValueSTRING(ORBEL_KOBA_INSTANCE, name.c_str(), &err, buffer, size);
+    return KobaGetResult(rc, err, __func__, name);
 }
 
 eRtCode GetKOBA(const std::string& name, std::string& value) {
     int err = 0;
     char buffer[kKobaStringReadSize] = {};
-    if (GetVarValueSTRING(kKobaInst0, kKobaInst1, kKobaInst2, kKobaInst3, name.c_str(), &err,
-                          buffer, kKobaStringReadSize) != 0) {
-        ZLOG(eZLogError, "Get kobaName[%s] failed!! ErrCode=%d.\n", name.c_str(), err);
-        return RT_FAILURE;
-    }
+    int rc =
+        GetVarValueSTRING(ORBEL_KOBA_INSTANCE, name.c_str(), &err, buffer, kKobaStringReadSize);
+    if (KobaGetResult(rc, err, __func__, name) != RT_SUCCESS) return RT_FAILURE;
     buffer[kKobaStringReadSize - 1] = '\0';
     value = buffer;
     return RT_SUCCESS;
@@ -528,38 +527,20 @@ eRtCode GetKOBA(const std::string& name, std::string& value) {
 
 eRtCode SetKOBA(const std::string& name, unsigned int value) {
     int err = 0;
-    if (SetVarValueUINT(kKobaInst0, kKobaInst1, kKobaInst2, kKobaInst3, name.c_str(), &err,
-                        value) != 0) {
-        ZLOG(eZLogError, "Set kobaName[%s] failed!! ErrCode=%d.\n", name.c_str(), err);
-        return RT_FAILURE;
-    }
-    return RT_SUCCESS;
+    int rc = SetVarValueUINT(ORBEL_KOBA_INSTANCE, name.c_str(), &err, value);
+    return KobaSetResult(rc, err, __func__, name, false);
 }
 
 eRtCode SetKOBA(const std::string& name, int value) {
     int err = 0;
-    if (SetVarValueSINT(kKobaInst0, kKobaInst1, kKobaInst2, kKobaInst3, name.c_str(), &err,
-                        value) != 0) {
-        ZLOG(eZLogError, "Set kobaName[%s] failed!! ErrCode=%d.\n", name.c_str(), err);
-        return RT_FAILURE;
-    }
-    return RT_SUCCESS;
+    int rc = SetVarValueSINT(ORBEL_KOBA_INSTANCE, name.c_str(), &err, value);
+    return KobaSetResult(rc, err, __func__, name, false);
 }
 
 eRtCode SetKOBA(const std::string& name, bool value) {
     int err = 0;
-    if (SetVarValueBOOL(kKobaInst0, kKobaInst1, kKobaInst2, kKobaInst3, name.c_str(), &err,
-                        value ? 1 : 0) != 0) {
-        // A type clash is the usual mistake (a flag kept as a number or a
-        // text), so it gets a line of its own.
-        if (err == KOBA_ERR_FORMAT) {
-            ZLOG(eZLogError, "Set kobaName[%s] format error.\n", name.c_str());
-        } else {
-            ZLOG(eZLogError, "Set kobaName[%s] failed!! ErrCode=%d.\n", name.c_str(), err);
-        }
-        return RT_FAILURE;
-    }
-    return RT_SUCCESS;
+    int rc = SetVarValueBOOL(ORBEL_KOBA_INSTANCE, name.c_str(), &err, value ? 1 : 0);
+    return KobaSetResult(rc, err, __func__, name, true);
 }
 
 eRtCode SetKOBA(const std::string& name, const std::string& value) {
@@ -567,25 +548,14 @@ eRtCode SetKOBA(const std::string& name, const std::string& value) {
     // The store takes at most 511 bytes of text; longer values are cut here.
     char buffer[kKobaStringWriteSize];
     std::snprintf(buffer, sizeof(buffer), "%s", value.c_str());
-    if (SetVarValueSTRING(kKobaInst0, kKobaInst1, kKobaInst2, kKobaInst3, name.c_str(), &err,
-                          buffer) != 0) {
-        if (err == KOBA_ERR_FORMAT) {
-            ZLOG(eZLogError, "Set kobaName[%s] format error.\n", name.c_str());
-        } else {
-            ZLOG(eZLogError, "Set kobaName[%s] failed!! ErrCode=%d.\n", name.c_str(), err);
-        }
-        return RT_FAILURE;
-    }
-    return RT_SUCCESS;
+    int rc = SetVarValueSTRING(ORBEL_KOBA_INSTANCE, name.c_str(), &err, buffer);
+    return KobaSetResult(rc, err, __func__, name, true);
 }
 
 eRtCode SetKOBA(const std::string& name, const char* value) {
-    if (value == nullptr) {
-        // Refused the way the store refuses an unusable buffer.
-        ZLOG(eZLogError, "Set kobaName[%s] failed!! ErrCode=%d.\n", name.c_str(),
-             static_cast<int>(KOBA_ERR_BUFFER));
-        return RT_FAILURE;
-    }
+    // A null value is refused the way the store refuses an unusable buffer.
+    if (value == nullptr)
+        return KobaSetResult(KOBA_ERR_BUFFER, KOBA_ERR_BUFFER, __func__, name, true);
     return SetKOBA(name, std::string(value));
 }
 
@@ -674,8 +644,9 @@ eRtCode CreateDirTree(const std::string& path) {
         if (!partial.empty() && mkdir(partial.c_str(), 0755) != 0) {
             int err = errno;
             if (err != EEXIST || !_PathIsDir(partial)) {
-                ZLOG(eZLogError, "Failed to call mkdir(%s) errno(%d)\n", partial.c_str(),
-                     err == EEXIST ? ENOTDIR : err);
+                // The errno mkdir gave: EEXIST here means a file stands
+                // where a directory should be.
+                ZLOG(eZLogError, "Failed to call mkdir(%s) errno(%d)\n", partial.c_str(), err);
                 return RT_FAILURE;
             }
         }

@@ -21,6 +21,11 @@
 //
 // Caller texts (keys, fields, values) are always passed to Redis as separate
 // arguments, byte for byte; they are never used as a format.
+//
+// SIGPIPE. A write to a server that has gone would end the process by
+// default; while SIGPIPE still has its default action, the first connection
+// or command installs a handler that does nothing (exec() resets it, so
+// child programs keep the default), and the write fails instead.
 #ifndef ORBEL_REDISCLI_H
 #define ORBEL_REDISCLI_H
 
@@ -63,7 +68,9 @@ int RedisType(redisContext* c, const char* key);  // eRedisTableType
 
 eRtCode RedisHashSize(redisContext* c, const char* key, int& size);
 eRtCode RedisHashSet(redisContext* c, const char* key, const char* name, const char* value);
-// Missing or empty field: value cleared, 3.
+// Missing or empty field: value cleared, 3. Only the reply's text is
+// looked at: on a key of another type the server's error text comes back as
+// the value, with 0.
 eRtCode RedisHashGet(redisContext* c, const char* key, const char* name, std::string& value);
 eRtCode RedisHashDel(redisContext* c, const char* key, const char* name);
 eRtCode RedisHashGetAll(redisContext* c, const char* key, std::map<std::string, std::string>& out,

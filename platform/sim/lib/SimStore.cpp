@@ -116,13 +116,13 @@ bool ReadRegularFile(const std::string& path, std::string& out, int* errnoOut) {
 bool WriteFileAtomic(const std::string& path, const std::string& data) {
     size_t slash = path.find_last_of('/');
     std::string dir = slash == std::string::npos ? std::string(".") : path.substr(0, slash);
-    std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
     if (slash != std::string::npos && slash > 0 && !MakeDirs(dir)) return false;
 
     // Unique per process and per call, so concurrent writers never share a
-    // temp file; the leading "." keeps it out of every listing.
+    // temp file; short, so a name of NAME_MAX bytes still has room; the
+    // leading "." keeps it out of every listing.
     static std::atomic<unsigned> sequence{0};
-    std::string tmp = dir + "/." + base + ".tmp." + std::to_string(getpid()) + "." +
+    std::string tmp = dir + "/.tmp." + std::to_string(getpid()) + "." +
                       std::to_string(sequence.fetch_add(1));
     int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (fd < 0) return false;

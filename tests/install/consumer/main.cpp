@@ -1,0 +1,97 @@
+// A tiny plug-in built against the installed library. It exits 0 only when
+// the headers, the library and its run-time dependencies work from the
+// install prefix: printable-text checks, sysroot paths, a log service writing
+// a line with the expected layout, and an application with one schema that
+// answers -h the way every plug-in does.
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "FixedPaths.h"
+#include "Orbel.h"
+#include "ZApplication.h"
+#include "ZLogPrint.h"
+#include "ZSchema.h"
+
+namespace {
+
+class ConsumerSchema : public Orbel::ZSchema {
+public:
+    ConsumerSchema() : ZSchema("ConsumerThing", "v1_0_0") {}
+};
+
+int ConsumerFactory(void*) {
+    auto* schema = new ConsumerSchema();
+    if (schema->Init() != Orbel::RT_SUCCESS) {
+        delete schema;
+        return -1;
+    }
+    return 0;
+}
+
+int gFailures = 0;
+
+void Check(bool ok, const char* what) {
+    if (!ok) {
+        std::fprintf(stderr, "consumer: FAILED: %s\n", what);
+        ++gFailures;
+    }
+}
+
+std::string ReadAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+}  // namespace
+
+int main() {
+    Check(Orbel::IsPureString("plain text", false), "IsPureString of printable text");
+    Check(!Orbel::IsPureString("tab\there", false), "IsPureString of a tab");
+
+    char tmpl[] = "/tmp/orbel-consumer-XXXXXX";
+    const char* dir = mkdtemp(tmpl);
+    if (dir == nullptr) {
+        std::perror("mkdtemp");
+        return 1;
+    }
+    const std::string root = dir;
+    setenv("ORBEL_SYSROOT", root.c_str(), 1);
+    Check(Orbel::SysrootPath("/tmp/redis.sock") == root + "/tmp/redis.sock",
+          "SysrootPath under ORBEL_SYSROOT");
+    Check(Orbel::RedfishWorkDir() == root + "/tmp/Redfish/", "RedfishWorkDir under ORBEL_SYSROOT");
+
+    {
+        const std::string base = Orbel::RedfishWorkDir() + "consumer";
+        Orbel::ZLogPrint log(base, 16000);
+        log.LogPrint("", Orbel::eZLogWarning, "main.cpp", "main", __LINE__, "consumer %d\n", 42);
+        Check(ReadAll(base + ".log").find("[WARNING] main.cpp:main(): consumer 42\n") !=
+                  std::string::npos,
+              "ZLogPrint line in the log file");
+        Check(access((base + ".accesslog").c_str(), F_OK) == 0, "ZLogPrint access file");
+    }
+
+    {
+        Orbel::ZApplication app("RF_Consumer");
+        static const Orbel::ZApplication::sSchemaFactory table[] = {
+            {"ConsumerThing", ConsumerFactory}};
+        char arg0[] = "consumer";
+        char arg1[] = "-h";
+        char* argv[] = {arg0, arg1, nullptr};
+        Orbel::ZApplication::sExecParams params{2, argv, table, 1};
+        Check(app.Exec(params) == 0, "Exec returns 0 after -h");
+        Check(Orbel::zApp == &app, "zApp designates the application");
+    }
+    Check(Orbel::zApp == nullptr, "zApp cleared with the application");
+
+    Orbel::DelDirTree(root);
+    Check(access(root.c_str(), F_OK) != 0, "DelDirTree of the temporary sysroot");
+    if (gFailures == 0) std::printf("consumer: all checks passed\n");
+    return gFailures == 0 ? 0 : 1;
+}
