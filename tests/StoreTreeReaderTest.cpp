@@ -169,18 +169,22 @@ TEST_F(StoreTreeReaderTest, LinkTextsAreSplitByTheSharedRuleAndMalformedOnesLeft
              {"&&Object Wrong &&" + k + "/Items", ""},
              {"&&Array WrongToo &&" + k + "/Obj", ""}});
     HSet("&&" + k + "/Obj", {{"A", "1"}});
-    RPush("&&" + k + "/Items", {"&&ObjectRef Links/x", "&&Object Named &&" + k + "/Obj",
-                                "&&Unknown", "&&Array &&" + k + "/Inner"});
+    RPush("&&" + k + "/Items",
+          {"&&ObjectRef Links/x", "&&Object Named &&" + k + "/Obj", "&&Unknown",
+           "&&Array &&" + k + "/Inner", "&&ObjectRef /redfish/v1/a b"});
     RPush("&&" + k + "/Inner", {"\"x\""});
 
-    EXPECT_EQ(Read(k), R"({"Items":[{"@odata.id":"Links/x"},["x"]],"Quoted":{"@odata.id":"/x\"y"},)"
-                       R"("Spaced":{"@odata.id":"/redfish/v1/a b"},"Wrong":null,"WrongToo":null})");
-    EXPECT_EQ(Read(k, true),
-              R"({"&&Object  Double &&/k":null,"&&Object &&/redfish/v1/Links/Obj":null,)"
-              R"("&&Object Status":null,"&&Objects Foo &&/k":null,)"
-              R"("Items":[{"@odata.id":"Links/x"},"&&Object Named &&/redfish/v1/Links/Obj",)"
-              R"("&&Unknown",["x"]],"Quoted":{"@odata.id":"/x\"y"},)"
-              R"("Spaced":{"@odata.id":"/redfish/v1/a b"},"Wrong":null,"WrongToo":null})");
+    EXPECT_EQ(
+        Read(k),
+        R"({"Items":[{"@odata.id":"Links/x"},["x"],{"@odata.id":"/redfish/v1/a b"}],"Quoted":{"@odata.id":"/x\"y"},)"
+        R"("Spaced":{"@odata.id":"/redfish/v1/a b"},"Wrong":null,"WrongToo":null})");
+    EXPECT_EQ(
+        Read(k, true),
+        R"({"&&Object  Double &&/k":null,"&&Object &&/redfish/v1/Links/Obj":null,)"
+        R"("&&Object Status":null,"&&Objects Foo &&/k":null,)"
+        R"("Items":[{"@odata.id":"Links/x"},"&&Object Named &&/redfish/v1/Links/Obj",)"
+        R"("&&Unknown",["x"],{"@odata.id":"/redfish/v1/a b"}],"Quoted":{"@odata.id":"/x\"y"},)"
+        R"("Spaced":{"@odata.id":"/redfish/v1/a b"},"Wrong":null,"WrongToo":null})");
 }
 
 TEST_F(StoreTreeReaderTest, ValueTextsThatAreNotJsonStillGiveValidOutput) {
@@ -192,6 +196,7 @@ TEST_F(StoreTreeReaderTest, ValueTextsThatAreNotJsonStillGiveValidOutput) {
                 {"Open", "{\"a\":1"},
                 {"Tab", "\"a\tb\""},
                 {"Byte", "\"\xff\""},
+                {"Surrogate", "\"\xed\xa0\x80\""},
                 {"Lead0", "01"},
                 {"Dot", "1."},
                 {std::string("N\0l", 3), "-0.5e+3"},
@@ -199,12 +204,13 @@ TEST_F(StoreTreeReaderTest, ValueTextsThatAreNotJsonStillGiveValidOutput) {
                 {"Spaced", " [1, {\"b\": null}] "},
                 {"&&Array L &&/h/L", ""}});
     RPush("&&/h/L", {"", "x"});
-    EXPECT_EQ(Read("/h"),
-              R"({"Byte":"\"\u00ff\"","Dot":"1.","Empty":null,"Esc":"\u00e9\n)"
-              "\xc3\xa9"
-              R"(","Inf":"inf","L":[null,"x"],"Lead0":"01","N\u0000l":-0.5e+3,)"
-              R"("Open":"{\"a\":1","Quote":"\"say \"hi\"\"",)"
-              R"("Spaced": [1, {"b": null}] ,"Tab":"\"a\tb\"","Two":"1 2","Word":"abc"})");
+    EXPECT_EQ(
+        Read("/h"),
+        R"({"Byte":"\"\u00ff\"","Dot":"1.","Empty":null,"Esc":"\u00e9\n)"
+        "\xc3\xa9"
+        R"(","Inf":"inf","L":[null,"x"],"Lead0":"01","N\u0000l":-0.5e+3,)"
+        R"("Open":"{\"a\":1","Quote":"\"say \"hi\"\"",)"
+        R"("Spaced": [1, {"b": null}] ,"Surrogate":"\"\u00ed\u00a0\u0080\"","Tab":"\"a\tb\"","Two":"1 2","Word":"abc"})");
 }
 
 TEST_F(StoreTreeReaderTest, DepthIsLimitedAndCyclesAreCutOnlyOnTheirPath) {
@@ -226,6 +232,24 @@ TEST_F(StoreTreeReaderTest, DepthIsLimitedAndCyclesAreCutOnlyOnTheirPath) {
     RPush("&&/cyc/L", {"&&Object &&/cyc/A", "&&Object /cyc", "&&Array &&/cyc/L", "2"});
     EXPECT_EQ(Read("/cyc"),
               R"({"A":{"L":[null,null,null,2],"V":1},"B":{"L":[null,null,null,2],"V":1}})");
+
+    // Each level links the next twice: 2^16 expansions from 16 hashes.
+    for (int i = 0; i < 16; ++i) {
+        const std::string next = "&&/dag/" + std::to_string(i + 1);
+        HSet("&&/dag/" + std::to_string(i),
+             {{"&&Object L " + next, ""}, {"&&Object R " + next, ""}});
+    }
+    std::string json = "left over";
+    std::string error;
+    EXPECT_FALSE(Orbel::ReadStoreTree(mConn.get(), "&&/dag/0", json, &error));
+    EXPECT_EQ(json, "");
+    EXPECT_EQ(error, "the document needs more than 10000 nodes");
+    // Below the budget shared nodes are expanded at every place: 2^12 null leaves.
+    const std::string leaves = Read("&&/dag/4");
+    size_t nulls = 0;
+    for (size_t at = leaves.find("null"); at != std::string::npos; at = leaves.find("null", at + 1))
+        ++nulls;
+    EXPECT_EQ(nulls, 4096u);
 }
 
 TEST_F(StoreTreeReaderTest, TopLevelListAndFailures) {

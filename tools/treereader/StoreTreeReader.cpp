@@ -365,14 +365,19 @@ private:
     // Appends the document of `key`, expected to be of `kind`, at link depth
     // `depth` and indent level `indent`. A missing key, a key of another kind,
     // a key already being expanded on this path and a depth beyond the limit
-    // give null (`*missing` set for the first). False only when the store
-    // fails; the reason is in mError.
+    // give null (`*missing` set for the first). False when the store fails or
+    // the node budget is spent; the reason is in mError.
     bool Node(const std::string& key, eNodeKind kind, unsigned depth, unsigned indent,
               std::string& out, bool* missing = nullptr) {
         if (depth > kStoreTreeMaxDepth ||
             std::find(mPath.begin(), mPath.end(), key) != mPath.end()) {
             out += "null";
             return true;
+        }
+        if (++mNodes > kStoreTreeMaxNodes) {
+            mError =
+                "the document needs more than " + std::to_string(kStoreTreeMaxNodes) + " nodes";
+            return false;
         }
         ReplyPtr r = kind == eNodeKind::kHash ? Command(mC, {"HGETALL", key})
                                               : Command(mC, {"LRANGE", key, "0", "-1"});
@@ -515,6 +520,7 @@ private:
     redisContext* mC;
     const sStoreTreeOptions& mOpt;
     std::vector<std::string> mPath;  // keys being expanded, top first
+    unsigned mNodes = 0;             // nodes read so far
     std::string mError;
 };
 

@@ -24,6 +24,11 @@ namespace Orbel {
 // a deeper link yields null.
 constexpr unsigned kStoreTreeMaxDepth = 64;
 
+// A node linked from several places is expanded at each place, so a small
+// hostile store (each level linking the next one twice) could ask for an
+// exponential document. Reading more nodes than this for one document fails.
+constexpr unsigned kStoreTreeMaxNodes = 10000;
+
 struct sStoreTreeOptions {
     // Indented output (4 blanks a level, one member or element a line);
     // false gives one line without any blank between tokens.
@@ -40,8 +45,9 @@ struct sStoreTreeOptions {
 //
 // Returns true on success. Returns false, with `json` emptied and the reason
 // in `*error` (when `error` is not null), when `c` is null or in error, the
-// key does not exist, the key is neither a hash nor a list, or the store
-// fails or goes away while the document is read. Problems below the
+// key does not exist, the key is neither a hash nor a list, the document
+// needs more than kStoreTreeMaxNodes nodes, or the store fails or goes away
+// while the document is read. Problems below the
 // requested node (a link to a missing key or to a key of the wrong type, a
 // cycle, the depth limit) are not failures: they render as null.
 //
