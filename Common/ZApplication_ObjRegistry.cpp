@@ -27,8 +27,8 @@ struct ZApplication::_sOMTgt {
 };
 
 struct ZApplication::sOMItem {
-    std::string jpath;             // JPath, or the pattern's text
-    std::regex* pattern = nullptr; // owned; null for a JPath item
+    std::string jpath;              // JPath, or the pattern's text
+    std::regex* pattern = nullptr;  // owned; null for a JPath item
     ObjMonitorCallback_t callback = nullptr;
     void* arg = nullptr;
     std::vector<_sOMTgt> targets;
@@ -306,8 +306,8 @@ void ZApplication::RecycleProcess() {
 // Object monitors
 // ---------------------------------------------------------------------------
 
-eRtCode ZApplication::RegisterMonitorObject(const std::string& jpath,
-                                            ObjMonitorCallback_t callback, void* arg) {
+eRtCode ZApplication::RegisterMonitorObject(const std::string& jpath, ObjMonitorCallback_t callback,
+                                            void* arg) {
     if (jpath.empty() || callback == nullptr) {
         ZLOG(eZLogError, "NULL arg! jpath[%s] callback:%p\n", jpath.c_str(),
              reinterpret_cast<void*>(callback));
@@ -388,9 +388,10 @@ void ZApplication::ObjMonitorScan() {
             } else {
                 // Forget targets that died, so a new object at the same JPath
                 // counts as newly matching.
-                item->targets.erase(std::remove_if(item->targets.begin(), item->targets.end(),
-                                                   [&](const _sOMTgt& t) { return !stillAlive(t); }),
-                                    item->targets.end());
+                item->targets.erase(
+                    std::remove_if(item->targets.begin(), item->targets.end(),
+                                   [&](const _sOMTgt& t) { return !stillAlive(t); }),
+                    item->targets.end());
                 if (!haveJPaths) {
                     jpaths = GetObjectList();
                     haveJPaths = true;
@@ -431,8 +432,9 @@ std::string ZApplication::DumpMonitorList() {
     std::string text;
     std::lock_guard<std::mutex> lock(mMonitorMutex);
     for (const sOMItem* item : mMonitorList) {
-        text += "   Monitor[" + item->jpath + "] " + (item->pattern != nullptr ? "RegExp" : "JPath") +
-                " targets[" + std::to_string(item->targets.size()) + "]\n";
+        text += "   Monitor[" + item->jpath + "] " +
+                (item->pattern != nullptr ? "RegExp" : "JPath") + " targets[" +
+                std::to_string(item->targets.size()) + "]\n";
     }
     return text;
 }

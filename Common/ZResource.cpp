@@ -23,8 +23,7 @@ constexpr const char* kLockKeyPrefix = "&&ResourceLock:";
 constexpr int kLockPollMs = 100;
 
 const char* QueueWord(int method) {
-    static const char* const kWords[] = {"POSTCREATEQ", "GETQ", "PATCHQ", "DELETEQ",
-                                         "POSTACTIONQ"};
+    static const char* const kWords[] = {"POSTCREATEQ", "GETQ", "PATCHQ", "DELETEQ", "POSTACTIONQ"};
     return method >= 0 && method < eReqMethodNum ? kWords[method] : nullptr;
 }
 

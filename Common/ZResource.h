@@ -67,8 +67,9 @@ public:
     void UpdateOdataId();
 
     // Lock. timeoutMs > 0 polls every 100 ms up to that long; <= 0 tries
-    // once. Returns 0, RT_BUSY when someone else holds it, 2 for a died or
-    // invalid resource. Gives up early when the application exits.
+    // once. Returns 0, RT_BUSY when someone else holds it (or the front
+    // end's key outlives the budget), 2 for a died or invalid resource.
+    // Gives up early when the application exits.
     eRtCode Lock(int timeoutMs, uint32_t flags = 0);
     eRtCode Unlock();
     // The thread holding the lock (0 when free) and the nesting depth.

@@ -18,7 +18,8 @@ eRtCode ZSchema::AddResource(ZResource* resource) {
     std::lock_guard<std::mutex> lock(mMutex);
     auto inserted = mResources.emplace(name, resource);
     if (!inserted.second) {
-        ZLOG(eZLogError, "Failed to add Resource to schema[%s] due to the name[%s] is not unique!\n",
+        ZLOG(eZLogError,
+             "Failed to add Resource to schema[%s] due to the name[%s] is not unique!\n",
              mName.c_str(), name.c_str());
         return RT_FAILURE;
     }
@@ -54,8 +55,7 @@ ZResource* ZSchema::GetResource(const std::string& name) {
     // Listed resources leave the map when retired; a died one still listed
     // is caught in the middle of its retirement.
     if (resource->IsDied()) {
-        ZLOG(eZLogError, "The resource[%s] in schema[%s] is died.\n", name.c_str(),
-             mName.c_str());
+        ZLOG(eZLogError, "The resource[%s] in schema[%s] is died.\n", name.c_str(), mName.c_str());
     }
     return resource;
 }
@@ -96,8 +96,7 @@ std::string ZSchema::DumpResources() {
     std::lock_guard<std::mutex> lock(mMutex);
     for (const auto& entry : mResources) {
         char line[64];
-        std::snprintf(line, sizeof(line), "  Resource(%p) : [",
-                      static_cast<void*>(entry.second));
+        std::snprintf(line, sizeof(line), "  Resource(%p) : [", static_cast<void*>(entry.second));
         out << line << entry.first << "]\n";
     }
     return out.str();

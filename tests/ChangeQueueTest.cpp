@@ -23,7 +23,7 @@ using Items = std::vector<std::string>;
 namespace {
 
 class ChangeQueueTest : public OrbelTest::ObjectModelTest {
-protected:
+  protected:
     void SetUp() override {
         ObjectModelTest::SetUp();
         sys = new ZResource(nullptr, nullptr, "/redfish/v1/Systems/1");
@@ -50,20 +50,19 @@ TEST_F(ChangeQueueTest, ScalarValueTexts) {
 
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
     EXPECT_EQ(sys->GetRedisChangeNum(), 0u);
-    EXPECT_EQ(HGetAll("/redfish/v1/Systems/1"),
-              (Fields{{"@odata.id", "\"/redfish/v1/Systems/1\""},
-                      {"Null", "null"},
-                      {"True", "true"},
-                      {"False", "false"},
-                      {"Negative", "-42"},
-                      {"Long", "7"},
-                      {"Max", "18446744073709551615"},
-                      {"Unsigned", "5"},
-                      {"Half", "1.500000"},
-                      {"Quarter", "0.250000"},
-                      {"Name", "\"abc\""},
-                      {"Text", "\"x y\""},
-                      {"Raw", "{\"a\":[1,2]}"}}));
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems/1"), (Fields{{"@odata.id", "\"/redfish/v1/Systems/1\""},
+                                                        {"Null", "null"},
+                                                        {"True", "true"},
+                                                        {"False", "false"},
+                                                        {"Negative", "-42"},
+                                                        {"Long", "7"},
+                                                        {"Max", "18446744073709551615"},
+                                                        {"Unsigned", "5"},
+                                                        {"Half", "1.500000"},
+                                                        {"Quarter", "0.250000"},
+                                                        {"Name", "\"abc\""},
+                                                        {"Text", "\"x y\""},
+                                                        {"Raw", "{\"a\":[1,2]}"}}));
 }
 
 TEST_F(ChangeQueueTest, NodeValuesAreCompositeFieldsWithEmptyValues) {
@@ -92,8 +91,7 @@ TEST_F(ChangeQueueTest, NodeValuesAreCompositeFieldsWithEmptyValues) {
               "\"Chassis\":{\"@odata.id\":\"/redfish/v1/Chassis/1\"},"
               "\"Manager\":{\"@odata.id\":\"/redfish/v1/Managers/1\"},"
               "\"Status\":{\"Health\":\"OK\",\"State\":\"Enabled\"}}");
-    EXPECT_EQ(manager->GetMetaKeyInReferencedBy(sys),
-              "&&ObjectRef Manager /redfish/v1/Managers/1");
+    EXPECT_EQ(manager->GetMetaKeyInReferencedBy(sys), "&&ObjectRef Manager /redfish/v1/Managers/1");
 }
 
 TEST_F(ChangeQueueTest, ListWritesAppendOverwriteAndHoldNodeTexts) {
@@ -114,18 +112,21 @@ TEST_F(ChangeQueueTest, ListWritesAppendOverwriteAndHoldNodeTexts) {
     arr->ListWrite(0, "first ");
     ASSERT_EQ(arr->ApplyRedisChanges(), RT_SUCCESS);
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Values"),
-              (Items{"\"first\"", "3", "9", "null", "2.500000", "&&Object &&/redfish/v1/Systems/1/Values/0",
+              (Items{"\"first\"", "3", "9", "null", "2.500000",
+                     "&&Object &&/redfish/v1/Systems/1/Values/0",
                      "&&ObjectRef /redfish/v1/Systems/1", "&&ObjectRef /redfish/v1/Other", "{}"}));
     EXPECT_EQ(arr->GetIdxByObject(item), 0);
     EXPECT_EQ(arr->GetIdxByObject(sys), 1);
 
     size_t mark = LogMark();
     EXPECT_EQ(sys->ListWrite(-1, 5), RT_FAILURE);
-    EXPECT_TRUE(Logged(mark, "Object[/redfish/v1/Systems/1] type[2] is not JsonArray. itemIdx[-1]\n"));
+    EXPECT_TRUE(
+        Logged(mark, "Object[/redfish/v1/Systems/1] type[2] is not JsonArray. itemIdx[-1]\n"));
     mark = LogMark();
     EXPECT_EQ(arr->HashWrite("Name", "x"), RT_FAILURE);
-    EXPECT_TRUE(Logged(mark, "Object[&&/redfish/v1/Systems/1/Values] type[1] is not Resource, "
-                             "ResourceCollection or JsonObject. pptName[Name]\n"));
+    EXPECT_TRUE(Logged(mark,
+                       "Object[&&/redfish/v1/Systems/1/Values] type[1] is not Resource, "
+                       "ResourceCollection or JsonObject. pptName[Name]\n"));
     EXPECT_EQ(arr->GetRedisChangeNum(), 0u);
     EXPECT_EQ(sys->GetRedisChangeNum(), 0u);
 }
@@ -165,8 +166,9 @@ TEST_F(ChangeQueueTest, RemovingPropertiesNodesAndLinks) {
     EXPECT_TRUE(Logged(mark, "doesn't have a link property[Manager]"));
     mark = LogMark();
     sys->HashRemove("&&Object Gone &&/redfish/v1/Systems/1/Gone");
-    EXPECT_TRUE(Logged(mark, "Obj[/redfish/v1/Systems/1] wants to remove a "
-                             "sub-Obj[&&Object Gone &&/redfish/v1/Systems/1/Gone] but not found!\n"));
+    EXPECT_TRUE(Logged(mark,
+                       "Obj[/redfish/v1/Systems/1] wants to remove a "
+                       "sub-Obj[&&Object Gone &&/redfish/v1/Systems/1/Gone] but not found!\n"));
 }
 
 TEST_F(ChangeQueueTest, ListRemovalByTextIndexNodeAndClear) {
@@ -238,8 +240,9 @@ TEST_F(ChangeQueueTest, DiscardDropsTheQueueAndWarnsAboutNodes) {
     sys->HashWrite("Status", status);
     mark = LogMark();
     sys->DiscardRedisChanges(false);
-    EXPECT_TRUE(Logged(mark, "!! Should not call DiscardRedisChanges() when the queue include any "
-                             "unapplied ZObject change. This action might cause memory leek. !!\n"));
+    EXPECT_TRUE(Logged(mark,
+                       "!! Should not call DiscardRedisChanges() when the queue include any "
+                       "unapplied ZObject change. This action might cause memory leek. !!\n"));
 }
 
 TEST_F(ChangeQueueTest, AQueueIdleForTenSecondsIsReportedAtTheNextWrite) {
@@ -252,8 +255,9 @@ TEST_F(ChangeQueueTest, AQueueIdleForTenSecondsIsReportedAtTheNextWrite) {
     mApp->UpdateLastLoopProcTimetick();
     mark = LogMark();
     sys->HashWrite("C", 3);
-    EXPECT_TRUE(Logged(mark, "Cached data over 10 seconds. It might forget to apply changes into "
-                             "Redis? Obj[/redfish/v1/Systems/1]\n"));
+    EXPECT_TRUE(Logged(mark,
+                       "Cached data over 10 seconds. It might forget to apply changes into "
+                       "Redis? Obj[/redfish/v1/Systems/1]\n"));
     // Nothing was flushed by the warning.
     EXPECT_EQ(sys->GetRedisChangeNum(), 3u);
 }
@@ -265,8 +269,9 @@ TEST_F(ChangeQueueTest, RefusedWrites) {
 
     mark = LogMark();
     EXPECT_EQ(sys->HashWrite("Odd", std::string("a\x01")), RT_SUCCESS);
-    EXPECT_TRUE(Logged(mark, "Object[/redfish/v1/Systems/1] write a non pure string to "
-                             "property[Odd] !\n"));
+    EXPECT_TRUE(Logged(mark,
+                       "Object[/redfish/v1/Systems/1] write a non pure string to "
+                       "property[Odd] !\n"));
 
     auto* gone = new ZJsonObject(sys, "Gone");
     ASSERT_TRUE(mApp->UseIfValid(gone));
@@ -341,10 +346,10 @@ TEST_F(ChangeQueueTest, ActionEntriesWithAndWithoutTasks) {
     ZSchema schema("ComputerSystem", "v1_20_0");
     auto* actions = new ZJsonObject(sys, "Actions");
     sys->HashWrite("Actions", actions);
-    ASSERT_EQ(actions->HashAppendAction(&schema, "#ComputerSystem.Reset",
-                                        "/redfish/v1/Systems/1/Actions/ComputerSystem.Reset",
-                                        "Reset"),
-              RT_SUCCESS);
+    ASSERT_EQ(
+        actions->HashAppendAction(&schema, "#ComputerSystem.Reset",
+                                  "/redfish/v1/Systems/1/Actions/ComputerSystem.Reset", "Reset"),
+        RT_SUCCESS);
     sys->ApplyRedisChanges();
     const std::string entry = "&&/redfish/v1/Systems/1/Actions/#ComputerSystem.Reset";
     EXPECT_EQ(HGetAll("&&/redfish/v1/Systems/1/Actions"),
@@ -380,7 +385,8 @@ TEST_F(ChangeQueueTest, DumpsListTheQueueAndTheChange) {
     sys->HashWrite("Name", "n");
     size_t mark = LogMark();
     sys->DumpRedisChanges(false);
-    EXPECT_TRUE(Logged(mark, "Dump all redisCmds in queue. Object[/redfish/v1/Systems/1] ====> \n"));
+    EXPECT_TRUE(
+        Logged(mark, "Dump all redisCmds in queue. Object[/redfish/v1/Systems/1] ====> \n"));
     EXPECT_TRUE(Logged(mark, "    Act[Update] Key[Name] Value[\"n\"]\n"));
 
     sObjectChange change;

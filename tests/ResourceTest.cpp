@@ -93,13 +93,14 @@ TEST_F(ResourceTest, CollectionsKeepMembersAndTheirCount) {
     EXPECT_EQ(coll->GetFreeMemberId(), 3);
     EXPECT_EQ(coll->GetMemberCount(), 3u);
     EXPECT_EQ(coll->GetMemberObjIDs(), (Items{"1", "2", "4"}));
-    EXPECT_EQ(Doc("/redfish/v1/Systems"),
-              "{\"@odata.context\":\"/redfish/v1/$metadata#ComputerSystemCollection\","
-              "\"@odata.id\":\"/redfish/v1/Systems\","
-              "\"@odata.type\":\"#ComputerSystemCollection.ComputerSystemCollection\","
-              "\"Members\":[{\"@odata.id\":\"/redfish/v1/Systems/1\"},"
-              "{\"@odata.id\":\"/redfish/v1/Systems/2\"},{\"@odata.id\":\"/redfish/v1/Systems/4\"}],"
-              "\"Members@odata.count\":3}");
+    EXPECT_EQ(
+        Doc("/redfish/v1/Systems"),
+        "{\"@odata.context\":\"/redfish/v1/$metadata#ComputerSystemCollection\","
+        "\"@odata.id\":\"/redfish/v1/Systems\","
+        "\"@odata.type\":\"#ComputerSystemCollection.ComputerSystemCollection\","
+        "\"Members\":[{\"@odata.id\":\"/redfish/v1/Systems/1\"},"
+        "{\"@odata.id\":\"/redfish/v1/Systems/2\"},{\"@odata.id\":\"/redfish/v1/Systems/4\"}],"
+        "\"Members@odata.count\":3}");
 
     // A retired member leaves the collection at once.
     two->ObjDestroy(ZObject::eDestroyDelete, true);
@@ -187,8 +188,9 @@ TEST_F(ResourceTest, AddingTheSameNodeTwiceKeepsOneMember) {
     mark = LogMark();
     auto* other = new ZJsonObject(nullptr, "Other");
     EXPECT_EQ(arr->DelObjectItem(other), RT_FAILURE);
-    EXPECT_TRUE(Logged(mark, "Object[Other] is not a member of "
-                             "collection[&&/redfish/v1/Systems/1/Links].\n"));
+    EXPECT_TRUE(Logged(mark,
+                       "Object[Other] is not a member of "
+                       "collection[&&/redfish/v1/Systems/1/Links].\n"));
 }
 
 TEST_F(ResourceTest, ZJsonObjectDestroyIsOnlyForRoots) {
@@ -237,10 +239,12 @@ TEST_F(ResourceTest, LockNestsForItsOwnerAndRefusesOthers) {
     EXPECT_EQ(otherLock, RT_BUSY);
     EXPECT_EQ(otherUnlock, RT_FAILURE);
     EXPECT_FALSE(otherMine);
-    EXPECT_TRUE(Logged(mark, "try to lock resource[/redfish/v1/Systems/1] but failed due to is "
-                             "locked by["));
-    EXPECT_TRUE(Logged(mark, "try to unlock resource[/redfish/v1/Systems/1] but is owned by "
-                             "thread["));
+    EXPECT_TRUE(Logged(mark,
+                       "try to lock resource[/redfish/v1/Systems/1] but failed due to is "
+                       "locked by["));
+    EXPECT_TRUE(Logged(mark,
+                       "try to unlock resource[/redfish/v1/Systems/1] but is owned by "
+                       "thread["));
     EXPECT_EQ(sys->LockOwner(), (unsigned long)pthread_self());
     EXPECT_EQ(sys->LockDepth(), 2);
 
@@ -374,9 +378,10 @@ TEST_F(ResourceTest, EmbeddedResourcesAreAddressedByPosition) {
     auto* misplaced = new ZResource(oem, nullptr, "Extra");
     size_t mark = LogMark();
     oem->HashWrite("Extra", misplaced);
-    EXPECT_TRUE(Logged(mark, "The parent[&&/redfish/v1/Chassis/1/Thermal/Oem] of embedded "
-                             "resource[/redfish/v1/Chassis/1/Thermal/Oem/Extra] should be a "
-                             "JArray.\n"));
+    EXPECT_TRUE(Logged(mark,
+                       "The parent[&&/redfish/v1/Chassis/1/Thermal/Oem] of embedded "
+                       "resource[/redfish/v1/Chassis/1/Thermal/Oem/Extra] should be a "
+                       "JArray.\n"));
     EXPECT_EQ(misplaced->GetOdataId(), "/redfish/v1/Chassis/1/Thermal/Oem/Extra");
 }
 
@@ -384,8 +389,8 @@ TEST_F(ResourceTest, MultiBackendResourcesShareTheirChannelListsAndHash) {
     ZSchema schema("Chassis", "v1_0_0", ZSchema::CRUDQ_READ);
     OrbelTest::RawCommand({"RPUSH", "&&/redfish/v1/Chassis/1/GETQ", "RF_Other:Chassis:GETQ"});
     OrbelTest::RawCommand({"HSET", "/redfish/v1/Chassis/1", "Foreign", "\"theirs\""});
-    auto* shared = new ZResource(nullptr, &schema, "/redfish/v1/Chassis/1", "",
-                                 ZObject::ATTR_MultiBackend);
+    auto* shared =
+        new ZResource(nullptr, &schema, "/redfish/v1/Chassis/1", "", ZObject::ATTR_MultiBackend);
     EXPECT_EQ(LRange("&&/redfish/v1/Chassis/1/GETQ"),
               (Items{"RF_Other:Chassis:GETQ", "RF_Test:Chassis:GETQ"}));
     EXPECT_EQ(HGetAll("/redfish/v1/Chassis/1").at("Foreign"), "\"theirs\"");

@@ -87,8 +87,9 @@ TEST_F(ZObjectTest, AttributesAreInheritedExceptMultiBackendByResources) {
 TEST_F(ZObjectTest, InitialRefusesBothFormatsAndAnEmptyId) {
     size_t mark = LogMark();
     auto* both = new ZResource(nullptr, nullptr, "/redfish/v1/Both", "Both", 3u);
-    EXPECT_TRUE(Logged(mark, "Object[Both] shouldn't have attributes of RawJson and MultiBackend "
-                             "at the same time."));
+    EXPECT_TRUE(Logged(mark,
+                       "Object[Both] shouldn't have attributes of RawJson and MultiBackend "
+                       "at the same time."));
     EXPECT_EQ(both->GetJPath(), "");
     EXPECT_EQ(mApp->GetObject("/redfish/v1/Both"), nullptr);
     mark = LogMark();
@@ -111,8 +112,9 @@ TEST_F(ZObjectTest, InitialRefusesBothFormatsAndAnEmptyId) {
 TEST_F(ZObjectTest, ANonPrintableNameIsLoggedButTheNodeIsBuilt) {
     size_t mark = LogMark();
     auto* node = new ZJsonObject(nullptr, std::string("Bad\tName"));
-    EXPECT_TRUE(Logged(mark, "Object: some input parameters name[Bad\tName] id[Bad\tName] is not "
-                             "pure string.\n"));
+    EXPECT_TRUE(Logged(mark,
+                       "Object: some input parameters name[Bad\tName] id[Bad\tName] is not "
+                       "pure string.\n"));
     EXPECT_EQ(node->GetJPath(), "Bad\tName");
 }
 
@@ -124,8 +126,9 @@ TEST_F(ZObjectTest, ASecondChildWithAnExistingIdIsRefusedAndTheFirstStays) {
 
     size_t mark = LogMark();
     auto* second = new ZJsonObject(sys, "Status");
-    EXPECT_TRUE(Logged(mark, "Failed to append object[&&/redfish/v1/Systems/1/Status] to list due "
-                             "to the JPath is duplicated!\n"));
+    EXPECT_TRUE(Logged(mark,
+                       "Failed to append object[&&/redfish/v1/Systems/1/Status] to list due "
+                       "to the JPath is duplicated!\n"));
     EXPECT_EQ(second->GetJPath(), "");
     EXPECT_EQ(sys->GetChild("Status"), first);
     EXPECT_EQ(mApp->GetObject("&&/redfish/v1/Systems/1/Status"), first);
@@ -148,10 +151,12 @@ TEST_F(ZObjectTest, ADuplicateResourceNameIsListedByJPathOnly) {
     auto* a = new ZResource(nullptr, &schema, "/redfish/v1/Chassis/1", "Board");
     size_t mark = LogMark();
     auto* b = new ZResource(nullptr, &schema, "/redfish/v1/Chassis/2", "Board");
-    EXPECT_TRUE(Logged(mark, "Failed to append ZResourceObj[Board] to list due to the "
-                             "ResourceName is duplicated!\n"));
-    EXPECT_TRUE(Logged(mark, "Failed to add Resource to schema[Chassis] due to the name[Board] is "
-                             "not unique!\n"));
+    EXPECT_TRUE(Logged(mark,
+                       "Failed to append ZResourceObj[Board] to list due to the "
+                       "ResourceName is duplicated!\n"));
+    EXPECT_TRUE(Logged(mark,
+                       "Failed to add Resource to schema[Chassis] due to the name[Board] is "
+                       "not unique!\n"));
     EXPECT_EQ(mApp->GetObject("/redfish/v1/Chassis/2"), b);
     EXPECT_EQ(mApp->GetResource("Board"), a);
     EXPECT_EQ(schema.GetResource("Board"), a);
@@ -202,8 +207,9 @@ TEST_F(ZObjectTest, ReferencesAreRecordedBothWays) {
               "&&Object Status &&/redfish/v1/Systems/1/Status");
     size_t mark = LogMark();
     EXPECT_EQ(t.manager->GetMetaKeyInReferencedBy(t.chassis), "");
-    EXPECT_TRUE(Logged(mark, "Cannot find obj[/redfish/v1/Chassis/1] in my[/redfish/v1/Managers/1] "
-                             "referencedBy list.\n"));
+    EXPECT_TRUE(Logged(mark,
+                       "Cannot find obj[/redfish/v1/Chassis/1] in my[/redfish/v1/Managers/1] "
+                       "referencedBy list.\n"));
     mark = LogMark();
     t.system->DumpReferenceTo();
     EXPECT_TRUE(Logged(mark, "  ReferencedTo[/redfish/v1/Managers/1]\n"));
@@ -211,8 +217,9 @@ TEST_F(ZObjectTest, ReferencesAreRecordedBothWays) {
     EXPECT_FALSE(Logged(mark, "  ReferencedTo[&&/redfish/v1/Systems/1/Status]"));
     mark = LogMark();
     t.manager->DumpReferencedBy();
-    EXPECT_TRUE(Logged(mark, "  ReferencedBy[/redfish/v1/Systems/1], MetaKey[&&ObjectRef Manager "
-                             "/redfish/v1/Managers/1]\n"));
+    EXPECT_TRUE(Logged(mark,
+                       "  ReferencedBy[/redfish/v1/Systems/1], MetaKey[&&ObjectRef Manager "
+                       "/redfish/v1/Managers/1]\n"));
 }
 
 TEST_F(ZObjectTest, DestroyModeDeleteRemovesEveryReferringProperty) {
@@ -242,8 +249,9 @@ TEST_F(ZObjectTest, DestroyModeUnlinkRemovesOnlyLinks) {
     t.chassis->ApplyRedisChanges();
     auto sys = HGetAll("/redfish/v1/Systems/1");
     EXPECT_EQ(sys.count("&&Object Status &&/redfish/v1/Systems/1/Status"), 1u);
-    EXPECT_EQ(HGetAll("/redfish/v1/Chassis/1").count("&&ObjectRef StatusRef "
-                                                     "&&/redfish/v1/Systems/1/Status"),
+    EXPECT_EQ(HGetAll("/redfish/v1/Chassis/1")
+                  .count("&&ObjectRef StatusRef "
+                         "&&/redfish/v1/Systems/1/Status"),
               0u);
     EXPECT_FALSE(OrbelTest::Exists("&&/redfish/v1/Systems/1/Status"));
     EXPECT_EQ(t.system->GetChild("Status", true), nullptr);
@@ -253,14 +261,15 @@ TEST_F(ZObjectTest, DestroyModeRelinkRewritesTheStoredLinksAtOnce) {
     LinkedTree t;
     // Spoil the stored links: the relink must write them back without an
     // apply of the referrers.
-    OrbelTest::RawCommand({"HDEL", "/redfish/v1/Systems/1", "&&ObjectRef Manager "
-                                                            "/redfish/v1/Managers/1"});
+    OrbelTest::RawCommand({"HDEL", "/redfish/v1/Systems/1",
+                           "&&ObjectRef Manager "
+                           "/redfish/v1/Managers/1"});
     t.manager->ObjDestroy(ZObject::eDestroyRelink, false);
     EXPECT_EQ(HGetAll("/redfish/v1/Systems/1").at("&&ObjectRef Manager /redfish/v1/Managers/1"),
               "");
-    EXPECT_EQ(LRange("&&/redfish/v1/Chassis/1/ManagedBy"),
-              (std::vector<std::string>{"\"first\"", "\"last\"",
-                                        "&&ObjectRef /redfish/v1/Managers/1"}));
+    EXPECT_EQ(
+        LRange("&&/redfish/v1/Chassis/1/ManagedBy"),
+        (std::vector<std::string>{"\"first\"", "\"last\"", "&&ObjectRef /redfish/v1/Managers/1"}));
     EXPECT_EQ(t.system->GetRedisChangeNum(), 0u);
 }
 
@@ -321,8 +330,9 @@ TEST_F(ZObjectTest, DeletingALiveNodeWarnsAndUnregistersIt) {
     auto* child = new ZJsonObject(parent, "Child");
     size_t mark = LogMark();
     delete child;
-    EXPECT_TRUE(Logged(mark, "! WARNING ! : Shall call ObjDestroy() function to delete this "
-                             "ZObject[&&Parent/Child]."));
+    EXPECT_TRUE(Logged(mark,
+                       "! WARNING ! : Shall call ObjDestroy() function to delete this "
+                       "ZObject[&&Parent/Child]."));
     EXPECT_EQ(parent->GetChildNum(), 0u);
     EXPECT_EQ(mApp->GetObject("&&Parent/Child"), nullptr);
     EXPECT_FALSE(mApp->IsValidObj(child));
@@ -352,7 +362,8 @@ TEST_F(ZObjectTest, DeleteAllChildObjsRetiresEveryChild) {
 TEST_F(ZObjectTest, OIDsSkipTakenNumbersAndGiveUpAfter101) {
     std::vector<ZObject*> nodes;
     mApp->SetNextOIDCandidate(1000);
-    for (int i = 0; i < 101; ++i) nodes.push_back(new ZJsonObject(nullptr, "N" + std::to_string(i)));
+    for (int i = 0; i < 101; ++i)
+        nodes.push_back(new ZJsonObject(nullptr, "N" + std::to_string(i)));
     EXPECT_EQ(nodes.front()->GetOID(), 1000u);
     EXPECT_EQ(nodes.back()->GetOID(), 1100u);
 
@@ -424,22 +435,23 @@ TEST_F(ZObjectTest, AJPathMonitorCallsBackOnceAndGoesWithItsObject) {
     sys->ObjDestroy(ZObject::eDestroyDelete, true);
     size_t mark = LogMark();
     mApp->ObjMonitorScan();
-    EXPECT_TRUE(Logged(mark, "Remove this objMonitorItem due to object[/redfish/v1/Systems/1] is "
-                             "died.\n"));
+    EXPECT_TRUE(Logged(mark,
+                       "Remove this objMonitorItem due to object[/redfish/v1/Systems/1] is "
+                       "died.\n"));
     EXPECT_EQ(mApp->DumpMonitorList(), "");
 }
 
 TEST_F(ZObjectTest, APatternMonitorCallsBackForEachNewMatch) {
     MonitorLog log;
-    ASSERT_EQ(mApp->RegisterMonitorObjectWithRegExp("/redfish/v1/Systems/[0-9]+", RecordMonitor,
-                                                    &log),
-              RT_SUCCESS);
+    ASSERT_EQ(
+        mApp->RegisterMonitorObjectWithRegExp("/redfish/v1/Systems/[0-9]+", RecordMonitor, &log),
+        RT_SUCCESS);
     auto* systems = new ZResourceCollection(nullptr, nullptr, "/redfish/v1/Systems");
     auto* one = new ZResource(systems, nullptr, "1");
     new ZResource(systems, nullptr, "2");
     mApp->ObjMonitorScan();
-    EXPECT_EQ(log.seen, (std::vector<std::string>{"/redfish/v1/Systems/1",
-                                                  "/redfish/v1/Systems/2"}));
+    EXPECT_EQ(log.seen,
+              (std::vector<std::string>{"/redfish/v1/Systems/1", "/redfish/v1/Systems/2"}));
     // A member made again under the same URI is a new object.
     one->ObjDestroy(ZObject::eDestroyDelete, true);
     mApp->ObjMonitorScan();
@@ -473,7 +485,8 @@ TEST_F(RuntimeSummaryTest, ListsObjectsBusyResourcesAndOrphans) {
         new ZResource(nullptr, schema, "/redfish/v1/Systems/2");
         new ZJsonObject(nullptr, "ResponseData");  // 2 resources, 2 GETQ lists, 1 orphan
         ASSERT_EQ(sys->Lock(0), RT_SUCCESS);
-        app.RegisterMonitorObject("/redfish/v1/Systems/9", [](ZObject*, void*) {}, nullptr);
+        app.RegisterMonitorObject(
+            "/redfish/v1/Systems/9", [](ZObject*, void*) {}, nullptr);
 
         logPath = zLogPrint->LogFilePath();
         zLogPrint->DumpMsgCache2File();

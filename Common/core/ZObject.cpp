@@ -27,13 +27,13 @@ bool Use(ZObject* obj) {
 
 // Releases a count taken with Use() at the end of a scope.
 class UseRelease {
-public:
+  public:
     explicit UseRelease(ZObject* obj) : mObj(obj) {}
     ~UseRelease() { mObj->DecreaseUsingCount(); }
     UseRelease(const UseRelease&) = delete;
     UseRelease& operator=(const UseRelease&) = delete;
 
-private:
+  private:
     ZObject* mObj;
 };
 
@@ -326,8 +326,8 @@ eRtCode ZObject::AppendChildObj(ZObject* child) {
 ZObject* ZObject::_GetChild(const std::string& id, bool silent) {
     std::lock_guard<std::mutex> lock(mChildMutex);
     if (mChildList == nullptr) {
-        ZLOG(eZLogError, "Obj[%s] try to get child[%s] but ChildList is NULL\n",
-             _LogName().c_str(), id.c_str());
+        ZLOG(eZLogError, "Obj[%s] try to get child[%s] but ChildList is NULL\n", _LogName().c_str(),
+             id.c_str());
         return nullptr;
     }
     auto it = mChildList->find(id);

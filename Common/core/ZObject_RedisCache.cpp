@@ -28,7 +28,7 @@ bool Use(ZObject* obj) {
 }
 
 class UseRelease {
-public:
+  public:
     explicit UseRelease(ZObject* obj) : mObj(obj) {}
     ~UseRelease() {
         if (mObj != nullptr) mObj->DecreaseUsingCount();
@@ -36,7 +36,7 @@ public:
     UseRelease(const UseRelease&) = delete;
     UseRelease& operator=(const UseRelease&) = delete;
 
-private:
+  private:
     ZObject* mObj;
 };
 
@@ -117,8 +117,8 @@ bool ZObject::_IsHashTable(const char* what, const std::string& name) {
 
 bool ZObject::_IsListTable(int index) {
     if (mType != eJsonArray) {
-        ZLOG(eZLogError, "Object[%s] type[%d] is not JsonArray. itemIdx[%d]\n",
-             _LogName().c_str(), static_cast<int>(mType), index);
+        ZLOG(eZLogError, "Object[%s] type[%d] is not JsonArray. itemIdx[%d]\n", _LogName().c_str(),
+             static_cast<int>(mType), index);
         return false;
     }
     return true;
@@ -788,8 +788,8 @@ std::string ZObject::_NodeLinkText(ZObject* node, bool isLink, const std::string
     std::string target;
     if (isLink) {
         text = "&&ObjectRef";
-        target = node->IsResourceType() ? static_cast<ZResource*>(node)->GetOdataId()
-                                        : node->GetJPath();
+        target =
+            node->IsResourceType() ? static_cast<ZResource*>(node)->GetOdataId() : node->GetJPath();
     } else {
         text = node->GetType() == eJsonArray ? "&&Array" : "&&Object";
         target = node->GetJPath();
@@ -897,8 +897,8 @@ eRtCode ZObject::ApplyObjectChanges(sObjectChange* change) {
         case eObjChgCreate:
         case eObjChgUpdate: {
             auto* item = new sRedisCmdItem();
-            eRtCode rt = mIsRawJson ? _ObjChg2RawJsonData(change, item)
-                                    : _ObjChg2RedisCmd(change, item);
+            eRtCode rt =
+                mIsRawJson ? _ObjChg2RawJsonData(change, item) : _ObjChg2RedisCmd(change, item);
             if (rt != RT_SUCCESS) {
                 delete item;
                 return rt;
@@ -915,8 +915,7 @@ eRtCode ZObject::ApplyObjectChanges(sObjectChange* change) {
         }
         case eObjChgRemove: {
             if (mIsRawJson) {
-                ZLOG(eZLogError,
-                     "Shouldn't run in this condition when data format is RawJson.\n");
+                ZLOG(eZLogError, "Shouldn't run in this condition when data format is RawJson.\n");
                 return RT_FAILURE;
             }
             auto* item = new sRedisCmdItem();
@@ -931,8 +930,7 @@ eRtCode ZObject::ApplyObjectChanges(sObjectChange* change) {
         }
         case eObjChgClear:
             if (mIsRawJson) {
-                ZLOG(eZLogError,
-                     "Shouldn't run in this condition when data format is RawJson.\n");
+                ZLOG(eZLogError, "Shouldn't run in this condition when data format is RawJson.\n");
                 return RT_FAILURE;
             }
             // Clear writes nothing to the store: it only retires the node.
@@ -958,7 +956,8 @@ void ZObject::AppendRedisChange(sRedisCmdItem* item) {
         return;
     }
     // Differences of the 32-bit tick stay right across its wrap.
-    if (!mRedisCmdQueue->empty() && static_cast<uint32_t>(now - mLastAppendTick) > kUnappliedWarnMs) {
+    if (!mRedisCmdQueue->empty() &&
+        static_cast<uint32_t>(now - mLastAppendTick) > kUnappliedWarnMs) {
         ZLOG(eZLogError,
              "Cached data over 10 seconds. It might forget to apply changes into Redis? Obj[%s]\n",
              _LogName().c_str());
@@ -1104,8 +1103,8 @@ void ZObject::DumpRedisChanges(bool recursive) {
               _LogName().c_str());
         if (mRedisCmdQueue != nullptr) {
             for (sRedisCmdItem* item : *mRedisCmdQueue) {
-                ZLOGM("ZComLib", eZLogRaw, "    Act[%s] Key[%s] Value[%s]\n",
-                      ActName(item->action), item->key.c_str(), item->value.c_str());
+                ZLOGM("ZComLib", eZLogRaw, "    Act[%s] Key[%s] Value[%s]\n", ActName(item->action),
+                      item->key.c_str(), item->value.c_str());
             }
         }
     }

@@ -17,13 +17,13 @@ namespace OrbelTest {
 
 // Reaches the registry's test hook.
 class TestApplication : public Orbel::ZApplication {
-public:
+  public:
     TestApplication() : Orbel::ZApplication("RF_Test") {}
     using Orbel::ZApplication::SetNextOIDCandidate;
 };
 
 class ObjectModelTest : public StoreTest {
-protected:
+  protected:
     void SetUp() override {
         StoreTest::SetUp();
         Orbel::ZLogPrint* testLog = Orbel::zLogPrint;
