@@ -27,6 +27,7 @@
 #include "Orbel.h"
 #include "RedisCli.h"
 #include "ZLogPrint.h"
+#include "ZResource.h"
 #include "ZSchema.h"
 
 namespace Orbel {
@@ -213,6 +214,9 @@ ZApplication::~ZApplication() {
     if (rfd >= 0) close(rfd);
     if (wfd >= 0) close(wfd);
 
+    // Every node goes before the schemas that own the resources, while zApp
+    // still designates this object.
+    _ReleaseObjRegistry();
     _DeleteAllSchemas();
 
     if (zApp == this) zApp = mPrevApp;
@@ -727,10 +731,10 @@ void ZApplication::AppProcessLoop(ZApplication* app) {
         if (app->isExited()) break;
         app->UpdateThreadInfoProcess();
         if (app->GetInitStep() == 5) {
-            // Registry upkeep joins here with the object registry: freeing
-            // retired objects (RecycleProcess) and running the object
-            // monitors (ObjMonitorScan), in that order, before the
-            // diagnostics request below.
+            // Registry upkeep: free the retired objects nobody uses any
+            // more, then run the object monitors.
+            app->RecycleProcess();
+            app->ObjMonitorScan();
             app->_ServeDbgInfoRequest();
         }
     }
@@ -975,11 +979,35 @@ void ZApplication::UpdateThreadInfoProcess() {
 std::string ZApplication::_RuntimeSummary() {
     std::string text = mAppName + " Summary:\n";
     text += "   ZSchema Num = " + std::to_string(SchemaListSize()) + "\n";
-    // The object registry adds its part here when it lands: "   ZObject Num = "
-    // (ObjectListSize), "   Waiting Recycled Object Num = " (RecycledListSize),
-    // the monitor list (DumpMonitorList), then "Dump all resources that are
-    // in the BUSY state ====>\n" with the resource dump split at each '@',
-    // and "Dump orphan objects ====>\n" with GetOrphanObjsList.
+    text += "   ZObject Num = " + std::to_string(ObjectListSize()) + "\n";
+    text += "   Waiting Recycled Object Num = " + std::to_string(RecycledListSize()) + "\n";
+    text += DumpMonitorList();
+    // Busy resources are the ones a request (or a stuck handler) holds.
+    text += "Dump all resources that are in the BUSY state ====>\n";
+    std::string busy;
+    for (ZSchema* schema : GetSchemaList()) {
+        for (const auto& entry : schema->GetResourceList()) {
+            ZResource* res = entry.second;
+            if (!UseIfValid(res)) continue;
+            ZResource::eResStatus status = ZResource::eResIdle;
+            bool mine = false;
+            res->GetStatus(status, mine);
+            if (status == ZResource::eResBusy) {
+                char line[64];
+                std::snprintf(line, sizeof(line), "  Resource(%p) : [", static_cast<void*>(res));
+                busy += line + entry.first + "] owner[" + std::to_string(res->LockOwner()) + "]@";
+            }
+            res->DecreaseUsingCount();
+        }
+    }
+    // One entry per line.
+    for (char& ch : busy) {
+        if (ch == '@') ch = '\n';
+    }
+    text += busy;
+    text += "\n\n";
+    text += "Dump orphan objects ====>\n";
+    for (const std::string& jpath : GetOrphanObjsList()) text += "  " + jpath + "\n";
     return text;
 }
 

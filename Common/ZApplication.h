@@ -146,6 +146,10 @@ public:
     std::string GetResourceURI(ZObject* obj);
     // True when `obj` designates a registered object (logged otherwise).
     bool IsValidObj(ZObject* obj);
+    // IsValidObj and, when true, the object's using count increased in the
+    // same step, so the recycler cannot free it in between. The caller
+    // releases the count (ZObject::DecreaseUsingCount).
+    bool UseIfValid(ZObject* obj);
 
     // Recycle queue: retired objects wait here until nobody uses them.
     void RecycledListAppend(ZObject* obj);
@@ -167,7 +171,22 @@ public:
     void ObjMonitorScan();
     std::string DumpMonitorList();
 
+protected:
+    // The next number NewOID tries first. Only for tests that need a run of
+    // taken numbers; a plug-in has no reason to call it.
+    void SetNextOIDCandidate(uint32_t seq);
+
 private:
+    // Retires every object still registered and drains the recycle queue and
+    // the monitor list (run by the destructor before the schemas go).
+    void _ReleaseObjRegistry();
+    // GetObject without the retry log lines.
+    ZObject* _FindObject(const std::string& jpath, bool quiet);
+    // Drops `obj` from the valid-object and OID maps (a node deleted while
+    // alive, which never reaches the recycle queue).
+    void _ForgetObject(ZObject* obj);
+    friend class ZObject;
+
     int _ExecInitSchemas(sExecParams& params);
     int _ExecParserArgFlags(const char* list, unsigned char* flags, int count);
     void _ExecPrintUsage(sExecParams& params);

@@ -29,7 +29,9 @@ class ZSchema;
 
 class ZResource : public ZObject {
 public:
-    // Class attribute bits.
+    // Class attribute bits. Bits 0 and 1 are the node attributes RawJson and
+    // MultiBackend (ZObject::ATTR_*): a resource does not inherit
+    // MultiBackend, it is asked for here.
     static constexpr uint32_t RES_ATTR_EnableChecklist = 4u;  // "&&EnableChecklist" = true
     // On a collection the same bit asks reads to recount the members.
     static constexpr uint32_t RES_ATTR_MemberCount = 4u;
@@ -65,8 +67,9 @@ public:
     void UpdateOdataId();
 
     // Lock. timeoutMs > 0 polls every 100 ms up to that long; <= 0 tries
-    // once. Returns 0, RT_BUSY when someone else holds it, 2 for a died or
-    // invalid resource. Gives up early when the application exits.
+    // once. Returns 0, RT_BUSY when someone else holds it (or the front
+    // end's key outlives the budget), 2 for a died or invalid resource.
+    // Gives up early when the application exits.
     eRtCode Lock(int timeoutMs, uint32_t flags = 0);
     eRtCode Unlock();
     // The thread holding the lock (0 when free) and the nesting depth.
@@ -111,6 +114,12 @@ public:
     void ResourceDestroy();
 
 protected:
+    // For derived node types (collections): builds the ZObject part only;
+    // the derived constructor runs Initial() and the default contents.
+    ZResource(ZObject* parent, ZSchema* schema, eType type, const std::string& id,
+              const std::string& name, uint32_t attributes);
+    // Initial(), the schema's map and the default contents (without apply).
+    bool _InitResource();
     void _InitFillDefaultContents();
     void _InitFillCRUDChannel(ZJsonArray* channelArray, int method);
 
@@ -122,8 +131,7 @@ private:
     std::string mOdataId;
     std::string mLockKey;
 
-    std::mutex mLockSerial;  // serialises Lock/Unlock attempts
-    std::mutex mLockMutex;   // guards mLockOwner, mLockDepth
+    std::mutex mLockMutex;  // guards mLockOwner, mLockDepth
     unsigned long mLockOwner = 0;
     int mLockDepth = 0;
 

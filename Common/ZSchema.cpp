@@ -35,6 +35,8 @@ ZSchema::ZSchema(const std::string& name, const std::string& version, uint32_t c
     : mName(name), mVersion(version), mMemberSchemaName(memberSchemaName), mCRUDqFlag(crudqFlag) {}
 
 ZSchema::~ZSchema() {
+    // A resource keeps a pointer to its schema until it is retired.
+    _RetireOwnedResources();
     // The application deletes its schemas in list order; a schema deleted
     // any other way must not stay listed as a dangling pointer.
     if (mOwnerApp != nullptr) mOwnerApp->SchemaListRemove(this);

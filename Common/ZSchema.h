@@ -95,6 +95,9 @@ public:
     // Resource map, by resource name.
     eRtCode AddResource(ZResource* resource);
     eRtCode DelResource(const std::string& name);
+    // As DelResource(name), but only when the entry designates `expected`
+    // (a resource refused for a duplicate name must not remove the first).
+    eRtCode DelResource(const std::string& name, ZResource* expected);
     ZResource* GetResource(const std::string& name);
     std::map<std::string, ZResource*> GetResourceList();  // a copy
     size_t GetResourceNum();
@@ -117,6 +120,10 @@ protected:
     bool mEtagEnabled = false;
 
 private:
+    // Retires every resource that names this schema as owner (the mapped
+    // ones and any refused for a duplicate name), so none outlives it.
+    void _RetireOwnedResources();
+
     // The application whose list holds this schema (set by a successful
     // Init); the destructor takes the schema off that list.
     ZApplication* mOwnerApp = nullptr;

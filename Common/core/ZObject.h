@@ -320,13 +320,27 @@ protected:
     // The link text of a node value ("&&Object ...", "&&Array ...",
     // "&&ObjectRef ..."), with or without a property name.
     static std::string _NodeLinkText(ZObject* node, bool isLink, const std::string& name);
-    // Refuses writes on unknown or died nodes; holds the using count.
-    bool _CheckWritable();
+    // Refuses writes on unknown or died nodes (and, unless `rawJsonOk`, on
+    // RawJson nodes). On true the caller holds one using count and must
+    // release it (DecreaseUsingCount).
+    bool _CheckWritable(bool rawJsonOk = false);
     bool _IsHashTable(const char* what, const std::string& name);
     bool _IsListTable(int index);
-    // The node (owned child or link target) stored under property `name`.
-    ZObject* _FindNodeOfProperty(const std::string& name, bool* isLink);
+    // The node (owned child or link target) stored under property `name`
+    // (a plain property name, or a whole meta key); its field name goes to
+    // `field` and whether it is a link to `isLink`. Null when none; otherwise
+    // the node comes with a using count that the caller releases.
+    ZObject* _FindNodeOfProperty(const std::string& name, bool* isLink, std::string* field);
+    // The meta key under which `referrer` holds this node, without logging.
+    bool _MetaKeyOf(ZObject* referrer, std::string* metaKey);
     void _ApplyOneItem(redisContext* c, sRedisCmdItem* item);
+    // Rewrites the link that `referrer` holds under `metaKey` in the store at
+    // once (destroy mode relink).
+    void _RelinkInStore(ZObject* referrer, const std::string& metaKey);
+    // The node's JPath, or its name while it has none (for log lines).
+    std::string _LogName();
+    // Removes the element `text` (action Remove or Clear) after the checks.
+    eRtCode _ListRemoveText(const std::string& text, bool all);
 
     // Constant after Initial() (read without locks).
     std::atomic<uint32_t> mLiveMark;

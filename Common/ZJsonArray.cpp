@@ -1,0 +1,245 @@
+// A JSON array: one Redis list under its JPath, with its member objects and
+// the count it publishes in its parent.
+#include "ZJsonArray.h"
+
+#include <algorithm>
+
+#include "Orbel.h"
+#include "RedisCli.h"
+#include "ZApplication.h"
+#include "ZLogPrint.h"
+#include "ZResource.h"
+
+namespace Orbel {
+
+ZJsonArray::ZJsonArray(ZObject* parent, const std::string& name, uint32_t attributes)
+    : ZObject(parent, eJsonArray, name, name, 0), mClassAttributes(attributes) {
+    if (Initial() != RT_SUCCESS) return;
+    if ((GetAttribute() & ATTR_MultiBackend) == 0) {
+        _InitFillDefaultContents();
+    } else {
+        _InitMultiBackendMembers();
+    }
+}
+
+ZJsonArray::~ZJsonArray() = default;
+
+void ZJsonArray::_InitFillDefaultContents() {
+    if ((mClassAttributes & ARRAY_ATTR_OdataCount) == 0) return;
+    ZObject* parent = GetParent();
+    if (parent == nullptr || parent->GetType() == eJsonArray) return;
+    // The front end shows the count before the first element arrives.
+    if (parent->HashWrite(mId + "@odata.count", 0) != RT_SUCCESS) return;
+    if (parent->ApplyRedisChanges(false, nullptr) == RT_SUCCESS) {
+        std::lock_guard<std::mutex> lock(mMemberMutex);
+        mPublishedCount = 0;
+    }
+}
+
+void ZJsonArray::_InitMultiBackendMembers() {
+    // Other backends may have filled the list already: the nodes of this
+    // process that it links count as members; the rest belong to the others.
+    std::vector<std::string> items;
+    if (RedisListGetAll(nullptr, mJPath.c_str(), 0, -1, items) != RT_SUCCESS) return;
+    ZApplication* app = zApp;
+    if (app == nullptr) return;
+    for (const std::string& item : items) {
+        std::string target;
+        if (item.compare(0, 12, "&&ObjectRef ") != 0 && item.compare(0, 9, "&&Object ") != 0) {
+            continue;
+        }
+        if (!IsACorvelMetaKey(item, nullptr, &target, nullptr)) continue;
+        ZObject* obj = app->GetObject(target);
+        if (obj != nullptr && app->UseIfValid(obj)) {
+            if (!obj->IsDied()) {
+                std::lock_guard<std::mutex> lock(mMemberMutex);
+                if (std::find(mMembers.begin(), mMembers.end(), obj) == mMembers.end()) {
+                    mMembers.push_back(obj);
+                }
+            }
+            obj->DecreaseUsingCount();
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Member objects
+// ---------------------------------------------------------------------------
+
+eRtCode ZJsonArray::AddObjectItem(ZObject* obj) {
+    if (obj == nullptr) return RT_INVALID_ARG;
+    std::lock_guard<std::mutex> lock(mMemberMutex);
+    if (std::find(mMembers.begin(), mMembers.end(), obj) != mMembers.end()) {
+        ZLOG(eZLogWarning, "Add a duplicate object[%p][%s] to array[%s].\n",
+             static_cast<void*>(obj), obj->GetJPath().c_str(), mJPath.c_str());
+        return RT_FAILURE;
+    }
+    mMembers.push_back(obj);
+    return RT_SUCCESS;
+}
+
+eRtCode ZJsonArray::DelObjectItem(ZObject* obj) {
+    if (obj == nullptr) return RT_SUCCESS;
+    std::vector<ZObject*> shifted;  // members whose position changes
+    {
+        std::lock_guard<std::mutex> lock(mMemberMutex);
+        auto it = std::find(mMembers.begin(), mMembers.end(), obj);
+        if (it == mMembers.end()) {
+            ZLOG(eZLogError, "Object[%s] is not a member of collection[%s].\n",
+                 obj->GetJPath().c_str(), mJPath.c_str());
+            return RT_FAILURE;
+        }
+        it = mMembers.erase(it);
+        ZApplication* app = zApp;
+        for (; it != mMembers.end() && app != nullptr; ++it) {
+            if ((*it)->IsResourceType() && app->UseIfValid(*it)) shifted.push_back(*it);
+        }
+    }
+    // An embedded resource's "@odata.id" holds its position.
+    if (obj->IsResourceType() && !obj->IsDied()) static_cast<ZResource*>(obj)->UpdateOdataId();
+    for (ZObject* member : shifted) {
+        if (!member->IsDied()) static_cast<ZResource*>(member)->UpdateOdataId();
+        member->DecreaseUsingCount();
+    }
+    return RT_SUCCESS;
+}
+
+int ZJsonArray::GetIdxByObject(ZObject* obj) {
+    std::lock_guard<std::mutex> lock(mMemberMutex);
+    auto it = std::find(mMembers.begin(), mMembers.end(), obj);
+    return it == mMembers.end() ? -1 : static_cast<int>(it - mMembers.begin());
+}
+
+void ZJsonArray::GetMemberObjects(std::vector<ZObject*>& out) {
+    std::lock_guard<std::mutex> lock(mMemberMutex);
+    out = mMembers;
+}
+
+void ZJsonArray::DumpMemberObjs() {
+    std::lock_guard<std::mutex> lock(mMemberMutex);
+    ZLOGM("ZComLib", eZLogRaw, "Dump [%s] member objects ======>\n", mJPath.c_str());
+    int idx = 0;
+    for (ZObject* obj : mMembers) {
+        ZLOGM("ZComLib", eZLogRaw, "  Idx[%03d]: Obj[%p][%s]\n", idx++, static_cast<void*>(obj),
+              obj->GetJPath().c_str());
+    }
+}
+
+void ZJsonArray::CleanObjectItem() {
+    std::lock_guard<std::mutex> lock(mMemberMutex);
+    mMembers.clear();
+}
+
+// ---------------------------------------------------------------------------
+// Store side
+// ---------------------------------------------------------------------------
+
+unsigned int ZJsonArray::ItemNum() {
+    redisContext* c = RedisConnect();
+    if (c == nullptr) {
+        ZLOG(eZLogError, "Failed to call RedisConnect()\n");
+        return 0;
+    }
+    int size = ListSize(c);
+    RedisDisconnect(c);
+    if (size < 0) {
+        ZLOG(eZLogError, "ListSize() returned error! (%d)\n", size);
+        return 0;
+    }
+    return static_cast<unsigned int>(size);
+}
+
+eRtCode ZJsonArray::AppendItem(redisContext* c, const std::string& value) {
+    if ((GetAttribute() & ATTR_MultiBackend) != 0) {
+        std::lock_guard<std::mutex> lock(mMemberMutex);
+        mWrittenItems.insert(value);
+    }
+    eRtCode rt = RedisListPushBack(c, mJPath.c_str(), value.c_str());
+    UpdateParentOdataCount(c);
+    return rt;
+}
+
+eRtCode ZJsonArray::UpdateItem(redisContext* c, const std::string& index,
+                               const std::string& value) {
+    eRtCode rt = RedisListSet(c, mJPath.c_str(), index.c_str(), value.c_str());
+    UpdateParentOdataCount(c);
+    return rt;
+}
+
+eRtCode ZJsonArray::RemoveItem(redisContext* c, const std::string& text) {
+    if ((GetAttribute() & ATTR_MultiBackend) != 0) {
+        std::lock_guard<std::mutex> lock(mMemberMutex);
+        // Another backend's elements are not this process's to remove.
+        if (mWrittenItems.erase(text) == 0) {
+            ZLOG(eZLogError, "Unknown item[%s] in Object[%s].\n", text.c_str(), mJPath.c_str());
+            return RT_FAILURE;
+        }
+    }
+    eRtCode rt = IsACorvelMetaKey(text) ? RedisListDelAll(c, mJPath.c_str(), text)
+                                        : RedisListDel(c, mJPath.c_str(), text);
+    UpdateParentOdataCount(c);
+    return rt;
+}
+
+eRtCode ZJsonArray::UpdateParentOdataCount(redisContext* c) {
+    if ((mClassAttributes & ARRAY_ATTR_OdataCount) == 0) return RT_SUCCESS;
+    ZObject* parent = GetParent();
+    if (parent == nullptr || parent->GetType() == eJsonArray) return RT_SUCCESS;
+
+    redisContext* own = nullptr;
+    if (c == nullptr) {
+        own = c = RedisConnect();
+        if (c == nullptr) {
+            ZLOG(eZLogError, "Failed to call RedisConnect()\n");
+            return RT_FAILURE;
+        }
+    }
+    eRtCode rt = RT_SUCCESS;
+    int size = ListSize(c);
+    if (size < 0) {
+        rt = RT_FAILURE;
+    } else {
+        // Held across the write, so two appliers never publish out of order.
+        std::lock_guard<std::mutex> lock(mMemberMutex);
+        if (size != mPublishedCount) {
+            const std::string field = mId + "@odata.count";
+            rt = RedisHashSet(c, parent->GetJPath().c_str(), field.c_str(),
+                              std::to_string(size).c_str());
+            if (rt == RT_SUCCESS) mPublishedCount = size;
+        }
+    }
+    if (own != nullptr) RedisDisconnect(own);
+    return rt;
+}
+
+eRtCode ZJsonArray::CleanItemsFromRedis(redisContext* c) {
+    if ((GetAttribute() & ATTR_MultiBackend) == 0) return RedisDelTable(c, mJPath.c_str());
+    std::set<std::string> items;
+    {
+        std::lock_guard<std::mutex> lock(mMemberMutex);
+        items.swap(mWrittenItems);
+    }
+    eRtCode rt = RT_SUCCESS;
+    for (const std::string& item : items) {
+        if (RedisListDelAll(c, mJPath.c_str(), item) != RT_SUCCESS) rt = RT_FAILURE;
+    }
+    return rt;
+}
+
+void ZJsonArray::_Destroy(eDestroyMode mode, bool clearStore) {
+    ZObject* parent = GetParent();
+    if (parent != nullptr && !IsDied()) {
+        redisContext* c = RedisConnect();
+        if (c == nullptr) {
+            ZLOG(eZLogError, "Failed to call RedisConnect()\n");
+        } else {
+            const std::string key = parent->GetJPath();
+            RedisHashDel(c, key.c_str(), (mId + "@odata.navigationLink").c_str());
+            RedisHashDel(c, key.c_str(), (mId + "@odata.count").c_str());
+            RedisDisconnect(c);
+        }
+    }
+    ObjDestroy(mode, clearStore);
+}
+
+}  // namespace Orbel

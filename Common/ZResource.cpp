@@ -1,0 +1,365 @@
+// A Redfish resource: default contents, request channel lists, the request
+// lock and the front end's lock key, time-to-live and private data.
+#include "ZResource.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <ctime>
+
+#include "Orbel.h"
+#include "RedisCli.h"
+#include "ZApplication.h"
+#include "ZJsonArray.h"
+#include "ZLogPrint.h"
+#include "ZSchema.h"
+
+namespace Orbel {
+
+namespace {
+
+constexpr const char* kTtlTable = "&&TTL";
+constexpr const char* kLockKeyPrefix = "&&ResourceLock:";
+constexpr int kLockPollMs = 100;
+
+const char* QueueWord(int method) {
+    static const char* const kWords[] = {"POSTCREATEQ", "GETQ", "PATCHQ", "DELETEQ", "POSTACTIONQ"};
+    return method >= 0 && method < eReqMethodNum ? kWords[method] : nullptr;
+}
+
+unsigned long ThisThread() {
+    return (unsigned long)pthread_self();
+}
+
+}  // namespace
+
+ZResource::ZResource(ZObject* parent, ZSchema* schema, eType type, const std::string& id,
+                     const std::string& name, uint32_t attributes)
+    // Class attribute bits 0 and 1 are the node's RawJson and MultiBackend.
+    : ZObject(parent, type, id, name, attributes & (ATTR_RawJson | ATTR_MultiBackend)),
+      mSchema(schema),
+      mClassAttributes(attributes) {
+    if (!IsPureString(name, false)) {
+        ZLOG(eZLogError, "Resource[%s]: input entityName is not pure string.\n", name.c_str());
+    }
+}
+
+ZResource::ZResource(ZObject* parent, ZSchema* schema, const std::string& id,
+                     const std::string& name, uint32_t attributes)
+    : ZResource(parent, schema, eResource, id, name, attributes) {
+    if (_InitResource()) ApplyRedisChanges(true, nullptr);
+}
+
+ZResource::~ZResource() {
+    // Deleted without ObjDestroy (logged by the node core): the schema must
+    // not keep a pointer to it.
+    if (!IsDied() && mSchema != nullptr) mSchema->DelResource(mName, this);
+}
+
+bool ZResource::_InitResource() {
+    if (Initial() != RT_SUCCESS) return false;
+    mLockKey = kLockKeyPrefix + mJPath;
+    if (mSchema != nullptr) mSchema->AddResource(this);
+    _InitFillDefaultContents();
+    return true;
+}
+
+void ZResource::_InitFillDefaultContents() {
+    // A RawJson resource keeps its content as one JSON text, which the JSON
+    // text translation fills; the per-field defaults below do not apply.
+    if (IsDataFmtRawJson()) return;
+
+    HashWrite("@odata.id", GetOdataId());
+    if (mSchema != nullptr) {
+        const std::string print = mSchema->GetOdataPrintName();
+        const std::string& version = mSchema->GetVersion();
+        std::string type = "#" + print + ".";
+        if (!version.empty()) type += version + ".";
+        type += mSchema->GetName();
+        HashWrite("@odata.type", type);
+        if (mSchema->IsEtagEnabled()) HashWrite("@odata.etag", std::string());
+        HashWrite("@odata.context", "/redfish/v1/$metadata#" + print);
+    }
+    if ((mClassAttributes & RES_ATTR_EnableChecklist) != 0) HashWrite("&&EnableChecklist", true);
+    if (mSchema == nullptr) return;
+
+    const uint32_t crudq = mSchema->GetCRUDqFlag();
+    for (int method = 0; method < eReqMethodNum; ++method) {
+        if ((crudq & (1u << method)) == 0) continue;
+        auto* channels = new ZJsonArray(this, QueueWord(method), 0);
+        if (channels->GetJPath().empty()) {
+            channels->ObjDestroy(eDestroyDelete, false);
+            continue;
+        }
+        _InitFillCRUDChannel(channels, method);
+        HashWrite(QueueWord(method), channels);
+    }
+    if (mSchema->GetTaskFlag() != 0) HashWriteRawString("&&Async", "true");
+    ResetAllowMethod(crudq);
+}
+
+void ZResource::_InitFillCRUDChannel(ZJsonArray* channelArray, int method) {
+    if (channelArray == nullptr || mSchema == nullptr) return;
+    const std::string channel = mSchema->GetCRUDqChannel(static_cast<eReqMethod>(method));
+    if ((channelArray->GetAttribute() & ATTR_MultiBackend) != 0) {
+        // Several backends serve this resource, each on its own channel: add
+        // ours once, next to theirs.
+        std::vector<std::string> stored;
+        const std::string key = channelArray->GetJPath();
+        if (RedisListGetAll(nullptr, key.c_str(), 0, -1, stored) != RT_SUCCESS) {
+            ZLOG(eZLogError, "Failed to call RedisListGetAll( %s )\n", key.c_str());
+            return;
+        }
+        if (std::find(stored.begin(), stored.end(), channel) != stored.end()) return;
+    }
+    channelArray->ListWriteRawString(channel);
+}
+
+// ---------------------------------------------------------------------------
+// "@odata.id"
+// ---------------------------------------------------------------------------
+
+std::string ZResource::GetOdataId() {
+    std::lock_guard<std::mutex> lock(mOdataIdMutex);
+    return mOdataId;
+}
+
+void ZResource::SetOdataId(const std::string& odataId) {
+    std::lock_guard<std::mutex> lock(mOdataIdMutex);
+    mOdataId = odataId;
+}
+
+void ZResource::UpdateOdataId() {
+    if (IsDied()) return;
+    std::string odataId = GetJPath();
+    ZObject* parent = GetParent();
+    if (parent != nullptr && parent->GetType() == eJsonObject) {
+        ZLOG(eZLogError, "The parent[%s] of embedded resource[%s] should be a JArray.\n",
+             parent->GetJPath().c_str(), odataId.c_str());
+    } else if (parent != nullptr && parent->GetType() == eJsonArray) {
+        ZObject* holder = parent->GetParent();
+        bool memberList = holder != nullptr && holder->GetType() == eResourceCollection &&
+                          parent->GetId() == "Members";
+        ZResource* owner = parent->GetOwnedByResource();
+        int idx = static_cast<ZJsonArray*>(parent)->GetIdxByObject(this);
+        if (!memberList && owner != nullptr && idx >= 0) {
+            // Embedded: addressed by its position in the owner's document.
+            const std::string ownerUri = owner->GetJPath();
+            std::string below = parent->GetJPath();
+            if (below.compare(0, 2, "&&") == 0) below.erase(0, 2);
+            if (below.compare(0, ownerUri.size(), ownerUri) == 0) below.erase(0, ownerUri.size());
+            size_t start = below.find_first_not_of('/');
+            below = start == std::string::npos ? std::string() : below.substr(start);
+            odataId = ownerUri + "#/" + below + "/" + std::to_string(idx);
+        }
+    }
+    bool changed = false;
+    {
+        std::lock_guard<std::mutex> lock(mOdataIdMutex);
+        changed = odataId != mOdataId;
+        if (changed) mOdataId = odataId;
+    }
+    if (changed && !IsDataFmtRawJson()) HashWrite("@odata.id", odataId);
+}
+
+// ---------------------------------------------------------------------------
+// Lock
+// ---------------------------------------------------------------------------
+
+eRtCode ZResource::Lock(int timeoutMs, uint32_t flags) {
+    ZApplication* app = zApp;
+    if (app == nullptr || !app->UseIfValid(this)) return RT_FAILURE;
+    struct Release {
+        ZObject* obj;
+        ~Release() { obj->DecreaseUsingCount(); }
+    } release{this};
+    const unsigned long self = ThisThread();
+    const uint32_t start = MiniTimeTick();
+    bool reportedCorvel = false;
+    unsigned long holder = 0;
+    for (;;) {
+        if (IsDied()) return RT_FAILURE;
+        {
+            std::lock_guard<std::mutex> lock(mLockMutex);
+            if (mLockOwner == self) {
+                ++mLockDepth;
+                return RT_SUCCESS;
+            }
+            holder = mLockOwner;
+        }
+        bool corvelBusy = false;
+        if (holder == 0 && (flags & LOCK_IGNORE_CORVEL_KEY) == 0) {
+            // The front end still owes the previous response its read.
+            corvelBusy = IsCorvelLockKeyExist();
+            if (corvelBusy && !reportedCorvel) {
+                ZLOG(eZLogInfo, "Resource[%s] is locked by Corvel-Orbel.\n", mJPath.c_str());
+                reportedCorvel = true;
+            }
+        }
+        if (holder == 0 && !corvelBusy) {
+            std::lock_guard<std::mutex> lock(mLockMutex);
+            if (mLockOwner == 0) {
+                mLockOwner = self;
+                mLockDepth = 1;
+                return RT_SUCCESS;
+            }
+            holder = mLockOwner;
+        }
+        uint32_t elapsed = MiniTimeTick() - start;
+        if (timeoutMs <= 0 || elapsed >= static_cast<uint32_t>(timeoutMs) || app->isExited()) {
+            break;
+        }
+        MyMSleep(kLockPollMs);
+    }
+    if (holder != 0) {
+        ZLOG(eZLogWarning,
+             "Thread[%ld] try to lock resource[%s] but failed due to is locked by[%ld]!\n",
+             (long)self, mJPath.c_str(), (long)holder);
+    }
+    return RT_BUSY;
+}
+
+eRtCode ZResource::Unlock() {
+    const unsigned long self = ThisThread();
+    std::lock_guard<std::mutex> lock(mLockMutex);
+    if (mLockOwner != self) {
+        ZLOG(eZLogError, "Thread[0x%lx] try to unlock resource[%s] but is owned by thread[%lx]!\n",
+             self, mJPath.c_str(), mLockOwner);
+        return RT_FAILURE;
+    }
+    if (--mLockDepth <= 0) {
+        mLockDepth = 0;
+        mLockOwner = 0;
+    }
+    return RT_SUCCESS;
+}
+
+unsigned long ZResource::LockOwner() {
+    std::lock_guard<std::mutex> lock(mLockMutex);
+    return mLockOwner;
+}
+
+int ZResource::LockDepth() {
+    std::lock_guard<std::mutex> lock(mLockMutex);
+    return mLockDepth;
+}
+
+void ZResource::GetStatus(eResStatus& status, bool& lockedByMe) {
+    lockedByMe = false;
+    if (IsDied()) {
+        status = eResDied;
+        return;
+    }
+    std::lock_guard<std::mutex> lock(mLockMutex);
+    if (mLockOwner == 0) {
+        status = eResIdle;
+    } else {
+        status = eResBusy;
+        lockedByMe = mLockOwner == ThisThread();
+    }
+}
+
+std::string ZResource::CreateCorvelLockKey(redisContext* c, const std::string& value) {
+    if (mLockKey.empty()) return std::string();
+    if (RedisSet(c, mLockKey.c_str(), value.c_str(), kCorvelLockKeySeconds) != RT_SUCCESS) {
+        ZLOG(eZLogError, "Failed to call RedisSet( %s %s ).\n", mLockKey.c_str(), value.c_str());
+        return std::string();
+    }
+    return mLockKey;
+}
+
+bool ZResource::IsCorvelLockKeyExist() {
+    if (mLockKey.empty()) return false;
+    static const unsigned int kRetrySleepMs[] = {100, 200};
+    for (unsigned int attempt = 0;; ++attempt) {
+        std::string value;
+        eRtCode rt = RedisGet(nullptr, mLockKey.c_str(), &value);
+        if (rt == RT_SUCCESS) return true;
+        if (rt == RT_NO_SUCH_KEY) return false;
+        if (attempt >= sizeof(kRetrySleepMs) / sizeof(kRetrySleepMs[0])) break;
+        MyMSleep(kRetrySleepMs[attempt]);
+    }
+    // An unreadable key must not wedge every request: treat it as absent.
+    ZLOG(eZLogError, "Failed to call RedisGet( %s ).\n", mLockKey.c_str());
+    return false;
+}
+
+// ---------------------------------------------------------------------------
+// Time-to-live, private data
+// ---------------------------------------------------------------------------
+
+eRtCode ZResource::UpdateTtlTable() {
+    const std::string uri = GetJPath();
+    if (uri.empty()) return RT_FAILURE;
+    if (mTTL == 0) {
+        eRtCode rt = RedisHashDel(nullptr, kTtlTable, uri.c_str());
+        return rt == RT_FIELD_MISSING ? RT_SUCCESS : rt;
+    }
+    long long until = static_cast<long long>(time(nullptr)) + mTTL;
+    return RedisHashSet(nullptr, kTtlTable, uri.c_str(), std::to_string(until).c_str());
+}
+
+eRtCode ZResource::SetPrivateData(void* data, RecyclePrivDataCallback_t recycle) {
+    if (data == nullptr || recycle == nullptr) {
+        ZLOG(eZLogError, "data[%p] or recyclePrivDataCallback[%p] is Null\n", data,
+             reinterpret_cast<void*>(recycle));
+        return RT_INVALID_ARG;
+    }
+    void* old = mPrivateData;
+    RecyclePrivDataCallback_t oldRecycle = mRecyclePrivData;
+    mPrivateData = data;
+    mRecyclePrivData = recycle;
+    if (old != nullptr && old != data && oldRecycle != nullptr) oldRecycle(old);
+    return RT_SUCCESS;
+}
+
+void ZResource::ResourceDestroy() {
+    if (mSchema != nullptr) mSchema->DelResource(mName, this);
+    void* data = mPrivateData;
+    RecyclePrivDataCallback_t recycle = mRecyclePrivData;
+    mPrivateData = nullptr;
+    mRecyclePrivData = nullptr;
+    if (data != nullptr && recycle != nullptr) recycle(data);
+}
+
+// ---------------------------------------------------------------------------
+// Store side of the change queue
+// ---------------------------------------------------------------------------
+
+eRtCode ZResource::AppendProperty(redisContext* c, const std::string& key,
+                                  const std::string& value) {
+    if ((GetAttribute() & ATTR_MultiBackend) != 0) {
+        std::lock_guard<std::mutex> lock(mWrittenMutex);
+        mWrittenFields.insert(key);
+    }
+    return RedisHashSet(c, mJPath.c_str(), key.c_str(), value.c_str());
+}
+
+eRtCode ZResource::RemoveProperty(redisContext* c, const std::string& key) {
+    if ((GetAttribute() & ATTR_MultiBackend) != 0) {
+        std::lock_guard<std::mutex> lock(mWrittenMutex);
+        mWrittenFields.erase(key);
+    }
+    return RedisHashDel(c, mJPath.c_str(), key.c_str());
+}
+
+eRtCode ZResource::CleanPropertiesFromRedis(redisContext* c) {
+    eRtCode rt = RT_SUCCESS;
+    if ((GetAttribute() & ATTR_MultiBackend) == 0) {
+        rt = RedisDelTable(c, mJPath.c_str());
+        // Content that is gone has nothing left to keep fresh.
+        RedisHashDel(c, kTtlTable, mJPath.c_str());
+        return rt;
+    }
+    std::set<std::string> fields;
+    {
+        std::lock_guard<std::mutex> lock(mWrittenMutex);
+        fields.swap(mWrittenFields);
+    }
+    for (const std::string& field : fields) {
+        if (RedisHashDel(c, mJPath.c_str(), field.c_str()) != RT_SUCCESS) rt = RT_FAILURE;
+    }
+    return rt;
+}
+
+}  // namespace Orbel

@@ -1,0 +1,118 @@
+// A resource collection: a resource whose "Members" array links its members.
+#include "ZResourceCollection.h"
+
+#include "ZApplication.h"
+#include "ZJsonArray.h"
+#include "ZLogPrint.h"
+
+namespace Orbel {
+
+namespace {
+constexpr const char* kMembers = "Members";
+}  // namespace
+
+ZResourceCollection::ZResourceCollection(ZObject* parent, ZSchema* schema, const std::string& id,
+                                         const std::string& name, uint32_t attributes)
+    : ZResource(parent, schema, eResourceCollection, id, name, attributes) {
+    if (!_InitResource()) return;
+    _InitFillDefaultContents();
+    ApplyRedisChanges(true, nullptr);
+}
+
+ZResourceCollection::~ZResourceCollection() = default;
+
+void ZResourceCollection::_InitFillDefaultContents() {
+    if (IsDataFmtRawJson()) return;
+    // Writes Members@odata.count = 0 into this collection at once.
+    auto* members = new ZJsonArray(this, kMembers, ZJsonArray::ARRAY_ATTR_OdataCount);
+    if (members->GetJPath().empty()) {
+        members->ObjDestroy(eDestroyDelete, false);
+        return;
+    }
+    HashWrite(kMembers, members);
+}
+
+eRtCode ZResourceCollection::CollectionAddMember(ZResource* member) {
+    ZApplication* app = zApp;
+    if (member == nullptr || app == nullptr || !app->UseIfValid(member)) {
+        ZLOG(eZLogError, "Members[%s] is not a local object.\n", GetJPath().c_str());
+        return RT_FAILURE;
+    }
+    ZObjectUseGuard guard(member);
+    member->DecreaseUsingCount();
+    ZObject* members = GetChild(kMembers, true);
+    if (members == nullptr) {
+        ZLOG(eZLogError, "Failed to get Members object.\n");
+        return RT_FAILURE;
+    }
+    eRtCode rt = members->ListWrite(-1, static_cast<ZObject*>(member), true);
+    if (rt != RT_SUCCESS) return rt;
+    // The member list and its count reach the store with the member itself.
+    return members->ApplyRedisChanges(false, nullptr);
+}
+
+eRtCode ZResourceCollection::CollectionRemoveMember(ZResource* member) {
+    ZApplication* app = zApp;
+    if (member == nullptr || app == nullptr || !app->UseIfValid(member)) {
+        ZLOG(eZLogError, "Members[%s] is not a local object.\n", GetJPath().c_str());
+        return RT_FAILURE;
+    }
+    ZObjectUseGuard guard(member);
+    member->DecreaseUsingCount();
+    ZObject* members = GetChild(kMembers, true);
+    if (members == nullptr) {
+        ZLOG(eZLogError, "Failed to get Members object.\n");
+        return RT_FAILURE;
+    }
+    std::string text = "&&ObjectRef " + member->GetOdataId();
+    return members->ListRemove(text, false);
+}
+
+unsigned int ZResourceCollection::GetMemberCount() {
+    ZObject* members = GetChild(kMembers, true);
+    return members != nullptr ? static_cast<unsigned int>(members->GetChildNum()) : 0;
+}
+
+std::vector<std::string> ZResourceCollection::GetMemberObjIDs() {
+    ZObject* members = GetChild(kMembers, true);
+    return members != nullptr ? members->GetChildIDs() : std::vector<std::string>();
+}
+
+int ZResourceCollection::GetFreeMemberId() {
+    ZApplication* app = zApp;
+    if (app == nullptr || !app->UseIfValid(this)) return -1;
+    ZObjectUseGuard guard(this);
+    DecreaseUsingCount();
+    if (IsDied()) return -1;
+    ZObject* members = GetChild(kMembers, true);
+    if (members == nullptr) {
+        ZLOG(eZLogError, "Cannot get child[%s] from object[%s].\n", kMembers, mJPath.c_str());
+        return 1;
+    }
+    unsigned int count = static_cast<ZJsonArray*>(members)->ItemNum();
+    for (unsigned int n = 1; n <= count; ++n) {
+        if (members->GetChild(static_cast<int>(n), true) == nullptr) return static_cast<int>(n);
+    }
+    return static_cast<int>(count) + 1;
+}
+
+void ZResourceCollection::DeleteAllMemberResources() {
+    ZObject* members = GetChild(kMembers, true);
+    if (members == nullptr) return;
+    members->DeleteAllChildObjs();
+}
+
+eRtCode ZResourceCollection::UpdateMemberCount() {
+    ZObject* members = GetChild(kMembers, true);
+    if (members == nullptr) {
+        ZLOG(eZLogError, "Cannot get child[%s] from object[%s].\n", kMembers, mJPath.c_str());
+        return RT_FAILURE;
+    }
+    return static_cast<ZJsonArray*>(members)->UpdateParentOdataCount(nullptr);
+}
+
+void ZResourceCollection::_Destroy(eDestroyMode mode, bool clearStore) {
+    ObjDestroy(mode, clearStore);
+}
+
+}  // namespace Orbel

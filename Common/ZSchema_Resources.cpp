@@ -1,0 +1,105 @@
+// ZSchema: the resource map (resources by name) and its teardown.
+#include <sstream>
+#include <vector>
+
+#include "ZApplication.h"
+#include "ZLogPrint.h"
+#include "ZResource.h"
+#include "ZSchema.h"
+
+namespace Orbel {
+
+eRtCode ZSchema::AddResource(ZResource* resource) {
+    if (resource == nullptr) {
+        ZLOG(eZLogError, "NULL arg! resource:%p\n", static_cast<void*>(resource));
+        return RT_INVALID_ARG;
+    }
+    const std::string name = resource->GetName();
+    std::lock_guard<std::mutex> lock(mMutex);
+    auto inserted = mResources.emplace(name, resource);
+    if (!inserted.second) {
+        ZLOG(eZLogError,
+             "Failed to add Resource to schema[%s] due to the name[%s] is not unique!\n",
+             mName.c_str(), name.c_str());
+        return RT_FAILURE;
+    }
+    ZLOG(eZLogDebug, "Schema[%s] add a new Resource name[%s] id[%s].\n", mName.c_str(),
+         name.c_str(), resource->GetId().c_str());
+    return RT_SUCCESS;
+}
+
+eRtCode ZSchema::DelResource(const std::string& name) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mResources.erase(name) == 0) return RT_FAILURE;
+    ZLOG(eZLogDebug, "Schema[%s] delete a Resource[%s].\n", mName.c_str(), name.c_str());
+    return RT_SUCCESS;
+}
+
+eRtCode ZSchema::DelResource(const std::string& name, ZResource* expected) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    auto it = mResources.find(name);
+    if (it == mResources.end() || it->second != expected) return RT_FAILURE;
+    mResources.erase(it);
+    ZLOG(eZLogDebug, "Schema[%s] delete a Resource[%s].\n", mName.c_str(), name.c_str());
+    return RT_SUCCESS;
+}
+
+ZResource* ZSchema::GetResource(const std::string& name) {
+    ZResource* resource = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        auto it = mResources.find(name);
+        if (it == mResources.end()) return nullptr;
+        resource = it->second;
+    }
+    // Listed resources leave the map when retired; a died one still listed
+    // is caught in the middle of its retirement.
+    if (resource->IsDied()) {
+        ZLOG(eZLogError, "The resource[%s] in schema[%s] is died.\n", name.c_str(), mName.c_str());
+    }
+    return resource;
+}
+
+void ZSchema::DestroyAllResources() {
+    std::vector<ZResource*> resources;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        for (const auto& entry : mResources) resources.push_back(entry.second);
+    }
+    ZApplication* app = zApp;
+    if (app == nullptr) return;
+    for (ZResource* resource : resources) {
+        // One may already be gone with an ancestor retired just before.
+        if (!app->UseIfValid(resource)) continue;
+        resource->ObjDestroy(ZObject::eDestroyDelete, true);
+        resource->DecreaseUsingCount();
+    }
+}
+
+void ZSchema::_RetireOwnedResources() {
+    DestroyAllResources();
+    ZApplication* app = zApp;
+    if (app == nullptr) return;
+    for (const std::string& jpath : app->GetObjectList()) {
+        ZObject* obj = app->GetObject(jpath);
+        if (obj == nullptr || !obj->IsResourceType() || !app->UseIfValid(obj)) continue;
+        if (static_cast<ZResource*>(obj)->OwnedBySchema() == this) {
+            obj->ObjDestroy(ZObject::eDestroyDelete, true);
+        }
+        obj->DecreaseUsingCount();
+    }
+}
+
+std::string ZSchema::DumpResources() {
+    std::ostringstream out;
+    out << "Dump schema[" << mName << "] resources:\n";
+    std::lock_guard<std::mutex> lock(mMutex);
+    for (const auto& entry : mResources) {
+        char line[64];
+        std::snprintf(line, sizeof(line), "  Resource(%p) : [", static_cast<void*>(entry.second));
+        out << line << entry.first << "]\n";
+    }
+    return out.str();
+}
+
+}  // namespace Orbel

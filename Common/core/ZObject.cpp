@@ -1,0 +1,679 @@
+// The tree node core: construction, JPaths, children, references and
+// retirement. The change queue lives in ZObject_RedisCache.cpp.
+#include "ZObject.h"
+
+#include <utility>
+
+#include "Orbel.h"
+#include "RedisCli.h"
+#include "ZApplication.h"
+#include "ZJsonArray.h"
+#include "ZJsonObject.h"
+#include "ZLogPrint.h"
+#include "ZResource.h"
+#include "ZResourceCollection.h"
+#include "ZSchema.h"
+
+namespace Orbel {
+
+namespace {
+
+// Nodes live only while the application does; a node made or used without
+// one is refused rather than crashing on the registry.
+bool Use(ZObject* obj) {
+    ZApplication* app = zApp;
+    return app != nullptr && obj != nullptr && app->UseIfValid(obj);
+}
+
+// Releases a count taken with Use() at the end of a scope.
+class UseRelease {
+  public:
+    explicit UseRelease(ZObject* obj) : mObj(obj) {}
+    ~UseRelease() { mObj->DecreaseUsingCount(); }
+    UseRelease(const UseRelease&) = delete;
+    UseRelease& operator=(const UseRelease&) = delete;
+
+  private:
+    ZObject* mObj;
+};
+
+// The JPath rules: a resource-like child drops the "&&" of a nested parent,
+// any other child gets one unless the first or the second character of the
+// base is already '&' (the front end relies on exactly this test); one "/"
+// between the parts.
+std::string JoinJPath(const std::string& base, const std::string& tail, bool resourceChild) {
+    std::string path = base;
+    if (resourceChild) {
+        if (path.compare(0, 2, "&&") == 0) path.erase(0, 2);
+    } else {
+        bool marked = (!path.empty() && path[0] == '&') || (path.size() > 1 && path[1] == '&');
+        if (!marked) path.insert(0, "&&");
+    }
+    if (path.empty() || path.back() != '/') path += '/';
+    size_t start = tail.find_first_not_of('/');
+    if (start != std::string::npos) path.append(tail, start, std::string::npos);
+    return path;
+}
+
+uint32_t InheritAttribute(ZObject* parent, ZObject::eType type, unsigned long attribute) {
+    uint32_t attr = static_cast<uint32_t>(attribute);
+    if (parent != nullptr) {
+        uint32_t pattr = parent->GetAttribute();
+        if ((pattr & ZObject::ATTR_RawJson) != 0) attr |= ZObject::ATTR_RawJson;
+        // Several backends may fill one resource's content, but a resource
+        // below it is served by its own schema alone.
+        bool resourceLike = type == ZObject::eResource || type == ZObject::eResourceCollection;
+        if (!resourceLike && (pattr & ZObject::ATTR_MultiBackend) != 0) {
+            attr |= ZObject::ATTR_MultiBackend;
+        }
+    }
+    return attr;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Construction
+// ---------------------------------------------------------------------------
+
+ZObject::ZObject(ZObject* parent, eType type, const std::string& id, const std::string& name,
+                 unsigned long attribute)
+    : mLiveMark(kAliveMark),
+      mAttribute(InheritAttribute(parent, type, attribute)),
+      mOID(ZApplication::kInvalidOID),
+      mParent(parent),
+      mType(type),
+      mId(id),
+      mName(name),
+      mIsRawJson((mAttribute & ATTR_RawJson) != 0) {
+    ZApplication* app = zApp;
+    if (app != nullptr) {
+        mOID = app->NewOID(this);
+    } else {
+        ZLOG(eZLogError, "Object[%s]: no application to register with.\n", mName.c_str());
+    }
+    if (!IsPureString(mName, true) || !IsPureString(mId, true)) {
+        ZLOG(eZLogError, "Object: some input parameters name[%s] id[%s] is not pure string.\n",
+             mName.c_str(), mId.c_str());
+    }
+}
+
+ZObject::~ZObject() {
+    if (mLiveMark.load() == kAliveMark) {
+        ZLOG(eZLogError,
+             "! WARNING ! : Shall call ObjDestroy() function to delete this ZObject[%s].\n",
+             mJPath.c_str());
+        // Whoever deleted a live node bypassed the recycler: keep the
+        // registry and the parent from holding a dangling pointer.
+        mLiveMark.store(kDiedMark);
+        ZObject* parent = mParent.load();
+        if (parent != nullptr && Use(parent)) {
+            if (!parent->IsDied()) parent->RemoveChildObj(this);
+            parent->DecreaseUsingCount();
+        }
+        ZApplication* app = zApp;
+        if (app != nullptr) {
+            app->ObjectListRemove(this);
+            app->_ForgetObject(this);
+        }
+    }
+    if (mRedisCmdQueue != nullptr) {
+        for (sRedisCmdItem* item : *mRedisCmdQueue) delete item;
+        delete mRedisCmdQueue;
+    }
+    delete mChildList;
+    delete mReferencedBy;
+    delete mReferenceTo;
+}
+
+eRtCode ZObject::Initial() {
+    if ((mAttribute & ATTR_RawJson) != 0 && (mAttribute & ATTR_MultiBackend) != 0) {
+        ZLOG(eZLogError,
+             "Object[%s] shouldn't have attributes of RawJson and MultiBackend at the same "
+             "time.\n",
+             mName.c_str());
+        return RT_FAILURE;
+    }
+    if (mId.empty()) {
+        ZLOG(eZLogError, "Object[%s] initial failed. The ID shoundn't be a empty string.\n",
+             mName.c_str());
+        return RT_FAILURE;
+    }
+    if (mChildList != nullptr) {
+        ZLOG(eZLogError, "Object[%s] is already initialised.\n", mJPath.c_str());
+        return RT_FAILURE;
+    }
+    {
+        std::lock_guard<std::mutex> lock(mChildMutex);
+        mChildList = new std::map<std::string, ZObject*>();
+    }
+    {
+        std::lock_guard<std::mutex> lock(mQueueMutex);
+        mRedisCmdQueue = new std::vector<sRedisCmdItem*>();
+    }
+    {
+        std::lock_guard<std::mutex> lock(mRefMutex);
+        mReferencedBy = new std::map<ZObject*, std::string>();
+        mReferenceTo = new std::set<ZObject*>();
+    }
+    if (_SetId(mId) != RT_SUCCESS) {
+        // The JPath belongs to another node (or the parent is gone): leave
+        // this one as constructed, so that retiring it touches nothing of
+        // the other node, in the registry or in the store.
+        std::map<std::string, ZObject*>* children = nullptr;
+        std::vector<sRedisCmdItem*>* queue = nullptr;
+        std::map<ZObject*, std::string>* refBy = nullptr;
+        std::set<ZObject*>* refTo = nullptr;
+        {
+            std::lock_guard<std::mutex> lock(mChildMutex);
+            std::swap(children, mChildList);
+        }
+        {
+            std::lock_guard<std::mutex> lock(mQueueMutex);
+            std::swap(queue, mRedisCmdQueue);
+        }
+        {
+            std::lock_guard<std::mutex> lock(mRefMutex);
+            std::swap(refBy, mReferencedBy);
+            std::swap(refTo, mReferenceTo);
+        }
+        if (queue != nullptr) {
+            for (sRedisCmdItem* item : *queue) delete item;
+        }
+        delete children;
+        delete queue;
+        delete refBy;
+        delete refTo;
+        return RT_FAILURE;
+    }
+    _ClearRedisCache();
+    return RT_SUCCESS;
+}
+
+eRtCode ZObject::CollectionAddMember(ZResource*) {
+    ZLOG(eZLogWarning, "Should not run this function.\n");
+    return RT_FAILURE;
+}
+
+eRtCode ZObject::CollectionRemoveMember(ZResource*) {
+    ZLOG(eZLogWarning, "Should not run this function.\n");
+    return RT_FAILURE;
+}
+
+// ---------------------------------------------------------------------------
+// Naming and paths
+// ---------------------------------------------------------------------------
+
+eRtCode ZObject::_SetId(const std::string& id) {
+    ZApplication* app = zApp;
+    if (app == nullptr) return RT_FAILURE;
+    ZObject* parent = mParent.load();
+    if (parent != nullptr) {
+        if (!Use(parent)) return RT_FAILURE;
+        UseRelease release(parent);
+        if (parent->IsDied()) {
+            ZLOG(eZLogError, "Object[%s] cannot join the died parent[%s].\n", id.c_str(),
+                 parent->mJPath.c_str());
+            return RT_FAILURE;
+        }
+        mJPath = JoinJPath(parent->GetJPath(), id, IsResourceType());
+    } else {
+        mJPath = id;
+    }
+
+    if (IsResourceType()) {
+        // A resource made without a name is known by its URI.
+        if (mName.empty()) mName = mJPath;
+        static_cast<ZResource*>(this)->SetOdataId(mJPath);
+    }
+    // Registered by JPath before joining the parent: a refused duplicate
+    // must leave the parent (and a collection's member list) untouched.
+    if (app->ObjectListAppend(this) != RT_SUCCESS) {
+        mJPath.clear();
+        return RT_FAILURE;
+    }
+
+    if (parent != nullptr) {
+        if (!Use(parent)) return RT_SUCCESS;
+        UseRelease release(parent);
+        ZObject* holder = parent;
+        if (parent->GetType() == eResourceCollection && mType == eResource) {
+            parent->CollectionAddMember(static_cast<ZResource*>(this));
+            ZObject* members = parent->_GetChild("Members", true);
+            if (members != nullptr) {
+                holder = members;
+                mParent.store(members);
+            } else {
+                ZLOG(eZLogError, "Undefined list Members in collection[%s].\n",
+                     parent->mJPath.c_str());
+            }
+        }
+        holder->AppendChildObj(this);
+    }
+    return RT_SUCCESS;
+}
+
+std::string ZObject::GetId() {
+    ZObjectUseGuard guard(this);
+    return mId;
+}
+
+std::string ZObject::GetName() {
+    ZObjectUseGuard guard(this);
+    return mName;
+}
+
+std::string ZObject::GetJPath() {
+    ZObjectUseGuard guard(this);
+    return mJPath;
+}
+
+std::string ZObject::_LogName() {
+    return mJPath.empty() ? mName : mJPath;
+}
+
+std::string ZObject::CombineJPath(ZObject* base, ZObject* child) {
+    if (base == nullptr || child == nullptr) return std::string();
+    return JoinJPath(base->GetJPath(), child->GetId(), child->IsResourceType());
+}
+
+std::string ZObject::CombineJPath(ZObject* base, const std::string& relativePath) {
+    if (base == nullptr) return std::string();
+    return JoinJPath(base->GetJPath(), relativePath, false);
+}
+
+ZResource* ZObject::GetOwnedByResource() {
+    if (IsResourceType()) return static_cast<ZResource*>(this);
+    return GetParentResource();
+}
+
+ZResource* ZObject::GetParentResource() {
+    // Parents outlive their children (a parent retires its children before it
+    // is recycled), so the chain can be walked without taking counts.
+    for (ZObject* node = mParent.load(); node != nullptr; node = node->mParent.load()) {
+        if (node->IsResourceType()) return static_cast<ZResource*>(node);
+    }
+    return nullptr;
+}
+
+ZSchema* ZObject::GetOwnedBySchema() {
+    ZResource* res = GetOwnedByResource();
+    return res != nullptr ? res->OwnedBySchema() : nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// Children
+// ---------------------------------------------------------------------------
+
+eRtCode ZObject::AppendChildObj(ZObject* child) {
+    if (child == nullptr) return RT_INVALID_ARG;
+    std::string key = child->GetId();
+    std::lock_guard<std::mutex> lock(mChildMutex);
+    if (mChildList == nullptr) {
+        ZLOG(eZLogError, "Obj[%s] try to append child[%s] but ChildList is NULL\n",
+             _LogName().c_str(), key.c_str());
+        return RT_FAILURE;
+    }
+    auto inserted = mChildList->emplace(std::move(key), child);
+    if (!inserted.second) {
+        ZLOG(eZLogError, "Try to overwrite an existing child object[%s].\n",
+             child->GetJPath().c_str());
+        return RT_FAILURE;
+    }
+    return RT_SUCCESS;
+}
+
+ZObject* ZObject::_GetChild(const std::string& id, bool silent) {
+    std::lock_guard<std::mutex> lock(mChildMutex);
+    if (mChildList == nullptr) {
+        ZLOG(eZLogError, "Obj[%s] try to get child[%s] but ChildList is NULL\n", _LogName().c_str(),
+             id.c_str());
+        return nullptr;
+    }
+    auto it = mChildList->find(id);
+    if (it == mChildList->end()) {
+        if (!silent) {
+            ZLOG(eZLogError, "Object[%s] doesn't have this child[%s]\n", _LogName().c_str(),
+                 id.c_str());
+        }
+        return nullptr;
+    }
+    if (it->second->IsDied()) {
+        if (!silent) {
+            ZLOG(eZLogError, "The child[%s] is died for this Object[%s]\n", id.c_str(),
+                 _LogName().c_str());
+        }
+        return nullptr;
+    }
+    return it->second;
+}
+
+ZObject* ZObject::GetChild(const std::string& id, bool silent) {
+    ZObjectUseGuard guard(this);
+    return _GetChild(id, silent);
+}
+
+ZObject* ZObject::GetChild(int id, bool silent) {
+    return GetChild(std::to_string(id), silent);
+}
+
+ZObject* ZObject::GetChildByJPath(const std::string& relativePath) {
+    ZObject* node = this;
+    bool any = false;
+    size_t pos = 0;
+    while (pos <= relativePath.size()) {
+        size_t slash = relativePath.find('/', pos);
+        if (slash == std::string::npos) slash = relativePath.size();
+        if (slash > pos) {
+            any = true;
+            node = node->GetChild(relativePath.substr(pos, slash - pos), true);
+            if (node == nullptr) return nullptr;
+        }
+        pos = slash + 1;
+    }
+    return any ? node : nullptr;
+}
+
+std::vector<std::string> ZObject::GetChildIDs() {
+    std::vector<std::string> ids;
+    std::lock_guard<std::mutex> lock(mChildMutex);
+    if (mChildList == nullptr) return ids;
+    ids.reserve(mChildList->size());
+    for (const auto& entry : *mChildList) ids.push_back(entry.first);
+    return ids;
+}
+
+size_t ZObject::GetChildNum() {
+    std::lock_guard<std::mutex> lock(mChildMutex);
+    return mChildList != nullptr ? mChildList->size() : 0;
+}
+
+void ZObject::DumpChildObj() {
+    std::lock_guard<std::mutex> lock(mChildMutex);
+    ZLOGM("ZComLib", eZLogRaw, "Dump Resource[%s] childs ===>\n", _LogName().c_str());
+    if (mChildList == nullptr) return;
+    for (const auto& entry : *mChildList) {
+        ZLOGM("ZComLib", eZLogRaw, "  Child[%p] : %s\n", static_cast<void*>(entry.second),
+              entry.first.c_str());
+    }
+}
+
+eRtCode ZObject::RemoveChildObj(ZObject* child) {
+    if (child == nullptr) return RT_INVALID_ARG;
+    std::lock_guard<std::mutex> lock(mChildMutex);
+    if (mChildList != nullptr) {
+        // By identity: a refused duplicate with the same id is not the child.
+        auto it = mChildList->find(child->mId);
+        if (it != mChildList->end() && it->second == child) {
+            mChildList->erase(it);
+            return RT_SUCCESS;
+        }
+    }
+    ZLOG(eZLogError, "Obj[%s] wants to remove a sub-Obj[%s] but not found!\n", _LogName().c_str(),
+         child->mJPath.c_str());
+    return RT_FAILURE;
+}
+
+void ZObject::DeleteAllChildObjs() {
+    std::vector<ZObject*> children;
+    {
+        std::lock_guard<std::mutex> lock(mChildMutex);
+        if (mChildList == nullptr) return;
+        for (const auto& entry : *mChildList) {
+            if (Use(entry.second)) children.push_back(entry.second);
+        }
+    }
+    // Each child takes itself off the list while it is retired.
+    for (ZObject* child : children) {
+        child->ObjDestroy(eDestroyDelete, true);
+        child->DecreaseUsingCount();
+    }
+}
+
+// ---------------------------------------------------------------------------
+// References
+// ---------------------------------------------------------------------------
+
+void ZObject::AppendReferencedBy(ZObject* referrer, const std::string& metaKey) {
+    if (referrer == nullptr) return;
+    std::lock_guard<std::mutex> lock(mRefMutex);
+    if (mReferencedBy == nullptr) return;
+    (*mReferencedBy)[referrer] = metaKey;
+}
+
+void ZObject::RemoveReferencedBy(ZObject* referrer) {
+    std::lock_guard<std::mutex> lock(mRefMutex);
+    if (mReferencedBy != nullptr) mReferencedBy->erase(referrer);
+}
+
+bool ZObject::_MetaKeyOf(ZObject* referrer, std::string* metaKey) {
+    std::lock_guard<std::mutex> lock(mRefMutex);
+    if (mReferencedBy == nullptr) return false;
+    auto it = mReferencedBy->find(referrer);
+    if (it == mReferencedBy->end()) return false;
+    if (metaKey != nullptr) *metaKey = it->second;
+    return true;
+}
+
+std::string ZObject::GetMetaKeyInReferencedBy(ZObject* referrer) {
+    std::string key;
+    if (!_MetaKeyOf(referrer, &key)) {
+        ZLOG(eZLogError, "Cannot find obj[%s] in my[%s] referencedBy list.\n",
+             referrer != nullptr ? referrer->_LogName().c_str() : "(null)", _LogName().c_str());
+        return std::string();
+    }
+    return key;
+}
+
+void ZObject::DumpReferencedBy() {
+    std::lock_guard<std::mutex> lock(mRefMutex);
+    ZLOGM("ZComLib", eZLogRaw, "Dump Resource[%s] is ReferencedBy ===>\n", _LogName().c_str());
+    if (mReferencedBy == nullptr) return;
+    for (const auto& entry : *mReferencedBy) {
+        ZLOGM("ZComLib", eZLogRaw, "  ReferencedBy[%s], MetaKey[%s]\n",
+              entry.first->_LogName().c_str(), entry.second.c_str());
+    }
+}
+
+void ZObject::AppendReferenceTo(ZObject* target) {
+    if (target == nullptr) return;
+    std::lock_guard<std::mutex> lock(mRefMutex);
+    if (mReferenceTo != nullptr) mReferenceTo->insert(target);
+}
+
+void ZObject::RemoveReferenceTo(ZObject* target) {
+    std::lock_guard<std::mutex> lock(mRefMutex);
+    if (mReferenceTo != nullptr) mReferenceTo->erase(target);
+}
+
+void ZObject::DumpReferenceTo() {
+    std::lock_guard<std::mutex> lock(mRefMutex);
+    ZLOGM("ZComLib", eZLogRaw, "Dump Resource[%s] is ReferencedTo ===>\n", _LogName().c_str());
+    if (mReferenceTo == nullptr) return;
+    for (ZObject* target : *mReferenceTo) {
+        ZLOGM("ZComLib", eZLogRaw, "  ReferencedTo[%s]\n", target->_LogName().c_str());
+    }
+}
+
+void ZObject::UpdateReferencedBy(eDestroyMode mode) {
+    std::vector<std::pair<ZObject*, std::string>> referrers;
+    {
+        std::lock_guard<std::mutex> lock(mRefMutex);
+        if (mReferencedBy == nullptr) return;
+        referrers.assign(mReferencedBy->begin(), mReferencedBy->end());
+    }
+
+    std::vector<ZObject*> collections;  // each held by a using count
+    for (auto& entry : referrers) {
+        ZObject* referrer = entry.first;
+        const std::string& metaKey = entry.second;
+        if (!Use(referrer)) continue;
+        UseRelease release(referrer);
+        if (referrer->IsDied()) continue;
+
+        ZObject* owner = referrer->GetParent();
+        bool isMemberList = IsResourceType() && referrer->GetType() == eJsonArray &&
+                            owner != nullptr && owner->GetType() == eResourceCollection &&
+                            referrer->mId == "Members";
+        if (isMemberList) {
+            // A member leaves its collection whatever the mode: the
+            // collection removes the link and shrinks its count below.
+            if (Use(owner)) collections.push_back(owner);
+        } else if (mode == eDestroyDelete || mode == eDestroyUnlink) {
+            bool isLink = false;
+            if (IsACorvelMetaKey(metaKey, nullptr, nullptr, &isLink) &&
+                (mode == eDestroyDelete || isLink)) {
+                if (referrer->GetType() == eJsonArray) {
+                    referrer->ListRemove(metaKey, false);
+                } else {
+                    referrer->HashRemove(metaKey);
+                }
+            }
+        } else if (mode == eDestroyRelink) {
+            bool isLink = false;
+            if (IsACorvelMetaKey(metaKey, nullptr, nullptr, &isLink) && isLink) {
+                _RelinkInStore(referrer, metaKey);
+            }
+        } else {
+            ZLOG(eZLogError, "Unknown destroyMode[%d].\n", static_cast<int>(mode));
+        }
+        referrer->RemoveReferenceTo(this);
+    }
+
+    for (ZObject* collection : collections) {
+        collection->CollectionRemoveMember(static_cast<ZResource*>(this));
+        collection->ApplyRedisChanges(true, nullptr);
+        collection->DecreaseUsingCount();
+    }
+}
+
+void ZObject::_RelinkInStore(ZObject* referrer, const std::string& metaKey) {
+    std::string name;
+    IsACorvelMetaKey(metaKey, &name, nullptr, nullptr);
+    bool isArray = referrer->GetType() == eJsonArray;
+
+    sObjectChange change;
+    change.action = isArray ? eObjChgCreate : eObjChgUpdate;
+    change.tableKind = isArray ? eObjTableList : eObjTableHash;
+    change.isLink = true;
+    change.key = name;
+    change.dataKind = eObjDataObject;
+    change.objValue = this;
+    sRedisCmdItem item;
+    item.action = change.action;
+    if (referrer->_ObjChg2RedisCmd(&change, &item) != RT_SUCCESS) return;
+
+    redisContext* c = RedisConnect();
+    if (c == nullptr) {
+        ZLOG(eZLogError, "Failed to call RedisConnect().\n");
+        return;
+    }
+    const std::string key = referrer->GetJPath();
+    if (isArray) {
+        RedisListDel(c, key.c_str(), metaKey);
+        RedisListPushBack(c, key.c_str(), item.value.c_str());
+    } else {
+        if (item.key != metaKey) RedisHashDel(c, key.c_str(), metaKey.c_str());
+        RedisHashSet(c, key.c_str(), item.key.c_str(), item.value.c_str());
+    }
+    RedisDisconnect(c);
+    // The referrer's bookkeeping follows the text now in the store.
+    AppendReferencedBy(referrer, isArray ? item.value : item.key);
+}
+
+// ---------------------------------------------------------------------------
+// Retirement
+// ---------------------------------------------------------------------------
+
+void ZObject::ObjDestroy(eDestroyMode mode, bool clearStore) {
+    if (!Use(this)) return;
+    UseRelease release(this);
+    // Only one caller gets past this exchange: a second ObjDestroy, from this
+    // thread or another, returns here.
+    uint32_t alive = kAliveMark;
+    if (!mLiveMark.compare_exchange_strong(alive, kDiedMark)) return;
+
+    {
+        std::lock_guard<std::mutex> lock(mQueueMutex);
+        if (mRedisCmdQueue != nullptr) {
+            for (sRedisCmdItem* item : *mRedisCmdQueue) delete item;
+            delete mRedisCmdQueue;
+            mRedisCmdQueue = nullptr;
+        }
+    }
+
+    UpdateReferencedBy(mode);
+
+    std::set<ZObject*>* refTo = nullptr;
+    std::map<ZObject*, std::string>* refBy = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(mRefMutex);
+        std::swap(refTo, mReferenceTo);
+        std::swap(refBy, mReferencedBy);
+    }
+    if (refTo != nullptr) {
+        for (ZObject* target : *refTo) {
+            if (!Use(target)) continue;
+            target->RemoveReferencedBy(this);
+            target->DecreaseUsingCount();
+        }
+    }
+    delete refTo;
+    delete refBy;
+
+    std::map<std::string, ZObject*>* children = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(mChildMutex);
+        std::swap(children, mChildList);
+    }
+    if (children != nullptr) {
+        for (auto& entry : *children) {
+            ZObject* child = entry.second;
+            if (!Use(child)) continue;
+            if (child->GetType() == eResourceCollection) {
+                static_cast<ZResourceCollection*>(child)->_Destroy(mode, clearStore);
+            } else {
+                child->ObjDestroy(mode, clearStore);
+            }
+            child->DecreaseUsingCount();
+        }
+        delete children;
+    }
+
+    ZObject* parent = mParent.load();
+    if (parent != nullptr && Use(parent)) {
+        if (!parent->IsDied()) parent->RemoveChildObj(this);
+        parent->DecreaseUsingCount();
+    }
+
+    zApp->ObjectListRemove(this);
+    zApp->RecycledListAppend(this);
+
+    if (clearStore) _ClearRedisCache();
+    if (IsResourceType()) static_cast<ZResource*>(this)->ResourceDestroy();
+}
+
+void ZObject::_ClearRedisCache() {
+    // The service root is shared by every plug-in: never cleared.
+    if (mId == "/redfish/v1/" || mJPath.empty()) return;
+    redisContext* c = RedisConnect();
+    if (c == nullptr) {
+        ZLOG(eZLogError, "Failed to call RedisConnect().\n");
+        return;
+    }
+    switch (mType) {
+        case eJsonArray:
+            static_cast<ZJsonArray*>(this)->CleanItemsFromRedis(c);
+            break;
+        case eJsonObject:
+            static_cast<ZJsonObject*>(this)->CleanPropertiesFromRedis(c);
+            break;
+        case eResource:
+        case eResourceCollection:
+            static_cast<ZResource*>(this)->CleanPropertiesFromRedis(c);
+            break;
+    }
+    RedisDisconnect(c);
+}
+
+}  // namespace Orbel

@@ -1,0 +1,134 @@
+// Nodes under several threads: writers on different nodes of one resource,
+// a destroyer racing readers and the recycler, and the resource lock as a
+// mutual exclusion. Meant for the thread sanitizer as much as for the asserts.
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ObjectModelFixture.h"
+#include "ZJsonArray.h"
+#include "ZJsonObject.h"
+#include "ZResource.h"
+#include "ZResourceCollection.h"
+
+using namespace Orbel;
+using OrbelTest::HGetAll;
+using OrbelTest::LRange;
+
+namespace {
+
+class ObjectConcurrencyTest : public OrbelTest::ObjectModelTest {};
+
+TEST_F(ObjectConcurrencyTest, ThreadsWritingDifferentNodesOfOneResource) {
+    constexpr int kThreads = 4;
+    constexpr int kWrites = 50;
+    auto* sys = new ZResource(nullptr, nullptr, "/redfish/v1/Systems/1");
+    std::vector<ZJsonObject*> parts;
+    for (int t = 0; t < kThreads; ++t) {
+        auto* part = new ZJsonObject(sys, "Part" + std::to_string(t));
+        sys->HashWrite("Part" + std::to_string(t), part);
+        parts.push_back(part);
+    }
+    auto* log = new ZJsonArray(sys, "Log", ZJsonArray::ARRAY_ATTR_OdataCount);
+    sys->HashWrite("Log", log);
+    sys->ApplyRedisChanges();
+
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([=]() {
+            for (int i = 0; i < kWrites; ++i) {
+                parts[t]->HashWrite("Value" + std::to_string(i), i);
+                log->ListWrite(-1, t * 1000 + i);
+                // Applies from several threads share no connection.
+                if (i % 10 == 9) sys->ApplyRedisChanges();
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    sys->ApplyRedisChanges();
+
+    for (int t = 0; t < kThreads; ++t) {
+        auto fields = HGetAll("&&/redfish/v1/Systems/1/Part" + std::to_string(t));
+        ASSERT_EQ(fields.size(), static_cast<size_t>(kWrites));
+        EXPECT_EQ(fields.at("Value49"), "49");
+    }
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Log").size(),
+              static_cast<size_t>(kThreads * kWrites));
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems/1").at("Log@odata.count"),
+              std::to_string(kThreads * kWrites));
+}
+
+TEST_F(ObjectConcurrencyTest, DestroyingWhileOthersReadAndTheRecyclerRuns) {
+    auto* coll = new ZResourceCollection(nullptr, nullptr, "/redfish/v1/Systems");
+    constexpr int kRounds = 40;
+    std::atomic<bool> stop{false};
+    std::atomic<int> seen{0};
+
+    std::thread reader([&]() {
+        while (!stop) {
+            // Every pointer is taken fresh from the registry and held by a
+            // using count while it is used.
+            for (const std::string& jpath : mApp->GetObjectList()) {
+                ZObject* obj = mApp->GetObject(jpath);
+                if (obj == nullptr || !mApp->UseIfValid(obj)) continue;
+                if (!obj->GetJPath().empty()) ++seen;
+                obj->GetChildByJPath("Status");
+                if (obj->GetType() == ZObject::eJsonObject) obj->HashWrite("Seen", true);
+                obj->DecreaseUsingCount();
+            }
+        }
+    });
+    std::thread recycler([&]() {
+        while (!stop) {
+            mApp->RecycleProcess();
+            std::this_thread::yield();
+        }
+    });
+
+    for (int round = 0; round < kRounds; ++round) {
+        auto* member = new ZResource(coll, nullptr, std::to_string(round % 3 + 1));
+        auto* status = new ZJsonObject(member, "Status");
+        member->HashWrite("Status", status);
+        member->ApplyRedisChanges();
+        member->ObjDestroy(ZObject::eDestroyDelete, true);
+    }
+    stop = true;
+    reader.join();
+    recycler.join();
+    Recycle();
+
+    EXPECT_GT(seen.load(), 0);
+    EXPECT_EQ(mApp->RecycledListSize(), 0u);
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/Members"), std::vector<std::string>{});
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems").at("Members@odata.count"), "0");
+    EXPECT_EQ(mApp->ObjectListSize(), 2u);  // the collection and its Members
+}
+
+TEST_F(ObjectConcurrencyTest, TheResourceLockExcludesOtherThreads) {
+    auto* sys = new ZResource(nullptr, nullptr, "/redfish/v1/Systems/1");
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 25;
+    int counter = 0;  // guarded by the resource lock alone
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&]() {
+            for (int i = 0; i < kRounds; ++i) {
+                if (sys->Lock(10000, ZResource::LOCK_IGNORE_CORVEL_KEY) != RT_SUCCESS) {
+                    ++failures;
+                    continue;
+                }
+                int before = counter;
+                std::this_thread::yield();
+                counter = before + 1;
+                sys->Unlock();
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(counter, kThreads * kRounds);
+}
+
+}  // namespace

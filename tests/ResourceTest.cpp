@@ -1,0 +1,424 @@
+// Resources and collections: default contents and channel lists, member
+// management and counts, the request lock and the front end's lock key, the
+// time-to-live table, private data and embedded resources.
+#include <atomic>
+#include <chrono>
+#include <ctime>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ObjectModelFixture.h"
+#include "ZJsonArray.h"
+#include "ZJsonObject.h"
+#include "ZResource.h"
+#include "ZResourceCollection.h"
+#include "ZSchema.h"
+
+using namespace Orbel;
+using OrbelTest::HGetAll;
+using OrbelTest::LogMark;
+using OrbelTest::LRange;
+using Fields = std::map<std::string, std::string>;
+using Items = std::vector<std::string>;
+
+namespace {
+
+class ResourceTest : public OrbelTest::ObjectModelTest {};
+
+TEST_F(ResourceTest, ANewResourceIsStoredCompleteWithItsChannels) {
+    ZSchema schema("ComputerSystem", "v1_20_0", ZSchema::CRUDQ_READ | ZSchema::CRUDQ_UPDATE);
+    schema.SetTaskFlag(ZSchema::CRUDQ_ACTION);
+    schema.SetEtagEnabled(true);
+    auto* sys = new ZResource(nullptr, &schema, "/redfish/v1/Systems/1", "",
+                              ZResource::RES_ATTR_EnableChecklist);
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems/1"),
+              (Fields{{"@odata.id", "\"/redfish/v1/Systems/1\""},
+                      {"@odata.type", "\"#ComputerSystem.v1_20_0.ComputerSystem\""},
+                      {"@odata.etag", "\"\""},
+                      {"@odata.context", "\"/redfish/v1/$metadata#ComputerSystem\""},
+                      {"&&EnableChecklist", "true"},
+                      {"&&Async", "true"},
+                      {"&&Array GETQ &&/redfish/v1/Systems/1/GETQ", ""},
+                      {"&&Array PATCHQ &&/redfish/v1/Systems/1/PATCHQ", ""}}));
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/GETQ"), (Items{"RF_Test:ComputerSystem:GETQ"}));
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/PATCHQ"), (Items{"RF_Test:ComputerSystem:PATCHQ"}));
+    EXPECT_FALSE(OrbelTest::Exists("&&/redfish/v1/Systems/1/DELETEQ"));
+    EXPECT_EQ(sys->GetAllowMethod(), ZSchema::CRUDQ_READ | ZSchema::CRUDQ_UPDATE);
+    EXPECT_EQ(schema.GetResource("/redfish/v1/Systems/1"), sys);
+    EXPECT_EQ(sys->GetRedisChangeNum(), 0u);
+    // The routing lists and meta fields are not part of the body.
+    EXPECT_EQ(Doc("/redfish/v1/Systems/1"),
+              "{\"@odata.context\":\"/redfish/v1/$metadata#ComputerSystem\",\"@odata.etag\":\"\","
+              "\"@odata.id\":\"/redfish/v1/Systems/1\","
+              "\"@odata.type\":\"#ComputerSystem.v1_20_0.ComputerSystem\"}");
+
+    sys->ObjDestroy(ZObject::eDestroyDelete, true);
+    EXPECT_EQ(schema.GetResourceNum(), 0u);
+    EXPECT_FALSE(OrbelTest::Exists("/redfish/v1/Systems/1"));
+    EXPECT_FALSE(OrbelTest::Exists("&&/redfish/v1/Systems/1/GETQ"));
+}
+
+TEST_F(ResourceTest, ASchemaWithoutVersionAndAPrintName) {
+    ZSchema schema("Manager", "", 0);
+    schema.SetOdataPrintName("ManagerX");
+    new ZResource(nullptr, &schema, "/redfish/v1/Managers/1", "BMC");
+    EXPECT_EQ(HGetAll("/redfish/v1/Managers/1"),
+              (Fields{{"@odata.id", "\"/redfish/v1/Managers/1\""},
+                      {"@odata.type", "\"#ManagerX.Manager\""},
+                      {"@odata.context", "\"/redfish/v1/$metadata#ManagerX\""}}));
+    EXPECT_NE(schema.GetResource("BMC"), nullptr);
+    EXPECT_NE(schema.DumpResources().find("Dump schema[Manager] resources:\n  Resource("),
+              std::string::npos);
+    EXPECT_NE(schema.DumpResources().find(") : [BMC]\n"), std::string::npos);
+}
+
+TEST_F(ResourceTest, CollectionsKeepMembersAndTheirCount) {
+    ZSchema collSchema("ComputerSystemCollection", "", ZSchema::CRUDQ_READ, "ComputerSystem");
+    ZSchema memberSchema("ComputerSystem", "v1_20_0", ZSchema::CRUDQ_READ);
+    auto* coll = new ZResourceCollection(nullptr, &collSchema, "/redfish/v1/Systems");
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems").at("Members@odata.count"), "0");
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems").count("&&Array Members &&/redfish/v1/Systems/Members"),
+              1u);
+    EXPECT_EQ(coll->GetFreeMemberId(), 1);
+
+    new ZResource(coll, &memberSchema, "1");
+    auto* two = new ZResource(coll, &memberSchema, "2");
+    new ZResource(coll, &memberSchema, "4");
+    // Written with the members themselves, without an apply of the collection.
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/Members"),
+              (Items{"&&ObjectRef /redfish/v1/Systems/1", "&&ObjectRef /redfish/v1/Systems/2",
+                     "&&ObjectRef /redfish/v1/Systems/4"}));
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems").at("Members@odata.count"), "3");
+    EXPECT_EQ(coll->GetFreeMemberId(), 3);
+    EXPECT_EQ(coll->GetMemberCount(), 3u);
+    EXPECT_EQ(coll->GetMemberObjIDs(), (Items{"1", "2", "4"}));
+    EXPECT_EQ(
+        Doc("/redfish/v1/Systems"),
+        "{\"@odata.context\":\"/redfish/v1/$metadata#ComputerSystemCollection\","
+        "\"@odata.id\":\"/redfish/v1/Systems\","
+        "\"@odata.type\":\"#ComputerSystemCollection.ComputerSystemCollection\","
+        "\"Members\":[{\"@odata.id\":\"/redfish/v1/Systems/1\"},"
+        "{\"@odata.id\":\"/redfish/v1/Systems/2\"},{\"@odata.id\":\"/redfish/v1/Systems/4\"}],"
+        "\"Members@odata.count\":3}");
+
+    // A retired member leaves the collection at once.
+    two->ObjDestroy(ZObject::eDestroyDelete, true);
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/Members"),
+              (Items{"&&ObjectRef /redfish/v1/Systems/1", "&&ObjectRef /redfish/v1/Systems/4"}));
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems").at("Members@odata.count"), "2");
+    EXPECT_EQ(coll->GetFreeMemberId(), 2);
+    new ZResource(coll, &memberSchema, "2");
+    new ZResource(coll, &memberSchema, "3");
+    EXPECT_EQ(coll->GetFreeMemberId(), 5);
+
+    coll->DeleteAllMemberResources();
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/Members"), Items{});
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems").at("Members@odata.count"), "0");
+    EXPECT_EQ(memberSchema.GetResourceNum(), 0u);
+    EXPECT_EQ(coll->GetFreeMemberId(), 1);
+
+    ASSERT_TRUE(mApp->UseIfValid(coll));
+    coll->ObjDestroy(ZObject::eDestroyDelete, true);
+    EXPECT_EQ(coll->GetFreeMemberId(), -1);
+    coll->DecreaseUsingCount();
+}
+
+TEST_F(ResourceTest, ACollectionWithoutMembersFallsBack) {
+    auto* coll = new ZResourceCollection(nullptr, nullptr, "/redfish/v1/Chassis");
+    ZObject* members = coll->GetChild("Members");
+    coll->HashRemove("Members");  // retires the array
+    coll->ApplyRedisChanges();
+    EXPECT_TRUE(members->IsDied());
+    size_t mark = LogMark();
+    EXPECT_EQ(coll->GetFreeMemberId(), 1);
+    EXPECT_TRUE(Logged(mark, "Cannot get child[Members] from object[/redfish/v1/Chassis].\n"));
+    mark = LogMark();
+    auto* orphan = new ZResource(coll, nullptr, "1");
+    EXPECT_TRUE(Logged(mark, "Failed to get Members object.\n"));
+    EXPECT_TRUE(Logged(mark, "Undefined list Members in collection[/redfish/v1/Chassis].\n"));
+    EXPECT_EQ(orphan->GetParent(), coll);
+    EXPECT_EQ(orphan->GetJPath(), "/redfish/v1/Chassis/1");
+}
+
+TEST_F(ResourceTest, TheCountIsWrittenOnlyWhenTheStoredLengthChanges) {
+    auto* sys = new ZResource(nullptr, nullptr, "/redfish/v1/Systems/1");
+    auto* tags = new ZJsonArray(sys, "Tags", ZJsonArray::ARRAY_ATTR_OdataCount);
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems/1").at("Tags@odata.count"), "0");
+    tags->ListWrite(-1, "a");
+    tags->ListWrite(-1, "b");
+    tags->ListWrite(-1, "c");
+    sys->ApplyRedisChanges();
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems/1").at("Tags@odata.count"), "3");
+    EXPECT_EQ(tags->ItemNum(), 3u);
+
+    // Spoil the stored count: an apply that leaves the length alone must not
+    // rewrite it.
+    OrbelTest::RawCommand({"HSET", "/redfish/v1/Systems/1", "Tags@odata.count", "99"});
+    tags->ListWrite(0, "z");
+    sys->ApplyRedisChanges();
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Tags"), (Items{"\"z\"", "\"b\"", "\"c\""}));
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems/1").at("Tags@odata.count"), "99");
+    tags->ListWrite(-1, "d");
+    sys->ApplyRedisChanges();
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems/1").at("Tags@odata.count"), "4");
+
+    // Below another array no count is ever written.
+    auto* inner = new ZJsonArray(tags, "Inner", ZJsonArray::ARRAY_ATTR_OdataCount);
+    inner->ListWrite(-1, 1);
+    inner->ApplyRedisChanges();
+    EXPECT_EQ(HGetAll("&&/redfish/v1/Systems/1/Tags").size(), 0u);
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Tags/Inner"), (Items{"1"}));
+
+    // Retiring the array drops its count fields from the parent.
+    tags->_Destroy(ZObject::eDestroyDelete, true);
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems/1").count("Tags@odata.count"), 0u);
+}
+
+TEST_F(ResourceTest, AddingTheSameNodeTwiceKeepsOneMember) {
+    auto* sys = new ZResource(nullptr, nullptr, "/redfish/v1/Systems/1");
+    auto* arr = new ZJsonArray(sys, "Links");
+    size_t mark = LogMark();
+    arr->ListWrite(-1, static_cast<ZObject*>(sys), true);
+    arr->ListWrite(-1, static_cast<ZObject*>(sys), true);
+    EXPECT_TRUE(Logged(mark, "to array[&&/redfish/v1/Systems/1/Links].\n"));
+    std::vector<ZObject*> members;
+    arr->GetMemberObjects(members);
+    EXPECT_EQ(members, (std::vector<ZObject*>{sys}));
+    mark = LogMark();
+    auto* other = new ZJsonObject(nullptr, "Other");
+    EXPECT_EQ(arr->DelObjectItem(other), RT_FAILURE);
+    EXPECT_TRUE(Logged(mark,
+                       "Object[Other] is not a member of "
+                       "collection[&&/redfish/v1/Systems/1/Links].\n"));
+}
+
+TEST_F(ResourceTest, ZJsonObjectDestroyIsOnlyForRoots) {
+    auto* sys = new ZResource(nullptr, nullptr, "/redfish/v1/Systems/1");
+    auto* nested = new ZJsonObject(sys, "Status");
+    size_t mark = LogMark();
+    EXPECT_EQ(nested->Destroy(true), RT_FAILURE);
+    EXPECT_TRUE(Logged(mark, "Should use HashRemove() or ListRemove() to destroy this object.\n"));
+    EXPECT_FALSE(nested->IsDied());
+    auto* root = new ZJsonObject(nullptr, "Response");
+    root->SetOdataType("Message", "v1_1_0.Message");
+    EXPECT_EQ(root->GetOdataType(), "#Message.v1_1_0.Message");
+    root->ApplyRedisChanges();
+    EXPECT_EQ(HGetAll("Response").at("@odata.type"), "\"#Message.v1_1_0.Message\"");
+    EXPECT_EQ(root->Destroy(true), RT_SUCCESS);
+    EXPECT_TRUE(root->IsDied());
+    EXPECT_FALSE(OrbelTest::Exists("Response"));
+}
+
+TEST_F(ResourceTest, LockNestsForItsOwnerAndRefusesOthers) {
+    auto* sys = new ZResource(nullptr, nullptr, "/redfish/v1/Systems/1");
+    ZResource::eResStatus status;
+    bool mine = true;
+    sys->GetStatus(status, mine);
+    EXPECT_EQ(status, ZResource::eResIdle);
+    EXPECT_FALSE(mine);
+
+    ASSERT_EQ(sys->Lock(0), RT_SUCCESS);
+    ASSERT_EQ(sys->Lock(0), RT_SUCCESS);
+    EXPECT_EQ(sys->LockDepth(), 2);
+    sys->GetStatus(status, mine);
+    EXPECT_EQ(status, ZResource::eResBusy);
+    EXPECT_TRUE(mine);
+
+    eRtCode otherLock = RT_SUCCESS;
+    eRtCode otherUnlock = RT_SUCCESS;
+    bool otherMine = true;
+    size_t mark = LogMark();
+    std::thread other([&]() {
+        otherLock = sys->Lock(0);
+        otherUnlock = sys->Unlock();
+        ZResource::eResStatus s;
+        sys->GetStatus(s, otherMine);
+    });
+    other.join();
+    EXPECT_EQ(otherLock, RT_BUSY);
+    EXPECT_EQ(otherUnlock, RT_FAILURE);
+    EXPECT_FALSE(otherMine);
+    EXPECT_TRUE(Logged(mark,
+                       "try to lock resource[/redfish/v1/Systems/1] but failed due to is "
+                       "locked by["));
+    EXPECT_TRUE(Logged(mark,
+                       "try to unlock resource[/redfish/v1/Systems/1] but is owned by "
+                       "thread["));
+    EXPECT_EQ(sys->LockOwner(), (unsigned long)pthread_self());
+    EXPECT_EQ(sys->LockDepth(), 2);
+
+    // A waiting thread gets the lock once the owner lets go.
+    std::atomic<bool> waiting{false};
+    std::thread waiter([&]() {
+        waiting = true;
+        otherLock = sys->Lock(5000);
+        if (otherLock == RT_SUCCESS) sys->Unlock();
+    });
+    while (!waiting) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    EXPECT_EQ(sys->Unlock(), RT_SUCCESS);
+    EXPECT_EQ(sys->Unlock(), RT_SUCCESS);
+    waiter.join();
+    EXPECT_EQ(otherLock, RT_SUCCESS);
+    EXPECT_EQ(sys->LockOwner(), 0ul);
+    EXPECT_EQ(sys->Unlock(), RT_FAILURE);
+
+    ASSERT_TRUE(mApp->UseIfValid(sys));
+    sys->ObjDestroy(ZObject::eDestroyDelete, true);
+    sys->GetStatus(status, mine);
+    EXPECT_EQ(status, ZResource::eResDied);
+    EXPECT_EQ(sys->Lock(0), RT_FAILURE);
+    sys->DecreaseUsingCount();
+}
+
+TEST_F(ResourceTest, LockWaitsForTheFrontEndsKey) {
+    auto* sys = new ZResource(nullptr, nullptr, "/redfish/v1/Systems/1");
+    EXPECT_FALSE(sys->IsCorvelLockKeyExist());
+    EXPECT_EQ(sys->CreateCorvelLockKey(nullptr, "/redfish/v1/Systems/1/Actions/X"),
+              "&&ResourceLock:/redfish/v1/Systems/1");
+    OrbelTest::Reply value = OrbelTest::RawCommand({"GET", "&&ResourceLock:/redfish/v1/Systems/1"});
+    ASSERT_TRUE(value && value->type == REDIS_REPLY_STRING);
+    EXPECT_EQ(std::string(value->str, value->len), "/redfish/v1/Systems/1/Actions/X");
+    OrbelTest::Reply ttl = OrbelTest::RawCommand({"TTL", "&&ResourceLock:/redfish/v1/Systems/1"});
+    ASSERT_TRUE(ttl && ttl->type == REDIS_REPLY_INTEGER);
+    EXPECT_GT(ttl->integer, 0);
+    EXPECT_LE(ttl->integer, 20);
+    EXPECT_TRUE(sys->IsCorvelLockKeyExist());
+
+    size_t mark = LogMark();
+    EXPECT_EQ(sys->Lock(0), RT_BUSY);
+    EXPECT_TRUE(Logged(mark, "Resource[/redfish/v1/Systems/1] is locked by Corvel-Orbel.\n"));
+    EXPECT_EQ(sys->LockOwner(), 0ul);
+    EXPECT_EQ(sys->Lock(0, ZResource::LOCK_IGNORE_CORVEL_KEY), RT_SUCCESS);
+    EXPECT_EQ(sys->Unlock(), RT_SUCCESS);
+
+    // The front end takes its response and deletes the key: the waiting lock
+    // goes through within its budget.
+    std::thread frontEnd([]() {
+        std::this_thread::sleep_for(std::chrono::milliseconds(250));
+        OrbelTest::RawCommand({"DEL", "&&ResourceLock:/redfish/v1/Systems/1"});
+    });
+    EXPECT_EQ(sys->Lock(5000), RT_SUCCESS);
+    frontEnd.join();
+    EXPECT_EQ(sys->Unlock(), RT_SUCCESS);
+}
+
+TEST_F(ResourceTest, TheTtlTableHoldsTheExpiryOfFreshContent) {
+    auto* sys = new ZResource(nullptr, nullptr, "/redfish/v1/Systems/1");
+    sys->SetTTL(30);
+    EXPECT_EQ(sys->GetTTL(), 30);
+    long long before = static_cast<long long>(time(nullptr));
+    ASSERT_EQ(sys->UpdateTtlTable(), RT_SUCCESS);
+    long long after = static_cast<long long>(time(nullptr));
+    long long stored = std::stoll(HGetAll("&&TTL").at("/redfish/v1/Systems/1"));
+    EXPECT_GE(stored, before + 30);
+    EXPECT_LE(stored, after + 30);
+    sys->SetTTL(0);
+    ASSERT_EQ(sys->UpdateTtlTable(), RT_SUCCESS);
+    EXPECT_EQ(HGetAll("&&TTL").count("/redfish/v1/Systems/1"), 0u);
+    sys->SetTTL(5);
+    sys->UpdateTtlTable();
+    sys->ObjDestroy(ZObject::eDestroyDelete, true);
+    EXPECT_EQ(HGetAll("&&TTL").count("/redfish/v1/Systems/1"), 0u);
+}
+
+struct Payload {
+    int value;
+};
+int gRecycled = 0;
+void RecyclePayload(void* data) {
+    ++gRecycled;
+    delete static_cast<Payload*>(data);
+}
+
+TEST_F(ResourceTest, PrivateDataIsRecycledWithTheResource) {
+    gRecycled = 0;
+    auto* sys = new ZResource(nullptr, nullptr, "/redfish/v1/Systems/1");
+    size_t mark = LogMark();
+    EXPECT_EQ(sys->SetPrivateData(nullptr, RecyclePayload), RT_INVALID_ARG);
+    EXPECT_TRUE(Logged(mark, "or recyclePrivDataCallback["));
+    auto* first = new Payload{1};
+    ASSERT_EQ(sys->SetPrivateData(first, RecyclePayload), RT_SUCCESS);
+    EXPECT_EQ(sys->GetPrivateData(), first);
+    // Replacing the data recycles the previous one.
+    ASSERT_EQ(sys->SetPrivateData(new Payload{2}, RecyclePayload), RT_SUCCESS);
+    EXPECT_EQ(gRecycled, 1);
+    sys->ObjDestroy(ZObject::eDestroyDelete, true);
+    EXPECT_EQ(gRecycled, 2);
+    sys->ObjDestroy(ZObject::eDestroyDelete, true);
+    EXPECT_EQ(gRecycled, 2);
+}
+
+TEST_F(ResourceTest, EmbeddedResourcesAreAddressedByPosition) {
+    auto* thermal = new ZResource(nullptr, nullptr, "/redfish/v1/Chassis/1/Thermal");
+    auto* fans = new ZJsonArray(thermal, "Fans");
+    auto* fan0 = new ZResource(fans, nullptr, "0");
+    auto* fan1 = new ZResource(fans, nullptr, "1");
+    EXPECT_EQ(fan0->GetJPath(), "/redfish/v1/Chassis/1/Thermal/Fans/0");
+    fans->ListWrite(-1, static_cast<ZObject*>(fan0));
+    fans->ListWrite(-1, static_cast<ZObject*>(fan1));
+    EXPECT_EQ(fan0->GetOdataId(), "/redfish/v1/Chassis/1/Thermal#/Fans/0");
+    EXPECT_EQ(fan1->GetOdataId(), "/redfish/v1/Chassis/1/Thermal#/Fans/1");
+    thermal->HashWrite("Fans", fans);
+    thermal->ApplyRedisChanges();
+    EXPECT_EQ(HGetAll("/redfish/v1/Chassis/1/Thermal/Fans/1").at("@odata.id"),
+              "\"/redfish/v1/Chassis/1/Thermal#/Fans/1\"");
+
+    // Removing the first moves the second up.
+    fans->ListRemove(static_cast<ZObject*>(fan0));
+    thermal->ApplyRedisChanges();
+    EXPECT_EQ(fan1->GetOdataId(), "/redfish/v1/Chassis/1/Thermal#/Fans/0");
+    EXPECT_EQ(HGetAll("/redfish/v1/Chassis/1/Thermal/Fans/1").at("@odata.id"),
+              "\"/redfish/v1/Chassis/1/Thermal#/Fans/0\"");
+    EXPECT_EQ(LRange("&&/redfish/v1/Chassis/1/Thermal/Fans"),
+              (Items{"&&Object /redfish/v1/Chassis/1/Thermal/Fans/1"}));
+
+    auto* oem = new ZJsonObject(thermal, "Oem");
+    auto* misplaced = new ZResource(oem, nullptr, "Extra");
+    size_t mark = LogMark();
+    oem->HashWrite("Extra", misplaced);
+    EXPECT_TRUE(Logged(mark,
+                       "The parent[&&/redfish/v1/Chassis/1/Thermal/Oem] of embedded "
+                       "resource[/redfish/v1/Chassis/1/Thermal/Oem/Extra] should be a "
+                       "JArray.\n"));
+    EXPECT_EQ(misplaced->GetOdataId(), "/redfish/v1/Chassis/1/Thermal/Oem/Extra");
+}
+
+TEST_F(ResourceTest, MultiBackendResourcesShareTheirChannelListsAndHash) {
+    ZSchema schema("Chassis", "v1_0_0", ZSchema::CRUDQ_READ);
+    OrbelTest::RawCommand({"RPUSH", "&&/redfish/v1/Chassis/1/GETQ", "RF_Other:Chassis:GETQ"});
+    OrbelTest::RawCommand({"HSET", "/redfish/v1/Chassis/1", "Foreign", "\"theirs\""});
+    auto* shared =
+        new ZResource(nullptr, &schema, "/redfish/v1/Chassis/1", "", ZObject::ATTR_MultiBackend);
+    EXPECT_EQ(LRange("&&/redfish/v1/Chassis/1/GETQ"),
+              (Items{"RF_Other:Chassis:GETQ", "RF_Test:Chassis:GETQ"}));
+    EXPECT_EQ(HGetAll("/redfish/v1/Chassis/1").at("Foreign"), "\"theirs\"");
+    shared->ObjDestroy(ZObject::eDestroyDelete, true);
+    // Only this backend's fields and channel went.
+    EXPECT_EQ(HGetAll("/redfish/v1/Chassis/1"), (Fields{{"Foreign", "\"theirs\""}}));
+    EXPECT_EQ(LRange("&&/redfish/v1/Chassis/1/GETQ"), (Items{"RF_Other:Chassis:GETQ"}));
+
+    // Our channel is already listed: it is not added twice.
+    OrbelTest::RawCommand({"RPUSH", "&&/redfish/v1/Chassis/1/GETQ", "RF_Test:Chassis:GETQ"});
+    Recycle();
+    new ZResource(nullptr, &schema, "/redfish/v1/Chassis/1", "", ZObject::ATTR_MultiBackend);
+    EXPECT_EQ(LRange("&&/redfish/v1/Chassis/1/GETQ"),
+              (Items{"RF_Other:Chassis:GETQ", "RF_Test:Chassis:GETQ"}));
+}
+
+TEST_F(ResourceTest, DestroyAllResourcesEmptiesTheSchema) {
+    ZSchema schema("ComputerSystem", "v1_20_0");
+    auto* coll = new ZResourceCollection(nullptr, &schema, "/redfish/v1/Systems");
+    new ZResource(coll, &schema, "1");
+    new ZResource(coll, &schema, "2");
+    EXPECT_EQ(schema.GetResourceNum(), 3u);
+    schema.DestroyAllResources();
+    EXPECT_EQ(schema.GetResourceNum(), 0u);
+    EXPECT_EQ(mApp->ObjectListSize(), 0u);
+    EXPECT_FALSE(OrbelTest::Exists("/redfish/v1/Systems/1"));
+    Recycle();
+    EXPECT_EQ(mApp->RecycledListSize(), 0u);
+}
+
+}  // namespace
