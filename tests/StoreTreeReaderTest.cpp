@@ -281,6 +281,60 @@ TEST_F(StoreTreeReaderTest, TopLevelListAndFailures) {
     EXPECT_TRUE(keys.empty());
 }
 
+// A message array lists its message nodes by bare JPath; a message hash
+// names its MessageId and its two lists in "&&" fields.
+TEST_F(StoreTreeReaderTest, MessageArraysFollowBareJPathsAndNameTheMessageFields) {
+    const std::string arr = "/redfish/v1/Systems/1/RF_Root:ComputerSystem:PATCHQ/ExtendedInfo";
+    const std::string m = "&&" + arr + "/";
+    RPush(arr, {m + "0", m + "1", m + "9", m + "L", m + "S", "&&/with blank", "\"plain\""});
+    HSet(m + "0", {{"&&MessageId", "\"Base.1.12.StringValueTooLong\""},
+                   {"&&MessageArgs", m + "0/MessageArgs"},
+                   {"&&RelatedProperties", m + "0/RelatedProperties"}});
+    RPush(m + "0/MessageArgs", {"\"HostName\"", "64"});
+    // Lists that Redis does not keep (empty) read as []; a key of the wrong
+    // kind as null. Other fields keep their usual rules.
+    HSet(m + "1", {{"&&MessageId", "\"Base.1.12.Success\""},
+                   {"&&MessageArgs", m + "1/MessageArgs"},
+                   {"&&RelatedProperties", m + "0"},
+                   {"Severity", "\"OK\""},
+                   {"&&Other", "1"}});
+    RPush(m + "L", {"1", "&&ObjectRef /redfish/v1"});
+    ASSERT_TRUE(OrbelTest::RawCommand({"SET", m + "S", "x"}));
+
+    const std::string first =
+        R"({"MessageArgs":["HostName",64],"MessageId":"Base.1.12.StringValueTooLong",)"
+        R"("RelatedProperties":[]})";
+    const std::string second =
+        R"({"MessageArgs":[],"MessageId":"Base.1.12.Success","RelatedProperties":null,)"
+        R"("Severity":"OK"})";
+    const std::string others = R"(null,[1,{"@odata.id":"/redfish/v1"}],null)";
+    EXPECT_EQ(Read(arr), "[" + first + "," + second + "," + others + ",\"plain\"]");
+    EXPECT_EQ(Read(m + "0"), first);
+
+    // The debug view adds the other meta data; the message fields stay named.
+    EXPECT_EQ(Read(arr, true), "[" + first + "," + R"({"&&Other":1,)" + second.substr(1) + "," +
+                                   others + R"(,"&&/with blank","plain"])");
+
+    // A bare JPath back into its own path is cut like any link.
+    RPush("&&/cyc", {"&&/cyc", "2"});
+    EXPECT_EQ(Read("&&/cyc"), "[null,2]");
+    HSet("&&/loop", {{"&&MessageArgs", "&&/loop/args"}});
+    RPush("&&/loop/args", {"&&/loop"});
+    EXPECT_EQ(Read("&&/loop"), R"({"MessageArgs":[null]})");
+
+    Orbel::sStoreTreeOptions pretty;
+    std::string json;
+    ASSERT_TRUE(Orbel::ReadStoreTree(mConn.get(), m + "0", json, nullptr, pretty));
+    EXPECT_EQ(json, R"({
+    "MessageArgs": [
+        "HostName",
+        64
+    ],
+    "MessageId": "Base.1.12.StringValueTooLong",
+    "RelatedProperties": []
+})");
+}
+
 TEST_F(StoreTreeReaderTest, ListStoreKeysScansEverythingSorted) {
     // More keys than one SCAN step returns, stored out of order.
     std::vector<std::string> expected;

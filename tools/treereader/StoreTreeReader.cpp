@@ -423,6 +423,12 @@ private:
                 members.push_back(std::move(m));
                 continue;
             }
+            bool isMessageField = false;
+            if (!MessageField(m, value, depth, indent, isMessageField)) return false;
+            if (isMessageField) {
+                members.push_back(std::move(m));
+                continue;
+            }
             sLink link;
             const bool isLink = ParseLink(m.field, link) && !link.name.empty();
             const bool isQueue = isLink && link.word == eLinkWord::kArray && IsQueueWord(link.name);
@@ -473,6 +479,12 @@ private:
                 items.push_back(ValueText(text));
                 continue;
             }
+            if (IsBareJPath(text)) {
+                std::string value;
+                if (!BareJPathElement(text, depth, indent, value)) return false;
+                items.push_back(std::move(value));
+                continue;
+            }
             sLink link;
             if (!ParseLink(text, link) || !link.name.empty()) {
                 if (mOpt.includeMeta) items.push_back(Quote(text));
@@ -489,6 +501,60 @@ private:
             items.push_back(std::move(value));
         }
         Container('[', ']', items, indent, out);
+        return true;
+    }
+
+    // -----------------------------------------------------------------------
+    // Extended-info messages. A message array lists its message nodes by bare
+    // JPath ("&&/..."), and a message hash names its MessageId and its two
+    // lists in "&&" fields that become plain members.
+    // -----------------------------------------------------------------------
+
+    static bool IsBareJPath(const std::string& text) {
+        return text.compare(0, 3, "&&/") == 0 && text.find(' ') == std::string::npos;
+    }
+
+    // The document of `key`, a hash or a list as the store says; a missing key
+    // or one of another type gives null. False when the store fails.
+    bool BareJPathElement(const std::string& key, unsigned depth, unsigned indent,
+                          std::string& out) {
+        ReplyPtr type = Command(mC, {"TYPE", key});
+        if (!type) {
+            mError = ContextError(mC);
+            return false;
+        }
+        if (type->type == REDIS_REPLY_ERROR) {
+            mError = "store error: " + ReplyText(type.get());
+            return false;
+        }
+        const std::string typeName = ReplyText(type.get());
+        if (typeName != "hash" && typeName != "list") {
+            out += "null";
+            return true;
+        }
+        return Node(key, typeName == "hash" ? eNodeKind::kHash : eNodeKind::kList, depth + 1,
+                    indent + 1, out);
+    }
+
+    // "&&MessageId" becomes "MessageId" with the stored value text;
+    // "&&MessageArgs" and "&&RelatedProperties" become "MessageArgs" and
+    // "RelatedProperties", the lists their values name. Redis keeps no empty
+    // list, so a missing one is the empty array. `handled` tells whether
+    // `m.field` was one of them. False when the store fails.
+    bool MessageField(sMember& m, const std::string& value, unsigned depth, unsigned indent,
+                      bool& handled) {
+        handled = m.field == "&&MessageId" || m.field == "&&MessageArgs" ||
+                  m.field == "&&RelatedProperties";
+        if (!handled) return true;
+        m.name = m.field.substr(2);
+        if (m.field == "&&MessageId") {
+            m.value = ValueText(value);
+            return true;
+        }
+        bool missing = false;
+        std::string list;
+        if (!Node(value, eNodeKind::kList, depth + 1, indent + 1, list, &missing)) return false;
+        m.value = missing ? "[]" : list;
         return true;
     }
 
