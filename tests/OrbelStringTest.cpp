@@ -1,11 +1,12 @@
 // String and value helpers: number, boolean and port checks, stripping,
 // splitting, JSON quoting, regular expressions, link meta keys, and the
 // diagnostic lines of the printable-text checks.
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <memory>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Orbel.h"
@@ -15,39 +16,33 @@ using namespace Orbel;
 
 namespace {
 
-struct Case {
-    const char* text;
-    bool expected;
-};
+// `check` accepts every text of `yes` and refuses every text of `no`.
+void ExpectVerdicts(bool (*check)(const std::string&), std::initializer_list<const char*> yes,
+                    std::initializer_list<const char*> no) {
+    for (const char* text : yes) EXPECT_TRUE(check(text)) << "[" << text << "]";
+    for (const char* text : no) EXPECT_FALSE(check(text)) << "[" << text << "]";
+}
 
-TEST(OrbelNumbers, SignedUnsignedAndFloatTexts) {
-    const Case signedCases[] = {{"0", true},   {"-12", true},  {"-", true},    {"", false},
-                                {"+1", false}, {"1-", false},  {"--1", false}, {" 1", false},
-                                {"1 ", false}, {"1.0", false}, {"12a", false}};
-    for (const auto& c : signedCases) {
-        EXPECT_EQ(IsSignedNumString(c.text), c.expected) << "[" << c.text << "]";
-    }
-    const Case unsignedCases[] = {{"0", true},   {"007", true},  {"", false},
-                                  {"-", false},  {"-1", false},  {"+1", false},
-                                  {"1-", false}, {"1.5", false}, {"4294967296", true}};
-    for (const auto& c : unsignedCases) {
-        EXPECT_EQ(IsUnsignedNumString(c.text), c.expected) << "[" << c.text << "]";
-    }
-    const Case floatCases[] = {{"1.5", true},    {"-0.25", true}, {"-", true},     {".", true},
-                               {"1.", true},     {".5", true},    {"42", true},    {"", false},
-                               {"1.2.3", false}, {"1e5", false},  {"+1.0", false}, {"-1-", false},
-                               {" 1.0", false},  {"1,0", false}};
-    for (const auto& c : floatCases) {
-        EXPECT_EQ(IsFloatString(c.text), c.expected) << "[" << c.text << "]";
-    }
+TEST(OrbelNumbers, SignedUnsignedFloatAndPortTexts) {
+    ExpectVerdicts(IsSignedNumString, {"0", "-12", "-"},
+                   {"", "+1", "1-", "--1", " 1", "1 ", "1.0", "12a"});
+    ExpectVerdicts(IsUnsignedNumString, {"0", "007", "4294967296"},
+                   {"", "-", "-1", "+1", "1-", "1.5"});
+    ExpectVerdicts(IsFloatString, {"1.5", "-0.25", "-", ".", "1.", ".5", "42"},
+                   {"", "1.2.3", "1e5", "+1.0", "-1-", " 1.0", "1,0"});
+    // A text is digits only, then the number rule; nothing may wrap into range.
+    ExpectVerdicts(
+        static_cast<bool (*)(const std::string&)>(IsProtocolPortValid),
+        {"65535", "1", "443", "00080"},
+        {"0", "65536", "+80", " 80", "80 ", "", "-1", "8o", "99999999999999999999", "4294967376"});
+    for (int port : {0, -80, 65536}) EXPECT_FALSE(IsProtocolPortValid(port)) << port;
+    EXPECT_TRUE(IsProtocolPortValid(1) && IsProtocolPortValid(65535));
 }
 
 TEST(OrbelNumbers, BoolTextsSetOnlyOnExactWords) {
     bool out = false;
-    EXPECT_EQ(BoolStr2Value("true", out), RT_SUCCESS);
-    EXPECT_TRUE(out);
-    EXPECT_EQ(BoolStr2Value("false", out), RT_SUCCESS);
-    EXPECT_FALSE(out);
+    EXPECT_TRUE(BoolStr2Value("true", out) == RT_SUCCESS && out);
+    EXPECT_TRUE(BoolStr2Value("false", out) == RT_SUCCESS && !out);
     // Anything else fails and leaves both a true and a false value alone.
     for (const char* bad : {"True", "FALSE", "1", "0", "", "true ", " false", "yes"}) {
         for (bool before : {true, false}) {
@@ -58,113 +53,63 @@ TEST(OrbelNumbers, BoolTextsSetOnlyOnExactWords) {
     }
 }
 
-TEST(OrbelNumbers, ProtocolPorts) {
-    EXPECT_FALSE(IsProtocolPortValid(0));
-    EXPECT_FALSE(IsProtocolPortValid(-80));
-    EXPECT_FALSE(IsProtocolPortValid(65536));
-    EXPECT_TRUE(IsProtocolPortValid(1));
-    EXPECT_TRUE(IsProtocolPortValid(65535));
-
-    const Case texts[] = {{"65535", true},
-                          {"1", true},
-                          {"443", true},
-                          {"00080", true},
-                          {"0", false},
-                          {"65536", false},
-                          {"+80", false},
-                          {" 80", false},
-                          {"80 ", false},
-                          {"", false},
-                          {"-1", false},
-                          {"8o", false},
-                          {"99999999999999999999", false},
-                          {"4294967376", false}};
-    for (const auto& c : texts) {
-        EXPECT_EQ(IsProtocolPortValid(std::string(c.text)), c.expected) << "[" << c.text << "]";
+TEST(OrbelStrings, StripDropsNonPrintableAndGivenBytesAtTheEdgesOnly) {
+    // {text, chars, left strip, right strip}. Without chars only non-printable
+    // bytes go (DEL, bytes above 0x7E and NUL included); a blank is printable.
+    const std::tuple<std::string, std::string, std::string, std::string> cases[] = {
+        {"\t\n  x y \r", " ", "x y \r", "\t\n  x y"},
+        {"\t\n  x y \r", "", "  x y \r", "\t\n  x y "},
+        {"\377\177a\200\177", "", "a\200\177", "\377\177a"},
+        {"\"\"[v]\"", "\"[]", "v]\"", "\"\"[v"},
+        {"--a--", "-", "a--", "--a"},
+        {" \t- ", " -", "", ""},
+        {"", "x", "", ""},
+        {std::string("ab\0", 3), "", std::string("ab\0", 3), "ab"},
+    };
+    for (const auto& [text, chars, left, right] : cases) {
+        EXPECT_EQ(StringLeftStrip(text, chars), left) << "[" << text << "]";
+        EXPECT_EQ(StringRightStrip(text, chars), right) << "[" << text << "]";
     }
 }
 
-TEST(OrbelStrings, StripDropsNonPrintableAndGivenBytes) {
-    const std::string s = "\t\n  x y \r";
-    EXPECT_EQ(StringLeftStrip(s, " "), "x y \r");
-    EXPECT_EQ(StringRightStrip(s, " "), "\t\n  x y");
-    // Without chars only non-printable bytes go; a blank is printable.
-    EXPECT_EQ(StringLeftStrip(s, ""), "  x y \r");
-    EXPECT_EQ(StringRightStrip(s, ""), "\t\n  x y ");
-    // DEL and bytes above 0x7E count as non-printable.
-    EXPECT_EQ(StringLeftStrip("\x7f\x80\xff"
-                              "a\x7f",
-                              ""),
-              "a\x7f");
-    EXPECT_EQ(StringRightStrip("\x7f"
-                               "a\x80\x7f",
-                               ""),
-              "\x7f"
-              "a");
-    EXPECT_EQ(StringLeftStrip("\"\"[v]\"", "\"["), "v]\"");
-    EXPECT_EQ(StringRightStrip("\"\"[v]\"", "\"]"), "\"\"[v");
-    // Only the run at the edge goes, not the same bytes inside.
-    EXPECT_EQ(StringLeftStrip("--a--", "-"), "a--");
-    EXPECT_EQ(StringRightStrip("--a--", "-"), "--a");
-    // Nothing left, or nothing to start with.
-    EXPECT_EQ(StringLeftStrip(" \t- ", " -"), "");
-    EXPECT_EQ(StringRightStrip(" \t- ", " -"), "");
-    EXPECT_EQ(StringLeftStrip("", "x"), "");
-    EXPECT_EQ(StringRightStrip("", ""), "");
-    // An embedded NUL is non-printable too.
-    EXPECT_EQ(StringRightStrip(std::string("ab\0", 3), ""), "ab");
-}
-
-TEST(OrbelStrings, FindCharFromStart) {
+TEST(OrbelStrings, FindCharAndSplit) {
     const std::string s = "a,b;c";
     EXPECT_EQ(StringFindChar(0, s, ";,"), 1);
     EXPECT_EQ(StringFindChar(1, s, ";,"), 1);  // start itself is examined
     EXPECT_EQ(StringFindChar(2, s, ";,"), 3);
     EXPECT_EQ(StringFindChar(4, s, ";,"), -1);
-    EXPECT_EQ(StringFindChar(5, s, ";,"), -1);  // at the end
     EXPECT_EQ(StringFindChar(500, s, ";,"), -1);
     EXPECT_EQ(StringFindChar(0, s, ""), -1);
-    EXPECT_EQ(StringFindChar(0, s, "xyz"), -1);
     EXPECT_EQ(StringFindChar(0, "", ","), -1);
-}
 
-TEST(OrbelStrings, SplitLikeGetline) {
+    // Like getline: one trailing delimiter makes no empty last piece.
     using V = std::vector<std::string>;
     EXPECT_EQ(StringSplit("a,b,c", ','), (V{"a", "b", "c"}));
     EXPECT_EQ(StringSplit("a,,b", ','), (V{"a", "", "b"}));
     EXPECT_EQ(StringSplit("a,b,", ','), (V{"a", "b"}));
     EXPECT_EQ(StringSplit("a,b,,", ','), (V{"a", "b", ""}));
-    EXPECT_EQ(StringSplit(",a", ','), (V{"", "a"}));
     EXPECT_EQ(StringSplit(",", ','), (V{""}));
     EXPECT_EQ(StringSplit("", ','), V{});
-    EXPECT_EQ(StringSplit("no delimiter", ','), (V{"no delimiter"}));
-    EXPECT_EQ(StringSplit("/redfish/v1/Systems", '/'), (V{"", "redfish", "v1", "Systems"}));
 }
 
-TEST(OrbelStrings, EscapeCorrect) {
+TEST(OrbelStrings, EscapeCorrectAndItsPairwiseRevert) {
     EXPECT_EQ(StringEscapeCorrect("a\"b?", true), "a\\\"b\\?");
     EXPECT_EQ(StringEscapeCorrect("a\"b?", false), "a\\\"b?");
     EXPECT_EQ(StringEscapeCorrect("c:\\dir\\", false), "c:\\\\dir\\\\");
     EXPECT_EQ(StringEscapeCorrect("\\\"", false), "\\\\\\\"");
     // Control characters and everything else pass untouched.
     EXPECT_EQ(StringEscapeCorrect("tab\there\nnew'line'/", true), "tab\there\nnew'line'/");
-    EXPECT_EQ(StringEscapeCorrect("", true), "");
-}
 
-TEST(OrbelStrings, EscapeRevertIsAPairwiseWalk) {
-    EXPECT_EQ(StringEscapeRevert("\\\""), "\"");
-    EXPECT_EQ(StringEscapeRevert("\\n"), "\\n");
     EXPECT_EQ(StringEscapeRevert("a\\\\b"), "a\\b");
     EXPECT_EQ(StringEscapeRevert("say \\\"hi\\\""), "say \"hi\"");
+    EXPECT_EQ(StringEscapeRevert("\\n"), "\\n");
     // An escaped backslash followed by an escaped quote: every backslash is
     // followed by a backslash or a quote, so all three go.
     EXPECT_EQ(StringEscapeRevert("\\\\\\\""), "\"");
-    // An escaped '?' is never reverted.
+    // An escaped '?' is never reverted, and the last byte is always kept,
+    // even a backslash.
     EXPECT_EQ(StringEscapeRevert("why\\?"), "why\\?");
-    // The last byte is always kept, even a lone backslash.
     EXPECT_EQ(StringEscapeRevert("a\\"), "a\\");
-    EXPECT_EQ(StringEscapeRevert("\\"), "\\");
-    EXPECT_EQ(StringEscapeRevert("x"), "x");
     EXPECT_EQ(StringEscapeRevert(""), "");
     // Texts with no backslash before a backslash-or-quote pair round-trip.
     for (const char* text : {"plain", "say \"hi\"", "c:\\dir\\file", "{\"k\":\"v\"}"}) {
@@ -172,73 +117,49 @@ TEST(OrbelStrings, EscapeRevertIsAPairwiseWalk) {
     }
 }
 
-TEST(OrbelRegExp, PosixExtendedUnanchored) {
+TEST(OrbelRegExp, PosixExtendedUnanchoredAndCaseSensitive) {
     EXPECT_TRUE(RegExpCompare("ab", "xxabyy"));
-    EXPECT_FALSE(RegExpCompare("^ab$", "xxabyy"));
-    EXPECT_TRUE(RegExpCompare("^ab$", "ab"));
     // Extended syntax: '+', '|' and groups are operators, not literals.
     EXPECT_TRUE(RegExpCompare("^a+b$", "aaab"));
-    EXPECT_FALSE(RegExpCompare("^a+b$", "a+b"));
     EXPECT_TRUE(RegExpCompare("^(On|Off)$", "Off"));
-    EXPECT_FALSE(RegExpCompare("^(On|Off)$", "OnOff"));
-    // Case matters: no REG_ICASE.
     EXPECT_FALSE(RegExpCompare("^on$", "On"));
     // A pattern that does not compile is no match, whatever the text.
     EXPECT_FALSE(RegExpCompare("a(", "a("));
-    EXPECT_FALSE(RegExpCompare("[z-a]", "z"));
 
     regex_t compiled;
     ASSERT_EQ(regcomp(&compiled, "^[0-9]{1,3}(\\.[0-9]{1,3}){3}$", REG_EXTENDED), 0);
     EXPECT_TRUE(RegExpCompare(&compiled, "192.168.0.1"));
     EXPECT_FALSE(RegExpCompare(&compiled, "192.168.0"));
-    EXPECT_TRUE(RegExpCompare(&compiled, "10.0.0.255"));
     regfree(&compiled);
     EXPECT_FALSE(RegExpCompare(static_cast<const regex_t*>(nullptr), "x"));
 }
 
-TEST(OrbelRegExp, NewPatternIsEcmaScript) {
+TEST(OrbelRegExp, NewPatternIsEcmaScriptOrNullAndLogged) {
     // A non-capturing group exists in ECMAScript but not in POSIX grammars.
     std::unique_ptr<std::regex> re(NewRegExpPattern("^(?:ab)+\\d$"));
     ASSERT_NE(re, nullptr);
     EXPECT_TRUE(std::regex_match("abab7", *re));
     EXPECT_FALSE(std::regex_match("aba7", *re));
-    // No icase flag.
-    EXPECT_FALSE(std::regex_match("AB7", *re));
-}
+    EXPECT_FALSE(std::regex_match("AB7", *re));  // no icase flag
 
-TEST(OrbelRegExp, NewPatternOfBadPatternIsNullAndLogged) {
-    const std::string pattern = "\"x(?";
-    int code = 0;
-    std::string what;
-    try {
-        std::regex probe(pattern, std::regex::ECMAScript);
-        FAIL() << "the probe pattern compiled";
-    } catch (const std::regex_error& e) {
-        code = static_cast<int>(e.code());
-        what = e.what();
-    }
+    // The pattern is shown with its quote and question mark escaped, then
+    // the library's error code and text.
     size_t mark = OrbelTest::LogMark();
-    std::regex* re = NewRegExpPattern(pattern);
+    re.reset(NewRegExpPattern("\"x(?"));
     EXPECT_EQ(re, nullptr);
-    delete re;
-    // The pattern is shown with its quote and question mark escaped.
-    const std::string expected =
-        "[ERROR] Orbel.cpp:NewRegExpPattern(): std::regex( \\\"x(\\? ) "
-        "caught: err[" +
-        std::to_string(code) + "]:[" + what + "].\n";
-    EXPECT_NE(OrbelTest::LogSince(mark).find(expected), std::string::npos)
-        << OrbelTest::LogSince(mark);
+    const std::string log = OrbelTest::LogSince(mark);
+    EXPECT_THAT(
+        log, ::testing::HasSubstr("[ERROR] Orbel.cpp:NewRegExpPattern(): std::regex( \\\"x(\\? ) "
+                                  "caught: err["));
+    EXPECT_THAT(log, ::testing::EndsWith("].\n"));
 }
 
 TEST(OrbelPureString, VerboseLinesAndVerdict) {
     size_t mark = OrbelTest::LogMark();
     EXPECT_TRUE(IsPureString(std::string("Plain text ~ 0x20..0x7E"), true));
-    EXPECT_TRUE(IsPureString(std::string(), true));
     EXPECT_TRUE(IsPureString(static_cast<const unsigned char*>(nullptr), true));
-    EXPECT_EQ(OrbelTest::LogSince(mark), "");
-
-    // Without verbose: false, and nothing logged.
-    EXPECT_FALSE(IsPureString("a\tb", false));
+    EXPECT_FALSE(IsPureString("a\tb", false));  // without verbose: nothing logged
+    EXPECT_FALSE(IsPureString(std::string("x\x7f"), false));
     EXPECT_EQ(OrbelTest::LogSince(mark), "");
 
     // Verbose keeps scanning past the first bad byte and logs each one, then
@@ -257,79 +178,44 @@ TEST(OrbelPureString, VerboseLinesAndVerdict) {
     EXPECT_TRUE(_IsPureString("ab\x01", 2, true));
     EXPECT_FALSE(_IsPureString("ab\x01", 3, true));
     EXPECT_EQ(OrbelTest::LogSince(mark), "  idx(2) char[0x1] is not a printable char.\n");
-    // DEL (0x7F) is not printable; a blank is.
-    EXPECT_FALSE(IsPureString(std::string("x\x7f"), false));
-    EXPECT_TRUE(IsPureString(" ", false));
 }
 
-struct MetaKeyCase {
-    const char* key;
-    bool ok;
-    const char* name;
-    const char* target;
-    bool isLink;
-};
-
-TEST(OrbelMetaKey, SplitsTheFourLinkForms) {
-    const MetaKeyCase cases[] = {
-        {"&&Object Status &&/redfish/v1/Systems/1/Status", true, "Status",
-         "&&/redfish/v1/Systems/1/Status", false},
-        {"&&ObjectRef Manager /redfish/v1/Managers/1", true, "Manager", "/redfish/v1/Managers/1",
-         true},
-        {"&&Array &&/x/Members", true, "", "&&/x/Members", false},
-        {"&&ObjectRef Links/x", true, "", "Links/x", true},
-        {"&&ArraySimple Names &&/x/Names", true, "Names", "&&/x/Names", false},
-        {"&&Array Members &&/redfish/v1/Systems/Members", true, "Members",
-         "&&/redfish/v1/Systems/Members", false},
+TEST(OrbelMetaKey, SplitsTheLinkFormsAndRejectsOtherTexts) {
+    using Split = std::tuple<std::string, std::string, bool>;  // name, target, is a link
+    const std::pair<const char*, Split> cases[] = {
+        {"&&Object Status &&/redfish/v1/Systems/1/Status",
+         {"Status", "&&/redfish/v1/Systems/1/Status", false}},
+        {"&&ObjectRef Manager /redfish/v1/Managers/1", {"Manager", "/redfish/v1/Managers/1", true}},
+        {"&&Array &&/x/Members", {"", "&&/x/Members", false}},
+        {"&&ArraySimple Names &&/x/Names", {"Names", "&&/x/Names", false}},
+        {"&&ObjectRef Links/x", {"", "Links/x", true}},
         // A list element keeps its whole text, blanks included.
-        {"&&ObjectRef /redfish/v1/A B", true, "", "/redfish/v1/A B", true},
-        {"&&Object &&/a b c", true, "", "&&/a b c", false},
+        {"&&ObjectRef /redfish/v1/A B", {"", "/redfish/v1/A B", true}},
+        {"&&Object &&/a b c", {"", "&&/a b c", false}},
         // The target may itself hold blanks.
-        {"&&Object Name has blanks", true, "Name", "has blanks", false},
+        {"&&Object Name has blanks", {"Name", "has blanks", false}},
     };
-    for (const auto& c : cases) {
-        std::string name = "unset";
-        std::string target = "unset";
-        bool isLink = !c.isLink;
-        ASSERT_EQ(IsACorvelMetaKey(c.key, &name, &target, &isLink), c.ok) << c.key;
-        EXPECT_EQ(name, c.name) << c.key;
-        EXPECT_EQ(target, c.target) << c.key;
-        EXPECT_EQ(isLink, c.isLink) << c.key;
+    for (const auto& [key, expected] : cases) {
+        Split got{"unset", "unset", !std::get<2>(expected)};
+        ASSERT_TRUE(IsACorvelMetaKey(key, &std::get<0>(got), &std::get<1>(got), &std::get<2>(got)))
+            << key;
+        EXPECT_EQ(got, expected) << key;
     }
-}
-
-TEST(OrbelMetaKey, RejectsOtherTextsAndLeavesOutputsAlone) {
-    const char* const rejected[] = {
-        "&&Object",
-        "&&Object ",
-        "&&ObjectRef Status ",
-        "&&Objects Status x",
-        "&&RequestMethod GET",
-        "&&ObjectStatus x",
-        "Object Status x",
-        "&Object Status x",
-        " &&Object Status x",
-        "&&object Status x",
-        "",
-        "&&",
-        "&& Status x",
-        "&&Array\t&&/x",
-        "&&ArraySimple",
-    };
-    for (const char* key : rejected) {
-        std::string name = "keep-name";
-        std::string target = "keep-target";
-        bool isLink = true;
-        EXPECT_FALSE(IsACorvelMetaKey(key, &name, &target, &isLink)) << "[" << key << "]";
-        EXPECT_EQ(name, "keep-name") << key;
-        EXPECT_EQ(target, "keep-target") << key;
-        EXPECT_TRUE(isLink) << key;
-    }
-    // Outputs are optional.
-    EXPECT_TRUE(IsACorvelMetaKey("&&ObjectRef Manager /redfish/v1/Managers/1"));
+    // Outputs are optional, each on its own.
     std::string target;
     EXPECT_TRUE(IsACorvelMetaKey("&&Array &&/x/Members", nullptr, &target, nullptr));
     EXPECT_EQ(target, "&&/x/Members");
+
+    // Anything else is refused, and the outputs are left alone.
+    for (const char* key : {"&&Object", "&&Object ", "&&ObjectRef Status ", "&&Objects Status x",
+                            "&&RequestMethod GET", "&&ObjectStatus x", "Object Status x",
+                            "&Object Status x", " &&Object Status x", "&&object Status x", "", "&&",
+                            "&& Status x", "&&Array\t&&/x", "&&ArraySimple"}) {
+        Split got{"keep", "keep", true};
+        EXPECT_FALSE(IsACorvelMetaKey(key, &std::get<0>(got), &std::get<1>(got), &std::get<2>(got)))
+            << "[" << key << "]";
+        EXPECT_EQ(got, Split("keep", "keep", true)) << key;
+    }
 }
 
 }  // namespace
