@@ -7,235 +7,167 @@
 #include <utmp.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
+#include <regex>
 #include <string>
-#include <vector>
 
 #include "FixedPaths.h"
 #include "Orbel.h"
 #include "TestEnv.h"
+#include "TestFiles.h"
 
 namespace {
 
-using Orbel::RT_FAILURE;
-using Orbel::RT_SUCCESS;
-using OrbelTest::FileExists;
-using OrbelTest::ReadFile;
-using OrbelTest::SysrootDir;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+using namespace Orbel;
+using namespace OrbelTest;
 
-std::string Path(const std::string& fixed) {
-    return SysrootDir() + fixed;
-}
+const auto Path = [](const std::string& fixed) { return SysrootDir() + fixed; };
 
-// The lines logged since `mark`, each from its "[TYPE]" on (the time stamp
-// before it changes from run to run).
-std::vector<std::string> LinesSince(size_t mark) {
-    std::vector<std::string> lines;
-    std::string text = OrbelTest::LogSince(mark);
-    size_t pos = 0;
-    while (pos < text.size()) {
-        size_t end = text.find('\n', pos);
-        std::string line = text.substr(pos, end == std::string::npos ? end : end - pos);
-        size_t bracket = line.find('[');
-        lines.push_back(bracket == std::string::npos ? line : line.substr(bracket));
-        if (end == std::string::npos) break;
-        pos = end + 1;
-    }
-    return lines;
+// What was logged since `mark`, each line from its "[TYPE]" on (the time
+// stamp in front of it changes from run to run).
+std::string LoggedSince(size_t mark) {
+    static const std::regex stamp("(^|\n)[^[\n]*");
+    return std::regex_replace(LogSince(mark), stamp, "$1");
 }
 
 class OrbelSettingsTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
-        std::string cmd = "rm -rf '" + Path("/var/lib/vex") + "' '" + Path("/run/vex") + "' '" +
-                          Path("/var/lib/koba") + "' '" + Path("/run/tarnclock") + "' '" +
-                          Path("/tmp/.shutting-down-tarn") + "' '" + Path(_PATH_UTMP) + "'";
-        ASSERT_EQ(std::system(cmd.c_str()), 0);
+        for (const char* dir : {"/var/lib/vex", "/run/vex", "/var/lib/koba", "/run/tarnclock",
+                                "/tmp/.shutting-down-tarn", _PATH_UTMP}) {
+            ASSERT_EQ(std::system(("rm -rf '" + Path(dir) + "'").c_str()), 0);
+        }
     }
 };
 
-// ---------------------------------------------------------------------------
-// VEX
-// ---------------------------------------------------------------------------
+// Writes `value` through the VEX or KOBA setter of its type, reads it back
+// through the matching getter, and returns what came back.
+template <typename T>
+T VexRoundTrip(const std::string& name, const T& value, bool persist = false) {
+    EXPECT_EQ(SetVEX(name, value, persist), RT_SUCCESS) << name;
+    T back{};
+    EXPECT_EQ(GetVEX(name, back), RT_SUCCESS) << name;
+    return back;
+}
+template <typename T>
+T KobaRoundTrip(const std::string& name, const T& value) {
+    EXPECT_EQ(SetKOBA(name, value), RT_SUCCESS) << name;
+    T back{};
+    EXPECT_EQ(GetKOBA(name, back), RT_SUCCESS) << name;
+    return back;
+}
 
-TEST_F(OrbelSettingsTest, VexValuesRoundTripThroughEveryOverload) {
-    size_t mark = OrbelTest::LogMark();
-    ASSERT_EQ(Orbel::SetVEX("set_b", true), RT_SUCCESS);
-    ASSERT_EQ(Orbel::SetVEX("set_i", -42), RT_SUCCESS);
-    ASSERT_EQ(Orbel::SetVEX("set_ll", 9000000000LL, true), RT_SUCCESS);
-    ASSERT_EQ(Orbel::SetVEX("set_s", std::string("text value")), RT_SUCCESS);
-    ASSERT_EQ(Orbel::SetVEX("set_c", "literal"), RT_SUCCESS);
-
-    bool b = false;
-    int i = 0;
-    long long ll = 0;
-    std::string s;
+TEST_F(OrbelSettingsTest, ValuesRoundTripThroughEveryOverloadWithoutALogLine) {
+    size_t mark = LogMark();
+    EXPECT_EQ(VexRoundTrip("set_b", true), true);
+    EXPECT_EQ(VexRoundTrip("set_i", -42), -42);
+    EXPECT_EQ(VexRoundTrip("set_ll", 9000000000LL, true), 9000000000LL);
+    EXPECT_EQ(VexRoundTrip("set_s", std::string("text value")), "text value");
+    // The string getter reads through 1024 bytes.
+    EXPECT_EQ(VexRoundTrip("long", std::string(2000, 'x')), std::string(1023, 'x'));
     char buf[8];
-    ASSERT_EQ(Orbel::GetVEX("set_b", b), RT_SUCCESS);
-    EXPECT_TRUE(b);
-    ASSERT_EQ(Orbel::GetVEX("set_i", i), RT_SUCCESS);
-    EXPECT_EQ(i, -42);
-    ASSERT_EQ(Orbel::GetVEX("set_ll", ll), RT_SUCCESS);
-    EXPECT_EQ(ll, 9000000000LL);
-    ASSERT_EQ(Orbel::GetVEX("set_s", s), RT_SUCCESS);
-    EXPECT_EQ(s, "text value");
-    ASSERT_EQ(Orbel::GetVEX("set_c", buf, static_cast<int>(sizeof(buf))), RT_SUCCESS);
+    ASSERT_EQ(SetVEX("set_c", "literal"), RT_SUCCESS);
+    ASSERT_EQ(GetVEX("set_c", buf, static_cast<int>(sizeof(buf))), RT_SUCCESS);
     EXPECT_STREQ(buf, "literal");
-
     // Only the persist flag decides where the value lives.
     EXPECT_EQ(ReadFile(Path("/var/lib/vex/set_ll")), "9000000000");
     EXPECT_EQ(ReadFile(Path("/run/vex/set_b")), "true");
     EXPECT_FALSE(FileExists(Path("/var/lib/vex/set_b")));
-    EXPECT_THAT(LinesSince(mark), IsEmpty());
 
-    // The string getter reads through 1024 bytes.
-    ASSERT_EQ(Orbel::SetVEX("long", std::string(2000, 'x')), RT_SUCCESS);
-    ASSERT_EQ(Orbel::GetVEX("long", s), RT_SUCCESS);
-    EXPECT_EQ(s, std::string(1023, 'x'));
+    EXPECT_EQ(KobaRoundTrip("k_u", 4000000000u), 4000000000u);
+    EXPECT_EQ(KobaRoundTrip("k_i", -7), -7);
+    EXPECT_EQ(KobaRoundTrip("k_b", true), true);
+    EXPECT_EQ(KobaRoundTrip("k_s", std::string("hello")), "hello");
+    // The setter cuts strings to its 512-byte buffer: 511 bytes and a zero.
+    EXPECT_EQ(KobaRoundTrip("k_long", std::string(600, 'y')), std::string(511, 'y'));
+    // A string literal is stored as a string, not taken for a bool.
+    ASSERT_EQ(SetKOBA("k_lit", "literal"), RT_SUCCESS);
+    EXPECT_EQ(ReadFile(Path("/var/lib/koba/k_lit")), "S:literal");
+    EXPECT_EQ(LoggedSince(mark), "");
 }
 
 TEST_F(OrbelSettingsTest, VexFailuresLogTheirTextUnlessQuiet) {
-    size_t mark = OrbelTest::LogMark();
+    ASSERT_EQ(SetVEX("typed", std::string("not a number")), RT_SUCCESS);
+    size_t mark = LogMark();
     bool b = true;
-    EXPECT_EQ(Orbel::GetVEX("get_missing", b), RT_FAILURE);
-    EXPECT_FALSE(b) << "the bool getter resets its output first";
     int i = 5;
-    EXPECT_EQ(Orbel::GetVEX("get_missing", i), RT_FAILURE);
-    EXPECT_EQ(i, 5);
     long long ll = 6;
-    EXPECT_EQ(Orbel::GetVEX("get_missing", ll), RT_FAILURE);
-    EXPECT_EQ(ll, 6);
     std::string s = "kept";
-    EXPECT_EQ(Orbel::GetVEX("get_missing", s), RT_FAILURE);
-    EXPECT_EQ(s, "kept");
     char buf[4] = "abc";
-    EXPECT_EQ(Orbel::GetVEX("get_missing", buf, 4), RT_FAILURE);
-    EXPECT_EQ(Orbel::GetVEX("set_b", nullptr, 4), RT_FAILURE);
-    EXPECT_EQ(Orbel::SetVEX("bad/name", 1), RT_FAILURE);
-    EXPECT_EQ(Orbel::SetVEX(".hidden", std::string("x"), true), RT_FAILURE);
-    EXPECT_EQ(Orbel::SetVEX("null_value", static_cast<const char*>(nullptr)), RT_FAILURE);
-    const std::string getLine = "[ERROR] Orbel.cpp:GetVEX(): Get vex[get_missing] variable failed";
-    EXPECT_THAT(LinesSince(mark),
-                ElementsAre(getLine, getLine, getLine, getLine, getLine,
-                            "[ERROR] Orbel.cpp:GetVEX(): Get vex[set_b] variable failed",
-                            "[ERROR] Orbel.cpp:SetVEX(): Set vex[bad/name] variable failed",
-                            "[ERROR] Orbel.cpp:SetVEX(): Set vex[.hidden] variable failed",
-                            "[ERROR] Orbel.cpp:SetVEX(): Set vex[null_value] variable failed"));
-
-    // A value of the wrong type fails like a missing one; quiet keeps the
-    // bool reset but drops the line.
-    ASSERT_EQ(Orbel::SetVEX("typed", std::string("not a number")), RT_SUCCESS);
-    mark = OrbelTest::LogMark();
+    EXPECT_EQ(GetVEX("get_missing", b), RT_FAILURE);
+    EXPECT_FALSE(b) << "the bool getter resets its output first";
+    EXPECT_EQ(GetVEX("get_missing", i), RT_FAILURE);
+    EXPECT_EQ(GetVEX("get_missing", ll), RT_FAILURE);
+    EXPECT_EQ(GetVEX("get_missing", s), RT_FAILURE);
+    EXPECT_EQ(GetVEX("get_missing", buf, 4), RT_FAILURE);
+    EXPECT_TRUE(i == 5 && ll == 6 && s == "kept");
+    EXPECT_EQ(GetVEX("set_b", nullptr, 4), RT_FAILURE);
+    EXPECT_EQ(SetVEX("bad/name", 1), RT_FAILURE);
+    EXPECT_EQ(SetVEX(".hidden", std::string("x"), true), RT_FAILURE);
+    EXPECT_EQ(SetVEX("null_value", static_cast<const char*>(nullptr)), RT_FAILURE);
+    // Quiet calls fail alike (a value of the wrong type like a missing one,
+    // the bool still reset) but log nothing.
     b = true;
-    EXPECT_EQ(Orbel::GetVEX("typed", b, true), RT_FAILURE);
+    EXPECT_EQ(GetVEX("typed", b, true), RT_FAILURE);
     EXPECT_FALSE(b);
-    EXPECT_EQ(Orbel::GetVEX("typed", ll, true), RT_FAILURE);
-    EXPECT_EQ(Orbel::GetVEX("missing", buf, 4, true), RT_FAILURE);
-    EXPECT_EQ(Orbel::SetVEX("bad/name", "x", false, true), RT_FAILURE);
-    EXPECT_THAT(LinesSince(mark), IsEmpty()) << "quiet suppresses every failure line";
-}
-
-// ---------------------------------------------------------------------------
-// KOBA
-// ---------------------------------------------------------------------------
-
-TEST_F(OrbelSettingsTest, KobaValuesRoundTrip) {
-    size_t mark = OrbelTest::LogMark();
-    ASSERT_EQ(Orbel::SetKOBA("k_u", 4000000000u), RT_SUCCESS);
-    ASSERT_EQ(Orbel::SetKOBA("k_i", -7), RT_SUCCESS);
-    ASSERT_EQ(Orbel::SetKOBA("k_b", true), RT_SUCCESS);
-    ASSERT_EQ(Orbel::SetKOBA("k_s", std::string("hello")), RT_SUCCESS);
-    ASSERT_EQ(Orbel::SetKOBA("k_lit", "literal"), RT_SUCCESS);
-    // A string literal is stored as a string, not taken for a bool.
-    EXPECT_EQ(ReadFile(Path("/var/lib/koba/k_lit")), "S:literal");
-
-    unsigned u = 0;
-    int i = 0;
-    bool b = false;
-    std::string s;
-    ASSERT_EQ(Orbel::GetKOBA("k_u", u), RT_SUCCESS);
-    EXPECT_EQ(u, 4000000000u);
-    ASSERT_EQ(Orbel::GetKOBA("k_i", i), RT_SUCCESS);
-    EXPECT_EQ(i, -7);
-    ASSERT_EQ(Orbel::GetKOBA("k_b", b), RT_SUCCESS);
-    EXPECT_TRUE(b);
-    ASSERT_EQ(Orbel::GetKOBA("k_s", s), RT_SUCCESS);
-    EXPECT_EQ(s, "hello");
-    EXPECT_THAT(LinesSince(mark), IsEmpty());
-
-    // The setter cuts strings to its 512-byte buffer: 511 bytes and a zero.
-    ASSERT_EQ(Orbel::SetKOBA("k_long", std::string(600, 'y')), RT_SUCCESS);
-    ASSERT_EQ(Orbel::GetKOBA("k_long", s), RT_SUCCESS);
-    EXPECT_EQ(s, std::string(511, 'y'));
+    EXPECT_EQ(GetVEX("typed", ll, true), RT_FAILURE);
+    EXPECT_EQ(GetVEX("missing", buf, 4, true), RT_FAILURE);
+    EXPECT_EQ(SetVEX("bad/name", "x", false, true), RT_FAILURE);
+    std::string getLine = "[ERROR] Orbel.cpp:GetVEX(): Get vex[get_missing] variable failed\n";
+    EXPECT_EQ(LoggedSince(mark),
+              getLine + getLine + getLine + getLine + getLine +
+                  "[ERROR] Orbel.cpp:GetVEX(): Get vex[set_b] variable failed\n"
+                  "[ERROR] Orbel.cpp:SetVEX(): Set vex[bad/name] variable failed\n"
+                  "[ERROR] Orbel.cpp:SetVEX(): Set vex[.hidden] variable failed\n"
+                  "[ERROR] Orbel.cpp:SetVEX(): Set vex[null_value] variable failed\n");
 }
 
 TEST_F(OrbelSettingsTest, KobaFailuresLogTheStoreErrorCode) {
-    ASSERT_EQ(Orbel::SetKOBA("k_num", 1), RT_SUCCESS);
-    ASSERT_EQ(Orbel::SetKOBA("k_text", std::string("t")), RT_SUCCESS);
-    OrbelTest::WriteFile(Path("/var/lib/koba/k_huge"), "S:" + std::string(1100, 'z'));
+    ASSERT_EQ(SetKOBA("k_num", 1), RT_SUCCESS);
+    ASSERT_EQ(SetKOBA("k_text", std::string("t")), RT_SUCCESS);
+    WriteFile(Path("/var/lib/koba/k_huge"), "S:" + std::string(1100, 'z'));
 
-    size_t mark = OrbelTest::LogMark();
+    size_t mark = LogMark();
     unsigned u = 9;
-    EXPECT_EQ(Orbel::GetKOBA("k_missing", u), RT_FAILURE);
-    EXPECT_EQ(u, 9u);
     bool b = true;
-    EXPECT_EQ(Orbel::GetKOBA("k_num", b), RT_FAILURE);
-    EXPECT_TRUE(b) << "KOBA getters leave the output alone on failure";
     std::string s = "kept";
-    EXPECT_EQ(Orbel::GetKOBA("k_huge", s), RT_FAILURE);
-    EXPECT_EQ(s, "kept");
     char small[2];
-    EXPECT_EQ(Orbel::GetKOBA("k_text", small, 1), RT_FAILURE);
     int i = 0;
-    EXPECT_EQ(Orbel::GetKOBA("k_text", i), RT_FAILURE);
-    EXPECT_THAT(LinesSince(mark),
-                ElementsAre("[ERROR] Orbel.cpp:GetKOBA(): Get kobaName[k_missing] failed!! "
-                            "ErrCode=1.",
-                            "[ERROR] Orbel.cpp:GetKOBA(): Get kobaName[k_num] failed!! ErrCode=3.",
-                            "[ERROR] Orbel.cpp:GetKOBA(): Get kobaName[k_huge] failed!! ErrCode=4.",
-                            "[ERROR] Orbel.cpp:GetKOBA(): Get kobaName[k_text] failed!! ErrCode=4.",
-                            "[ERROR] Orbel.cpp:GetKOBA(): Get kobaName[k_text] failed!! "
-                            "ErrCode=3."));
-
+    EXPECT_EQ(GetKOBA("k_missing", u), RT_FAILURE);
+    EXPECT_EQ(GetKOBA("k_num", b), RT_FAILURE);
+    EXPECT_EQ(GetKOBA("k_huge", s), RT_FAILURE);
+    EXPECT_EQ(GetKOBA("k_text", small, 1), RT_FAILURE);
+    EXPECT_EQ(GetKOBA("k_text", i), RT_FAILURE);
+    EXPECT_TRUE(u == 9 && b && s == "kept") << "KOBA getters leave the output alone on failure";
     // Bool and string setters have their own line for a type clash; the
     // number setters report the code.
-    mark = OrbelTest::LogMark();
-    EXPECT_EQ(Orbel::SetKOBA("k_num", false), RT_FAILURE);
-    EXPECT_EQ(Orbel::SetKOBA("k_num", std::string("s")), RT_FAILURE);
-    EXPECT_EQ(Orbel::SetKOBA("k_text", 3), RT_FAILURE);
-    EXPECT_EQ(Orbel::SetKOBA("bad/name", true), RT_FAILURE);
-    EXPECT_EQ(Orbel::SetKOBA("k_text", static_cast<const char*>(nullptr)), RT_FAILURE);
-    EXPECT_THAT(LinesSince(mark),
-                ElementsAre("[ERROR] Orbel.cpp:SetKOBA(): Set kobaName[k_num] format error.",
-                            "[ERROR] Orbel.cpp:SetKOBA(): Set kobaName[k_num] format error.",
-                            "[ERROR] Orbel.cpp:SetKOBA(): Set kobaName[k_text] failed!! ErrCode=3.",
-                            "[ERROR] Orbel.cpp:SetKOBA(): Set kobaName[bad/name] failed!! "
-                            "ErrCode=2.",
-                            "[ERROR] Orbel.cpp:SetKOBA(): Set kobaName[k_text] failed!! "
-                            "ErrCode=4."));
-    EXPECT_EQ(ReadFile(Path("/var/lib/koba/k_num")), "s:1");
-    EXPECT_EQ(ReadFile(Path("/var/lib/koba/k_text")), "S:t");
+    EXPECT_EQ(SetKOBA("k_num", false), RT_FAILURE);
+    EXPECT_EQ(SetKOBA("k_num", std::string("s")), RT_FAILURE);
+    EXPECT_EQ(SetKOBA("k_text", 3), RT_FAILURE);
+    EXPECT_EQ(SetKOBA("bad/name", true), RT_FAILURE);
+    EXPECT_EQ(SetKOBA("k_text", static_cast<const char*>(nullptr)), RT_FAILURE);
+    EXPECT_EQ(LoggedSince(mark),
+              "[ERROR] Orbel.cpp:GetKOBA(): Get kobaName[k_missing] failed!! ErrCode=1.\n"
+              "[ERROR] Orbel.cpp:GetKOBA(): Get kobaName[k_num] failed!! ErrCode=3.\n"
+              "[ERROR] Orbel.cpp:GetKOBA(): Get kobaName[k_huge] failed!! ErrCode=4.\n"
+              "[ERROR] Orbel.cpp:GetKOBA(): Get kobaName[k_text] failed!! ErrCode=4.\n"
+              "[ERROR] Orbel.cpp:GetKOBA(): Get kobaName[k_text] failed!! ErrCode=3.\n"
+              "[ERROR] Orbel.cpp:SetKOBA(): Set kobaName[k_num] format error.\n"
+              "[ERROR] Orbel.cpp:SetKOBA(): Set kobaName[k_num] format error.\n"
+              "[ERROR] Orbel.cpp:SetKOBA(): Set kobaName[k_text] failed!! ErrCode=3.\n"
+              "[ERROR] Orbel.cpp:SetKOBA(): Set kobaName[bad/name] failed!! ErrCode=2.\n"
+              "[ERROR] Orbel.cpp:SetKOBA(): Set kobaName[k_text] failed!! ErrCode=4.\n");
+    EXPECT_EQ(ReadFile(Path("/var/lib/koba/k_num")) + ReadFile(Path("/var/lib/koba/k_text")),
+              "s:1S:t");
 }
 
-// ---------------------------------------------------------------------------
-// Clock, run level, shutting-down state
-// ---------------------------------------------------------------------------
-
 TEST_F(OrbelSettingsTest, TarnClockFormatsLocalTimeWithItsZone) {
-    const char* oldTz = std::getenv("TZ");
-    std::string savedTz = oldTz != nullptr ? oldTz : "";
-    setenv("TZ", "<-0930>9:30", 1);
-    tzset();
     std::string dateTime, zone;
+    std::vector<std::string> expected;  // the local time of some second of the call
+    ScopedTimeZone tz("<-0930>9:30");
     time_t before = time(nullptr);
-    ASSERT_EQ(Orbel::GetTarnClock(dateTime, zone), RT_SUCCESS);
-    time_t after = time(nullptr);
-    // The local time of some second of the call, then the zone.
-    std::vector<std::string> expected;
-    for (time_t t = before; t <= after; ++t) {
+    ASSERT_EQ(GetTarnClock(dateTime, zone), RT_SUCCESS);
+    for (time_t t = before; t <= time(nullptr); ++t) {
         struct tm tm;
         char text[32];
         strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S-09:30", localtime_r(&t, &tm));
@@ -243,56 +175,43 @@ TEST_F(OrbelSettingsTest, TarnClockFormatsLocalTimeWithItsZone) {
     }
     EXPECT_THAT(expected, ::testing::Contains(dateTime));
     EXPECT_EQ(zone, "-09:30");
-    if (oldTz != nullptr) {
-        setenv("TZ", savedTz.c_str(), 1);
-    } else {
-        unsetenv("TZ");
-    }
-    tzset();
 
     // A failing clock is a warning, and leaves both strings as they were.
-    OrbelTest::WriteFile(Path("/run/tarnclock/fault"), "9");
-    size_t mark = OrbelTest::LogMark();
-    std::string keptDate = "date", keptZone = "zone";
-    EXPECT_EQ(Orbel::GetTarnClock(keptDate, keptZone), RT_FAILURE);
-    EXPECT_EQ(keptDate, "date");
-    EXPECT_EQ(keptZone, "zone");
-    EXPECT_THAT(LinesSince(mark),
-                ElementsAre("[WARNING] Orbel.cpp:GetTarnClock(): Get Tarn Clock, return:9"));
+    WriteFile(Path("/run/tarnclock/fault"), "9");
+    size_t mark = LogMark();
+    dateTime = "date";
+    EXPECT_EQ(GetTarnClock(dateTime, zone), RT_FAILURE);
+    EXPECT_EQ(dateTime + zone, "date-09:30");
+    EXPECT_EQ(LoggedSince(mark), "[WARNING] Orbel.cpp:GetTarnClock(): Get Tarn Clock, return:9\n");
 }
 
 std::string UtmpRecord(short type, pid_t pid) {
-    struct utmp u;
-    std::memset(&u, 0, sizeof(u));
+    struct utmp u {};
     u.ut_type = type;
     u.ut_pid = pid;
-    std::strncpy(u.ut_user, "test", sizeof(u.ut_user) - 1);
     return std::string(reinterpret_cast<const char*>(&u), sizeof(u));
 }
 
-TEST_F(OrbelSettingsTest, RunLevelComesFromTheFirstRunLevelRecord) {
+TEST_F(OrbelSettingsTest, RunLevelAndShuttingDownState) {
     std::string utmp = Path(_PATH_UTMP);
-    EXPECT_EQ(Orbel::GetSysRunLevel(), 0) << "no utmp file";
-    OrbelTest::WriteFile(utmp, UtmpRecord(BOOT_TIME, 0) + UtmpRecord(LOGIN_PROCESS, 0x35));
-    EXPECT_EQ(Orbel::GetSysRunLevel(), 0) << "no run-level record";
-    // sysvinit stores the level's character ('5' = 0x35) plus 256 × the previous one.
-    OrbelTest::WriteFile(utmp, UtmpRecord(LOGIN_PROCESS, 0x33) +
-                                   UtmpRecord(RUN_LVL, 'N' * 256 + '5') + UtmpRecord(RUN_LVL, '3'));
-    EXPECT_EQ(Orbel::GetSysRunLevel(), 5);
-    OrbelTest::WriteFile(utmp, UtmpRecord(RUN_LVL, 'S'));  // 0x53: low bits 3
-    EXPECT_EQ(Orbel::GetSysRunLevel(), 3);
-    OrbelTest::WriteFile(utmp, UtmpRecord(RUN_LVL, 0x4E));  // low bits 14, capped
-    EXPECT_EQ(Orbel::GetSysRunLevel(), 7);
-}
+    EXPECT_EQ(GetSysRunLevel(), 0) << "no utmp file";
+    // sysvinit stores the level's character ('5' = 0x35) plus 256 × the
+    // previous one; only run-level records count.
+    WriteFile(utmp, UtmpRecord(LOGIN_PROCESS, 0x33) + UtmpRecord(RUN_LVL, 'N' * 256 + '5') +
+                        UtmpRecord(RUN_LVL, '3'));
+    EXPECT_EQ(GetSysRunLevel(), 5);
+    WriteFile(utmp, UtmpRecord(RUN_LVL, 'S'));  // 0x53: low bits 3
+    EXPECT_EQ(GetSysRunLevel(), 3);
+    WriteFile(utmp, UtmpRecord(RUN_LVL, 0x4E));  // low bits 14, capped
+    EXPECT_EQ(GetSysRunLevel(), 7);
 
-TEST_F(OrbelSettingsTest, ShuttingDownFollowsTheMarkerUnderTheSysroot) {
-    std::string marker = Orbel::ShuttingDownMarkerPath();
+    const std::string marker = ShuttingDownMarkerPath();
     ASSERT_EQ(marker, SysrootDir() + "/tmp/.shutting-down-tarn");
-    EXPECT_FALSE(Orbel::IsTARNShuttingDown());
-    OrbelTest::WriteFile(marker, "");
-    EXPECT_TRUE(Orbel::IsTARNShuttingDown());
+    EXPECT_FALSE(IsTARNShuttingDown());
+    WriteFile(marker, "");
+    EXPECT_TRUE(IsTARNShuttingDown());
     ASSERT_EQ(unlink(marker.c_str()), 0);
-    EXPECT_FALSE(Orbel::IsTARNShuttingDown());
+    EXPECT_FALSE(IsTARNShuttingDown());
 }
 
 }  // namespace
