@@ -1,6 +1,5 @@
 // The simulated platform through its C functions and through the orbel-sim
 // tool run as a child process: both must see one state under the sysroot.
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -12,6 +11,8 @@
 #include <ctime>
 #include <mutex>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "ChildProcess.h"
@@ -24,153 +25,126 @@
 
 namespace {
 
-using OrbelTest::FileExists;
-using OrbelTest::ReadFile;
-using OrbelTest::SysrootDir;
+using namespace OrbelTest;
+using Texts = std::vector<std::string>;
 
 struct ToolResult {
     int status;
     std::string output;  // stdout and stderr together
+    std::string Text() const { return std::to_string(status) + ":" + output; }
 };
 
 ToolResult Sim(std::vector<std::string> args) {
-    args.insert(args.begin(), OrbelTest::BuiltProgram("platform/sim/orbel-sim"));
-    OrbelTest::ChildProcess child(args);
+    args.insert(args.begin(), BuiltProgram("platform/sim/orbel-sim"));
+    ChildProcess child(args);
     if (!child.Start()) return {-1, "could not start orbel-sim"};
     int status = child.Wait(10000);
     return {status, child.Output()};
 }
 
-std::string Path(const std::string& fixed) {
-    return SysrootDir() + fixed;
-}
+const auto Path = [](const std::string& fixed) { return SysrootDir() + fixed; };
 
 std::string GetStr(const char* name) {
     char buffer[256];
-    if (vex_config_get_str_n(name, buffer, sizeof(buffer)) == 0) return "<failed>";
-    return buffer;
+    return vex_config_get_str_n(name, buffer, sizeof(buffer)) != 0 ? buffer : "<failed>";
 }
 
-// Events that reached this process's callback. Global (not function-local)
-// so it outlives the listener thread at exit.
-struct ReceivedEvent {
-    EVENT_TYPE type;
-    std::string name;
-    std::string payload;
-    bool nullData;
-};
+// Events that reached this process's callback, as "<type> <name> <payload>"
+// ("(null)" for an event without data). Global, so it outlives the listener
+// thread at exit.
 std::mutex gEventMutex;
 std::condition_variable gEventCv;
-std::vector<ReceivedEvent> gEvents;
+Texts gEvents;
+
+std::string Event(int type, const std::string& name, const std::string& payload) {
+    return std::to_string(type) + " " + name + " " + payload;
+}
 
 void OnEvent(EVENT_TYPE type, char* name, int dataLen, void* data) {
     std::lock_guard<std::mutex> lock(gEventMutex);
-    gEvents.push_back({type, name,
-                       data != nullptr ? std::string(static_cast<char*>(data), dataLen) : "",
-                       data == nullptr && dataLen == 0});
+    gEvents.push_back(Event(type, name,
+                            data != nullptr ? std::string(static_cast<char*>(data), dataLen)
+                            : dataLen == 0  ? "(null)"
+                                            : "(null with a length)"));
     gEventCv.notify_all();
 }
 
-// Waits until an event of that name arrived; the events up to and including it.
-bool WaitForEvent(const std::string& name, std::vector<ReceivedEvent>& seen) {
+// Waits until the last event to arrive has that name; returns (and forgets)
+// the events up to then.
+Texts TakeEventsUntil(const std::string& name) {
     std::unique_lock<std::mutex> lock(gEventMutex);
-    bool found = gEventCv.wait_for(lock, std::chrono::seconds(10), [&] {
-        for (const auto& e : gEvents) {
-            if (e.name == name) return true;
-        }
-        return false;
+    gEventCv.wait_for(lock, std::chrono::seconds(10), [&] {
+        return !gEvents.empty() && gEvents.back().find(" " + name + " ") != std::string::npos;
     });
-    seen = gEvents;
-    gEvents.clear();
-    return found;
+    return std::exchange(gEvents, {});
 }
 
 // Each test starts from empty stores; run/vex/events stays, it holds this
 // process's listener socket.
 class PlatformSimTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
-        std::string cmd = "rm -rf '" + Path("/var/lib/vex") + "' '" + Path("/var/lib/koba") +
-                          "' '" + Path("/var/lib/vpd") + "' '" + Path("/run/vex/apps") + "' '" +
-                          Path("/run/tarnclock") + "' && find '" + Path("/run") +
-                          "' -maxdepth 2 -path '*/run/vex/*' -type f -delete 2>/dev/null; true";
+        std::string cmd = "rm -rf";
+        for (const char* dir :
+             {"/var/lib/vex", "/var/lib/koba", "/var/lib/vpd", "/run/vex/apps", "/run/tarnclock"}) {
+            cmd += " '" + Path(dir) + "'";
+        }
+        cmd += " && find '" + Path("/run/vex") + "' -maxdepth 1 -type f -delete 2>/dev/null; true";
         ASSERT_EQ(std::system(cmd.c_str()), 0);
     }
 };
 
-// ---------------------------------------------------------------------------
-// VEX variables
-// ---------------------------------------------------------------------------
-
 TEST_F(PlatformSimTest, ValuesSetByTheToolAreReadByTheLibraryAndBack) {
-    ASSERT_EQ(Sim({"vex", "set", "sim_greeting", "hello world"}).status, 0);
-    EXPECT_EQ(GetStr("sim_greeting"), "hello world");
-
     ASSERT_EQ(Sim({"vex", "set", "sim_flag", "true"}).status, 0);
     int flag = 0;
-    ASSERT_NE(vex_config_get_bool("sim_flag", &flag), 0);
-    EXPECT_EQ(flag, 1);
-
+    EXPECT_TRUE(vex_config_get_bool("sim_flag", &flag) != 0 && flag == 1);
     ASSERT_NE(vex_config_set_int64("sim_big", 5000000000LL, 0), 0);
-    ToolResult r = Sim({"vex", "get", "sim_big"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.output, "5000000000\n");
-
-    r = Sim({"vex", "get", "sim_missing"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.output, "orbel-sim: no VEX variable sim_missing\n");
+    EXPECT_EQ(Sim({"vex", "get", "sim_big"}).Text(), "0:5000000000\n");
+    EXPECT_EQ(Sim({"vex", "get", "sim_missing"}).Text(),
+              "1:orbel-sim: no VEX variable sim_missing\n");
 }
 
 TEST_F(PlatformSimTest, PersistentAndVolatileValuesLiveInSeparateTrees) {
     ASSERT_NE(vex_config_set_int("sim_level", 1, 1), 0);
     EXPECT_EQ(ReadFile(Path("/var/lib/vex/sim_level")), "1");
     EXPECT_FALSE(FileExists(Path("/run/vex/sim_level")));
-
     // A volatile value hides the persistent one until the next "restart".
     ASSERT_EQ(Sim({"vex", "set", "sim_level", "2"}).status, 0);
-    EXPECT_EQ(ReadFile(Path("/run/vex/sim_level")), "2");
     EXPECT_EQ(GetStr("sim_level"), "2");
     EXPECT_EQ(Sim({"vex", "list"}).output, "sim_level\tvolatile\t2\n");
     ASSERT_EQ(unlink(Path("/run/vex/sim_level").c_str()), 0);
     EXPECT_EQ(GetStr("sim_level"), "1");
-
     // A persistent set replaces both, so the value read is the one just set.
     ASSERT_EQ(Sim({"vex", "set", "sim_level", "2"}).status, 0);
     ASSERT_EQ(Sim({"vex", "set", "sim_level", "3", "--persist"}).status, 0);
     EXPECT_FALSE(FileExists(Path("/run/vex/sim_level")));
     EXPECT_EQ(GetStr("sim_level"), "3");
-
     ASSERT_NE(vex_config_set_str_n("sim_text", "a\tb\\", 16, 0), 0);
     EXPECT_EQ(Sim({"vex", "list"}).output,
               "sim_level\tpersist\t3\nsim_text\tvolatile\ta\\x09b\\\\\n");
 }
 
-TEST_F(PlatformSimTest, TypedGetsRefuseTextOfAnotherType) {
-    struct Case {
-        const char* text;
-        bool isBool, isInt, isInt64;
-    };
-    const Case cases[] = {
+TEST_F(PlatformSimTest, TypedGetsRefuseTextOfAnotherTypeAndStringsAreBounded) {
+    // {stored text, reads as bool, as int, as int64}
+    const std::tuple<const char*, bool, bool, bool> cases[] = {
         {"true", true, false, false},       {"1\n", true, true, true},
         {"yes", false, false, false},       {"-2147483648", false, true, true},
         {"2147483648", false, false, true}, {"9223372036854775808", false, false, false},
         {"+5", false, false, false},        {" 5", false, false, false},
         {"5\n\n", false, false, false},     {"-", false, false, false},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::string("text [") + c.text + "]");
-        ASSERT_NE(vex_config_set_str_n("sim_typed", c.text, 64, 0), 0);
+    for (const auto& [text, isBool, isInt, isInt64] : cases) {
+        SCOPED_TRACE(std::string("text [") + text + "]");
+        ASSERT_NE(vex_config_set_str_n("sim_typed", text, 64, 0), 0);
         int b = -1, i = -1;
         long long ll = -1;
-        EXPECT_EQ(vex_config_get_bool("sim_typed", &b) != 0, c.isBool);
-        EXPECT_EQ(vex_config_get_int("sim_typed", &i) != 0, c.isInt);
-        EXPECT_EQ(vex_config_get_int64("sim_typed", &ll) != 0, c.isInt64);
-        if (!c.isInt) {
-            EXPECT_EQ(i, -1) << "a failed get must leave the value alone";
-        }
+        EXPECT_EQ(vex_config_get_bool("sim_typed", &b) != 0, isBool);
+        EXPECT_EQ(vex_config_get_int("sim_typed", &i) != 0, isInt);
+        EXPECT_EQ(vex_config_get_int64("sim_typed", &ll) != 0, isInt64);
+        EXPECT_TRUE(isInt || i == -1) << "a failed get must leave the value alone";
     }
-    // Strings: set_str_n stores at most `size` bytes, get_str_n returns at
-    // most size-1 and a zero.
+    // set_str_n stores at most `size` bytes, get_str_n returns at most
+    // size-1 and a zero.
     ASSERT_NE(vex_config_set_str_n("sim_s", "abcdef", 4, 0), 0);
     char small[3];
     ASSERT_NE(vex_config_get_str_n("sim_s", small, 3), 0);
@@ -179,21 +153,17 @@ TEST_F(PlatformSimTest, TypedGetsRefuseTextOfAnotherType) {
 }
 
 TEST_F(PlatformSimTest, NamesThatAreNotPlainFileNamesAreRefused) {
-    const char* bad[] = {"", ".hidden", "a/b", "../escape", "/abs"};
-    for (const char* name : bad) {
+    int v = 0, err = 0;
+    for (const char* name : {"", ".hidden", "a/b", "../escape", "/abs"}) {
         SCOPED_TRACE(name);
         EXPECT_EQ(vex_config_set_int(name, 1, 0), 0);
         EXPECT_EQ(vex_config_set_int(name, 1, 1), 0);
-        int v = 0;
         EXPECT_EQ(vex_config_get_int(name, &v), 0);
-        int err = 0;
         EXPECT_NE(SetVarValueSINT(-1, 0, 0, 0, name, &err, 1), KOBA_OK);
     }
     EXPECT_EQ(vex_config_set_int(nullptr, 1, 0), 0);
     EXPECT_EQ(vex_config_set_int(std::string(256, 'n').c_str(), 1, 0), 0);
     EXPECT_NE(vex_config_set_int(std::string(255, 'n').c_str(), 1, 0), 0);
-    EXPECT_FALSE(FileExists(Path("/run/escape")));
-    EXPECT_FALSE(FileExists(Path("/run/vex/a")));
     EXPECT_EQ(Sim({"vex", "set", "a/b", "1"}).status, 1);
 }
 
@@ -207,35 +177,23 @@ TEST_F(PlatformSimTest, VexInitRecordsTheApplication) {
               "pid=" + std::to_string(getpid()) + "\ncode=0x72667274\n");
 }
 
-// ---------------------------------------------------------------------------
-// KOBA
-// ---------------------------------------------------------------------------
-
 TEST_F(PlatformSimTest, KobaReportsItsErrorCodes) {
-    int err = -1;
-    int s = 0;
+    // (Codes through the library's wrappers are checked in its settings suite.)
+    int err = -1, s = 0;
     unsigned u = 0;
-    EXPECT_EQ(GetVarValueSINT(-1, 0, 0, 0, "sim_k", &err, &s), KOBA_ERR_NOT_FOUND);
-    EXPECT_EQ(err, KOBA_ERR_NOT_FOUND);
     ASSERT_EQ(SetVarValueSINT(-1, 0, 0, 0, "sim_k", &err, -5), KOBA_OK);
-    EXPECT_EQ(err, KOBA_OK);
     EXPECT_EQ(ReadFile(Path("/var/lib/koba/sim_k")), "s:-5");
-
-    // The type is fixed when the variable is created.
+    // The type is fixed when the variable is created; the error word repeats the code.
     EXPECT_EQ(GetVarValueUINT(-1, 0, 0, 0, "sim_k", &err, &u), KOBA_ERR_FORMAT);
     EXPECT_EQ(err, KOBA_ERR_FORMAT);
-    EXPECT_EQ(SetVarValueBOOL(-1, 0, 0, 0, "sim_k", &err, 1), KOBA_ERR_FORMAT);
-    EXPECT_EQ(ReadFile(Path("/var/lib/koba/sim_k")), "s:-5");
-
     // Stored text that does not parse.
     for (const char* text : {"s:12x", "garbage", "u:4294967296"}) {
-        OrbelTest::WriteFile(Path("/var/lib/koba/sim_bad"), text);
+        WriteFile(Path("/var/lib/koba/sim_bad"), text);
         EXPECT_EQ(text[0] == 'u' ? GetVarValueUINT(-1, 0, 0, 0, "sim_bad", &err, &u)
                                  : GetVarValueSINT(-1, 0, 0, 0, "sim_bad", &err, &s),
                   KOBA_ERR_FORMAT)
             << text;
     }
-
     // Strings come back whole or not at all.
     ASSERT_EQ(SetVarValueSTRING(-1, 0, 0, 0, "sim_str", &err, "abcd"), KOBA_OK);
     char buf[5] = {'x', 'x', 'x', 'x', 'x'};
@@ -243,7 +201,6 @@ TEST_F(PlatformSimTest, KobaReportsItsErrorCodes) {
     EXPECT_EQ(buf[0], 'x');
     ASSERT_EQ(GetVarValueSTRING(-1, 0, 0, 0, "sim_str", &err, buf, 5), KOBA_OK);
     EXPECT_STREQ(buf, "abcd");
-
     // Only the controller's own instance exists here; the error word is optional.
     EXPECT_EQ(GetVarValueSINT(0, 0, 0, 0, "sim_k", &err, &s), KOBA_ERR_IO);
     EXPECT_EQ(SetVarValueSINT(-1, 1, 0, 0, "sim_k", nullptr, 1), KOBA_ERR_IO);
@@ -251,32 +208,20 @@ TEST_F(PlatformSimTest, KobaReportsItsErrorCodes) {
 
 TEST_F(PlatformSimTest, KobaThroughTheTool) {
     ASSERT_EQ(Sim({"koba", "set", "sim_u", "u", "4294967295"}).status, 0);
-    unsigned u = 0;
-    int err = 0;
-    ASSERT_EQ(GetVarValueUINT(-1, 0, 0, 0, "sim_u", &err, &u), KOBA_OK);
-    EXPECT_EQ(u, 4294967295u);
     ASSERT_EQ(Sim({"koba", "set", "sim_b", "b", "true"}).status, 0);
-    int b = 0;
-    ASSERT_EQ(GetVarValueBOOL(-1, 0, 0, 0, "sim_b", &err, &b), KOBA_OK);
-    EXPECT_EQ(b, 1);
-
+    unsigned u = 0;
+    int err = 0, b = 0;
+    EXPECT_TRUE(GetVarValueUINT(-1, 0, 0, 0, "sim_u", &err, &u) == KOBA_OK && u == 4294967295u);
+    EXPECT_TRUE(GetVarValueBOOL(-1, 0, 0, 0, "sim_b", &err, &b) == KOBA_OK && b == 1);
     ASSERT_EQ(SetVarValueSTRING(-1, 0, 0, 0, "sim_s", &err, "two words"), KOBA_OK);
-    ToolResult r = Sim({"koba", "get", "sim_s"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.output, "two words\n");
+    EXPECT_EQ(Sim({"koba", "get", "sim_s"}).output, "two words\n");
     EXPECT_EQ(Sim({"koba", "list"}).output,
               "sim_b\tb\ttrue\nsim_s\tS\ttwo words\nsim_u\tu\t4294967295\n");
-
-    r = Sim({"koba", "set", "sim_u", "s", "1"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.output, "orbel-sim: cannot set KOBA variable sim_u (error 3)\n");
+    EXPECT_EQ(Sim({"koba", "set", "sim_u", "s", "1"}).Text(),
+              "1:orbel-sim: cannot set KOBA variable sim_u (error 3)\n");
     EXPECT_EQ(Sim({"koba", "set", "sim_x", "u", "-1"}).status, 2);
     EXPECT_FALSE(FileExists(Path("/var/lib/koba/sim_x")));
 }
-
-// ---------------------------------------------------------------------------
-// Events
-// ---------------------------------------------------------------------------
 
 TEST_F(PlatformSimTest, EventsRaisedByTheToolReachSubscribedCallbacksOnly) {
     ASSERT_NE(vex_event_register("sim.ev.wanted"), 0);
@@ -290,23 +235,14 @@ TEST_F(PlatformSimTest, EventsRaisedByTheToolReachSubscribedCallbacksOnly) {
     // seen, the unwanted one raised before it would have been seen too.
     ASSERT_EQ(Sim({"event", "raise", "sim.ev.unwanted", "x"}).status, 0);
     ASSERT_EQ(Sim({"event", "raise", "sim.ev.wanted", "pay load"}).status, 0);
-    std::vector<ReceivedEvent> seen;
-    ASSERT_TRUE(WaitForEvent("sim.ev.wanted", seen));
-    ASSERT_EQ(seen.size(), 1u);
-    EXPECT_EQ(seen[0].type, VEX_EVENT_RAISED);
-    EXPECT_EQ(seen[0].payload, "pay load");
-
+    EXPECT_EQ(TakeEventsUntil("sim.ev.wanted"),
+              Texts{Event(VEX_EVENT_RAISED, "sim.ev.wanted", "pay load")});
     ASSERT_EQ(Sim({"event", "raise", "sim.ev.wanted"}).status, 0);
-    ASSERT_TRUE(WaitForEvent("sim.ev.wanted", seen));
-    ASSERT_EQ(seen.size(), 1u);
-    EXPECT_TRUE(seen[0].nullData) << "an event without payload passes (0, NULL)";
-
+    EXPECT_EQ(TakeEventsUntil("sim.ev.wanted"),
+              Texts{Event(VEX_EVENT_RAISED, "sim.ev.wanted", "(null)")});
     // Setting a variable raises its change event, in this process too.
     ASSERT_EQ(Sim({"vex", "set", "sim_var", "7"}).status, 0);
-    ASSERT_TRUE(WaitForEvent("sim_var", seen));
-    ASSERT_EQ(seen.size(), 1u);
-    EXPECT_EQ(seen[0].type, VEX_EVENT_VAR_CHANGED);
-    EXPECT_EQ(seen[0].payload, "7");
+    EXPECT_EQ(TakeEventsUntil("sim_var"), Texts{Event(VEX_EVENT_VAR_CHANGED, "sim_var", "7")});
 
     std::string huge(70 * 1024, 'h');
     EXPECT_EQ(vex_event_raise("sim.ev.wanted", huge.data(), static_cast<int>(huge.size())), 0);
@@ -323,19 +259,16 @@ TEST_F(PlatformSimTest, SocketsOfGoneProcessesAreRemovedOnRaise) {
     ASSERT_EQ(std::system(("mkdir -p '" + Path("/run/vex/events") + "'").c_str()), 0);
     ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
     close(fd);  // bound file left behind, as by a killed process
-    ASSERT_TRUE(FileExists(stale));
     ASSERT_NE(vex_event_raise("sim.ev.any", "x", 1), 0);
     EXPECT_FALSE(FileExists(stale));
 }
 
 TEST_F(PlatformSimTest, AnotherProcessReceivesEventsAndRemovesItsSocketAtExit) {
-    OrbelTest::ChildProcess child(
-        {OrbelTest::BuiltProgram("tests/SimEventListener"), "sim.ev.child"});
+    ChildProcess child({BuiltProgram("tests/SimEventListener"), "sim.ev.child"});
     ASSERT_TRUE(child.Start());
     ASSERT_TRUE(child.WaitForOutput("ready\n", 10000)) << child.Output();
     std::string sock = Path("/run/vex/events/" + std::to_string(child.Pid()) + ".sock");
     EXPECT_TRUE(FileExists(sock));
-
     ASSERT_NE(vex_event_raise("sim.ev.ignored", "no", 2), 0);
     ASSERT_NE(vex_event_raise("sim.ev.child", "hi there", 8), 0);
     ASSERT_NE(vex_event_raise("quit", nullptr, 0), 0);
@@ -344,66 +277,55 @@ TEST_F(PlatformSimTest, AnotherProcessReceivesEventsAndRemovesItsSocketAtExit) {
     EXPECT_FALSE(FileExists(sock)) << "the listener removes its socket when the process ends";
 }
 
-// ---------------------------------------------------------------------------
-// Vital product data, shutdown marker, clock, shell runner, usage
-// ---------------------------------------------------------------------------
-
 TEST_F(PlatformSimTest, MachineRecordIsGeneratedOnceAndEditable) {
     std::vector<unsigned char> record(VPDD_MACHINE_RECORD_SIZE + 4, 0xEE);
     EXPECT_EQ(vpdd_machine_vpd_read(record.data(), VPDD_MACHINE_RECORD_SIZE - 1), VPDD_ERR_ARG);
     EXPECT_EQ(record[0], 0xEE);
     ASSERT_EQ(vpdd_machine_vpd_read(record.data(), static_cast<int>(record.size())), VPDD_OK);
-    std::string text(record.begin(), record.begin() + VPDD_MACHINE_RECORD_SIZE);
-    EXPECT_EQ(text.substr(VPDD_UUID_OFFSET, VPDD_UUID_LENGTH), "6E2B8F14A09C4D3B8F5A1C7D2E9B0A63");
-    EXPECT_EQ(text.substr(VPDD_SERIAL_OFFSET, VPDD_SERIAL_LENGTH),
-              std::string("SIM0000001") + std::string(6, '\0'));
-    EXPECT_EQ(text.substr(VPDD_MTM_OFFSET, VPDD_MTM_LENGTH),
-              std::string("7X99CTO1WW") + std::string(6, '\0'));
-    EXPECT_EQ(text.substr(64), std::string(VPDD_MACHINE_RECORD_SIZE - 64, '\0'));
+    const std::string pad6(6, '\0');
+    const std::string text(record.begin(), record.begin() + VPDD_MACHINE_RECORD_SIZE);
+    EXPECT_EQ(text, "6E2B8F14A09C4D3B8F5A1C7D2E9B0A63SIM0000001" + pad6 + "7X99CTO1WW" + pad6 +
+                        std::string(VPDD_MACHINE_RECORD_SIZE - 64, '\0'));
     EXPECT_EQ(record[VPDD_MACHINE_RECORD_SIZE], 0xEE) << "nothing written past the record";
     EXPECT_EQ(ReadFile(Path("/var/lib/vpd/machine.vpd")), text);
-
-    ToolResult r = Sim({"vpd", "show"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.output,
+    EXPECT_EQ(Sim({"vpd", "show"}).output,
               "uuid: 6E2B8F14A09C4D3B8F5A1C7D2E9B0A63\nserial: SIM0000001\nmtm: 7X99CTO1WW\n");
 
     ASSERT_EQ(Sim({"vpd", "set", "serial", "XY12"}).status, 0);
     ASSERT_EQ(Sim({"vpd", "set", "uuid", "0123abcd-0000-4000-8000-00000000beef"}).status, 0);
     EXPECT_EQ(Sim({"vpd", "set", "mtm", "seventeen-chars-x"}).status, 2);
     ASSERT_EQ(vpdd_machine_vpd_read(record.data(), VPDD_MACHINE_RECORD_SIZE), VPDD_OK);
-    text.assign(record.begin(), record.begin() + VPDD_MACHINE_RECORD_SIZE);
-    EXPECT_EQ(text.substr(VPDD_UUID_OFFSET, VPDD_UUID_LENGTH), "0123ABCD00004000800000000000BEEF");
-    EXPECT_EQ(text.substr(VPDD_SERIAL_OFFSET, VPDD_SERIAL_LENGTH),
-              std::string("XY12") + std::string(12, '\0'));
-
-    OrbelTest::WriteFile(Path("/var/lib/vpd/machine.vpd"), "short");
+    EXPECT_EQ(std::string(record.begin(), record.begin() + 64),
+              "0123ABCD00004000800000000000BEEFXY12" + std::string(12, '\0') + "7X99CTO1WW" + pad6);
+    WriteFile(Path("/var/lib/vpd/machine.vpd"), "short");
     EXPECT_EQ(vpdd_machine_vpd_read(record.data(), VPDD_MACHINE_RECORD_SIZE), VPDD_ERR_IO);
     EXPECT_EQ(Sim({"vpd", "show"}).status, 1);
 }
 
-TEST_F(PlatformSimTest, ShutdownMarkerFollowsTheTool) {
-    std::string marker = Path("/tmp/.shutting-down-tarn");
+TEST_F(PlatformSimTest, ShutdownMarkerClockAndUsageThroughTheTool) {
+    const std::string marker = Path("/tmp/.shutting-down-tarn");
     ASSERT_EQ(Sim({"shutdown", "on"}).status, 0);
     EXPECT_TRUE(FileExists(marker));
     ASSERT_EQ(Sim({"shutdown", "off"}).status, 0);
     EXPECT_FALSE(FileExists(marker));
     EXPECT_EQ(Sim({"shutdown", "off"}).status, 0) << "already off is no failure";
     EXPECT_EQ(Sim({"shutdown", "maybe"}).status, 2);
-}
 
-TEST_F(PlatformSimTest, ClockCanBeMadeToFailThroughTheTool) {
     struct tm tm;
     char zone[8];
     ASSERT_EQ(getTarnClock(&tm, zone, sizeof(zone)), 0);
     EXPECT_NE(getTarnClock(&tm, zone, 6), 0) << "no room for +hh:mm";
     ASSERT_EQ(Sim({"clock", "fail", "7"}).status, 0);
     EXPECT_EQ(getTarnClock(&tm, zone, sizeof(zone)), 7);
-    ToolResult r = Sim({"clock", "show"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.output, "orbel-sim: getTarnClock returned 7\n");
+    EXPECT_EQ(Sim({"clock", "show"}).Text(), "1:orbel-sim: getTarnClock returned 7\n");
     ASSERT_EQ(Sim({"clock", "ok"}).status, 0);
     EXPECT_EQ(getTarnClock(&tm, zone, sizeof(zone)), 0);
+
+    ToolResult r = Sim({});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.output.rfind("Usage: orbel-sim COMMAND [ARGS]\n", 0), 0u) << r.output;
+    EXPECT_EQ(Sim({"help"}).output, r.output);
+    EXPECT_EQ(Sim({"vex", "set", "x"}).status, 2);
 }
 
 TEST_F(PlatformSimTest, ShellRunnerReportsExitStatus) {
@@ -414,16 +336,6 @@ TEST_F(PlatformSimTest, ShellRunnerReportsExitStatus) {
     std::string out = Path("/proc-system.out");
     ASSERT_EQ(proc_system(("printf '%s' \"$ORBEL_SYSROOT\" > '" + out + "'").c_str()), 0);
     EXPECT_EQ(ReadFile(out), SysrootDir()) << "the command sees the caller's environment";
-}
-
-TEST_F(PlatformSimTest, ToolUsage) {
-    ToolResult r = Sim({});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(r.output.rfind("Usage: orbel-sim COMMAND [ARGS]\n", 0), 0u) << r.output;
-    ToolResult help = Sim({"help"});
-    EXPECT_EQ(help.status, 0);
-    EXPECT_EQ(help.output, r.output);
-    EXPECT_EQ(Sim({"vex", "set", "x"}).status, 2);
 }
 
 }  // namespace
