@@ -97,7 +97,7 @@ ReplyPtr CommandArgv(redisContext* c, std::vector<const char*>& argv,
 // The context a wrapper works with: the caller's (left open), or one opened
 // for this call and closed by the destructor on every path.
 class CallContext {
-  public:
+public:
     explicit CallContext(redisContext* c) : mCtx(c) {}
     ~CallContext() {
         if (mOwned) RedisDisconnect(mCtx);
@@ -120,7 +120,7 @@ class CallContext {
         return mCtx;
     }
 
-  private:
+private:
     redisContext* mCtx;
     bool mOwned = false;
 };
@@ -134,6 +134,33 @@ class CallContext {
             return (failRt);                                     \
         }                                                        \
     } while (0)
+
+// The same, then refuses a null key with the wrappers' common text.
+#define ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, failRt)                            \
+    do {                                                                           \
+        ORBEL_OPEN_OR_RETURN(ctx, failRt);                                         \
+        if ((key) == nullptr) {                                                    \
+            ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key)); \
+            return (failRt);                                                       \
+        }                                                                          \
+    } while (0)
+
+// The same for a hash field: refuses a null key or field name.
+#define ORBEL_OPEN_WITH_FIELD_OR_RETURN(ctx, key, name)                                      \
+    do {                                                                                     \
+        ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);                                               \
+        if ((key) == nullptr || (name) == nullptr) {                                         \
+            ZLOG(eZLogError, "NULL arg! key:%p pptName:%p\n", static_cast<const void*>(key), \
+                 static_cast<const void*>(name));                                            \
+            return RT_FAILURE;                                                               \
+        }                                                                                    \
+    } while (0)
+
+// For the steps several wrappers share: the line is logged under the name of
+// the wrapper that called the helper (`func`), so log readers see the same
+// function name whichever wrapper failed.
+#define ZLOG_AS(func, type, ...) \
+    ::Orbel::LogPrintf("", ::Orbel::type, __FILE_NAME__, func, __LINE__, __VA_ARGS__)
 
 bool IsStatus(const redisReply* r, const char* text) {
     return r->type == REDIS_REPLY_STATUS && r->str != nullptr && std::strcmp(r->str, text) == 0;
@@ -221,6 +248,106 @@ void DumpReplyLines(const redisReply* r, const std::string& indent) {
             ZLOGM("ZComLib", eZLogRaw, "%s(Unknown!)\n", indent.c_str());
             break;
     }
+}
+
+// Sends "<word> <key>" and logs "Command[<shown> <key>] reply is NULL." when
+// nothing came back; `shown` is the word the log texts use for the command.
+ReplyPtr KeyCommand(const char* func, redisContext* c, const char* word, const char* key,
+                    const char* shown) {
+    ReplyPtr reply = Command(c, "%s %s", word, key);
+    if (!reply) ZLOG_AS(func, eZLogError, "Command[%s %s] reply is NULL.\n", shown, key);
+    return reply;
+}
+
+// HLEN or LLEN into `size` (left alone on failure). Both log their lines as
+// LLEN: log readers search for the texts as they are.
+eRtCode KeyLength(const char* func, redisContext* c, const char* word, const char* key, int& size) {
+    ReplyPtr reply = KeyCommand(func, c, word, key, "LLEN");
+    if (!reply) return RT_FAILURE;
+    if (reply->type != REDIS_REPLY_INTEGER) {
+        ZLOG_AS(func, eZLogError, "Command[LLEN %s] reply failed.\n", key);
+        return RT_FAILURE;
+    }
+    size = static_cast<int>(reply->integer);
+    return RT_SUCCESS;
+}
+
+// SADD or SREM of one member, on the caller's connection only.
+eRtCode SetMemberCommand(const char* func, redisContext* c, const char* word, const char* key,
+                         const char* value) {
+    if (c == nullptr || key == nullptr || value == nullptr) {
+        ZLOG_AS(func, eZLogError, "NULL arg! c:%p key:%p value:%p!\n", static_cast<void*>(c),
+                static_cast<const void*>(key), static_cast<const void*>(value));
+        return RT_FAILURE;
+    }
+    ReplyPtr reply = Command(c, "%s %s %s", word, key, value);
+    if (!reply) {
+        ZLOG_AS(func, eZLogError, "Command[%s %s %s] reply is NULL. err[%s]\n", word, key, value,
+                c->errstr);
+        return RT_FAILURE;
+    }
+    if (reply->type != REDIS_REPLY_INTEGER) {
+        ZLOG_AS(func, eZLogError, "Command[%s %s %s] reply failed.\n", word, key, value);
+        return RT_FAILURE;
+    }
+    return RT_SUCCESS;
+}
+
+// LREM <key> <count> <value>: count "1" removes the first equal element,
+// "0" every one. Removing nothing is a success.
+eRtCode ListRemove(const char* func, redisContext* c, const char* key, const char* count,
+                   const std::string& value) {
+    ReplyPtr reply = Command(c, "LREM %s %s %b", key, count, value.data(), value.size());
+    if (!reply) {
+        ZLOG_AS(func, eZLogError, "Command[LREM %s %s %s] reply is NULL. err[%s]\n", key, count,
+                value.c_str(), c->errstr);
+        return RT_FAILURE;
+    }
+    if (reply->type != REDIS_REPLY_INTEGER || reply->integer < 0) {
+        ZLOG_AS(func, eZLogError, "Command[LREM %s %s %s] reply failed. reply->int[%lld]\n", key,
+                count, value.c_str(), static_cast<long long>(reply->integer));
+        return RT_FAILURE;
+    }
+    return RT_SUCCESS;
+}
+
+// EVALSHA of one of the event service's scripts, whose digest the service
+// keeps in the hash "redisSHAScripts" under `script`. `result` is the
+// script's integer result (-1 until one came back); success means 1.
+// `dumpAs`, when not null, is the name under which a reply of another type
+// is dumped.
+eRtCode EvalStoredScript(const char* func, redisContext* caller, const char* script,
+                         const char* payload, int& result, const char* dumpAs) {
+    result = -1;
+    CallContext ctx(caller);
+    if (!ctx.Open()) {
+        ZLOG_AS(func, eZLogError, "Failed to call RedisConnect()\n");
+        return RT_FAILURE;
+    }
+    if (payload == nullptr) {
+        ZLOG_AS(func, eZLogError, "NULL arg! payload:%p\n", static_cast<const void*>(payload));
+        return RT_FAILURE;
+    }
+    redisContext* c = ctx.get();
+    std::string sha;
+    if (RedisHashGet(c, "redisSHAScripts", script, sha) != RT_SUCCESS) {
+        ZLOG_AS(func, eZLogError, "Failed to get script[%s] SHA value.\n", script);
+        return RT_FAILURE;
+    }
+    ReplyPtr reply = Command(c, "evalsha %s 1 %s", sha.c_str(), payload);
+    if (!reply) {
+        ZLOG_AS(func, eZLogError, "Command[evalsha %s 1 %s] reply is NULL.\n", sha.c_str(),
+                payload);
+        return RT_FAILURE;
+    }
+    if (reply->type != REDIS_REPLY_INTEGER) {
+        if (dumpAs != nullptr) RedisDumpReply(dumpAs, reply.get());
+        ZLOG_AS(func, eZLogError, "Command[evalsha %s 1 %s] reply type[%d] is unexpected.\n",
+                sha.c_str(), payload, reply->type);
+        return RT_FAILURE;
+    }
+    result = static_cast<int>(reply->integer);
+    return result == 1 ? RT_SUCCESS : RT_FAILURE;
 }
 
 }  // namespace
@@ -323,16 +450,9 @@ eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string 
 
 int RedisType(redisContext* c, const char* key) {
     CallContext ctx(c);
-    ORBEL_OPEN_OR_RETURN(ctx, REDIS_TABLE_UNSUPPORTED);
-    if (key == nullptr) {
-        ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key));
-        return REDIS_TABLE_UNSUPPORTED;
-    }
-    ReplyPtr reply = Command(ctx.get(), "TYPE %s", key);
-    if (!reply) {
-        ZLOG(eZLogError, "Command[TYPE %s] reply is NULL.\n", key);
-        return REDIS_TABLE_UNSUPPORTED;
-    }
+    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, REDIS_TABLE_UNSUPPORTED);
+    ReplyPtr reply = KeyCommand(__func__, ctx.get(), "TYPE", key, "TYPE");
+    if (!reply) return REDIS_TABLE_UNSUPPORTED;
     if (reply->type != REDIS_REPLY_STATUS || reply->str == nullptr) {
         ZLOG(eZLogError, "Command[TYPE %s] reply is failed.\n", key);
         return REDIS_TABLE_UNSUPPORTED;
@@ -374,16 +494,9 @@ eRtCode RedisSet(redisContext* c, const char* key, const char* value, unsigned i
 
 eRtCode RedisGet(redisContext* c, const char* key, std::string* value) {
     CallContext ctx(c);
-    ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
-    if (key == nullptr) {
-        ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key));
-        return RT_FAILURE;
-    }
-    ReplyPtr reply = Command(ctx.get(), "GET %s", key);
-    if (!reply) {
-        ZLOG(eZLogError, "Command[GET %s] reply is NULL.\n", key);
-        return RT_FAILURE;
-    }
+    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
+    ReplyPtr reply = KeyCommand(__func__, ctx.get(), "GET", key, "GET");
+    if (!reply) return RT_FAILURE;
     if (reply->type == REDIS_REPLY_NIL) return RT_NO_SUCH_KEY;
     if (reply->type != REDIS_REPLY_STRING) {
         ZLOG(eZLogError, "Command[GET %s] reply failed.\n", key);
@@ -401,11 +514,8 @@ eRtCode RedisTTL(redisContext* c, const char* key, int* seconds) {
              static_cast<void*>(seconds));
         return RT_INVALID_ARG;
     }
-    ReplyPtr reply = Command(ctx.get(), "TTL %s", key);
-    if (!reply) {
-        ZLOG(eZLogError, "Command[TTL %s] reply is NULL.\n", key);
-        return RT_FAILURE;
-    }
+    ReplyPtr reply = KeyCommand(__func__, ctx.get(), "TTL", key, "TTL");
+    if (!reply) return RT_FAILURE;
     if (reply->type != REDIS_REPLY_INTEGER) {
         RedisDumpReply("TTL", reply.get());
         ZLOG(eZLogError, "Command[TTL %s] reply failed.\n", key);
@@ -422,11 +532,8 @@ eRtCode RedisKeys(redisContext* c, const char* pattern, std::vector<std::string>
         ZLOG(eZLogError, "NULL arg! patten:%p\n", static_cast<const void*>(pattern));
         return RT_FAILURE;
     }
-    ReplyPtr reply = Command(ctx.get(), "KEYS %s", pattern);
-    if (!reply) {
-        ZLOG(eZLogError, "Command[KEYS %s] reply is NULL.\n", pattern);
-        return RT_FAILURE;
-    }
+    ReplyPtr reply = KeyCommand(__func__, ctx.get(), "KEYS", pattern, "KEYS");
+    if (!reply) return RT_FAILURE;
     // Nothing matching is not a failure: `out` is simply left as it was.
     if (reply->type != REDIS_REPLY_ARRAY || reply->elements == 0) return RT_SUCCESS;
     if (dump) ZLOGM("ZComLib", eZLogRaw, "Command[KEYS %s] reply:\n", pattern);
@@ -467,24 +574,9 @@ eRtCode RedisDelTable(redisContext* c, const char* key) {
 
 eRtCode RedisHashSize(redisContext* c, const char* key, int& size) {
     CallContext ctx(c);
-    ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
-    if (key == nullptr) {
-        ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key));
-        return RT_FAILURE;
-    }
-    // The texts say LLEN although HLEN is sent: log readers search for them
-    // as they are.
-    ReplyPtr reply = Command(ctx.get(), "HLEN %s", key);
-    if (!reply) {
-        ZLOG(eZLogError, "Command[LLEN %s] reply is NULL.\n", key);
-        return RT_FAILURE;
-    }
-    if (reply->type != REDIS_REPLY_INTEGER) {
-        ZLOG(eZLogError, "Command[LLEN %s] reply failed.\n", key);
-        return RT_FAILURE;
-    }
-    size = static_cast<int>(reply->integer);
-    return RT_SUCCESS;
+    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
+    // The texts say LLEN although HLEN is sent (see KeyLength).
+    return KeyLength(__func__, ctx.get(), "HLEN", key, size);
 }
 
 eRtCode RedisHashSet(redisContext* c, const char* key, const char* name, const char* value) {
@@ -511,12 +603,7 @@ eRtCode RedisHashSet(redisContext* c, const char* key, const char* name, const c
 
 eRtCode RedisHashGet(redisContext* c, const char* key, const char* name, std::string& value) {
     CallContext ctx(c);
-    ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
-    if (key == nullptr || name == nullptr) {
-        ZLOG(eZLogError, "NULL arg! key:%p pptName:%p\n", static_cast<const void*>(key),
-             static_cast<const void*>(name));
-        return RT_FAILURE;
-    }
+    ORBEL_OPEN_WITH_FIELD_OR_RETURN(ctx, key, name);
     ReplyPtr reply = Command(ctx.get(), "HGET %s %s", key, name);
     if (!reply) {
         value.clear();
@@ -536,12 +623,7 @@ eRtCode RedisHashGet(redisContext* c, const char* key, const char* name, std::st
 
 eRtCode RedisHashDel(redisContext* c, const char* key, const char* name) {
     CallContext ctx(c);
-    ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
-    if (key == nullptr || name == nullptr) {
-        ZLOG(eZLogError, "NULL arg! key:%p pptName:%p\n", static_cast<const void*>(key),
-             static_cast<const void*>(name));
-        return RT_FAILURE;
-    }
+    ORBEL_OPEN_WITH_FIELD_OR_RETURN(ctx, key, name);
     ReplyPtr reply = Command(ctx.get(), "HDEL %s %s", key, name);
     if (!reply) {
         ZLOG(eZLogError, "Command[HDEL %s %s] reply is NULL. err[%s]\n", key, name,
@@ -558,16 +640,9 @@ eRtCode RedisHashDel(redisContext* c, const char* key, const char* name) {
 eRtCode RedisHashGetAll(redisContext* c, const char* key, std::map<std::string, std::string>& out,
                         bool dump) {
     CallContext ctx(c);
-    ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
-    if (key == nullptr) {
-        ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key));
-        return RT_FAILURE;
-    }
-    ReplyPtr reply = Command(ctx.get(), "HGETALL %s", key);
-    if (!reply) {
-        ZLOG(eZLogError, "Command[HGETALL %s] reply is NULL.\n", key);
-        return RT_FAILURE;
-    }
+    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
+    ReplyPtr reply = KeyCommand(__func__, ctx.get(), "HGETALL", key, "HGETALL");
+    if (!reply) return RT_FAILURE;
     if (reply->type != REDIS_REPLY_ARRAY) {
         ZLOG(eZLogError, "Command[HGETALL %s] reply failed.\n", key);
         return RT_FAILURE;
@@ -591,39 +666,11 @@ eRtCode RedisHashGetAll(redisContext* c, const char* key, std::map<std::string, 
 // ---------------------------------------------------------------------------
 
 eRtCode RedisSetAdd(redisContext* c, const char* key, const char* value) {
-    if (c == nullptr || key == nullptr || value == nullptr) {
-        ZLOG(eZLogError, "NULL arg! c:%p key:%p value:%p!\n", static_cast<void*>(c),
-             static_cast<const void*>(key), static_cast<const void*>(value));
-        return RT_FAILURE;
-    }
-    ReplyPtr reply = Command(c, "SADD %s %s", key, value);
-    if (!reply) {
-        ZLOG(eZLogError, "Command[SADD %s %s] reply is NULL. err[%s]\n", key, value, c->errstr);
-        return RT_FAILURE;
-    }
-    if (reply->type != REDIS_REPLY_INTEGER) {
-        ZLOG(eZLogError, "Command[SADD %s %s] reply failed.\n", key, value);
-        return RT_FAILURE;
-    }
-    return RT_SUCCESS;
+    return SetMemberCommand(__func__, c, "SADD", key, value);
 }
 
 eRtCode RedisSetRem(redisContext* c, const char* key, const char* value) {
-    if (c == nullptr || key == nullptr || value == nullptr) {
-        ZLOG(eZLogError, "NULL arg! c:%p key:%p value:%p!\n", static_cast<void*>(c),
-             static_cast<const void*>(key), static_cast<const void*>(value));
-        return RT_FAILURE;
-    }
-    ReplyPtr reply = Command(c, "SREM %s %s", key, value);
-    if (!reply) {
-        ZLOG(eZLogError, "Command[SREM %s %s] reply is NULL. err[%s]\n", key, value, c->errstr);
-        return RT_FAILURE;
-    }
-    if (reply->type != REDIS_REPLY_INTEGER) {
-        ZLOG(eZLogError, "Command[SREM %s %s] reply failed.\n", key, value);
-        return RT_FAILURE;
-    }
-    return RT_SUCCESS;
+    return SetMemberCommand(__func__, c, "SREM", key, value);
 }
 
 // ---------------------------------------------------------------------------
@@ -636,17 +683,7 @@ eRtCode RedisListSize(redisContext* c, const char* key, int& size) {
              static_cast<const void*>(key));
         return RT_FAILURE;
     }
-    ReplyPtr reply = Command(c, "LLEN %s", key);
-    if (!reply) {
-        ZLOG(eZLogError, "Command[LLEN %s] reply is NULL.\n", key);
-        return RT_FAILURE;
-    }
-    if (reply->type != REDIS_REPLY_INTEGER) {
-        ZLOG(eZLogError, "Command[LLEN %s] reply failed.\n", key);
-        return RT_FAILURE;
-    }
-    size = static_cast<int>(reply->integer);
-    return RT_SUCCESS;
+    return KeyLength(__func__, c, "LLEN", key, size);
 }
 
 eRtCode RedisListSet(redisContext* c, const char* key, const char* index, const char* value) {
@@ -694,11 +731,7 @@ eRtCode RedisListGet(redisContext* c, const char* key, int index, std::string& v
 eRtCode RedisListPushBack(redisContext* c, const char* key,
                           const std::vector<std::string>& values) {
     CallContext ctx(c);
-    ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
-    if (key == nullptr) {
-        ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key));
-        return RT_FAILURE;
-    }
+    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
     if (values.empty()) {
         // Redis keeps no empty list, so there is nothing to write; the
         // caller's array simply has no key yet.
@@ -735,53 +768,19 @@ eRtCode RedisListPushBack(redisContext* c, const char* key, const char* value) {
 
 eRtCode RedisListDel(redisContext* c, const char* key, std::string value) {
     CallContext ctx(c);
-    ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
-    if (key == nullptr) {
-        ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key));
-        return RT_FAILURE;
-    }
-    ReplyPtr reply = Command(ctx.get(), "LREM %s 1 %b", key, value.data(), value.size());
-    if (!reply) {
-        ZLOG(eZLogError, "Command[LREM %s 1 %s] reply is NULL. err[%s]\n", key, value.c_str(),
-             ctx.get()->errstr);
-        return RT_FAILURE;
-    }
-    if (reply->type != REDIS_REPLY_INTEGER || reply->integer < 0) {
-        ZLOG(eZLogError, "Command[LREM %s 1 %s] reply failed. reply->int[%lld]\n", key,
-             value.c_str(), static_cast<long long>(reply->integer));
-        return RT_FAILURE;
-    }
-    return RT_SUCCESS;
+    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
+    return ListRemove(__func__, ctx.get(), key, "1", value);
 }
 
 eRtCode RedisListDelAll(redisContext* c, const char* key, std::string value) {
     CallContext ctx(c);
-    ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
-    if (key == nullptr) {
-        ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key));
-        return RT_FAILURE;
-    }
-    ReplyPtr reply = Command(ctx.get(), "LREM %s 0 %b", key, value.data(), value.size());
-    if (!reply) {
-        ZLOG(eZLogError, "Command[LREM %s 0 %s] reply is NULL. err[%s]\n", key, value.c_str(),
-             ctx.get()->errstr);
-        return RT_FAILURE;
-    }
-    if (reply->type != REDIS_REPLY_INTEGER || reply->integer < 0) {
-        ZLOG(eZLogError, "Command[LREM %s 0 %s] reply failed. reply->int[%lld]\n", key,
-             value.c_str(), static_cast<long long>(reply->integer));
-        return RT_FAILURE;
-    }
-    return RT_SUCCESS;
+    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
+    return ListRemove(__func__, ctx.get(), key, "0", value);
 }
 
 eRtCode RedisListDel(redisContext* c, const char* key, int index) {
     CallContext ctx(c);
-    ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
-    if (key == nullptr) {
-        ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key));
-        return RT_FAILURE;
-    }
+    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
     std::vector<std::string> elements;
     if (RedisListGetAll(ctx.get(), key, 0, -1, elements) != RT_SUCCESS) {
         ZLOG(eZLogError, "Failed to call RedisListGetAll( %s )\n", key);
@@ -802,11 +801,7 @@ eRtCode RedisListGetAll(redisContext* c, const char* key, int start, int stop,
                         std::vector<std::string>& out, bool dump) {
     out.clear();
     CallContext ctx(c);
-    ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
-    if (key == nullptr) {
-        ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key));
-        return RT_FAILURE;
-    }
+    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
     ReplyPtr reply = Command(ctx.get(), "LRANGE %s %d %d", key, start, stop);
     if (!reply) {
         ZLOG(eZLogError, "Command[LRANGE %s %d %d] reply is NULL.\n", key, start, stop);
@@ -907,58 +902,12 @@ eRtCode RedisListReadBinData(redisContext* c, const char* key, unsigned char** d
 // ---------------------------------------------------------------------------
 
 eRtCode RedisEvalEnqueueEvent(redisContext* c, const char* payload, int& result) {
-    result = -1;
-    CallContext ctx(c);
-    ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
-    if (payload == nullptr) {
-        ZLOG(eZLogError, "NULL arg! payload:%p\n", static_cast<const void*>(payload));
-        return RT_FAILURE;
-    }
-    std::string sha;
-    if (RedisHashGet(ctx.get(), "redisSHAScripts", "enqueueEvent", sha) != RT_SUCCESS) {
-        ZLOG(eZLogError, "Failed to get script[enqueueEvent] SHA value.\n");
-        return RT_FAILURE;
-    }
-    ReplyPtr reply = Command(ctx.get(), "evalsha %s 1 %s", sha.c_str(), payload);
-    if (!reply) {
-        ZLOG(eZLogError, "Command[evalsha %s 1 %s] reply is NULL.\n", sha.c_str(), payload);
-        return RT_FAILURE;
-    }
-    if (reply->type != REDIS_REPLY_INTEGER) {
-        ZLOG(eZLogError, "Command[evalsha %s 1 %s] reply type[%d] is unexpected.\n", sha.c_str(),
-             payload, reply->type);
-        return RT_FAILURE;
-    }
-    result = static_cast<int>(reply->integer);
-    return result == 1 ? RT_SUCCESS : RT_FAILURE;
+    return EvalStoredScript(__func__, c, "enqueueEvent", payload, result, nullptr);
 }
 
 eRtCode RedisEvalEnqueueMetricReport(redisContext* c, const char* payload, int& result) {
-    result = -1;
-    CallContext ctx(c);
-    ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
-    if (payload == nullptr) {
-        ZLOG(eZLogError, "NULL arg! payload:%p\n", static_cast<const void*>(payload));
-        return RT_FAILURE;
-    }
-    std::string sha;
-    if (RedisHashGet(ctx.get(), "redisSHAScripts", "enqueueMetricReport", sha) != RT_SUCCESS) {
-        ZLOG(eZLogError, "Failed to get script[enqueueMetricReport] SHA value.\n");
-        return RT_FAILURE;
-    }
-    ReplyPtr reply = Command(ctx.get(), "evalsha %s 1 %s", sha.c_str(), payload);
-    if (!reply) {
-        ZLOG(eZLogError, "Command[evalsha %s 1 %s] reply is NULL.\n", sha.c_str(), payload);
-        return RT_FAILURE;
-    }
-    if (reply->type != REDIS_REPLY_INTEGER) {
-        RedisDumpReply("RedisEvalEnqueueMetricReport ", reply.get());
-        ZLOG(eZLogError, "Command[evalsha %s 1 %s] reply type[%d] is unexpected.\n", sha.c_str(),
-             payload, reply->type);
-        return RT_FAILURE;
-    }
-    result = static_cast<int>(reply->integer);
-    return result == 1 ? RT_SUCCESS : RT_FAILURE;
+    return EvalStoredScript(__func__, c, "enqueueMetricReport", payload, result,
+                            "RedisEvalEnqueueMetricReport ");
 }
 
 }  // namespace Orbel
