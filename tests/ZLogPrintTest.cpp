@@ -5,77 +5,38 @@
 // Every test builds its own ZLogPrint on files in a fresh directory under
 // the sysroot; the binary's global service (zLogPrint) is left alone except
 // where a test saves and restores it.
-#include <dirent.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <ctime>
+#include <functional>
 #include <regex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "Orbel.h"
 #include "TestEnv.h"
+#include "TestFiles.h"
 #include "ZLogPrint.h"
 
 using namespace Orbel;
-using OrbelTest::FileExists;
-using OrbelTest::ReadFile;
+using namespace OrbelTest;
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 namespace {
 
-const char kStamp[] = R"(\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}\.\d{6}[+-]\d{2}:\d{2})";
+const std::string kStamp = R"(\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}\.\d{6}[+-]\d{2}:\d{2})";
 const char kDumpComment[] =
     "/**\n * Can set the log level to debug to print the last 500 debug messages.\n **/\n";
 const char kSummaryRule[] = "\n\n================================================\n";
 
-// A fresh directory per test; returns the base path "<dir>/app".
-std::string FreshBase(const std::string& leaf = "app") {
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    std::string dir =
-        OrbelTest::SysrootDir() + "/zlog/" + info->test_suite_name() + "." + info->name();
-    DelDirTree(dir);
-    EXPECT_EQ(CreateDirTree(dir), RT_SUCCESS);
-    return dir + "/" + leaf;
-}
-
-std::string DirOf(const std::string& path) {
-    return path.substr(0, path.find_last_of('/'));
-}
-
-std::set<std::string> ListDir(const std::string& dir) {
-    std::set<std::string> names;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (struct dirent* e = readdir(d)) {
-            std::string n = e->d_name;
-            if (n != "." && n != "..") names.insert(n);
-        }
-        closedir(d);
-    }
-    return names;
-}
-
-std::string Gunzip(const std::string& path) {
-    std::string out;
-    FILE* p = popen(("gzip -dc '" + path + "'").c_str(), "r");
-    if (p == nullptr) return out;
-    char buf[4096];
-    size_t n = 0;
-    while ((n = fread(buf, 1, sizeof(buf), p)) > 0) out.append(buf, n);
-    pclose(p);
-    return out;
-}
-
-std::vector<std::string> Lines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) lines.push_back(line);
-    return lines;
+// Runs `body` (log calls only: an assertion's message would be captured too)
+// with standard output captured, and returns what it printed.
+std::string Echo(const std::function<void()>& body) {
+    testing::internal::CaptureStdout();
+    body();
+    return testing::internal::GetCapturedStdout();
 }
 
 // Lines of `text` that contain `marker`.
@@ -87,235 +48,138 @@ std::vector<std::string> LinesWith(const std::string& text, const std::string& m
     return out;
 }
 
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
-// Standard output captured between Start() and Take(); released by the
-// destructor when an assertion leaves the test early, so the next test can
-// capture again.
-class StdoutCapture {
-  public:
-    StdoutCapture() = default;
-    ~StdoutCapture() {
-        if (mActive) testing::internal::GetCapturedStdout();
+// A fresh directory per test; mBase is "<dir>/app".
+class ZLogPrintTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        mDir = FreshTestDir("zlog");
+        mBase = mDir + "/app";
     }
-    void Start() {
-        testing::internal::CaptureStdout();
-        mActive = true;
-    }
-    std::string Take() {
-        mActive = false;
-        return testing::internal::GetCapturedStdout();
-    }
-
-  private:
-    bool mActive = false;
+    std::string mDir;
+    std::string mBase;
 };
 
-TEST(ZLogPrintLayout, PrefixPerTypeInFileAndOnStdout) {
-    StdoutCapture cap;
-    const std::string base = FreshBase();
-    ZLogPrint log(base, 1 << 20);
+TEST_F(ZLogPrintTest, PrefixPerTypeInFileAndOnStdout) {
+    ZLogPrint log(mBase, 1 << 20);
     log.SetDebugLevel(1);
-    cap.Start();
-    log.LogPrint("", eZLogInfo, "Foo.cpp", "Bar", 10, "info %d\n", 0);
-    log.LogPrint("", eZLogWarning, "Foo.cpp", "Bar", 11, "warn %s\n", "1");
-    log.LogPrint(nullptr, eZLogError, "Foo.cpp", "Bar", 12, "error %u\n", 2u);
-    log.LogPrint("", eZLogDebug, "Foo.cpp", "Bar", 13, "debug %c\n", '3');
-    log.LogPrint("", eZLogRaw, "Foo.cpp", "Bar", 14, "raw %s\n", "4");
-    const std::string out = cap.Take();
-
-    EXPECT_EQ(out,
-              "Foo.cpp:Bar:INFO: info 0\n"
-              "Foo.cpp:Bar:WARNING: warn 1\n"
-              "Foo.cpp:Bar:ERROR: error 2\n"
-              "Foo.cpp:Bar:DEBUG: debug 3\n"
-              "raw 4\n");
-    const std::string s = kStamp;
-    const std::regex layout("^" + s + R"(\[INFO\] Foo\.cpp:Bar\(\): info 0\n)" + s +
-                            R"(\[WARNING\] Foo\.cpp:Bar\(\): warn 1\n)" + s +
-                            R"(\[ERROR\] Foo\.cpp:Bar\(\): error 2\n)" + s +
-                            R"(\[DEBUG\] Foo\.cpp:Bar\(\): debug 3\n)" + R"(raw 4\n$)");
-    const std::string file = ReadFile(base + ".log");
-    EXPECT_TRUE(std::regex_match(file, layout)) << file;
-    // No newline is added: a message without one runs into the next line.
-    log.LogPrint("", eZLogRaw, "Foo.cpp", "Bar", 15, "no end");
-    log.LogPrint("", eZLogRaw, "Foo.cpp", "Bar", 16, "|next\n");
-    EXPECT_TRUE(Contains(ReadFile(base + ".log"), "\nno end|next\n"));
-}
-
-TEST(ZLogPrintLayout, TimeStampIsUtcWhateverTheLocalZone) {
-    const std::string base = FreshBase();
-    ZLogPrint log(base, 1 << 20);
-    const char* oldTz = std::getenv("TZ");
-    const std::string savedTz = oldTz != nullptr ? oldTz : "";
-    // Five hours east of UTC: local time and UTC differ in the hour.
-    setenv("TZ", "XYZ-5", 1);
-    tzset();
-    char before[32];
-    char after[32];
-    struct tm tmv;
-    time_t t0 = time(nullptr);
-    gmtime_r(&t0, &tmv);
-    strftime(before, sizeof(before), "%Y-%m-%dT%H:%M", &tmv);
-    std::string stamp = ZLogPrint::GetTimeStamp();
-    time_t t1 = time(nullptr);
-    gmtime_r(&t1, &tmv);
-    strftime(after, sizeof(after), "%Y-%m-%dT%H:%M", &tmv);
-    if (oldTz != nullptr) {
-        setenv("TZ", savedTz.c_str(), 1);
-    } else {
-        unsetenv("TZ");
-    }
-    tzset();
-
-    ASSERT_TRUE(std::regex_match(stamp, std::regex(kStamp))) << stamp;
-    const std::string minute = stamp.substr(0, 16);
-    EXPECT_TRUE(minute == before || minute == after) << stamp << " vs " << before;
-}
-
-TEST(ZLogPrintLayout, AccessLinesGoToTheAccessFileOnly) {
-    StdoutCapture cap;
-    const std::string base = FreshBase();
-    ZLogPrint log(base, 1 << 20);
-    EXPECT_TRUE(FileExists(base + ".accesslog"));  // created with the service
-    EXPECT_EQ(log.AccessLogFilePath(), base + ".accesslog");
-    EXPECT_EQ(log.LogFilePath(), base + ".log");
-    log.SetAppInitDone(true);
-
-    cap.Start();
-    log.LogPrint("", eZLogAccess, "Foo.cpp", "Bar", 1, "GET /redfish/v1 %d\n", 200);
-    EXPECT_EQ(cap.Take(), "");
-
-    const std::string access = ReadFile(base + ".accesslog");
+    EXPECT_EQ(Echo([&] {
+                  log.LogPrint("", eZLogInfo, "Foo.cpp", "Bar", 10, "info %d\n", 0);
+                  log.LogPrint("", eZLogWarning, "Foo.cpp", "Bar", 11, "warn %s\n", "1");
+                  log.LogPrint(nullptr, eZLogError, "Foo.cpp", "Bar", 12, "error %u\n", 2u);
+                  log.LogPrint("", eZLogDebug, "Foo.cpp", "Bar", 13, "debug %c\n", '3');
+                  log.LogPrint("", eZLogRaw, "Foo.cpp", "Bar", 14, "raw %s\n", "4");
+                  // No newline is added: a message without one runs into the next.
+                  log.LogPrint("", eZLogRaw, "Foo.cpp", "Bar", 15, "no end");
+                  log.LogPrint("", eZLogRaw, "Foo.cpp", "Bar", 16, "|next\n");
+              }),
+              "Foo.cpp:Bar:INFO: info 0\nFoo.cpp:Bar:WARNING: warn 1\nFoo.cpp:Bar:ERROR: error 2\n"
+              "Foo.cpp:Bar:DEBUG: debug 3\nraw 4\nno end|next\n");
+    const std::string file = ReadFile(mBase + ".log");
     EXPECT_TRUE(std::regex_match(
-        access, std::regex("^" + std::string(kStamp) + R"( GET /redfish/v1 200\n$)")))
-        << access;
-    EXPECT_FALSE(FileExists(base + ".log"));
-    EXPECT_FALSE(FileExists(base + ".logerr"));
-    // Access lines are not cached either: a dump has nothing but the comment.
-    log.DumpMsgCache2File();
-    EXPECT_EQ(ReadFile(base + ".log"), std::string(kDumpComment) + kSummaryRule);
+        file, std::regex("^" + kStamp + R"(\[INFO\] Foo\.cpp:Bar\(\): info 0\n)" + kStamp +
+                         R"(\[WARNING\] Foo\.cpp:Bar\(\): warn 1\n)" + kStamp +
+                         R"(\[ERROR\] Foo\.cpp:Bar\(\): error 2\n)" + kStamp +
+                         R"(\[DEBUG\] Foo\.cpp:Bar\(\): debug 3\nraw 4\nno end\|next\n$)")))
+        << file;
+
+    // Messages are cut to 2047 bytes, in the file and on standard output.
+    const std::string longText(3000, 'x');
+    EXPECT_EQ(Echo([&] { log.LogPrint("", eZLogRaw, "L.cpp", "l", 1, "%s\n", longText.c_str()); }),
+              std::string(2047, 'x'));
+    EXPECT_THAT(ReadFile(mBase + ".log"), ::testing::EndsWith("|next\n" + std::string(2047, 'x')));
 }
 
-TEST(ZLogPrintFiles, ErrorFileOnlyAfterInitialisation) {
-    StdoutCapture cap;
-    const std::string base = FreshBase();
-    ZLogPrint log(base, 1 << 20);
-    cap.Start();
+TEST_F(ZLogPrintTest, TimeStampIsUtcWhateverTheLocalZone) {
+    ScopedTimeZone tz("XYZ-5");  // five hours east of UTC: the hours differ
+    char before[32], after[32];
+    struct tm tmv;
+    time_t t = time(nullptr);
+    strftime(before, sizeof(before), "%Y-%m-%dT%H:%M", gmtime_r(&t, &tmv));
+    const std::string stamp = ZLogPrint::GetTimeStamp();
+    t = time(nullptr);
+    strftime(after, sizeof(after), "%Y-%m-%dT%H:%M", gmtime_r(&t, &tmv));
+    ASSERT_TRUE(std::regex_match(stamp, std::regex(kStamp))) << stamp;
+    EXPECT_TRUE(stamp.substr(0, 16) == before || stamp.substr(0, 16) == after) << stamp;
+}
+
+TEST_F(ZLogPrintTest, AccessLinesOnlyInTheAccessFileAndTheErrorFileOnlyAfterInit) {
+    ZLogPrint log(mBase, 1 << 20);
+    EXPECT_TRUE(FileExists(mBase + ".accesslog"));  // created with the service
     log.LogPrint("", eZLogWarning, "F.cpp", "f", 1, "early warning\n");
     log.LogPrint("", eZLogError, "F.cpp", "f", 1, "early error\n");
-    const std::string early = cap.Take();
-    EXPECT_TRUE(Contains(early, "F.cpp:f:WARNING: early warning\n"));
-    EXPECT_FALSE(FileExists(base + ".logerr"));
-    EXPECT_TRUE(Contains(ReadFile(base + ".log"), "early error\n"));
+    EXPECT_FALSE(FileExists(mBase + ".logerr"));
+    EXPECT_THAT(ReadFile(mBase + ".log"), HasSubstr("early error\n"));
 
     log.SetAppInitDone(true);
-    cap.Start();
+    // Access lines are neither echoed nor cached, nor written anywhere else.
+    EXPECT_EQ(
+        Echo([&] { log.LogPrint("", eZLogAccess, "F.cpp", "f", 1, "GET /redfish/v1 %d\n", 200); }),
+        "");
+    const std::string access = ReadFile(mBase + ".accesslog");
+    EXPECT_TRUE(std::regex_match(access, std::regex("^" + kStamp + " GET /redfish/v1 200\n$")))
+        << access;
     log.LogPrint("", eZLogInfo, "F.cpp", "f", 1, "late info\n");
     log.LogPrint("", eZLogWarning, "F.cpp", "f", 1, "late warning\n");
     log.LogPrint("", eZLogError, "F.cpp", "f", 1, "late error\n");
     log.LogPrint("", eZLogDebug, "F.cpp", "f", 1, "late debug\n");
-    cap.Take();
-
-    const std::string err = ReadFile(base + ".logerr");
-    const std::string s = kStamp;
-    EXPECT_TRUE(
-        std::regex_match(err, std::regex("^" + s + R"(\[WARNING\] F\.cpp:f\(\): late warning\n)" +
-                                         s + R"(\[ERROR\] F\.cpp:f\(\): late error\n$)")))
+    const std::string err = ReadFile(mBase + ".logerr");
+    EXPECT_TRUE(std::regex_match(
+        err, std::regex("^" + kStamp + R"(\[WARNING\] F\.cpp:f\(\): late warning\n)" + kStamp +
+                        R"(\[ERROR\] F\.cpp:f\(\): late error\n$)")))
         << err;
-    const std::string normal = ReadFile(base + ".log");
-    EXPECT_TRUE(Contains(normal, "late info\n"));
-    EXPECT_TRUE(Contains(normal, "late warning\n"));
-    EXPECT_TRUE(Contains(normal, "late error\n"));
+    const std::string normal = ReadFile(mBase + ".log");
+    EXPECT_EQ(LinesWith(normal, "late ").size(), 3u);
+    EXPECT_THAT(normal, Not(HasSubstr("GET")));
+    log.DumpMsgCache2File();
+    EXPECT_THAT(ReadFile(mBase + ".log"), Not(HasSubstr("GET")));
 }
 
-TEST(ZLogPrintFiles, ConstructionRotatesThePreviousRun) {
-    const std::string base = FreshBase();
-    OrbelTest::WriteFile(base + ".log", "previous run\n");
-    OrbelTest::WriteFile(base + ".logerr", "previous errors\n");
-    OrbelTest::WriteFile(base + ".accesslog", "previous access\n");
-    ZLogPrint log(base, 1 << 20);
-    EXPECT_FALSE(FileExists(base + ".log"));
-    EXPECT_EQ(Gunzip(base + ".log1.gz"), "previous run\n");
-    EXPECT_EQ(Gunzip(base + ".logerr1.gz"), "previous errors\n");
-    // The access file is only created when missing, never rotated here.
-    EXPECT_EQ(ReadFile(base + ".accesslog"), "previous access\n");
-}
-
-TEST(ZLogPrintFiles, SizeIsCheckedEveryTwentiethWriteAfterInitOnly) {
-    StdoutCapture cap;
-    const std::string base = FreshBase();
-    const std::string p = base + ".log";
-    ZLogPrint log(base, 100);
-    cap.Start();
+TEST_F(ZLogPrintTest, SizeIsCheckedEveryTwentiethWriteAfterInitAndTwoGenerationsAreKept) {
+    const std::string p = mBase + ".log";
+    ZLogPrint log(mBase, 100);
     int n = 0;
     auto write = [&](int count) {
-        for (int i = 0; i < count; ++i)
-            log.LogPrint("", eZLogInfo, "R.cpp", "r", 1, "line %03d\n", ++n);
+        Echo([&] {
+            for (int i = 0; i < count; ++i) {
+                log.LogPrint("", eZLogInfo, "R.cpp", "r", 1, "line %03d\n", ++n);
+            }
+        });
     };
     // Far past the threshold during start-up: no rotation.
     write(50);
     EXPECT_EQ(LinesWith(ReadFile(p), "line ").size(), 50u);
-    EXPECT_FALSE(FileExists(p + "1.gz"));
-
     log.SetAppInitDone(true);
     write(19);
     EXPECT_FALSE(FileExists(p + "1.gz"));
     write(1);  // the 20th write after init: checked and rotated
     EXPECT_FALSE(FileExists(p));
-    ASSERT_TRUE(FileExists(p + "1.gz"));
     const auto gen1 = LinesWith(Gunzip(p + "1.gz"), "line ");
     ASSERT_EQ(gen1.size(), 70u);
-    EXPECT_TRUE(Contains(gen1.back(), "line 070"));
-
+    EXPECT_THAT(gen1.back(), HasSubstr("line 070"));
     // The next write re-creates the file; the next check is 20 writes on.
     write(19);
     EXPECT_EQ(LinesWith(ReadFile(p), "line ").size(), 19u);
     EXPECT_FALSE(FileExists(p + "2.gz"));
     write(1);
-    EXPECT_TRUE(FileExists(p + "2.gz"));
-    cap.Take();
-}
-
-TEST(ZLogPrintFiles, ThreeRotationsKeepExactlyTwoGenerations) {
-    StdoutCapture cap;
-    const std::string base = FreshBase();
-    const std::string p = base + ".log";
-    ZLogPrint log(base, 100);
-    log.SetAppInitDone(true);
-    cap.Start();
-    int n = 0;
-    for (int i = 0; i < 60; ++i) log.LogPrint("", eZLogInfo, "R.cpp", "r", 1, "line %03d\n", ++n);
-    log.LogPrint("", eZLogInfo, "R.cpp", "r", 1, "line %03d\n", ++n);
-    cap.Take();
-
-    EXPECT_EQ(ListDir(DirOf(base)),
+    // A third rotation drops the oldest generation: newest first, two kept.
+    write(21);
+    EXPECT_EQ(ListDir(mDir),
               (std::set<std::string>{"app.accesslog", "app.log", "app.log1.gz", "app.log2.gz"}));
-    // Newest generation first; the first twenty lines are gone.
-    const auto gen1 = LinesWith(Gunzip(p + "1.gz"), "line ");
-    const auto gen2 = LinesWith(Gunzip(p + "2.gz"), "line ");
-    ASSERT_EQ(gen1.size(), 20u);
-    ASSERT_EQ(gen2.size(), 20u);
-    EXPECT_TRUE(Contains(gen1.front(), "line 041"));
-    EXPECT_TRUE(Contains(gen2.front(), "line 021"));
-    EXPECT_TRUE(Contains(gen2.back(), "line 040"));
-    const auto current = LinesWith(ReadFile(p), "line ");
-    ASSERT_EQ(current.size(), 1u);
-    EXPECT_TRUE(Contains(current[0], "line 061"));
+    const auto newer = LinesWith(Gunzip(p + "1.gz"), "line ");
+    const auto older = LinesWith(Gunzip(p + "2.gz"), "line ");
+    ASSERT_TRUE(newer.size() == 20u && older.size() == 20u);
+    EXPECT_THAT(newer.front(), HasSubstr("line 091"));
+    EXPECT_THAT(older.front(), HasSubstr("line 071"));
+    EXPECT_EQ(LinesWith(ReadFile(p), "line ").size(), 1u);
 }
 
-TEST(ZLogPrintFiles, SpecificLogPrintAppendsAndRotatesPast64000) {
-    const std::string dir = DirOf(FreshBase());
-    const std::string path = dir + "/specific.log";
-    ZLogPrint log(dir + "/app", 1 << 20);
+TEST_F(ZLogPrintTest, SpecificLogPrintAppendsAndRotatesPast64000) {
+    const std::string path = mDir + "/specific.log";
+    ZLogPrint log(mBase, 1 << 20);
     log.SpecificLogPrint(path.c_str(), "entry %d\n", 1);
     EXPECT_EQ(ReadFile(path), "entry 1\n");  // no prefix
-
     const std::string kilo(999, 'k');
     for (int i = 0; i < 63; ++i) log.SpecificLogPrint(path.c_str(), "%s\n", kilo.c_str());
-    EXPECT_EQ(ReadFile(path).size(), 8u + 63000u);
     // Exactly at the threshold is not past it.
     log.SpecificLogPrint(path.c_str(), "%s\n", std::string(991, 'e').c_str());
     EXPECT_EQ(ReadFile(path).size(), 64000u);
@@ -327,271 +191,203 @@ TEST(ZLogPrintFiles, SpecificLogPrintAppendsAndRotatesPast64000) {
     EXPECT_EQ(ReadFile(path), "after rotation\n");
 }
 
-TEST(ZLogPrintFiles, LongMessagesAreCutTo2047Bytes) {
-    StdoutCapture cap;
-    const std::string base = FreshBase();
-    ZLogPrint log(base, 1 << 20);
-    log.SetDebugLevel(1);
-    const std::string longText(3000, 'x');
-    cap.Start();
-    log.LogPrint("", eZLogRaw, "L.cpp", "l", 1, "%s\n", longText.c_str());
-    const std::string out = cap.Take();
-    EXPECT_EQ(ReadFile(base + ".log"), std::string(2047, 'x'));
-    EXPECT_EQ(out, std::string(2047, 'x'));
-    const std::string exact(2047, 'y');
-    cap.Start();
-    log.LogPrint("", eZLogRaw, "L.cpp", "l", 1, "%s", exact.c_str());
-    cap.Take();
-    EXPECT_EQ(ReadFile(base + ".log"), std::string(2047, 'x') + exact);
-}
-
-TEST(ZLogPrintDebug, FilterByLevelAndSchemaSet) {
-    StdoutCapture cap;
-    const std::string base = FreshBase();
-    const std::string p = base + ".log";
-    ZLogPrint log(base, 1 << 20);
+TEST_F(ZLogPrintTest, DebugFilterByLevelAndSchemaSet) {
+    const std::string p = mBase + ".log";
+    ZLogPrint log(mBase, 1 << 20);
     ASSERT_EQ(log.GetDebugLevel(), 0);
     ASSERT_FALSE(log.IsSchemaDebugEnabled());
-
-    cap.Start();
-    log.LogPrint("", eZLogDebug, "D.cpp", "d", 1, "dbg-empty\n");
-    log.LogPrint("MySchema", eZLogDebug, "D.cpp", "d", 1, "dbg-schema\n");
-    log.LogPrint("ZComLib", eZLogRaw, "D.cpp", "d", 1, "raw-zcomlib\n");
-    log.LogPrint(nullptr, eZLogRaw, "D.cpp", "d", 1, "raw-null\n");
-    log.LogPrint("MySchema", eZLogInfo, "D.cpp", "d", 1, "info-always\n");
-    EXPECT_EQ(cap.Take(), "D.cpp:d:INFO: info-always\n");
-    const std::string before = ReadFile(p);
-    for (const char* text : {"dbg-empty", "dbg-schema", "raw-zcomlib", "raw-null"}) {
-        EXPECT_FALSE(Contains(before, text)) << text;
-    }
+    EXPECT_EQ(Echo([&] {
+                  log.LogPrint("", eZLogDebug, "D.cpp", "d", 1, "dbg-empty\n");
+                  log.LogPrint("MySchema", eZLogDebug, "D.cpp", "d", 1, "dbg-schema\n");
+                  log.LogPrint("ZComLib", eZLogRaw, "D.cpp", "d", 1, "raw-zcomlib\n");
+                  log.LogPrint(nullptr, eZLogRaw, "D.cpp", "d", 1, "raw-null\n");
+                  log.LogPrint("MySchema", eZLogInfo, "D.cpp", "d", 1, "info-always\n");
+              }),
+              "D.cpp:d:INFO: info-always\n");
+    EXPECT_EQ(Lines(ReadFile(p)).size(), 1u);  // only the INFO line
     // The suppressed lines were cached, and the dump shows them in order.
     log.DumpMsgCache2File();
-    const std::string dumped = ReadFile(p);
-    const std::string s = kStamp;
     EXPECT_TRUE(std::regex_search(
-        dumped, std::regex("^" + s + R"(\[DEBUG\] D\.cpp:d\(\): dbg-empty\n)" + s +
-                           R"(\[DEBUG\] D\.cpp:d\(\): dbg-schema\nraw-zcomlib\nraw-null\n)" + s +
-                           R"(\[INFO\] D\.cpp:d\(\): info-always\n)")))
-        << dumped;
+        ReadFile(p), std::regex("^" + kStamp + R"(\[DEBUG\] D\.cpp:d\(\): dbg-empty\n)" + kStamp +
+                                R"(\[DEBUG\] D\.cpp:d\(\): dbg-schema\nraw-zcomlib\nraw-null\n)" +
+                                kStamp + R"(\[INFO\] D\.cpp:d\(\): info-always\n)")))
+        << ReadFile(p);
 
     // Level 0 with names enabled: only those names pass.
     log.EnableSchemaDebug("MySchema");
-    EXPECT_TRUE(log.IsSchemaDebugEnabled());
-    EXPECT_TRUE(log.IsSchemaDebugEnabled("MySchema"));
+    EXPECT_TRUE(log.IsSchemaDebugEnabled() && log.IsSchemaDebugEnabled("MySchema"));
     EXPECT_FALSE(log.IsSchemaDebugEnabled("Other"));
-    cap.Start();
-    log.LogPrint("MySchema", eZLogDebug, "D.cpp", "d", 1, "lvl0-schema\n");
-    log.LogPrint("Other", eZLogDebug, "D.cpp", "d", 1, "lvl0-other\n");
-    log.LogPrint("", eZLogDebug, "D.cpp", "d", 1, "lvl0-empty\n");
-    EXPECT_EQ(cap.Take(), "D.cpp:d:DEBUG: lvl0-schema\n");
-
+    EXPECT_EQ(Echo([&] {
+                  log.LogPrint("MySchema", eZLogDebug, "D.cpp", "d", 1, "lvl0-schema\n");
+                  log.LogPrint("Other", eZLogDebug, "D.cpp", "d", 1, "lvl0-other\n");
+                  log.LogPrint("", eZLogDebug, "D.cpp", "d", 1, "lvl0-empty\n");
+              }),
+              "D.cpp:d:DEBUG: lvl0-schema\n");
     // A non-zero level lets every name through except "ZComLib", which
     // always needs its own entry in the set.
     log.SetDebugLevel(2);
-    cap.Start();
-    log.LogPrint("Other", eZLogDebug, "D.cpp", "d", 1, "lvl2-other\n");
-    log.LogPrint("", eZLogRaw, "D.cpp", "d", 1, "lvl2-empty\n");
-    log.LogPrint("ZComLib", eZLogRaw, "D.cpp", "d", 1, "lvl2-zcomlib\n");
-    log.EnableSchemaDebug("ZComLib");
-    log.LogPrint("ZComLib", eZLogRaw, "D.cpp", "d", 1, "lvl2-zcomlib-enabled\n");
-    EXPECT_EQ(cap.Take(), "D.cpp:d:DEBUG: lvl2-other\nlvl2-empty\nlvl2-zcomlib-enabled\n");
-
+    EXPECT_EQ(Echo([&] {
+                  log.LogPrint("Other", eZLogDebug, "D.cpp", "d", 1, "lvl2-other\n");
+                  log.LogPrint("", eZLogRaw, "D.cpp", "d", 1, "lvl2-empty\n");
+                  log.LogPrint("ZComLib", eZLogRaw, "D.cpp", "d", 1, "lvl2-zcomlib\n");
+                  log.EnableSchemaDebug("ZComLib");
+                  log.LogPrint("ZComLib", eZLogRaw, "D.cpp", "d", 1, "lvl2-zcomlib-enabled\n");
+              }),
+              "D.cpp:d:DEBUG: lvl2-other\nlvl2-empty\nlvl2-zcomlib-enabled\n");
     log.ResetSchemaDebug();
-    EXPECT_FALSE(log.IsSchemaDebugEnabled());
-    EXPECT_FALSE(log.IsSchemaDebugEnabled(nullptr));
+    EXPECT_FALSE(log.IsSchemaDebugEnabled() || log.IsSchemaDebugEnabled(nullptr));
     log.SetDebugLevel(0);
-    cap.Start();
-    log.LogPrint("MySchema", eZLogDebug, "D.cpp", "d", 1, "after-reset\n");
-    EXPECT_EQ(cap.Take(), "");
+    EXPECT_EQ(Echo([&] { log.LogPrint("MySchema", eZLogDebug, "D.cpp", "d", 1, "after-reset\n"); }),
+              "");
 }
 
-TEST(ZLogPrintCache, DefaultKeeps512AndNamedDestinationsKeep256) {
-    StdoutCapture cap;
-    const std::string base = FreshBase();
-    const std::string routedBase = DirOf(base) + "/routed";
-    ZLogPrint log(base, 1 << 20);
+TEST_F(ZLogPrintTest, CacheKeeps512OrPerNamedDestination256AndDumpsWithTheSummary) {
+    const std::string routedBase = mDir + "/routed";
+    ZLogPrint log(mBase, 1 << 20);
     ASSERT_EQ(log.RerouteMsg({"Sch"}, routedBase, 1 << 20), RT_SUCCESS);
-    cap.Start();
-    for (int i = 0; i < 600; ++i)
-        log.LogPrint("NoSuch", eZLogInfo, "C.cpp", "c", 1, "dflt %03d\n", i);
-    for (int i = 0; i < 300; ++i) log.LogPrint("Sch", eZLogInfo, "C.cpp", "c", 1, "sch %03d\n", i);
-    cap.Take();
-
+    log.SetSummaryProvider([] { return std::string("RF_Test Summary:\n   ZSchema Num = 2\n"); });
+    Echo([&] {
+        for (int i = 0; i < 600; ++i) {
+            log.LogPrint("NoSuch", eZLogInfo, "C.cpp", "c", 1, "dflt %03d\n", i);
+        }
+        for (int i = 0; i < 300; ++i)
+            log.LogPrint("Sch", eZLogInfo, "C.cpp", "c", 1, "sch %03d\n", i);
+    });
     log.DumpMsgCache2File();
-    auto dflt = LinesWith(ReadFile(base + ".log"), "dflt ");
+    // The file is emptied first: cached lines, the comment, then the summary,
+    // which belongs to the application and so only to the default file.
+    const std::string dumped = ReadFile(mBase + ".log");
+    EXPECT_THAT(dumped,
+                ::testing::EndsWith(std::string("dflt 599\n") + kDumpComment + kSummaryRule +
+                                    "RF_Test Summary:\n   ZSchema Num = 2\n"));
+    auto dflt = LinesWith(dumped, "dflt ");
     ASSERT_EQ(dflt.size(), 512u);
-    EXPECT_TRUE(Contains(dflt.front(), "dflt 088"));
-    EXPECT_TRUE(Contains(dflt.back(), "dflt 599"));
-    EXPECT_TRUE(LinesWith(ReadFile(base + ".log"), "sch ").empty());
-    auto routed = LinesWith(ReadFile(routedBase + ".log"), "sch ");
-    ASSERT_EQ(routed.size(), 256u);
-    EXPECT_TRUE(Contains(routed.front(), "sch 044"));
-    EXPECT_TRUE(Contains(routed.back(), "sch 299"));
+    EXPECT_THAT(dflt.front(), HasSubstr("dflt 088"));
+    EXPECT_TRUE(LinesWith(dumped, "sch ").empty());
+    const std::string routed = ReadFile(routedBase + ".log");
+    EXPECT_THAT(routed, ::testing::EndsWith(std::string("sch 299\n") + kDumpComment));
+    auto sch = LinesWith(routed, "sch ");
+    ASSERT_EQ(sch.size(), 256u);
+    EXPECT_THAT(sch.front(), HasSubstr("sch 044"));
+    // A second dump gives the same text.
+    log.DumpMsgCache2File();
+    EXPECT_EQ(ReadFile(mBase + ".log"), dumped);
 
     // A full cache drops its oldest entry for an access line too, although
     // the access line itself is not cached.
     log.LogPrint("", eZLogAccess, "C.cpp", "c", 1, "GET /x 200\n");
     log.DumpMsgCache2File();
-    dflt = LinesWith(ReadFile(base + ".log"), "dflt ");
+    dflt = LinesWith(ReadFile(mBase + ".log"), "dflt ");
     ASSERT_EQ(dflt.size(), 511u);
-    EXPECT_TRUE(Contains(dflt.front(), "dflt 089"));
+    EXPECT_THAT(dflt.front(), HasSubstr("dflt 089"));
 }
 
-TEST(ZLogPrintCache, DumpWritesCacheCommentAndSummary) {
-    StdoutCapture cap;
-    const std::string base = FreshBase();
-    const std::string routedBase = DirOf(base) + "/routed";
-    ZLogPrint log(base, 1 << 20);
-    ASSERT_EQ(log.RerouteMsg({"Sch"}, routedBase, 1 << 20), RT_SUCCESS);
-    log.SetSummaryProvider([] { return std::string("RF_Test Summary:\n   ZSchema Num = 2\n"); });
-    cap.Start();
-    log.LogPrint("", eZLogInfo, "S.cpp", "s", 1, "first\n");
-    log.LogPrint("", eZLogWarning, "S.cpp", "s", 1, "second\n");
-    log.LogPrint("Sch", eZLogInfo, "S.cpp", "s", 1, "routed\n");
-    cap.Take();
-    const std::string before = ReadFile(base + ".log");
-    const std::string routedBefore = ReadFile(routedBase + ".log");
-
-    log.DumpMsgCache2File();
-    const std::string expected =
-        before + kDumpComment + kSummaryRule + "RF_Test Summary:\n   ZSchema Num = 2\n";
-    EXPECT_EQ(ReadFile(base + ".log"), expected);
-    // The summary belongs to the application: only the default file has it.
-    EXPECT_EQ(ReadFile(routedBase + ".log"), routedBefore + kDumpComment);
-    // The file is emptied first, so a second dump gives the same text.
-    log.DumpMsgCache2File();
-    EXPECT_EQ(ReadFile(base + ".log"), expected);
-}
-
-TEST(ZLogPrintRoute, RerouteMsgGivesNamesTheirOwnFiles) {
-    StdoutCapture cap;
-    const std::string base = FreshBase();
-    const std::string routedBase = DirOf(base) + "/schema/routed";  // directory made on demand
-    ZLogPrint log(base, 1 << 20);
+TEST_F(ZLogPrintTest, RerouteMsgGivesNamesTheirOwnFiles) {
+    const std::string routedBase = mDir + "/schema/routed";  // directory made on demand
+    ZLogPrint log(mBase, 1234);
     ASSERT_EQ(log.RerouteMsg({"SchA", "SchB"}, routedBase, 1 << 20), RT_SUCCESS);
     EXPECT_TRUE(FileExists(routedBase + ".accesslog"));
     log.SetAppInitDone(true);
-    cap.Start();
-    log.LogPrint("SchA", eZLogWarning, "A.cpp", "a", 1, "from A\n");
-    log.LogPrint("SchB", eZLogAccess, "B.cpp", "b", 1, "access B\n");
-    log.LogPrint("SchC", eZLogInfo, "C.cpp", "c", 1, "from C\n");
-    const std::string out = cap.Take();
-    EXPECT_EQ(out, "A.cpp:a:WARNING: from A\nC.cpp:c:INFO: from C\n");
+    EXPECT_EQ(Echo([&] {
+                  log.LogPrint("SchA", eZLogWarning, "A.cpp", "a", 1, "from A\n");
+                  log.LogPrint("SchB", eZLogAccess, "B.cpp", "b", 1, "access B\n");
+                  log.LogPrint("SchC", eZLogInfo, "C.cpp", "c", 1, "from C\n");
+              }),
+              "A.cpp:a:WARNING: from A\nC.cpp:c:INFO: from C\n");
+    EXPECT_THAT(ReadFile(routedBase + ".log"), HasSubstr("from A\n"));
+    EXPECT_THAT(ReadFile(routedBase + ".logerr"), HasSubstr("from A\n"));
+    EXPECT_THAT(ReadFile(routedBase + ".accesslog"), HasSubstr(" access B\n"));
+    EXPECT_THAT(ReadFile(routedBase + ".log"), Not(HasSubstr("from C")));
+    EXPECT_THAT(ReadFile(mBase + ".log"), HasSubstr("from C\n"));
+    EXPECT_THAT(ReadFile(mBase + ".log"), Not(HasSubstr("from A")));
+    EXPECT_EQ(ReadFile(mBase + ".accesslog"), "");
 
-    EXPECT_TRUE(Contains(ReadFile(routedBase + ".log"), "from A\n"));
-    EXPECT_TRUE(Contains(ReadFile(routedBase + ".logerr"), "from A\n"));
-    EXPECT_TRUE(Contains(ReadFile(routedBase + ".accesslog"), " access B\n"));
-    EXPECT_FALSE(Contains(ReadFile(routedBase + ".log"), "from C"));
-    EXPECT_TRUE(Contains(ReadFile(base + ".log"), "from C\n"));
-    EXPECT_FALSE(Contains(ReadFile(base + ".log"), "from A"));
-    EXPECT_EQ(ReadFile(base + ".accesslog"), "");
+    // The parameter dump shows each destination's paths and rotation size.
+    log.SetRotateSize(99);
+    EXPECT_THAT(
+        Echo([&] { log._DumpLogParams(); }),
+        HasSubstr("  |  |- accessPath = " + mBase + ".accesslog\n  |  |- RotateSize = 99\n"));
 
     // An empty set is refused, through the process's own log service.
-    size_t mark = OrbelTest::LogMark();
-    EXPECT_EQ(log.RerouteMsg({}, DirOf(base) + "/never", 1000), RT_FAILURE);
-    EXPECT_TRUE(Contains(OrbelTest::LogSince(mark),
-                         "[ERROR] ZLogPrint.cpp:RerouteMsg(): srcFiles is empty!\n"))
-        << OrbelTest::LogSince(mark);
-    EXPECT_FALSE(FileExists(DirOf(base) + "/never.accesslog"));
+    size_t mark = LogMark();
+    EXPECT_EQ(log.RerouteMsg({}, mDir + "/never", 1000), RT_FAILURE);
+    EXPECT_THAT(LogSince(mark),
+                HasSubstr("[ERROR] ZLogPrint.cpp:RerouteMsg(): srcFiles is empty!\n"));
+    EXPECT_FALSE(FileExists(mDir + "/never.accesslog"));
 }
 
-TEST(ZLogPrintRoute, BackupInitLogFilesKeepsTheStartUpLogAside) {
-    StdoutCapture cap;
-    const std::string base = FreshBase();
-    ZLogPrint log(base, 1 << 20);
-    OrbelTest::WriteFile(base + ".loginit.gz", "stale");
+TEST_F(ZLogPrintTest, StartUpLogsAreSetAside) {
+    // Construction rotates the previous run's files; the access file is only
+    // created when missing, never rotated here.
+    WriteFile(mBase + ".log", "previous run\n");
+    WriteFile(mBase + ".logerr", "previous errors\n");
+    WriteFile(mBase + ".accesslog", "previous access\n");
+    ZLogPrint log(mBase, 1 << 20);
+    EXPECT_FALSE(FileExists(mBase + ".log"));
+    EXPECT_EQ(Gunzip(mBase + ".log1.gz"), "previous run\n");
+    EXPECT_EQ(Gunzip(mBase + ".logerr1.gz"), "previous errors\n");
+    EXPECT_EQ(ReadFile(mBase + ".accesslog"), "previous access\n");
+
+    // BackupInitLogFiles keeps the start-up log aside, replacing an older copy.
+    WriteFile(mBase + ".loginit.gz", "stale");
     log.SetAppInitDone(true);
-    cap.Start();
     log.LogPrint("", eZLogInfo, "B.cpp", "b", 1, "start-up line\n");
     log.LogPrint("", eZLogError, "B.cpp", "b", 1, "start-up error\n");
-    cap.Take();
-    const std::string startupLog = ReadFile(base + ".log");
-    const std::string startupErr = ReadFile(base + ".logerr");
-
+    const std::string startupLog = ReadFile(mBase + ".log");
+    const std::string startupErr = ReadFile(mBase + ".logerr");
     log.BackupInitLogFiles();
-    EXPECT_FALSE(FileExists(base + ".log"));
-    EXPECT_FALSE(FileExists(base + ".logerr"));
-    EXPECT_FALSE(FileExists(base + ".loginit"));
-    EXPECT_EQ(Gunzip(base + ".loginit.gz"), startupLog);
-    EXPECT_EQ(Gunzip(base + ".logerrinit.gz"), startupErr);
-
-    cap.Start();
-    log.LogPrint("", eZLogInfo, "B.cpp", "b", 1, "running\n");
-    cap.Take();
-    EXPECT_EQ(LinesWith(ReadFile(base + ".log"), "").size(), 1u);
-    EXPECT_TRUE(Contains(ReadFile(base + ".log"), "running\n"));
+    EXPECT_FALSE(FileExists(mBase + ".log") || FileExists(mBase + ".logerr") ||
+                 FileExists(mBase + ".loginit"));
+    EXPECT_EQ(Gunzip(mBase + ".loginit.gz"), startupLog);
+    EXPECT_EQ(Gunzip(mBase + ".logerrinit.gz"), startupErr);
+    Echo([&] { log.LogPrint("", eZLogInfo, "B.cpp", "b", 1, "running\n"); });
+    EXPECT_EQ(Lines(ReadFile(mBase + ".log")).size(), 1u);
 }
 
-TEST(ZLogPrintRoute, DumpLogParamsAndRotateSize) {
-    StdoutCapture cap;
-    const std::string base = FreshBase();
-    ZLogPrint log(base, 1234);
-    cap.Start();
-    log._DumpLogParams();
-    std::string out = cap.Take();
-    EXPECT_EQ(out.rfind("LogParams:   |- File[Default] Param[", 0), 0u) << out;
-    EXPECT_TRUE(Contains(out, "]:\n  |  |- normalPath = " + base + ".log\n  |  |- accessPath = " +
-                                  base + ".accesslog\n  |  |- RotateSize = 1234\n"))
-        << out;
-    log.SetRotateSize(99);
-    cap.Start();
-    log._DumpLogParams();
-    out = cap.Take();
-    EXPECT_TRUE(Contains(out, "  |  |- RotateSize = 99\n")) << out;
-}
-
-TEST(ZLogPrintGlobal, MacrosRouteThroughTheGlobalService) {
-    StdoutCapture cap;
-    const std::string base = FreshBase();
-    ZLogPrint log(base, 1 << 20);
+TEST_F(ZLogPrintTest, MacrosRouteThroughTheGlobalService) {
+    ZLogPrint log(mBase, 1 << 20);
     ZLogPrint* saved = zLogPrint;
-    zLogPrint = &log;
-    cap.Start();
-    ZLOG(eZLogError, "via macro %d\n", 7);
-    ZLOGM("ZComLib", eZLogRaw, "hidden %d\n", 8);  // filtered: "ZComLib" not enabled
-    zLogPrint = nullptr;
-    // Before the service exists, lines are echoed; debug and raw lines are not.
-    ZLOG(eZLogWarning, "early %s\n", "warning");
-    ZLOG(eZLogDebug, "early debug\n");
-    ZLOG(eZLogAccess, "early access\n");
-    zLogPrint = saved;
-    const std::string out = cap.Take();
-
+    const std::string out = Echo([&] {
+        zLogPrint = &log;
+        ZLOG(eZLogError, "via macro %d\n", 7);
+        ZLOGM("ZComLib", eZLogRaw, "hidden %d\n", 8);  // filtered: "ZComLib" not enabled
+        zLogPrint = nullptr;
+        // Before the service exists, lines are echoed; debug and raw lines are not.
+        ZLOG(eZLogWarning, "early %s\n", "warning");
+        ZLOG(eZLogDebug, "early debug\n");
+        ZLOG(eZLogAccess, "early access\n");
+        zLogPrint = saved;
+    });
+    // The macros name this file and the function they stand in.
     EXPECT_EQ(out,
-              "ZLogPrintTest.cpp:TestBody:ERROR: via macro 7\n"
-              "ZLogPrintTest.cpp:TestBody:WARNING: early warning\n");
-    const std::string file = ReadFile(base + ".log");
-    EXPECT_TRUE(std::regex_match(
-        file, std::regex("^" + std::string(kStamp) +
-                         R"(\[ERROR\] ZLogPrintTest\.cpp:TestBody\(\): via macro 7\n$)")))
-        << file;
+              "ZLogPrintTest.cpp:operator():ERROR: via macro 7\n"
+              "ZLogPrintTest.cpp:operator():WARNING: early warning\n");
+    const std::string file = ReadFile(mBase + ".log");
+    EXPECT_EQ(Lines(file).size(), 1u) << file;
+    EXPECT_THAT(file, ::testing::EndsWith("[ERROR] ZLogPrintTest.cpp:operator()(): via macro 7\n"));
 }
 
-TEST(ZLogPrintThreads, ConcurrentWritersNeverSplitALine) {
-    StdoutCapture cap;
-    const std::string base = FreshBase();
-    ZLogPrint log(base, 1 << 20);
+TEST_F(ZLogPrintTest, ConcurrentWritersNeverSplitALine) {
+    ZLogPrint log(mBase, 1 << 20);
     log.SetAppInitDone(true);
-    ASSERT_EQ(log.RerouteMsg({"Other"}, DirOf(base) + "/other", 1 << 20), RT_SUCCESS);
+    ASSERT_EQ(log.RerouteMsg({"Other"}, mDir + "/other", 1 << 20), RT_SUCCESS);
     const int kThreads = 4;
     const int kLines = 250;
-    cap.Start();
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&log, t] {
-            for (int i = 0; i < kLines; ++i) {
-                log.LogPrint(t % 2 == 0 ? "" : "NoSuch", eZLogWarning, "T.cpp", "t", 1,
-                             "thread %d line %d\n", t, i);
-                log.LogPrint("Other", eZLogInfo, "T.cpp", "t", 1, "other %d %d\n", t, i);
-            }
-        });
-    }
-    for (auto& th : threads) th.join();
-    cap.Take();
-
-    const std::regex line("^" + std::string(kStamp) +
-                          R"(\[WARNING\] T\.cpp:t\(\): thread (\d) line (\d+)$)");
-    for (const std::string& path : {base + ".log", base + ".logerr"}) {
+    Echo([&] {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&log, t] {
+                for (int i = 0; i < kLines; ++i) {
+                    log.LogPrint(t % 2 == 0 ? "" : "NoSuch", eZLogWarning, "T.cpp", "t", 1,
+                                 "thread %d line %d\n", t, i);
+                    log.LogPrint("Other", eZLogInfo, "T.cpp", "t", 1, "other %d %d\n", t, i);
+                }
+            });
+        }
+        for (auto& th : threads) th.join();
+    });
+    const std::regex line("^" + kStamp + R"(\[WARNING\] T\.cpp:t\(\): thread (\d) line (\d+)$)");
+    for (const std::string& path : {mBase + ".log", mBase + ".logerr"}) {
         std::set<std::string> seen;
         const auto lines = Lines(ReadFile(path));
         ASSERT_EQ(lines.size(), static_cast<size_t>(kThreads * kLines)) << path;
@@ -601,8 +397,7 @@ TEST(ZLogPrintThreads, ConcurrentWritersNeverSplitALine) {
             EXPECT_TRUE(seen.insert(m[1].str() + "/" + m[2].str()).second) << l;
         }
     }
-    EXPECT_EQ(Lines(ReadFile(DirOf(base) + "/other.log")).size(),
-              static_cast<size_t>(kThreads * kLines));
+    EXPECT_EQ(Lines(ReadFile(mDir + "/other.log")).size(), static_cast<size_t>(kThreads * kLines));
 }
 
 }  // namespace
