@@ -10,6 +10,8 @@
 #include "ZJsonObject.h"
 #include "ZObject_JsonStringTrans.h"
 #include "ZResource.h"
+#include "ZResourceCollection.h"
+#include "ZSchema.h"
 
 using namespace Orbel;
 using OrbelTest::HGetAll;
@@ -206,6 +208,60 @@ TEST_F(JsonTextTest, AContainerOfTheOtherKindIsRefused) {
         Logged(mark, "Child[List] of Object[/redfish/v1/Systems/1] is not a JsonObject.\n"));
     EXPECT_FALSE(status->IsDied());
     EXPECT_FALSE(list->IsDied());
+}
+
+TEST_F(JsonTextTest, RoutingListsMembersAndResourcesAreNotRefilled) {
+    ZSchema schema("ComputerSystem", "v1_0_0", ZSchema::CRUDQ_READ);
+    auto* res = new ZResource(nullptr, &schema, "/redfish/v1/Systems/2");
+    auto* systems = new ZResourceCollection(nullptr, nullptr, "/redfish/v1/Systems");
+    auto* member = new ZResource(systems, nullptr, "7");
+    auto* sub = new ZResource(sys, nullptr, "Sub");
+
+    size_t mark = LogMark();
+    EXPECT_EQ(JsonString2ZObjTree("{'GETQ':['x']}", res), RT_FAILURE);
+    EXPECT_TRUE(
+        Logged(mark, "Child[GETQ] of Object[/redfish/v1/Systems/2] is kept by the library.\n"));
+    // Not even a list the schema does not serve may appear.
+    EXPECT_EQ(JsonString2ZObjTree("{'PATCHQ':['x']}", res), RT_FAILURE);
+    mark = LogMark();
+    EXPECT_EQ(JsonString2ZObjTree("{'Members':[]}", systems), RT_FAILURE);
+    EXPECT_TRUE(
+        Logged(mark, "Child[Members] of Object[/redfish/v1/Systems] is kept by the library.\n"));
+    mark = LogMark();
+    EXPECT_EQ(JsonString2ZObjTree("{'Sub':{'a':1}}", sys), RT_FAILURE);
+    EXPECT_TRUE(Logged(mark, "Child[Sub] of Object[/redfish/v1/Systems/1] is a resource.\n"));
+
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/2/GETQ"), (Items{"RF_Test:ComputerSystem:GETQ"}));
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/Members"),
+              (Items{"&&ObjectRef /redfish/v1/Systems/7"}));
+    EXPECT_FALSE(member->IsDied());
+    EXPECT_FALSE(sub->IsDied());
+    EXPECT_EQ(res->GetRedisChangeNum() + systems->GetRedisChangeNum() + sys->GetRedisChangeNum(),
+              0u);
+    res->ObjDestroy(ZObject::eDestroyDelete, true);
+}
+
+TEST_F(JsonTextTest, AChildWhoseLinkWasDiscardedIsLinkedAgain) {
+    EXPECT_EQ(JsonString2ZObjTree("{'Status':{'State':'On'},'Bad':}", sys, J2O_DISCARD_ON_FAILURE),
+              RT_FAILURE);
+    ASSERT_NE(sys->GetChild("Status"), nullptr);
+    ASSERT_EQ(JsonString2ZObjTree("{'Status':{'Health':'OK'}}", sys, J2O_APPLY), RT_SUCCESS);
+    EXPECT_EQ(Doc(kSys),
+              std::string("{\"@odata.id\":") + kSysId + ",\"Status\":{\"Health\":\"OK\"}}");
+}
+
+TEST_F(JsonTextTest, AnArrayIsNotEmptiedWithoutAStore) {
+    ASSERT_EQ(JsonString2ZObjTree("{'L':[1,2]}", sys, J2O_APPLY), RT_SUCCESS);
+    ZObject* list = sys->GetChild("L");
+    ASSERT_NE(list, nullptr);
+    OrbelTest::RedisServer::Instance().Stop();
+    size_t mark = LogMark();
+    EXPECT_EQ(JsonString2ZObjTree("{'L':[3]}", sys), RT_FAILURE);
+    EXPECT_TRUE(Logged(mark, "Failed to call RedisConnect().\n"));
+    ASSERT_TRUE(OrbelTest::RedisServer::Instance().Start());
+    // Nothing was queued for the array, and it is still the same node.
+    EXPECT_EQ(sys->GetChild("L"), list);
+    EXPECT_EQ(list->GetRedisChangeNum(), 0u);
 }
 
 TEST_F(JsonTextTest, TheFirstCharacterMustSuitTheRoot) {

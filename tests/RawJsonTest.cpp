@@ -4,6 +4,7 @@
 // the normal one's recursive apply; defaults; retirement and discard.
 #include <cmath>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ObjectModelFixture.h"
@@ -91,6 +92,15 @@ TEST_F(RawJsonTest, WritesBecomeOneTextInTheRootsHash) {
               "{\"@odata.id\":\"/redfish/v1/Raw\",\"Name\":\"abc\",\"Count\":4,\"Neg\":-2,"
               "\"Ratio\":0.500000,\"On\":true,\"X\":null,\"Max\":18446744073709551615,"
               "\"Raw\":{\"a\":[1,2]},\"Added\":\"z\"}");
+
+    // The store-side apply of a RawJson node writes the text, never fields.
+    raw->HashWrite("Via", 1);
+    redisContext* c = RedisConnect();
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(raw->ObjData2RedisCache(false, c), RT_SUCCESS);
+    RedisDisconnect(c);
+    EXPECT_EQ(HGetAll(kRaw).size(), 1u);
+    EXPECT_EQ(Count(Checked(raw), ",\"Via\":1}"), 1u);
 }
 
 TEST_F(RawJsonTest, StringsAreEscapedAndOnlyJsonRawTextStaysRaw) {
@@ -344,6 +354,36 @@ TEST_F(RawJsonTest, NonRawJsonNodesRefuseTheRawJsonCalls) {
               2u);
     EXPECT_FALSE(sys->IsRawJsonRoot());
     EXPECT_EQ(HGetAll("/redfish/v1/Systems/1").count("&&RawJSON"), 0u);
+}
+
+TEST_F(RawJsonTest, WritersAndAppliesOnSeveralThreadsKeepTheTextWhole) {
+    auto* status = new ZJsonObject(raw, "Status");
+    raw->HashWrite("Status", status);
+    auto* list = new ZJsonArray(raw, "List", ZJsonArray::ARRAY_ATTR_OdataCount);
+    raw->HashWrite("List", list);
+    constexpr int kWrites = 300;
+    std::thread writer([&] {
+        for (int i = 0; i < kWrites; ++i) {
+            status->HashWrite("N", i);
+            list->ListWrite(-1, i);
+        }
+    });
+    std::thread applier([&] {
+        for (int i = 0; i < 50; ++i) {
+            raw->ApplyRedisChanges();
+            // Whatever the moment, what is stored is a document.
+            const std::string doc = Doc(kRaw);
+            EXPECT_EQ(doc.compare(0, 1, "{"), 0) << doc;
+            EXPECT_TRUE(IsJsonValueText(doc)) << doc;
+        }
+    });
+    writer.join();
+    applier.join();
+    ASSERT_EQ(raw->ApplyRedisChanges(), RT_SUCCESS);
+    const std::string text = Checked(raw);
+    EXPECT_EQ(Count(text, "\"Status\":{\"N\":299}"), 1u);
+    EXPECT_EQ(Count(text, "\"List@odata.count\":300,"), 1u);
+    EXPECT_EQ(Count(text, ",298,299]"), 1u);
 }
 
 }  // namespace

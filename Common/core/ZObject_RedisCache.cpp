@@ -1088,6 +1088,8 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
         ZLOG(eZLogError, "Redis context is NULL.\n");
         return RT_FAILURE;
     }
+    // RawJson items are JSON texts for the root's document, not fields.
+    if (mIsRawJson) return ApplyRedisChanges(recursive, c);
     {
         // Held for the whole queue: writes from other threads wait, so a
         // node's commands reach the store in call order.
