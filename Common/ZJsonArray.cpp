@@ -30,6 +30,9 @@ void ZJsonArray::_InitFillDefaultContents() {
     if (parent == nullptr || parent->GetType() == eJsonArray) return;
     // The front end shows the count before the first element arrives.
     if (parent->HashWrite(mId + "@odata.count", 0) != RT_SUCCESS) return;
+    // In a RawJson text the count is part of the content, kept by the
+    // root's apply.
+    if (IsDataFmtRawJson()) return;
     if (parent->ApplyRedisChanges(false, nullptr) == RT_SUCCESS) {
         std::lock_guard<std::mutex> lock(mMemberMutex);
         mPublishedCount = 0;

@@ -65,10 +65,8 @@ bool ZResource::_InitResource() {
 }
 
 void ZResource::_InitFillDefaultContents() {
-    // A RawJson resource keeps its content as one JSON text, which the JSON
-    // text translation fills; the per-field defaults below do not apply.
-    if (IsDataFmtRawJson()) return;
-
+    // A RawJson resource gets the same defaults inside its text (its "&&"
+    // fields stay fields of its hash), but no request channel lists.
     HashWrite("@odata.id", GetOdataId());
     if (mSchema != nullptr) {
         const std::string print = mSchema->GetOdataPrintName();
@@ -84,7 +82,7 @@ void ZResource::_InitFillDefaultContents() {
     if (mSchema == nullptr) return;
 
     const uint32_t crudq = mSchema->GetCRUDqFlag();
-    for (int method = 0; method < eReqMethodNum; ++method) {
+    for (int method = 0; method < eReqMethodNum && !IsDataFmtRawJson(); ++method) {
         if ((crudq & (1u << method)) == 0) continue;
         auto* channels = new ZJsonArray(this, QueueWord(method), 0);
         if (channels->GetJPath().empty()) {
@@ -159,7 +157,7 @@ void ZResource::UpdateOdataId() {
         changed = odataId != mOdataId;
         if (changed) mOdataId = odataId;
     }
-    if (changed && !IsDataFmtRawJson()) HashWrite("@odata.id", odataId);
+    if (changed) HashWrite("@odata.id", odataId);
 }
 
 // ---------------------------------------------------------------------------

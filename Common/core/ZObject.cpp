@@ -124,6 +124,7 @@ ZObject::~ZObject() {
     delete mChildList;
     delete mReferencedBy;
     delete mReferenceTo;
+    delete mRawJson;
 }
 
 eRtCode ZObject::Initial() {
@@ -150,6 +151,7 @@ eRtCode ZObject::Initial() {
     {
         std::lock_guard<std::mutex> lock(mQueueMutex);
         mRedisCmdQueue = new std::vector<sRedisCmdItem*>();
+        if (mIsRawJson && mRawJson == nullptr) mRawJson = new sRawJsonData();
     }
     {
         std::lock_guard<std::mutex> lock(mRefMutex);
@@ -656,6 +658,9 @@ void ZObject::ObjDestroy(eDestroyMode mode, bool clearStore) {
 void ZObject::_ClearRedisCache() {
     // The service root is shared by every plug-in: never cleared.
     if (mId == "/redfish/v1/" || mJPath.empty()) return;
+    // Below a RawJson root nothing has a key of its own: the root's text
+    // holds it all.
+    if (mIsRawJson && !IsRawJsonRoot()) return;
     redisContext* c = RedisConnect();
     if (c == nullptr) {
         ZLOG(eZLogError, "Failed to call RedisConnect().\n");
