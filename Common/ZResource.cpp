@@ -12,6 +12,7 @@
 #include "ZApplication.h"
 #include "ZJsonArray.h"
 #include "ZLogPrint.h"
+#include "ZResourceCollection.h"
 #include "ZSchema.h"
 
 namespace Orbel {
@@ -47,13 +48,19 @@ ZResource::ZResource(ZObject* parent, ZSchema* schema, eType type, const std::st
 ZResource::ZResource(ZObject* parent, ZSchema* schema, const std::string& id,
                      const std::string& name, uint32_t attributes)
     : ZResource(parent, schema, eResource, id, name, attributes) {
+    // Clearing its keys, its channel lists, the collection's member list and
+    // the first apply share one connection.
+    RedisConnectionScope storeScope;
     if (_InitResource()) ApplyRedisChanges(true, nullptr);
 }
 
 ZResource::~ZResource() {
     // Deleted without ObjDestroy (logged by the node core): the schema must
-    // not keep a pointer to it.
-    if (!IsDied() && mSchema != nullptr) mSchema->DelResource(mName, this);
+    // not keep a pointer to it, and its collection may hand out its id again.
+    if (!IsDied()) {
+        if (mSchema != nullptr) mSchema->DelResource(mName, this);
+        _ReleaseMemberId();
+    }
 }
 
 bool ZResource::_InitResource() {
@@ -311,8 +318,19 @@ eRtCode ZResource::SetPrivateData(void* data, RecyclePrivDataCallback_t recycle)
     return RT_SUCCESS;
 }
 
+void ZResource::_ReleaseMemberId() {
+    // A parent outlives its children, so the chain is safe to walk here.
+    ZObject* holder = GetParent();
+    if (holder == nullptr || holder->GetType() != eJsonArray || holder->IsDied()) return;
+    ZObject* owner = holder->GetParent();
+    if (owner == nullptr || owner->GetType() != eResourceCollection || owner->IsDied()) return;
+    if (holder->GetId() != "Members") return;
+    static_cast<ZResourceCollection*>(owner)->_MemberIdReleased(mId);
+}
+
 void ZResource::ResourceDestroy() {
     if (mSchema != nullptr) mSchema->DelResource(mName, this);
+    _ReleaseMemberId();
     void* data = mPrivateData;
     RecyclePrivDataCallback_t recycle = mRecyclePrivData;
     mPrivateData = nullptr;

@@ -565,7 +565,8 @@ void ZObject::_RelinkInStore(ZObject* referrer, const std::string& metaKey) {
     item.action = change.action;
     if (referrer->_ObjChg2RedisCmd(&change, &item) != RT_SUCCESS) return;
 
-    redisContext* c = RedisConnect();
+    RedisCallConnection conn;
+    redisContext* c = conn.get();
     if (c == nullptr) {
         ZLOG(eZLogError, "Failed to call RedisConnect().\n");
         return;
@@ -578,7 +579,6 @@ void ZObject::_RelinkInStore(ZObject* referrer, const std::string& metaKey) {
         if (item.key != metaKey) RedisHashDel(c, key.c_str(), metaKey.c_str());
         RedisHashSet(c, key.c_str(), item.key.c_str(), item.value.c_str());
     }
-    RedisDisconnect(c);
     // The referrer's bookkeeping follows the text now in the store.
     AppendReferencedBy(referrer, isArray ? item.value : item.key);
 }
@@ -661,7 +661,10 @@ void ZObject::_ClearRedisCache() {
     // Below a RawJson root nothing has a key of its own: the root's text
     // holds it all.
     if (mIsRawJson && !IsRawJsonRoot()) return;
-    redisContext* c = RedisConnect();
+    // The thread's scoped connection when there is one: every node made
+    // clears its key, and a connection of its own would cost more than that.
+    RedisCallConnection conn;
+    redisContext* c = conn.get();
     if (c == nullptr) {
         ZLOG(eZLogError, "Failed to call RedisConnect().\n");
         return;
@@ -678,7 +681,6 @@ void ZObject::_ClearRedisCache() {
             static_cast<ZResource*>(this)->CleanPropertiesFromRedis(c);
             break;
     }
-    RedisDisconnect(c);
 }
 
 }  // namespace Orbel

@@ -5,6 +5,7 @@
 // in-memory content, renders the text and stores it.
 #include <cmath>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -355,9 +356,11 @@ eRtCode ZObject::ApplyRawJsonData(redisContext* c) {
         }
     }
 
-    redisContext* own = nullptr;
+    // The thread's scoped connection when the caller gave none.
+    std::optional<RedisCallConnection> conn;
     if (c == nullptr) {
-        own = c = RedisConnect();
+        conn.emplace();
+        c = conn->get();
         if (c == nullptr) {
             ZLOG(eZLogError, "Failed to call RedisConnect()\n.");
             return RT_FAILURE;
@@ -370,7 +373,6 @@ eRtCode ZObject::ApplyRawJsonData(redisContext* c) {
             rt = RT_FAILURE;
         }
     }
-    if (own != nullptr) RedisDisconnect(own);
     return rt;
 }
 

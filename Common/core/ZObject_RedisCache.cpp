@@ -746,7 +746,8 @@ eRtCode ZObject::HashWriteNumArray(const std::string& name, const unsigned char*
         return RT_INVALID_ARG;
     }
     const std::string key = CombineJPath(this, name);
-    redisContext* c = RedisConnect();
+    RedisCallConnection conn;
+    redisContext* c = conn.get();
     if (c == nullptr) {
         ZLOG(eZLogError, "Failed to call RedisConnect().\n");
         return RT_FAILURE;
@@ -761,7 +762,6 @@ eRtCode ZObject::HashWriteNumArray(const std::string& name, const unsigned char*
         const std::string field = "&&Array " + name + " " + key;
         rt = RedisHashSet(c, mJPath.c_str(), field.c_str(), "");
     }
-    RedisDisconnect(c);
     return rt;
 }
 
@@ -1041,14 +1041,13 @@ eRtCode ZObject::ApplyRedisChanges(bool recursive, redisContext* c) {
     }
     UseRelease release(this);
     if (c != nullptr) return ObjData2RedisCache(recursive, c);
-    c = RedisConnect();
-    if (c == nullptr) {
+    // The thread's scoped connection when there is one (a stage, a request).
+    RedisCallConnection conn;
+    if (conn.get() == nullptr) {
         ZLOG(eZLogError, "Failed to call RedisConnect()\n.");
         return RT_FAILURE;
     }
-    eRtCode rt = ObjData2RedisCache(recursive, c);
-    RedisDisconnect(c);
-    return rt;
+    return ObjData2RedisCache(recursive, conn.get());
 }
 
 void ZObject::_ApplyOneItem(redisContext* c, sRedisCmdItem* item) {
