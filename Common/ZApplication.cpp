@@ -659,6 +659,9 @@ void ZApplication::VexEventCallback(EVENT_TYPE type, char* eventName, int dataLe
 // ---------------------------------------------------------------------------
 
 void ZApplication::_PreCorvelReady_InitAllSchemaResources() {
+    // The hooks build and fill the resources: one store connection serves
+    // the whole stage instead of one per node and apply.
+    RedisConnectionScope storeScope;
     std::deque<ZSchema*> schemas = GetSchemaList();
     for (ZSchema* schema : schemas) schema->InitialBackendImpl();
     for (ZSchema* schema : schemas) {
@@ -674,6 +677,7 @@ void ZApplication::_PreCorvelReady_InitAllSchemaResources() {
 }
 
 void ZApplication::_PostCorvelReady_InitAllSchemaResources() {
+    RedisConnectionScope storeScope;
     for (ZSchema* schema : GetSchemaList()) {
         schema->PostCorvelReady_InitialResources();
         for (const auto& kv : schema->GetResourceList()) {
@@ -684,6 +688,7 @@ void ZApplication::_PostCorvelReady_InitAllSchemaResources() {
 }
 
 void ZApplication::_PostCorvelReady_AfterTreatment() {
+    RedisConnectionScope storeScope;
     for (ZSchema* schema : GetSchemaList()) schema->PostCorvelReady_AfterTreatment();
     ZLOG(eZLogInfo, "PostCorvelReady_AfterTreatment done!\n");
 }

@@ -3,6 +3,7 @@
 #include "ZJsonArray.h"
 
 #include <algorithm>
+#include <memory>
 
 #include "Orbel.h"
 #include "RedisCli.h"
@@ -14,6 +15,9 @@ namespace Orbel {
 
 ZJsonArray::ZJsonArray(ZObject* parent, const std::string& name, uint32_t attributes)
     : ZObject(parent, eJsonArray, name, name, 0), mClassAttributes(attributes) {
+    // Clearing the key, publishing the count or reading the other backends'
+    // items: one connection for all of it.
+    RedisConnectionScope storeScope;
     if (Initial() != RT_SUCCESS) return;
     if ((GetAttribute() & ATTR_MultiBackend) == 0) {
         _InitFillDefaultContents();
@@ -30,6 +34,9 @@ void ZJsonArray::_InitFillDefaultContents() {
     if (parent == nullptr || parent->GetType() == eJsonArray) return;
     // The front end shows the count before the first element arrives.
     if (parent->HashWrite(mId + "@odata.count", 0) != RT_SUCCESS) return;
+    // In a RawJson text the count is part of the content, kept by the
+    // root's apply.
+    if (IsDataFmtRawJson()) return;
     if (parent->ApplyRedisChanges(false, nullptr) == RT_SUCCESS) {
         std::lock_guard<std::mutex> lock(mMemberMutex);
         mPublishedCount = 0;
@@ -53,9 +60,7 @@ void ZJsonArray::_InitMultiBackendMembers() {
         if (obj != nullptr && app->UseIfValid(obj)) {
             if (!obj->IsDied()) {
                 std::lock_guard<std::mutex> lock(mMemberMutex);
-                if (std::find(mMembers.begin(), mMembers.end(), obj) == mMembers.end()) {
-                    mMembers.push_back(obj);
-                }
+                if (!_IsMemberLocked(obj)) _AddMemberLocked(obj);
             }
             obj->DecreaseUsingCount();
         }
@@ -66,15 +71,29 @@ void ZJsonArray::_InitMultiBackendMembers() {
 // Member objects
 // ---------------------------------------------------------------------------
 
+bool ZJsonArray::_IsMemberLocked(ZObject* obj) const {
+    if (mMemberIndex != nullptr) return mMemberIndex->count(obj) != 0;
+    return std::find(mMembers.begin(), mMembers.end(), obj) != mMembers.end();
+}
+
+void ZJsonArray::_AddMemberLocked(ZObject* obj) {
+    mMembers.push_back(obj);
+    if (mMemberIndex != nullptr) {
+        mMemberIndex->insert(obj);
+    } else if (mMembers.size() >= kMemberIndexFrom) {
+        mMemberIndex.reset(new std::unordered_set<ZObject*>(mMembers.begin(), mMembers.end()));
+    }
+}
+
 eRtCode ZJsonArray::AddObjectItem(ZObject* obj) {
     if (obj == nullptr) return RT_INVALID_ARG;
     std::lock_guard<std::mutex> lock(mMemberMutex);
-    if (std::find(mMembers.begin(), mMembers.end(), obj) != mMembers.end()) {
+    if (_IsMemberLocked(obj)) {
         ZLOG(eZLogWarning, "Add a duplicate object[%p][%s] to array[%s].\n",
              static_cast<void*>(obj), obj->GetJPath().c_str(), mJPath.c_str());
         return RT_FAILURE;
     }
-    mMembers.push_back(obj);
+    _AddMemberLocked(obj);
     return RT_SUCCESS;
 }
 
@@ -90,6 +109,7 @@ eRtCode ZJsonArray::DelObjectItem(ZObject* obj) {
             return RT_FAILURE;
         }
         it = mMembers.erase(it);
+        if (mMemberIndex != nullptr) mMemberIndex->erase(obj);
         ZApplication* app = zApp;
         for (; it != mMembers.end() && app != nullptr; ++it) {
             if ((*it)->IsResourceType() && app->UseIfValid(*it)) shifted.push_back(*it);
@@ -128,6 +148,7 @@ void ZJsonArray::DumpMemberObjs() {
 void ZJsonArray::CleanObjectItem() {
     std::lock_guard<std::mutex> lock(mMemberMutex);
     mMembers.clear();
+    mMemberIndex.reset();
 }
 
 // ---------------------------------------------------------------------------
@@ -135,13 +156,12 @@ void ZJsonArray::CleanObjectItem() {
 // ---------------------------------------------------------------------------
 
 unsigned int ZJsonArray::ItemNum() {
-    redisContext* c = RedisConnect();
-    if (c == nullptr) {
+    RedisCallConnection conn;
+    if (conn.get() == nullptr) {
         ZLOG(eZLogError, "Failed to call RedisConnect()\n");
         return 0;
     }
-    int size = ListSize(c);
-    RedisDisconnect(c);
+    int size = ListSize(conn.get());
     if (size < 0) {
         ZLOG(eZLogError, "ListSize() returned error! (%d)\n", size);
         return 0;
@@ -186,9 +206,10 @@ eRtCode ZJsonArray::UpdateParentOdataCount(redisContext* c) {
     ZObject* parent = GetParent();
     if (parent == nullptr || parent->GetType() == eJsonArray) return RT_SUCCESS;
 
-    redisContext* own = nullptr;
+    std::unique_ptr<RedisCallConnection> own;
     if (c == nullptr) {
-        own = c = RedisConnect();
+        own.reset(new RedisCallConnection());
+        c = own->get();
         if (c == nullptr) {
             ZLOG(eZLogError, "Failed to call RedisConnect()\n");
             return RT_FAILURE;
@@ -208,7 +229,6 @@ eRtCode ZJsonArray::UpdateParentOdataCount(redisContext* c) {
             if (rt == RT_SUCCESS) mPublishedCount = size;
         }
     }
-    if (own != nullptr) RedisDisconnect(own);
     return rt;
 }
 
@@ -229,14 +249,13 @@ eRtCode ZJsonArray::CleanItemsFromRedis(redisContext* c) {
 void ZJsonArray::_Destroy(eDestroyMode mode, bool clearStore) {
     ZObject* parent = GetParent();
     if (parent != nullptr && !IsDied()) {
-        redisContext* c = RedisConnect();
-        if (c == nullptr) {
+        RedisCallConnection conn;
+        if (conn.get() == nullptr) {
             ZLOG(eZLogError, "Failed to call RedisConnect()\n");
         } else {
             const std::string key = parent->GetJPath();
-            RedisHashDel(c, key.c_str(), (mId + "@odata.navigationLink").c_str());
-            RedisHashDel(c, key.c_str(), (mId + "@odata.count").c_str());
-            RedisDisconnect(c);
+            RedisHashDel(conn.get(), key.c_str(), (mId + "@odata.navigationLink").c_str());
+            RedisHashDel(conn.get(), key.c_str(), (mId + "@odata.count").c_str());
         }
     }
     ObjDestroy(mode, clearStore);

@@ -11,9 +11,11 @@
 #define ORBEL_ZJSONARRAY_H
 
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "ZObject.h"
@@ -61,10 +63,20 @@ public:
 private:
     void _InitFillDefaultContents();
     void _InitMultiBackendMembers();
+    // Member bookkeeping; the caller holds mMemberMutex.
+    bool _IsMemberLocked(ZObject* obj) const;
+    void _AddMemberLocked(ZObject* obj);
+
+    // From this many members on, an array also keeps mMemberIndex, so that
+    // the duplicate check of an append does not search the whole vector (a
+    // collection's "Members" is checked once per new member). Smaller arrays,
+    // nearly all of them, spend no memory on it.
+    static constexpr size_t kMemberIndexFrom = 32;
 
     const uint32_t mClassAttributes;
     std::mutex mMemberMutex;  // guards everything below
     std::vector<ZObject*> mMembers;
+    std::unique_ptr<std::unordered_set<ZObject*>> mMemberIndex;  // null below kMemberIndexFrom
     int32_t mPublishedCount = -1;
     std::set<std::string> mWrittenItems;  // MultiBackend: items this process wrote
 };

@@ -12,6 +12,7 @@
 #include "ZApplication.h"
 #include "ZJsonArray.h"
 #include "ZLogPrint.h"
+#include "ZResourceCollection.h"
 #include "ZSchema.h"
 
 namespace Orbel {
@@ -47,13 +48,19 @@ ZResource::ZResource(ZObject* parent, ZSchema* schema, eType type, const std::st
 ZResource::ZResource(ZObject* parent, ZSchema* schema, const std::string& id,
                      const std::string& name, uint32_t attributes)
     : ZResource(parent, schema, eResource, id, name, attributes) {
+    // Clearing its keys, its channel lists, the collection's member list and
+    // the first apply share one connection.
+    RedisConnectionScope storeScope;
     if (_InitResource()) ApplyRedisChanges(true, nullptr);
 }
 
 ZResource::~ZResource() {
     // Deleted without ObjDestroy (logged by the node core): the schema must
-    // not keep a pointer to it.
-    if (!IsDied() && mSchema != nullptr) mSchema->DelResource(mName, this);
+    // not keep a pointer to it, and its collection may hand out its id again.
+    if (!IsDied()) {
+        if (mSchema != nullptr) mSchema->DelResource(mName, this);
+        _ReleaseMemberId();
+    }
 }
 
 bool ZResource::_InitResource() {
@@ -65,10 +72,8 @@ bool ZResource::_InitResource() {
 }
 
 void ZResource::_InitFillDefaultContents() {
-    // A RawJson resource keeps its content as one JSON text, which the JSON
-    // text translation fills; the per-field defaults below do not apply.
-    if (IsDataFmtRawJson()) return;
-
+    // A RawJson resource gets the same defaults inside its text (its "&&"
+    // fields stay fields of its hash), but no request channel lists.
     HashWrite("@odata.id", GetOdataId());
     if (mSchema != nullptr) {
         const std::string print = mSchema->GetOdataPrintName();
@@ -84,7 +89,7 @@ void ZResource::_InitFillDefaultContents() {
     if (mSchema == nullptr) return;
 
     const uint32_t crudq = mSchema->GetCRUDqFlag();
-    for (int method = 0; method < eReqMethodNum; ++method) {
+    for (int method = 0; method < eReqMethodNum && !IsDataFmtRawJson(); ++method) {
         if ((crudq & (1u << method)) == 0) continue;
         auto* channels = new ZJsonArray(this, QueueWord(method), 0);
         if (channels->GetJPath().empty()) {
@@ -159,7 +164,7 @@ void ZResource::UpdateOdataId() {
         changed = odataId != mOdataId;
         if (changed) mOdataId = odataId;
     }
-    if (changed && !IsDataFmtRawJson()) HashWrite("@odata.id", odataId);
+    if (changed) HashWrite("@odata.id", odataId);
 }
 
 // ---------------------------------------------------------------------------
@@ -313,8 +318,19 @@ eRtCode ZResource::SetPrivateData(void* data, RecyclePrivDataCallback_t recycle)
     return RT_SUCCESS;
 }
 
+void ZResource::_ReleaseMemberId() {
+    // A parent outlives its children, so the chain is safe to walk here.
+    ZObject* holder = GetParent();
+    if (holder == nullptr || holder->GetType() != eJsonArray || holder->IsDied()) return;
+    ZObject* owner = holder->GetParent();
+    if (owner == nullptr || owner->GetType() != eResourceCollection || owner->IsDied()) return;
+    if (holder->GetId() != "Members") return;
+    static_cast<ZResourceCollection*>(owner)->_MemberIdReleased(mId);
+}
+
 void ZResource::ResourceDestroy() {
     if (mSchema != nullptr) mSchema->DelResource(mName, this);
+    _ReleaseMemberId();
     void* data = mPrivateData;
     RecyclePrivDataCallback_t recycle = mRecyclePrivData;
     mPrivateData = nullptr;

@@ -122,6 +122,8 @@ protected:
     bool _InitResource();
     void _InitFillDefaultContents();
     void _InitFillCRUDChannel(ZJsonArray* channelArray, int method);
+    // A member leaving its collection's "Members" tells the collection its id.
+    void _ReleaseMemberId();
 
     ZSchema* const mSchema;
     const uint32_t mClassAttributes;

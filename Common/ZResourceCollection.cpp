@@ -1,6 +1,9 @@
 // A resource collection: a resource whose "Members" array links its members.
 #include "ZResourceCollection.h"
 
+#include <cstdlib>
+
+#include "RedisCli.h"
 #include "ZApplication.h"
 #include "ZJsonArray.h"
 #include "ZLogPrint.h"
@@ -14,6 +17,7 @@ constexpr const char* kMembers = "Members";
 ZResourceCollection::ZResourceCollection(ZObject* parent, ZSchema* schema, const std::string& id,
                                          const std::string& name, uint32_t attributes)
     : ZResource(parent, schema, eResourceCollection, id, name, attributes) {
+    RedisConnectionScope storeScope;  // one connection for the whole construction
     if (!_InitResource()) return;
     _InitFillDefaultContents();
     ApplyRedisChanges(true, nullptr);
@@ -89,11 +93,34 @@ int ZResourceCollection::GetFreeMemberId() {
         ZLOG(eZLogError, "Cannot get child[%s] from object[%s].\n", kMembers, mJPath.c_str());
         return 1;
     }
-    unsigned int count = static_cast<ZJsonArray*>(members)->ItemNum();
-    for (unsigned int n = 1; n <= count; ++n) {
-        if (members->GetChild(static_cast<int>(n), true) == nullptr) return static_cast<int>(n);
+    const unsigned int count = static_cast<ZJsonArray*>(members)->ItemNum();
+    unsigned int n;
+    uint32_t epoch;
+    {
+        std::lock_guard<std::mutex> lock(mFreeIdMutex);
+        n = mFreeIdHint;
+        epoch = mFreeIdEpoch;
     }
-    return static_cast<int>(count) + 1;
+    // No lock of this node is held while the member list is asked.
+    while (n <= count && members->GetChild(static_cast<int>(n), true) != nullptr) ++n;
+    {
+        std::lock_guard<std::mutex> lock(mFreeIdMutex);
+        if (epoch == mFreeIdEpoch && n > mFreeIdHint) mFreeIdHint = n;
+    }
+    // Ids below the hint are all taken: when the hint lies beyond the stored
+    // count, the count + 1 is the answer.
+    return static_cast<int>(n <= count ? n : count + 1);
+}
+
+void ZResourceCollection::_MemberIdReleased(const std::string& id) {
+    // Only decimal ids are ever handed out; others cannot move the hint.
+    if (id.empty() || id.size() > 9 || id.find_first_not_of("0123456789") != std::string::npos) {
+        return;
+    }
+    const unsigned int n = static_cast<unsigned int>(std::strtoul(id.c_str(), nullptr, 10));
+    std::lock_guard<std::mutex> lock(mFreeIdMutex);
+    ++mFreeIdEpoch;
+    if (n >= 1 && n < mFreeIdHint) mFreeIdHint = n;
 }
 
 void ZResourceCollection::DeleteAllMemberResources() {

@@ -8,6 +8,8 @@
 #ifndef ORBEL_ZRESOURCECOLLECTION_H
 #define ORBEL_ZRESOURCECOLLECTION_H
 
+#include <cstdint>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -27,7 +29,9 @@ public:
 
     unsigned int GetMemberCount();
     std::vector<std::string> GetMemberObjIDs();
-    // The smallest free member id from 1 up; -1 for a died collection.
+    // The smallest free member id from 1 up to the stored member count (the
+    // count + 1 when all are taken); -1 for a died collection. Each call
+    // reads the count from the store.
     int GetFreeMemberId();
     void DeleteAllMemberResources();
     eRtCode UpdateMemberCount();
@@ -35,8 +39,23 @@ public:
     // Retires the collection (the path ObjDestroy takes for collection children).
     void _Destroy(eDestroyMode mode, bool clearStore);
 
+    // Called by a member resource that leaves "Members" (retired, or deleted
+    // while alive): its id may be free again.
+    void _MemberIdReleased(const std::string& id);
+
 private:
     void _InitFillDefaultContents();
+
+    // Where GetFreeMemberId starts looking. Every id below mFreeIdHint
+    // belonged to a live member when the hint was raised, and a member that
+    // leaves lowers the hint to its id, so no free id lies below it: a
+    // collection filled in order finds the next id at once instead of trying
+    // every id from 1 (which made filling a collection quadratic). A search
+    // raises the hint only when no member left while it looked
+    // (mFreeIdEpoch counts the departures).
+    std::mutex mFreeIdMutex;  // guards mFreeIdHint, mFreeIdEpoch
+    unsigned int mFreeIdHint = 1;
+    uint32_t mFreeIdEpoch = 0;
 };
 
 }  // namespace Orbel

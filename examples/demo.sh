@@ -14,7 +14,8 @@ BUILD="${1:?usage: demo.sh BUILD_DIR}"
 BUILD="$(cd "$BUILD" && pwd)"
 PLUGIN="$BUILD/examples/RF_Root/RF_Root"
 SIM="$BUILD/platform/sim/orbel-sim"
-for f in "$PLUGIN" "$SIM"; do
+TREE="$BUILD/tools/treereader/orbel-tree"
+for f in "$PLUGIN" "$SIM" "$TREE"; do
   [ -x "$f" ] || { echo "demo: $f is not built" >&2; exit 1; }
 done
 command -v redis-server >/dev/null || { echo "demo: redis-server not found" >&2; exit 1; }
@@ -56,6 +57,7 @@ SOCK="$SYSROOT/tmp/redis.sock"
 RD="$SYSROOT/tmp/Redfish"
 OUT="$SYSROOT/RF_Root.out"
 rcli() { redis-cli -s "$SOCK" "$@"; }
+tree() { "$TREE" "$@"; }
 
 step "1. A private sysroot"
 note "ORBEL_SYSROOT=$SYSROOT"
@@ -81,6 +83,11 @@ wait_for 15 grep -q "Waiting Corvel Orbel ready!" "$OUT" || fail "RF_Root does n
 note "RF_Root has created its schemas and built its resources, and now checks the"
 note "VEX variable nginx_redfish_ready once a second:"
 grep -E "initialed|Waiting Corvel" "$OUT" | head -n 4 | show
+note "Its resources are in the store already; a system's Status still says Starting:"
+note "\$ orbel-tree --compact '&&/redfish/v1/Systems/1/Status'"
+tree --compact "&&/redfish/v1/Systems/1/Status" | show
+tree --compact "&&/redfish/v1/Systems/1/Status" | grep -q '"State":"Starting"' ||
+  fail "system 1 is not Starting before the front end is ready"
 
 step "4. While it starts, RF_Root is listed in the store set &&AccessBlockList"
 note "\$ redis-cli SMEMBERS '&&AccessBlockList'"
@@ -100,14 +107,35 @@ wait_for 5 sh -c "[ \"\$(redis-cli -s '$SOCK' SISMEMBER '&&AccessBlockList' RF_R
   fail "RF_Root is still in &&AccessBlockList"
 note "&&AccessBlockList no longer holds it (SCARD = $(rcli SCARD '&&AccessBlockList'))."
 
-step "6. Diagnostics through the debug-info variable"
+step "6. The resources as the front end serves them"
+note "orbel-tree assembles a resource's JSON from the store by following its link"
+note "fields, as the front end does. The service root, written by ServiceRootSchema;"
+note "SystemsSchema linked its collection into it:"
+note "\$ orbel-tree /redfish/v1/"
+tree /redfish/v1/ | show
+note "The Systems collection; the library keeps Members and its count:"
+note "\$ orbel-tree --compact /redfish/v1/Systems"
+tree --compact /redfish/v1/Systems | show
+note "One member (ComputerSystemSchema): scalars, nested objects, arrays and links."
+note "Its Status.State went from Starting to Enabled in the post-ready stage:"
+note "\$ orbel-tree /redfish/v1/Systems/1"
+tree /redfish/v1/Systems/1 | show
+tree --compact "&&/redfish/v1/Systems/1/Status" | grep -q '"State":"Enabled"' ||
+  fail "system 1 is not Enabled after the front end is ready"
+note "Every key in the store: resources under their URI, nested objects, arrays and"
+note "request queue lists under && paths (the first 8 of $(rcli DBSIZE) keys):"
+note "\$ orbel-tree --keys '*'"
+tree --keys '*' | head -n 8 | show
+note "..."
+
+step "7. Diagnostics through the debug-info variable"
 note "\$ orbel-sim vex set RF_Root_dbg_Info ru     (resource usage; '?' lists the requests)"
 "$SIM" vex set RF_Root_dbg_Info ru >/dev/null
 wait_for 10 test -e "$RD/RF_Root.dbginfo" || fail "no answer to the debug-info request"
 note "The process loop (every 3 s) answered in RF_Root.dbginfo:"
 show <"$RD/RF_Root.dbginfo"
 
-step "7. Logs"
+step "8. Logs"
 note "Files in $RD:"
 ls -1 "$RD" | show
 note "RF_Root.loginit.gz keeps the start-up phase (set aside once start-up was over);"
@@ -118,7 +146,7 @@ gzip -dc "$RD/RF_Root.loginit.gz" | tail -n 3 | show
 note "and of the running log:"
 tail -n 2 "$RD/RF_Root.log" | show
 
-step "8. SIGTERM: the orderly exit"
+step "9. SIGTERM: the orderly exit"
 note "\$ kill -TERM $PLUGIN_PID"
 kill -TERM "$PLUGIN_PID"
 wait_for 15 sh -c "! kill -0 $PLUGIN_PID 2>/dev/null" || fail "RF_Root did not exit"

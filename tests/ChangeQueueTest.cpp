@@ -294,28 +294,6 @@ TEST_F(ChangeQueueTest, RefusedWrites) {
     EXPECT_EQ(sys->GetRedisChangeNum(), 1u);  // only "Odd"
 }
 
-TEST_F(ChangeQueueTest, RawJsonNodesRefuseEveryWrite) {
-    auto* raw = new ZResource(nullptr, nullptr, "/redfish/v1/Raw", "", ZObject::ATTR_RawJson);
-    const std::string refused =
-        "This function is not available when data format is set to RawJson.\n";
-    size_t mark = LogMark();
-    EXPECT_EQ(raw->HashWrite("A", 1), RT_FAILURE);
-    EXPECT_EQ(raw->HashRemove("A"), RT_FAILURE);
-    EXPECT_EQ(raw->HashWriteNumArray("B", nullptr, 0), RT_FAILURE);
-    EXPECT_EQ(raw->ObjData2RawJsonString(), "");
-    EXPECT_EQ(raw->ApplyRawJsonData(nullptr), RT_FAILURE);
-    std::string logged = OrbelTest::LogSince(mark);
-    size_t count = 0;
-    for (size_t pos = logged.find(refused); pos != std::string::npos;
-         pos = logged.find(refused, pos + 1)) {
-        ++count;
-    }
-    EXPECT_EQ(count, 5u);
-    EXPECT_EQ(raw->GetRedisChangeNum(), 0u);
-    EXPECT_EQ(raw->ApplyRedisChanges(), RT_SUCCESS);
-    EXPECT_FALSE(OrbelTest::Exists("/redfish/v1/Raw"));
-}
-
 TEST_F(ChangeQueueTest, NumArraysAreWrittenAtOnce) {
     const unsigned char bytes[] = {1, 2, 255};
     ASSERT_EQ(sys->HashWriteNumArray("Bytes", bytes, 3), RT_SUCCESS);

@@ -421,4 +421,75 @@ TEST_F(ResourceTest, DestroyAllResourcesEmptiesTheSchema) {
     EXPECT_EQ(mApp->RecycledListSize(), 0u);
 }
 
+TEST_F(ResourceTest, FreeMemberIdsStaySmallestAfterMembersComeAndGo) {
+    ZSchema collSchema("ComputerSystemCollection", "", ZSchema::CRUDQ_READ, "ComputerSystem");
+    ZSchema memberSchema("ComputerSystem", "v1_20_0", ZSchema::CRUDQ_READ);
+    auto* coll = new ZResourceCollection(nullptr, &collSchema, "/redfish/v1/Systems");
+    std::vector<ZResource*> made;
+    for (int i = 0; i < 6; ++i) {
+        const int id = coll->GetFreeMemberId();
+        ASSERT_EQ(id, i + 1);
+        made.push_back(new ZResource(coll, &memberSchema, std::to_string(id)));
+    }
+    // Members leaving in any order free their ids; the smallest comes first.
+    made[4]->ObjDestroy(ZObject::eDestroyDelete, true);
+    EXPECT_EQ(coll->GetFreeMemberId(), 5);
+    made[1]->ObjDestroy(ZObject::eDestroyDelete, true);
+    EXPECT_EQ(coll->GetFreeMemberId(), 2);
+    new ZResource(coll, &memberSchema, "2");
+    EXPECT_EQ(coll->GetFreeMemberId(), 5);
+    new ZResource(coll, &memberSchema, "5");
+    EXPECT_EQ(coll->GetFreeMemberId(), 7);
+
+    // An id chosen by the caller is taken like any other.
+    new ZResource(coll, &memberSchema, "8");
+    EXPECT_EQ(coll->GetFreeMemberId(), 7);
+    new ZResource(coll, &memberSchema, "7");
+    EXPECT_EQ(coll->GetFreeMemberId(), 9);
+
+    // A member deleted while alive (logged misuse) frees its id too.
+    size_t mark = LogMark();
+    delete made[0];
+    EXPECT_TRUE(Logged(mark, "! WARNING ! : Shall call ObjDestroy() function"));
+    EXPECT_EQ(coll->GetFreeMemberId(), 1);
+
+    // The search stops at the stored member count: a list emptied behind
+    // the library's back gives 1 again.
+    OrbelTest::RawCommand({"DEL", "&&/redfish/v1/Systems/Members"});
+    EXPECT_EQ(coll->GetFreeMemberId(), 1);
+    coll->ObjDestroy(ZObject::eDestroyDelete, true);
+}
+
+TEST_F(ResourceTest, ALargeArrayKeepsItsMembersInOrderAndRefusesDuplicates) {
+    auto* owner = new ZJsonObject(nullptr, "Owner");
+    auto* array = new ZJsonArray(owner, "Items", 0);
+    std::vector<ZObject*> items;
+    for (int i = 0; i < 40; ++i) {
+        auto* item = new ZJsonObject(owner, "Item" + std::to_string(i));
+        items.push_back(item);
+        ASSERT_EQ(array->ListWrite(-1, item, true), RT_SUCCESS);
+    }
+    size_t mark = LogMark();
+    // Past the size from which the array indexes its members, an early and a
+    // late member are both still known.
+    EXPECT_EQ(array->AddObjectItem(items[0]), RT_FAILURE);
+    EXPECT_EQ(array->AddObjectItem(items[39]), RT_FAILURE);
+    EXPECT_TRUE(Logged(mark, "Add a duplicate object["));
+    std::vector<ZObject*> members;
+    array->GetMemberObjects(members);
+    EXPECT_EQ(members, items);
+    EXPECT_EQ(array->GetIdxByObject(items[39]), 39);
+
+    // A member removed can be added again, at the end.
+    EXPECT_EQ(array->DelObjectItem(items[3]), RT_SUCCESS);
+    EXPECT_EQ(array->GetIdxByObject(items[3]), -1);
+    EXPECT_EQ(array->AddObjectItem(items[3]), RT_SUCCESS);
+    EXPECT_EQ(array->GetIdxByObject(items[3]), 39);
+    array->CleanObjectItem();
+    EXPECT_EQ(array->AddObjectItem(items[0]), RT_SUCCESS);
+    array->GetMemberObjects(members);
+    EXPECT_EQ(members, std::vector<ZObject*>{items[0]});
+    owner->Destroy(true);
+}
+
 }  // namespace

@@ -446,4 +446,38 @@ TEST_F(StoreTreeReaderTest, CommandExitCodes) {
     EXPECT_EQ(run.output, "orbel-tree: no JPATH given\n" + UsageText());
 }
 
+TEST_F(StoreTreeReaderTest, RawJsonHashesAreTheirStoredText) {
+    const std::string text = R"({"@odata.id":"/redfish/v1/Raw","Z":[1,{"a":null}],"A":"x"})";
+    // The text as stored, members unsorted; the hash's other fields
+    // (meta data, and even a plain field or a link) are not looked at.
+    HSet("/redfish/v1/Raw", {{"&&RawJSON", text},
+                             {"&&Async", "true"},
+                             {"Plain", "1"},
+                             {"&&Object Sub &&/redfish/v1/Raw/Sub", ""}});
+    HSet("&&/redfish/v1/Raw/Sub", {{"S", "2"}});
+    EXPECT_EQ(Read("/redfish/v1/Raw"), text);
+    EXPECT_EQ(Read("/redfish/v1/Raw", true), text);
+
+    // Reached through links from a normal hash and a list.
+    HSet("/redfish/v1/Sys", {{"&&Object Oem /redfish/v1/Raw", ""}, {"N", "\"n\""}});
+    RPush("&&/redfish/v1/Sys/L", {"&&Object /redfish/v1/Raw"});
+    HSet("/redfish/v1/Sys", {{"&&Array L &&/redfish/v1/Sys/L", ""}});
+    EXPECT_EQ(Read("/redfish/v1/Sys"), R"({"L":[)" + text + R"(],"N":"n","Oem":)" + text + "}");
+
+    // Pretty output splices the text in unchanged as well.
+    Orbel::sStoreTreeOptions pretty;
+    std::string json;
+    ASSERT_TRUE(Orbel::ReadStoreTree(mConn.get(), "/redfish/v1/Sys", json, nullptr, pretty));
+    EXPECT_EQ(json, "{\n    \"L\": [\n        " + text +
+                        "\n    ],\n    \"N\": \"n\",\n"
+                        "    \"Oem\": " +
+                        text + "\n}");
+
+    // A text that is not JSON never breaks the output; an empty one is null.
+    HSet("/redfish/v1/Bad", {{"&&RawJSON", "{'a':1}"}});
+    EXPECT_EQ(Read("/redfish/v1/Bad"), R"("{'a':1}")");
+    HSet("/redfish/v1/Empty", {{"&&RawJSON", ""}, {"X", "1"}});
+    EXPECT_EQ(Read("/redfish/v1/Empty"), "null");
+}
+
 }  // namespace

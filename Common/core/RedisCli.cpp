@@ -30,6 +30,16 @@ namespace Orbel {
 
 namespace {
 
+// The connection of the innermost RedisConnectionScope of this thread, or
+// null. Only this thread reads or writes it.
+thread_local redisContext* tScopedConn = nullptr;
+
+// The scoped connection while it can still carry commands; null otherwise.
+redisContext* UsableScopedConn() {
+    redisContext* c = tScopedConn;
+    return c != nullptr && c->err == 0 ? c : nullptr;
+}
+
 struct ReplyDeleter {
     void operator()(redisReply* r) const {
         if (r != nullptr) freeReplyObject(r);
@@ -105,9 +115,16 @@ public:
     CallContext(const CallContext&) = delete;
     CallContext& operator=(const CallContext&) = delete;
 
-    // Connects when the caller passed null; false when that failed.
+    // When the caller passed null: takes the thread's scoped connection, or
+    // connects; false when that failed.
     bool Open() {
         if (mCtx != nullptr) return true;
+        mCtx = UsableScopedConn();
+        if (mCtx != nullptr) return true;
+        return OpenNew();
+    }
+    // Always a new connection of its own (for one that outlives the call).
+    bool OpenNew() {
         mCtx = RedisConnect();
         mOwned = mCtx != nullptr;
         return mOwned;
@@ -377,6 +394,42 @@ void RedisDisconnect(redisContext* c) {
     if (c != nullptr) redisFree(c);
 }
 
+RedisConnectionScope::RedisConnectionScope() : mPrev(tScopedConn) {
+    // An enclosing scope already serves this thread (unless its connection
+    // broke: then this scope brings a new one for its own span).
+    if (UsableScopedConn() != nullptr) return;
+    mOwned = RedisConnect();
+    if (mOwned == nullptr) return;  // logged; calls connect by themselves as before
+    tScopedConn = mOwned;
+    mActive = true;
+}
+
+RedisConnectionScope::RedisConnectionScope(redisContext* c) : mPrev(tScopedConn) {
+    if (c == nullptr) return;
+    tScopedConn = c;
+    mActive = true;
+}
+
+RedisConnectionScope::~RedisConnectionScope() {
+    if (!mActive) return;
+    tScopedConn = mPrev;
+    RedisDisconnect(mOwned);
+}
+
+redisContext* RedisConnectionScope::Current() {
+    return tScopedConn;
+}
+
+RedisCallConnection::RedisCallConnection() : mCtx(UsableScopedConn()) {
+    if (mCtx != nullptr) return;
+    mCtx = RedisConnect();
+    mOwned = mCtx != nullptr;
+}
+
+RedisCallConnection::~RedisCallConnection() {
+    if (mOwned) RedisDisconnect(mCtx);
+}
+
 eRtCode redisAuthentication(redisContext* c, const char* pass) {
     if (c == nullptr || pass == nullptr) {
         ZLOG(eZLogError, "Null pointer! rc:%p pass:%p\n", static_cast<void*>(c),
@@ -412,9 +465,9 @@ void RedisDumpReply(const char* cmd, redisReply* reply) {
 
 redisContext* RedisSubscribeFromChannel(std::string channel) {
     // The subscription outlives this call, so the connection is always a new
-    // one that the listening thread owns afterwards.
+    // one that the listening thread owns afterwards, never a scoped one.
     CallContext ctx(nullptr);
-    if (!ctx.Open()) {
+    if (!ctx.OpenNew()) {
         ZLOG(eZLogError, "Failed to call RedisConnect().\n");
         return nullptr;
     }

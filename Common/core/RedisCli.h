@@ -3,11 +3,12 @@
 //
 // Connections. Every wrapper takes a hiredis context first. A context passed
 // by the caller is used and left open. When the caller passes null, most
-// wrappers open a connection of their own (RedisConnect) for that one call
-// and close it before returning, on every path. Six wrappers never connect by
-// themselves and treat a null context as a null argument (log, return 2):
-// RedisSetAdd, RedisSetRem, RedisListSize, RedisListSet, RedisListGet and
-// RedisListWriteBinData.
+// wrappers use the thread's scoped connection (RedisConnectionScope) if there
+// is one, else open a connection of their own (RedisConnect) for that one
+// call and close it before returning, on every path. Six wrappers never
+// connect by themselves and treat a null context as a null argument (log,
+// return 2): RedisSetAdd, RedisSetRem, RedisListSize, RedisListSet,
+// RedisListGet and RedisListWriteBinData.
 //
 // Threads. The functions keep no state. A context belongs to one thread at a
 // time: never share one between threads, and never reuse one after a
@@ -53,12 +54,69 @@ enum eRedisTableType : int {
 // RedisDisconnect), or null (logged). No time-out, no retry.
 redisContext* RedisConnect();
 void RedisDisconnect(redisContext* c);
+
+// One store connection shared by the store work of one thread for a span of
+// time (a start-up stage, one request). While an object of this class lives,
+// the calls that would otherwise open a connection for a single operation
+// use the scope's: the wrappers given a null context, and the object model's
+// constructors and applies (RedisCallConnection). Connecting costs as much
+// as a few commands, and building one resource used to open several.
+//
+// Scopes nest: a default-constructed scope on a thread that has a usable one
+// already adds nothing. RedisConnect() is never affected: it always returns a new
+// connection that the caller owns, may keep, or may hand to another thread.
+// A scoped connection whose error flag is set (the server went away) is no
+// longer handed out: calls connect by themselves again, and only the one
+// command that met the failure fails.
+//
+// Threads: a scope belongs to the thread that made it, and must end on that
+// thread, in reverse order of construction (make it a local variable).
+class RedisConnectionScope {
+public:
+    // Opens a connection for the scope, unless the thread has a scope
+    // already. Without a store (logged) the scope is empty and calls connect
+    // by themselves as before.
+    RedisConnectionScope();
+    // Lends `c` to the scope (null: an empty scope); the caller keeps owning
+    // it and must keep it open while the scope lives.
+    explicit RedisConnectionScope(redisContext* c);
+    ~RedisConnectionScope();
+
+    RedisConnectionScope(const RedisConnectionScope&) = delete;
+    RedisConnectionScope& operator=(const RedisConnectionScope&) = delete;
+
+    // The connection of the thread's innermost scope, null outside any.
+    static redisContext* Current();
+
+private:
+    redisContext* const mPrev;       // the enclosing scope's connection
+    redisContext* mOwned = nullptr;  // opened by this scope, closed by it
+    bool mActive = false;            // this scope set the thread's connection
+};
+
+// A connection for one operation: the thread's scoped connection while it is
+// usable, else a new one that the destructor closes. get() is null when no
+// connection could be opened (logged by RedisConnect). Never keep get()
+// beyond the object's life, nor pass it to another thread.
+class RedisCallConnection {
+public:
+    RedisCallConnection();
+    ~RedisCallConnection();
+    RedisCallConnection(const RedisCallConnection&) = delete;
+    RedisCallConnection& operator=(const RedisCallConnection&) = delete;
+
+    redisContext* get() const { return mCtx; }
+
+private:
+    redisContext* mCtx;
+    bool mOwned = false;
+};
 // "AUTH <pass>": 0 only on a status reply "OK", else 2.
 eRtCode redisAuthentication(redisContext* c, const char* pass);
 // Logs `reply` recursively, indented per array level.
 void RedisDumpReply(const char* cmd, redisReply* reply);
 
-// Always opens its own connection and sends "SUBSCRIBE <channel>". Returns
+// Always opens its own connection (never a scoped one) and sends "SUBSCRIBE <channel>". Returns
 // that context (the caller reads messages with redisGetReply and closes it),
 // or null.
 redisContext* RedisSubscribeFromChannel(std::string channel);

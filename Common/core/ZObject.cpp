@@ -124,6 +124,7 @@ ZObject::~ZObject() {
     delete mChildList;
     delete mReferencedBy;
     delete mReferenceTo;
+    delete mRawJson;
 }
 
 eRtCode ZObject::Initial() {
@@ -150,6 +151,7 @@ eRtCode ZObject::Initial() {
     {
         std::lock_guard<std::mutex> lock(mQueueMutex);
         mRedisCmdQueue = new std::vector<sRedisCmdItem*>();
+        if (mIsRawJson && mRawJson == nullptr) mRawJson = new sRawJsonData();
     }
     {
         std::lock_guard<std::mutex> lock(mRefMutex);
@@ -563,7 +565,8 @@ void ZObject::_RelinkInStore(ZObject* referrer, const std::string& metaKey) {
     item.action = change.action;
     if (referrer->_ObjChg2RedisCmd(&change, &item) != RT_SUCCESS) return;
 
-    redisContext* c = RedisConnect();
+    RedisCallConnection conn;
+    redisContext* c = conn.get();
     if (c == nullptr) {
         ZLOG(eZLogError, "Failed to call RedisConnect().\n");
         return;
@@ -576,7 +579,6 @@ void ZObject::_RelinkInStore(ZObject* referrer, const std::string& metaKey) {
         if (item.key != metaKey) RedisHashDel(c, key.c_str(), metaKey.c_str());
         RedisHashSet(c, key.c_str(), item.key.c_str(), item.value.c_str());
     }
-    RedisDisconnect(c);
     // The referrer's bookkeeping follows the text now in the store.
     AppendReferencedBy(referrer, isArray ? item.value : item.key);
 }
@@ -656,7 +658,13 @@ void ZObject::ObjDestroy(eDestroyMode mode, bool clearStore) {
 void ZObject::_ClearRedisCache() {
     // The service root is shared by every plug-in: never cleared.
     if (mId == "/redfish/v1/" || mJPath.empty()) return;
-    redisContext* c = RedisConnect();
+    // Below a RawJson root nothing has a key of its own: the root's text
+    // holds it all.
+    if (mIsRawJson && !IsRawJsonRoot()) return;
+    // The thread's scoped connection when there is one: every node made
+    // clears its key, and a connection of its own would cost more than that.
+    RedisCallConnection conn;
+    redisContext* c = conn.get();
     if (c == nullptr) {
         ZLOG(eZLogError, "Failed to call RedisConnect().\n");
         return;
@@ -673,7 +681,6 @@ void ZObject::_ClearRedisCache() {
             static_cast<ZResource*>(this)->CleanPropertiesFromRedis(c);
             break;
     }
-    RedisDisconnect(c);
 }
 
 }  // namespace Orbel

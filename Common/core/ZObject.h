@@ -90,6 +90,22 @@ struct sObjectChange {
     ZObject* objValue = nullptr;  // kind 5
 };
 
+// The content of a RawJson node (docs/wire-protocol.md, "RawJson nodes"):
+// what its applied writes made of it, rendered as JSON text on demand. Only
+// RawJson nodes have one (allocated by Initial); it is guarded by the node's
+// queue lock.
+struct sRawJsonData {
+    struct sEntry {
+        std::string key;  // member name; empty for an array element
+        // The member's JSON value text, or, for a nested child node,
+        // "&&Object <child id>" / "&&Array <child id>" (a JSON text never
+        // begins with "&").
+        std::string text;
+    };
+    std::vector<sEntry> entries;          // objects: by first write; arrays: element order
+    std::map<std::string, size_t> index;  // objects: member name -> position in entries
+};
+
 // One queued store command.
 struct sRedisCmdItem {
     eObjChgAction action = eObjChgUpdate;
@@ -259,6 +275,15 @@ public:
     eRtCode ListRemove(const std::string& text, bool all = false);
     eRtCode ListRemove(int index);  // reads the list from the store first
     eRtCode ListRemove(ZObject* item);
+    // Empties a JSON array at once, not through the queue: deletes its
+    // stored elements (on a MultiBackend array only those this process
+    // wrote) and refreshes the parent's count, drops the array's queued
+    // changes, forgets the links it held and retires the nodes it owned
+    // (their keys go too). On a RawJson array the in-memory content is
+    // emptied instead; the root's next apply writes the text. Returns 0, or
+    // 2 (logged) on a non-array or when the store cannot be reached (then
+    // nothing has changed).
+    eRtCode ListRemoveAll();
     // The element count in the store; -1 (logged) when it cannot be read.
     int ListSize(redisContext* c);
 
@@ -287,7 +312,10 @@ public:
     // Takes ownership of `item`.
     void AppendRedisChange(sRedisCmdItem* item);
     // Writes the queue (and with `recursive` the children's, in id order) to
-    // the store on `c`, or on a connection of its own when `c` is null.
+    // the store on `c`, or on a connection of its own when `c` is null. On a
+    // RawJson root it is ApplyRawJsonData (the whole subtree, whatever
+    // `recursive` says); on any other RawJson node it does nothing (logged):
+    // its root writes it.
     eRtCode ApplyRedisChanges(bool recursive = true, redisContext* c = nullptr);
     eRtCode ObjData2RedisCache(bool recursive, redisContext* c);
     // Drops the queued commands without writing them.
@@ -297,10 +325,24 @@ public:
     void DumpRedisChanges(bool recursive = false);
     void DumpObjectChange(sObjectChange* change);
 
-    // RawJson data format: the node's content as one JSON text under the
-    // field "&&RawJSON" (see docs/wire-protocol.md).
+    // RawJson data format: a RawJson root (a RawJson node whose parent is
+    // null or not RawJson) keeps its content and that of all its
+    // descendants as one JSON text in the field "&&RawJSON" of the hash at
+    // its JPath (docs/wire-protocol.md).
+    //
+    // The JSON text of this node's applied content (queued writes are not
+    // in it yet); "" (logged) on a node that is not RawJson.
     std::string ObjData2RawJsonString();
+    // On a RawJson root: merges the queued writes of the whole RawJson
+    // subtree into the nodes' content, then writes the text (and the
+    // root's "&&" meta fields) into the store on `c`, or on a connection of
+    // its own when `c` is null. The content is merged even when no
+    // connection can be had, and the next apply writes it. On a RawJson
+    // node that is not a root: does nothing (logged), returns 0. Returns 2
+    // on a node that is not RawJson or when the store write fails.
     eRtCode ApplyRawJsonData(redisContext* c);
+    // True for a RawJson node whose parent is null or not RawJson.
+    bool IsRawJsonRoot();
 
 protected:
     // Builds the JPath from `id`, registers the node in its parent and in the
@@ -315,6 +357,18 @@ protected:
     eRtCode _ListWrite(sObjectChange* change, eObjChgAction action, const std::string& text);
     eRtCode _ObjChg2RedisCmd(sObjectChange* change, sRedisCmdItem* item);
     eRtCode _ObjChg2RawJsonData(sObjectChange* change, sRedisCmdItem* item);
+    // The JSON value text of a change on a RawJson node (`name`: the
+    // property, "" for an array element); false (logged) when refused.
+    bool _RawJsonValueText(const sObjectChange* change, const std::string& name, std::string* out);
+    // Moves the queued items of this node (and, for the tree walk, of its
+    // descendants) into the content.
+    void _RawJsonMerge();
+    void _RawJsonMergeTree(unsigned depth);
+    // Sets one member of this object's content (applied, not queued).
+    void _RawJsonSetMember(const std::string& key, const std::string& text);
+    std::string _RawJsonRender(unsigned depth);
+    // Logs the refusal of a removal on a RawJson node.
+    static eRtCode _RawJsonRemovalRefused();
     // The value text of a change (the layout's value column).
     std::string _ValueText(const sObjectChange* change);
     // The link text of a node value ("&&Object ...", "&&Array ...",
@@ -353,9 +407,13 @@ protected:
     std::string mJPath;
     const bool mIsRawJson;
 
-    std::mutex mQueueMutex;  // guards mRedisCmdQueue, mLastAppendTick
+    std::mutex mQueueMutex;  // guards mRedisCmdQueue, mLastAppendTick, mRawJson
     std::vector<sRedisCmdItem*>* mRedisCmdQueue = nullptr;
     uint32_t mLastAppendTick = 0;
+    // RawJson nodes only (null otherwise): the applied content. Freed with
+    // the node, not by ObjDestroy, so a reader racing a retirement still
+    // finds it.
+    sRawJsonData* mRawJson = nullptr;
 
     std::mutex mChildMutex;  // guards mChildList
     std::map<std::string, ZObject*>* mChildList = nullptr;

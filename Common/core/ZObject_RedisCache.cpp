@@ -243,7 +243,7 @@ eRtCode ZObject::HashWriteRawString(const std::string& name, const std::string& 
 }
 
 eRtCode ZObject::_HashWrite(sObjectChange* change, eObjChgAction action, const std::string& name) {
-    if (!_CheckWritable()) return RT_FAILURE;
+    if (!_CheckWritable(true)) return RT_FAILURE;
     UseRelease release(this);
     if (!_IsHashTable("pptName", name)) return RT_FAILURE;
 
@@ -365,7 +365,7 @@ eRtCode ZObject::_ListWrite(sObjectChange* change, eObjChgAction action, int ind
              _LogName().c_str());
         return RT_FAILURE;
     }
-    if (!_CheckWritable()) return RT_FAILURE;
+    if (!_CheckWritable(true)) return RT_FAILURE;
     UseRelease release(this);
     if (!_IsListTable(index)) return RT_FAILURE;
 
@@ -444,8 +444,9 @@ ZObject* ZObject::_FindNodeOfProperty(const std::string& name, bool* isLink, std
 }
 
 eRtCode ZObject::HashRemove(const std::string& name) {
-    if (!_CheckWritable()) return RT_FAILURE;
+    if (!_CheckWritable(true)) return RT_FAILURE;
     UseRelease release(this);
+    if (mIsRawJson) return _RawJsonRemovalRefused();
     if (!_IsHashTable("pptName", name)) return RT_FAILURE;
 
     bool isLink = false;
@@ -480,8 +481,9 @@ eRtCode ZObject::HashRemove(const std::string& name) {
 }
 
 eRtCode ZObject::HashRemoveLink(const std::string& name) {
-    if (!_CheckWritable()) return RT_FAILURE;
+    if (!_CheckWritable(true)) return RT_FAILURE;
     UseRelease release(this);
+    if (mIsRawJson) return _RawJsonRemovalRefused();
     if (!_IsHashTable("pptName", name)) return RT_FAILURE;
 
     bool isLink = false;
@@ -540,8 +542,9 @@ eRtCode ZObject::HashRemoveLink(const std::string& name, ZResource* target) {
 }
 
 eRtCode ZObject::HashRemoveLink(const std::string& name, const std::string& target) {
-    if (!_CheckWritable()) return RT_FAILURE;
+    if (!_CheckWritable(true)) return RT_FAILURE;
     UseRelease release(this);
+    if (mIsRawJson) return _RawJsonRemovalRefused();
     if (!_IsHashTable("pptName", name)) return RT_FAILURE;
 
     const std::string field = "&&ObjectRef " + name + " " + target;
@@ -562,8 +565,9 @@ eRtCode ZObject::HashRemoveLink(const std::string& name, const std::string& targ
 }
 
 eRtCode ZObject::ListRemove(const std::string& text, bool all) {
-    if (!_CheckWritable()) return RT_FAILURE;
+    if (!_CheckWritable(true)) return RT_FAILURE;
     UseRelease release(this);
+    if (mIsRawJson) return _RawJsonRemovalRefused();
     if (!_IsListTable(-1)) return RT_FAILURE;
     return _ListRemoveText(text, all);
 }
@@ -612,8 +616,9 @@ eRtCode ZObject::_ListRemoveText(const std::string& text, bool all) {
 }
 
 eRtCode ZObject::ListRemove(int index) {
-    if (!_CheckWritable()) return RT_FAILURE;
+    if (!_CheckWritable(true)) return RT_FAILURE;
     UseRelease release(this);
+    if (mIsRawJson) return _RawJsonRemovalRefused();
     if (!_IsListTable(index)) return RT_FAILURE;
 
     std::vector<std::string> items;
@@ -629,8 +634,9 @@ eRtCode ZObject::ListRemove(int index) {
 }
 
 eRtCode ZObject::ListRemove(ZObject* item) {
-    if (!_CheckWritable()) return RT_FAILURE;
+    if (!_CheckWritable(true)) return RT_FAILURE;
     UseRelease release(this);
+    if (mIsRawJson) return _RawJsonRemovalRefused();
     if (!_IsListTable(-1)) return RT_FAILURE;
     if (!Use(item)) return RT_FAILURE;
     UseRelease releaseItem(item);
@@ -641,6 +647,66 @@ eRtCode ZObject::ListRemove(ZObject* item) {
         return RT_FAILURE;
     }
     return _ListRemoveText(metaKey, false);
+}
+
+eRtCode ZObject::ListRemoveAll() {
+    if (!_CheckWritable(true)) return RT_FAILURE;
+    UseRelease release(this);
+    if (!_IsListTable(-1)) return RT_FAILURE;
+    ZJsonArray* array = static_cast<ZJsonArray*>(this);
+    // Emptied at once, like the keys of the nodes that go with it: a
+    // queued removal that the caller discards would leave elements naming
+    // keys that are already gone.
+    if (!mIsRawJson) {
+        redisContext* c = RedisConnect();
+        if (c == nullptr) {
+            ZLOG(eZLogError, "Failed to call RedisConnect().\n");
+            return RT_FAILURE;
+        }
+        eRtCode rt = array->CleanItemsFromRedis(c);
+        if (rt == RT_SUCCESS) array->UpdateParentOdataCount(c);
+        RedisDisconnect(c);
+        if (rt != RT_SUCCESS) return rt;
+    }
+    {
+        // What is still queued would land after the emptying.
+        std::lock_guard<std::mutex> lock(mQueueMutex);
+        if (mRedisCmdQueue != nullptr) {
+            for (sRedisCmdItem* item : *mRedisCmdQueue) delete item;
+            mRedisCmdQueue->clear();
+        }
+        if (mRawJson != nullptr) {
+            mRawJson->entries.clear();
+            mRawJson->index.clear();
+        }
+    }
+    // Links held as elements are dropped from the bookkeeping; nodes owned
+    // as elements (and any other child) are retired.
+    std::vector<ZObject*> members;
+    array->GetMemberObjects(members);
+    array->CleanObjectItem();
+    for (ZObject* member : members) {
+        if (!Use(member)) continue;
+        if (member->GetParent() != this) {
+            RemoveReferenceTo(member);
+            member->RemoveReferencedBy(this);
+        }
+        member->DecreaseUsingCount();
+    }
+    std::vector<ZObject*> children;
+    {
+        std::lock_guard<std::mutex> lock(mChildMutex);
+        if (mChildList != nullptr) {
+            for (const auto& entry : *mChildList) {
+                if (Use(entry.second)) children.push_back(entry.second);
+            }
+        }
+    }
+    for (ZObject* child : children) {
+        child->ObjDestroy(eDestroyUnlink, true);
+        child->DecreaseUsingCount();
+    }
+    return RT_SUCCESS;
 }
 
 int ZObject::ListSize(redisContext* c) {
@@ -680,7 +746,8 @@ eRtCode ZObject::HashWriteNumArray(const std::string& name, const unsigned char*
         return RT_INVALID_ARG;
     }
     const std::string key = CombineJPath(this, name);
-    redisContext* c = RedisConnect();
+    RedisCallConnection conn;
+    redisContext* c = conn.get();
     if (c == nullptr) {
         ZLOG(eZLogError, "Failed to call RedisConnect().\n");
         return RT_FAILURE;
@@ -695,7 +762,6 @@ eRtCode ZObject::HashWriteNumArray(const std::string& name, const unsigned char*
         const std::string field = "&&Array " + name + " " + key;
         rt = RedisHashSet(c, mJPath.c_str(), field.c_str(), "");
     }
-    RedisDisconnect(c);
     return rt;
 }
 
@@ -877,15 +943,6 @@ eRtCode ZObject::_ObjChg2RedisCmd(sObjectChange* change, sRedisCmdItem* item) {
     return RT_SUCCESS;
 }
 
-eRtCode ZObject::_ObjChg2RawJsonData(sObjectChange* change, sRedisCmdItem* item) {
-    (void)change;
-    (void)item;
-    // The RawJson data format arrives with the JSON text translation; until
-    // then such nodes accept no writes (the callers refuse them earlier).
-    LogRawJsonRefused();
-    return RT_FAILURE;
-}
-
 eRtCode ZObject::ApplyObjectChanges(sObjectChange* change) {
     if (change == nullptr) return RT_INVALID_ARG;
     if (!Use(this)) return RT_FAILURE;
@@ -971,18 +1028,26 @@ void ZObject::AppendRedisChange(sRedisCmdItem* item) {
 // ---------------------------------------------------------------------------
 
 eRtCode ZObject::ApplyRedisChanges(bool recursive, redisContext* c) {
-    if (mIsRawJson) return RT_SUCCESS;
     if (!Use(this)) return RT_FAILURE;
+    if (mIsRawJson) {
+        // One text holds the whole RawJson subtree: only its root writes it,
+        // and always all of it.
+        UseRelease releaseRaw(this);
+        if (!IsRawJsonRoot()) {
+            ZLOG(eZLogInfo, "Ignore object[%s] applyRedisChanges action.\n", _LogName().c_str());
+            return RT_SUCCESS;
+        }
+        return ApplyRawJsonData(c);
+    }
     UseRelease release(this);
     if (c != nullptr) return ObjData2RedisCache(recursive, c);
-    c = RedisConnect();
-    if (c == nullptr) {
+    // The thread's scoped connection when there is one (a stage, a request).
+    RedisCallConnection conn;
+    if (conn.get() == nullptr) {
         ZLOG(eZLogError, "Failed to call RedisConnect()\n.");
         return RT_FAILURE;
     }
-    eRtCode rt = ObjData2RedisCache(recursive, c);
-    RedisDisconnect(c);
-    return rt;
+    return ObjData2RedisCache(recursive, conn.get());
 }
 
 void ZObject::_ApplyOneItem(redisContext* c, sRedisCmdItem* item) {
@@ -1022,6 +1087,8 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
         ZLOG(eZLogError, "Redis context is NULL.\n");
         return RT_FAILURE;
     }
+    // RawJson items are JSON texts for the root's document, not fields.
+    if (mIsRawJson) return ApplyRedisChanges(recursive, c);
     {
         // Held for the whole queue: writes from other threads wait, so a
         // node's commands reach the store in call order.
@@ -1168,23 +1235,6 @@ void ZObject::DumpObjectChange(sObjectChange* change) {
             ZLOGM("ZComLib", eZLogRaw, "%s Data[Unknown Type]\n", head.c_str());
             break;
     }
-}
-
-// ---------------------------------------------------------------------------
-// RawJson data format
-// ---------------------------------------------------------------------------
-
-std::string ZObject::ObjData2RawJsonString() {
-    // The RawJson format (the node's content as one JSON text) comes with
-    // the JSON text translation; until then it yields nothing.
-    LogRawJsonRefused();
-    return std::string();
-}
-
-eRtCode ZObject::ApplyRawJsonData(redisContext* c) {
-    (void)c;
-    LogRawJsonRefused();
-    return RT_FAILURE;
 }
 
 }  // namespace Orbel

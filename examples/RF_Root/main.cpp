@@ -6,31 +6,43 @@
 // waits until the front end reports itself ready ("nginx_redfish_ready"),
 // writes the ready file /tmp/Redfish/RF_Root.run, and then serves requests
 // until SIGINT or SIGTERM. See docs/plugin-guide.md.
+//
+// Its resources: the service root "/redfish/v1/" (ServiceRootSchema), the
+// collection "/redfish/v1/Systems" (SystemsSchema) and two computer systems
+// in it (ComputerSystemSchema), one class per file.
+#include "ComputerSystemSchema.h"
+#include "ServiceRootSchema.h"
+#include "SystemsSchema.h"
 #include "ZApplication.h"
 
 using Orbel::ZApplication;
 
 namespace {
 
+// Creates one schema and hands it to the application with Init(). A
+// negative result reports a failure; a schema that Init() refused is still
+// ours to delete.
+template <class Schema>
+int SchemaFactory(void*) {
+    auto* schema = new Schema();
+    if (schema->Init() != Orbel::RT_SUCCESS) {
+        delete schema;
+        return -1;
+    }
+    return 0;  // the application owns it now
+}
+
 // The schema table: one entry per Redfish resource type this plug-in
 // serves. A schema's ID (for -d, -i and -e) is its index in this table plus
-// 2. Each factory creates its ZSchema subclass and hands it to the
-// application with Init(); a negative result reports a failure. For example:
-//
-//     int ServiceRootFactory(void*) {
-//         auto* schema = new ServiceRootSchema();   // derives from ZSchema
-//         if (schema->Init() != Orbel::RT_SUCCESS) {
-//             delete schema;                         // not taken by the application
-//             return -1;
-//         }
-//         return 0;
-//     }
-//
-// RF_Root has no schema of its own yet, so the table is empty.
+// 2. The stages run schema by schema in this order, so a schema may build
+// below the resources of the schemas above it: the Systems collection hangs
+// below the service root, the systems below the collection.
 const ZApplication::sSchemaFactory kSchemaTable[] = {
-    {nullptr, nullptr},  // placeholder: an array cannot be empty
+    {"ServiceRoot", SchemaFactory<ServiceRootSchema>},           // ID 2
+    {"ComputerSystemCollection", SchemaFactory<SystemsSchema>},  // ID 3
+    {"ComputerSystem", SchemaFactory<ComputerSystemSchema>},     // ID 4
 };
-constexpr int kSchemaNum = 0;
+constexpr int kSchemaNum = sizeof(kSchemaTable) / sizeof(kSchemaTable[0]);
 
 }  // namespace
 

@@ -412,6 +412,7 @@ private:
     }
 
     bool Hash(const redisReply* r, unsigned depth, unsigned indent, std::string& out) {
+        if (RawJsonHash(r, out)) return true;
         std::vector<sMember> members;
         for (size_t i = 0; i + 1 < r->elements; i += 2) {
             sMember m;
@@ -556,6 +557,19 @@ private:
         if (!Node(value, eNodeKind::kList, depth + 1, indent + 1, list, &missing)) return false;
         m.value = missing ? "[]" : list;
         return true;
+    }
+
+    // A RawJson node keeps its whole document as one JSON text in the field
+    // "&&RawJSON"; the hash's other fields are meta data. The text is
+    // spliced in as stored (a text that is not JSON becomes a string).
+    static bool RawJsonHash(const redisReply* r, std::string& out) {
+        for (size_t i = 0; i + 1 < r->elements; i += 2) {
+            if (ReplyText(r->element[i]) == "&&RawJSON") {
+                out += ValueText(ReplyText(r->element[i + 1]));
+                return true;
+            }
+        }
+        return false;
     }
 
     // {"@odata.id": "<target>"} at indent level `indent`.

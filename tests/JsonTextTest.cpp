@@ -1,0 +1,484 @@
+// JSON text into trees: value typing byte for byte in the store, links, nested
+// and replaced containers, the first-character rules, client-shaped bad text
+// (each a logged failure on a tree that stays consistent), the depth limit,
+// every prefix of a valid text, and the flag bits.
+#include <string>
+#include <vector>
+
+#include "ObjectModelFixture.h"
+#include "ZJsonArray.h"
+#include "ZJsonObject.h"
+#include "ZObject_JsonStringTrans.h"
+#include "ZResource.h"
+#include "ZResourceCollection.h"
+#include "ZSchema.h"
+
+using namespace Orbel;
+using OrbelTest::HGetAll;
+using OrbelTest::LogMark;
+using OrbelTest::LogSince;
+using OrbelTest::LRange;
+using Fields = std::map<std::string, std::string>;
+using Items = std::vector<std::string>;
+
+namespace {
+
+const char kSys[] = "/redfish/v1/Systems/1";
+const char kSysId[] = "\"/redfish/v1/Systems/1\"";
+
+class JsonTextTest : public OrbelTest::ObjectModelTest {
+protected:
+    void SetUp() override {
+        ObjectModelTest::SetUp();
+        sys = new ZResource(nullptr, nullptr, kSys);
+    }
+
+    // Fields of the resource beyond its "@odata.id".
+    static Fields Props() {
+        Fields f = HGetAll(kSys);
+        f.erase("@odata.id");
+        return f;
+    }
+
+    ZResource* sys = nullptr;
+};
+
+TEST_F(JsonTextTest, SixKindsOfValueAreStoredByteForByte) {
+    ASSERT_EQ(JsonString2ZObjTree(
+                  "{'Name':'abc','Count':3,'Neg':-2,'Ratio':0.5,'On':true,'X':null}", sys),
+              RT_SUCCESS);
+    EXPECT_EQ(sys->GetRedisChangeNum(), 6u);
+    // Nothing reaches the store before the apply.
+    EXPECT_EQ(Props(), Fields{});
+    ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
+    EXPECT_EQ(Props(), (Fields{{"Name", "\"abc\""},
+                               {"Count", "3"},
+                               {"Neg", "-2"},
+                               {"Ratio", "0.500000"},
+                               {"On", "true"},
+                               {"X", "null"}}));
+}
+
+TEST_F(JsonTextTest, BareValuesAreTypedInOrderAndOutOfRangeNumbersFallThrough) {
+    // Only an unsigned 64-bit number holds the first value, only a signed
+    // one the second; the next two fit neither and become doubles; a
+    // number no double holds, and every text the checks refuse, is a
+    // string.
+    const std::string huge = "1" + std::string(400, '0');
+    ASSERT_EQ(JsonString2ZObjTree("{'UMax':18446744073709551615, 'SMin':-9223372036854775808,"
+                                  " 'Over':18446744073709551616, 'Under':-9223372036854775809,"
+                                  "'Huge':" +
+                                      huge +
+                                      ",'Dash':-,'Dot':.,'OneDot':1.,'Lead':.5,"
+                                      "'Cap':True,'Exp':1e5,'Zero':007,'False':false,'Word':abc,"
+                                      "'Inner':a b , 'Tab':\t12\t}",
+                                  sys),
+              RT_SUCCESS);
+    ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
+    EXPECT_EQ(Props(), (Fields{{"UMax", "18446744073709551615"},
+                               {"SMin", "-9223372036854775808"},
+                               {"Over", "18446744073709551616.000000"},
+                               {"Under", "-9223372036854775808.000000"},
+                               {"Huge", "\"" + huge + "\""},
+                               {"Dash", "\"-\""},
+                               {"Dot", "\".\""},
+                               {"OneDot", "1.000000"},
+                               {"Lead", "0.500000"},
+                               {"Cap", "\"True\""},
+                               {"Exp", "\"1e5\""},
+                               {"Zero", "7"},
+                               {"False", "false"},
+                               {"Word", "\"abc\""},
+                               {"Inner", "\"a b\""},
+                               {"Tab", "12"}}));
+}
+
+TEST_F(JsonTextTest, QuotedValuesStayStringsAndLoseTrailingBlanksOnly) {
+    ASSERT_EQ(JsonString2ZObjTree("{ 'Count' : '3' ,\n 'Pad':'  x  ', 'Quote':'say \"hi\"',"
+                                  "'Empty':'', 'Null':'null'}",
+                                  sys),
+              RT_SUCCESS);
+    ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
+    EXPECT_EQ(Props(), (Fields{{"Count", "\"3\""},
+                               {"Pad", "\"  x\""},
+                               {"Quote", "\"say \"hi\"\""},
+                               {"Empty", "\"\""},
+                               {"Null", "\"null\""}}));
+}
+
+TEST_F(JsonTextTest, UrisBecomeLinksExceptUnderTarget) {
+    ASSERT_EQ(JsonString2ZObjTree("{'Link':'/redfish/v1/Managers/1',"
+                                  "'target':'/redfish/v1/Managers/1/Actions/Reset',"
+                                  "'Bare':/redfish/v1/Chassis/1,'Other':'/redfish/x',"
+                                  "'Items':['/redfish/v1/A','b']}",
+                                  sys),
+              RT_SUCCESS);
+    ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
+    EXPECT_EQ(Props(), (Fields{{"&&ObjectRef Link /redfish/v1/Managers/1", ""},
+                               {"target", "\"/redfish/v1/Managers/1/Actions/Reset\""},
+                               {"&&ObjectRef Bare /redfish/v1/Chassis/1", ""},
+                               {"Other", "\"/redfish/x\""},
+                               {"&&Array Items &&/redfish/v1/Systems/1/Items", ""}}));
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Items"),
+              (Items{"&&ObjectRef /redfish/v1/A", "\"b\""}));
+    EXPECT_EQ(Doc(kSys), std::string("{\"@odata.id\":") + kSysId +
+                             ",\"Bare\":{\"@odata.id\":\"/redfish/v1/Chassis/1\"},"
+                             "\"Items\":[{\"@odata.id\":\"/redfish/v1/A\"},\"b\"],"
+                             "\"Link\":{\"@odata.id\":\"/redfish/v1/Managers/1\"},"
+                             "\"Other\":\"/redfish/x\","
+                             "\"target\":\"/redfish/v1/Managers/1/Actions/Reset\"}");
+}
+
+TEST_F(JsonTextTest, NestedContainersBecomeLinkedChildNodes) {
+    ASSERT_EQ(JsonString2ZObjTree("{'Status':{'State':'Enabled','Health':'OK'},"
+                                  "'Boot':{'Order':['Pxe','Hdd']},"
+                                  "'Fans':[{'Name':'F0'},{'Name':'F1','Oem':{'Rpm':900}}],"
+                                  "'Matrix':[[1,2],[]],'Empty':{}}",
+                                  sys),
+              RT_SUCCESS);
+    ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
+
+    EXPECT_EQ(Props(), (Fields{{"&&Object Status &&/redfish/v1/Systems/1/Status", ""},
+                               {"&&Object Boot &&/redfish/v1/Systems/1/Boot", ""},
+                               {"&&Array Fans &&/redfish/v1/Systems/1/Fans", ""},
+                               {"&&Array Matrix &&/redfish/v1/Systems/1/Matrix", ""},
+                               {"&&Object Empty &&/redfish/v1/Systems/1/Empty", ""}}));
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Fans"),
+              (Items{"&&Object &&/redfish/v1/Systems/1/Fans/0",
+                     "&&Object &&/redfish/v1/Systems/1/Fans/1"}));
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Matrix"),
+              (Items{"&&Array &&/redfish/v1/Systems/1/Matrix/0",
+                     "&&Array &&/redfish/v1/Systems/1/Matrix/1"}));
+    // An empty container has no key in the store, so it reads as null.
+    EXPECT_EQ(Doc(kSys), std::string("{\"@odata.id\":") + kSysId +
+                             ",\"Boot\":{\"Order\":[\"Pxe\",\"Hdd\"]},\"Empty\":null,"
+                             "\"Fans\":[{\"Name\":\"F0\"},{\"Name\":\"F1\",\"Oem\":{\"Rpm\":900}}],"
+                             "\"Matrix\":[[1,2],null],"
+                             "\"Status\":{\"Health\":\"OK\",\"State\":\"Enabled\"}}");
+
+    ZObject* rpm = sys->GetChildByJPath("Fans/1/Oem");
+    ASSERT_NE(rpm, nullptr);
+    EXPECT_EQ(rpm->GetJPath(), "&&/redfish/v1/Systems/1/Fans/1/Oem");
+    EXPECT_EQ(rpm->GetType(), ZObject::eJsonObject);
+    ZObject* fans = sys->GetChild("Fans");
+    ASSERT_NE(fans, nullptr);
+    EXPECT_EQ(fans->GetType(), ZObject::eJsonArray);
+    EXPECT_EQ(static_cast<ZJsonArray*>(fans)->GetIdxByObject(fans->GetChild("1")), 1);
+}
+
+TEST_F(JsonTextTest, AnExistingObjectIsFilledAndAnExistingArrayIsReplaced) {
+    ASSERT_EQ(JsonString2ZObjTree(
+                  "{'Status':{'State':'Enabled'},'Tags':['a','a',{'X':1},'/redfish/v1/L']}", sys,
+                  J2O_APPLY),
+              RT_SUCCESS);
+    ZObject* status = sys->GetChild("Status");
+    ZObject* oldItem = sys->GetChildByJPath("Tags/2");
+    ASSERT_NE(status, nullptr);
+    ASSERT_NE(oldItem, nullptr);
+    ASSERT_TRUE(OrbelTest::Exists("&&/redfish/v1/Systems/1/Tags/2"));
+
+    // Written but not applied: the replacement must swallow it as well.
+    ZObject* tags = sys->GetChild("Tags");
+    ASSERT_NE(tags, nullptr);
+    tags->ListWrite(-1, "pending");
+
+    ASSERT_EQ(JsonString2ZObjTree("{'Status':{'Health':'OK'},'Tags':['c',{'Y':2}]}", sys),
+              RT_SUCCESS);
+    EXPECT_EQ(sys->GetChild("Status"), status);  // the same node, filled further
+    EXPECT_TRUE(oldItem->IsDied());
+    // The old element node's key went with it at once.
+    EXPECT_FALSE(OrbelTest::Exists("&&/redfish/v1/Systems/1/Tags/2"));
+    ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Tags"),
+              (Items{"\"c\"", "&&Object &&/redfish/v1/Systems/1/Tags/1"}));
+    EXPECT_EQ(Doc("&&/redfish/v1/Systems/1/Status"), "{\"Health\":\"OK\",\"State\":\"Enabled\"}");
+    EXPECT_EQ(Doc("&&/redfish/v1/Systems/1/Tags"), "[\"c\",{\"Y\":2}]");
+}
+
+TEST_F(JsonTextTest, AContainerOfTheOtherKindIsRefused) {
+    auto* status = new ZJsonObject(sys, "Status");
+    auto* list = new ZJsonArray(sys, "List");
+    size_t mark = LogMark();
+    EXPECT_EQ(JsonString2ZObjTree("{'Status':[1]}", sys), RT_FAILURE);
+    EXPECT_TRUE(
+        Logged(mark, "Child[Status] of Object[/redfish/v1/Systems/1] is not a JsonArray.\n"));
+    mark = LogMark();
+    EXPECT_EQ(JsonString2ZObjTree("{'List':{'a':1}}", sys), RT_FAILURE);
+    EXPECT_TRUE(
+        Logged(mark, "Child[List] of Object[/redfish/v1/Systems/1] is not a JsonObject.\n"));
+    EXPECT_FALSE(status->IsDied());
+    EXPECT_FALSE(list->IsDied());
+}
+
+TEST_F(JsonTextTest, RoutingListsMembersAndResourcesAreNotRefilled) {
+    ZSchema schema("ComputerSystem", "v1_0_0", ZSchema::CRUDQ_READ);
+    auto* res = new ZResource(nullptr, &schema, "/redfish/v1/Systems/2");
+    auto* systems = new ZResourceCollection(nullptr, nullptr, "/redfish/v1/Systems");
+    auto* member = new ZResource(systems, nullptr, "7");
+    auto* sub = new ZResource(sys, nullptr, "Sub");
+
+    size_t mark = LogMark();
+    EXPECT_EQ(JsonString2ZObjTree("{'GETQ':['x']}", res), RT_FAILURE);
+    EXPECT_TRUE(
+        Logged(mark, "Child[GETQ] of Object[/redfish/v1/Systems/2] is kept by the library.\n"));
+    // Not even a list the schema does not serve may appear.
+    EXPECT_EQ(JsonString2ZObjTree("{'PATCHQ':['x']}", res), RT_FAILURE);
+    mark = LogMark();
+    EXPECT_EQ(JsonString2ZObjTree("{'Members':[]}", systems), RT_FAILURE);
+    EXPECT_TRUE(
+        Logged(mark, "Child[Members] of Object[/redfish/v1/Systems] is kept by the library.\n"));
+    mark = LogMark();
+    EXPECT_EQ(JsonString2ZObjTree("{'Sub':{'a':1}}", sys), RT_FAILURE);
+    EXPECT_TRUE(Logged(mark, "Child[Sub] of Object[/redfish/v1/Systems/1] is a resource.\n"));
+
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/2/GETQ"), (Items{"RF_Test:ComputerSystem:GETQ"}));
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/Members"),
+              (Items{"&&ObjectRef /redfish/v1/Systems/7"}));
+    EXPECT_FALSE(member->IsDied());
+    EXPECT_FALSE(sub->IsDied());
+    EXPECT_EQ(res->GetRedisChangeNum() + systems->GetRedisChangeNum() + sys->GetRedisChangeNum(),
+              0u);
+    res->ObjDestroy(ZObject::eDestroyDelete, true);
+}
+
+TEST_F(JsonTextTest, AChildWhoseLinkWasDiscardedIsLinkedAgain) {
+    EXPECT_EQ(JsonString2ZObjTree("{'Status':{'State':'On'},'Bad':}", sys, J2O_DISCARD_ON_FAILURE),
+              RT_FAILURE);
+    ASSERT_NE(sys->GetChild("Status"), nullptr);
+    ASSERT_EQ(JsonString2ZObjTree("{'Status':{'Health':'OK'}}", sys, J2O_APPLY), RT_SUCCESS);
+    EXPECT_EQ(Doc(kSys),
+              std::string("{\"@odata.id\":") + kSysId + ",\"Status\":{\"Health\":\"OK\"}}");
+}
+
+TEST_F(JsonTextTest, AnArrayIsNotEmptiedWithoutAStore) {
+    ASSERT_EQ(JsonString2ZObjTree("{'L':[1,2]}", sys, J2O_APPLY), RT_SUCCESS);
+    ZObject* list = sys->GetChild("L");
+    ASSERT_NE(list, nullptr);
+    OrbelTest::RedisServer::Instance().Stop();
+    size_t mark = LogMark();
+    EXPECT_EQ(JsonString2ZObjTree("{'L':[3]}", sys), RT_FAILURE);
+    EXPECT_TRUE(Logged(mark, "Failed to call RedisConnect().\n"));
+    ASSERT_TRUE(OrbelTest::RedisServer::Instance().Start());
+    // Nothing was queued for the array, and it is still the same node.
+    EXPECT_EQ(sys->GetChild("L"), list);
+    EXPECT_EQ(list->GetRedisChangeNum(), 0u);
+}
+
+TEST_F(JsonTextTest, TheFirstCharacterMustSuitTheRoot) {
+    const std::string objectRule = "The first char should be '{' in JsonStr.\n";
+    for (const char* text : {"[1]", "", "   ", "'a'", "x{}"}) {
+        size_t mark = LogMark();
+        EXPECT_EQ(JsonString2ZObjTree(text, sys), RT_FAILURE) << text;
+        EXPECT_TRUE(Logged(mark, objectRule)) << text;
+    }
+    EXPECT_EQ(sys->GetRedisChangeNum(), 0u);
+
+    auto* array = new ZJsonArray(sys, "Arr");
+    const std::string arrayRule = "The first char should be '{' or '[' in JsonStr.\n";
+    for (const char* text : {"'a'", "", "1,2", "]"}) {
+        size_t mark = LogMark();
+        EXPECT_EQ(JsonString2ZObjTree(text, array), RT_FAILURE) << text;
+        EXPECT_TRUE(Logged(mark, arrayRule)) << text;
+    }
+
+    size_t mark = LogMark();
+    EXPECT_EQ(JsonString2ZObjTree("{}", nullptr), RT_FAILURE);
+    EXPECT_TRUE(Logged(mark, "rootObj shouldn't be NULL!\n"));
+}
+
+TEST_F(JsonTextTest, AnArrayRootTakesTheTextAsItsWholeContent) {
+    auto* array = new ZJsonArray(sys, "Arr");
+    sys->HashWrite("Arr", array);
+    ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
+    ASSERT_EQ(JsonString2ZObjTree(" [1, 'two', null, {'N':3}] ", array, J2O_APPLY), RT_SUCCESS);
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Arr"),
+              (Items{"1", "\"two\"", "null", "&&Object &&/redfish/v1/Systems/1/Arr/3"}));
+
+    // A lone object is the one element; what the array held goes.
+    ASSERT_EQ(JsonString2ZObjTree("{'N':4}", array, J2O_APPLY), RT_SUCCESS);
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Arr"),
+              (Items{"&&Object &&/redfish/v1/Systems/1/Arr/0"}));
+    EXPECT_EQ(Doc(kSys), std::string("{\"@odata.id\":") + kSysId + ",\"Arr\":[{\"N\":4}]}");
+
+    ASSERT_EQ(JsonString2ZObjTree("[]", array, J2O_APPLY), RT_SUCCESS);
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Arr"), Items{});
+    EXPECT_EQ(array->GetChildNum(), 0u);
+}
+
+struct BadText {
+    std::string text;
+    std::string logged;  // the reason, as logged
+};
+
+TEST_F(JsonTextTest, BadTextEndsInALoggedFailureOnAConsistentTree) {
+    std::string nested;
+    for (int i = 0; i < 100; ++i) nested += "{'a':";
+    nested += "1" + std::string(100, '}');
+    const std::vector<BadText> cases = {
+        {"{'a':{'b':1}", "Failed to find '}' in JsonStr["},
+        {"{'a':{'b':1}}}", "Unexpected text after the end of JsonStr[}].\n"},
+        {"{'a:1}", "Failed to find hash key in JsonStr["},
+        {"{a:1}", "Unexpected char[a] in JsonStr[a:1}] for parser a hash key.\n"},
+        {"{,'a':1}", "Unexpected char[,] in JsonStr[,'a':1}] for parser a hash key.\n"},
+        {"{'a':1,,'b':2}", "Unexpected char[,] in JsonStr[,'b':2}] for parser a hash key.\n"},
+        {"{:1}", "Unexpected char[:] in JsonStr[:1}] for parser a hash key.\n"},
+        {"{'a' 1}", "Failed to find ':' after hash key[a] in JsonStr[ 1}].\n"},
+        {"{'a':}", "Failed to find a hash value in JsonStr[}].\n"},
+        {"{'a':,'b':1}", "Failed to find a hash value in JsonStr[,'b':1}].\n"},
+        {"{'a':'x}", "Failed to find a hash string value in JsonStr['x}].\n"},
+        {"{'a':'x' 'b':2}", "Unexpected char['] in JsonStr['b':2}] after a hash value.\n"},
+        {"{'a':[1,2}", "Failed to find a list value in JsonStr[2}].\n"},
+        {"{'a':[1,,2]}", "Failed to find a list value in JsonStr[,2]}].\n"},
+        {"{'a':['x]}", "Failed to find a list string value in JsonStr['x]}].\n"},
+        {"{'a':['x' 1]}", "Unexpected char[1] in JsonStr[1]}] after a list value.\n"},
+        {"{'':1}", "Empty hash key in JsonStr['':1}].\n"},
+        {"{'&&Object X &&/y':''}", "Hash key[&&Object X &&/y] is a meta key in JsonStr["},
+        {"{'a b':{}}", "Hash key[a b] cannot name a nested node in JsonStr["},
+        {"{'Sys*':{}}", "Hash key[Sys*] cannot name a nested node in JsonStr["},
+        {"{'a/b':[1]}", "Hash key[a/b] cannot name a nested node in JsonStr["},
+        {"{'k\x01':1}", "Hash key[k.] is not a pure string in JsonStr["},
+        {"{'a\nb':1}", "Hash key[a.b] is not a pure string in JsonStr["},
+        {nested, "JsonStr nests deeper than 32 levels at pos["},
+        {"{'v':'" + std::string(1 << 20, 'x'), "Failed to find a hash string value in JsonStr['"},
+        {"{'v':" + std::string(1 << 20, '7'), "Failed to find a hash value in JsonStr[7777"},
+    };
+    int n = 0;
+    for (const BadText& c : cases) {
+        SCOPED_TRACE(c.text.substr(0, 40));
+        const std::string uri = "/redfish/v1/Bad/" + std::to_string(n++);
+        auto* res = new ZResource(nullptr, nullptr, uri);
+        size_t mark = LogMark();
+        EXPECT_EQ(JsonString2ZObjTree(c.text, res), RT_FAILURE);
+        const std::string log = LogSince(mark);
+        EXPECT_NE(log.find(c.logged), std::string::npos) << log.substr(0, 2000);
+        // The log quotes client text cut short, whatever its length.
+        EXPECT_LT(log.size(), 8192u);
+        // Consistent: the queued writes can be dropped, the rest applied,
+        // and the store reads as a document again.
+        res->DiscardRedisChanges(true);
+        EXPECT_EQ(res->GetRedisChangeNum(), 0u);
+        EXPECT_EQ(res->ApplyRedisChanges(), RT_SUCCESS);
+        EXPECT_EQ(Doc(uri).compare(0, 13, "{\"@odata.id\":"), 0) << Doc(uri);
+        res->ObjDestroy(ZObject::eDestroyDelete, true);
+    }
+    Recycle();
+}
+
+TEST_F(JsonTextTest, AFailureKeepsWhatWasWrittenAndLinked) {
+    EXPECT_EQ(JsonString2ZObjTree("{'a':1,'Status':{'State':'On','Bad':'x}", sys), RT_FAILURE);
+    // "a", the link of Status, and State stay queued; Status stays linked.
+    EXPECT_EQ(sys->GetRedisChangeNum(), 2u);
+    ZObject* status = sys->GetChild("Status");
+    ASSERT_NE(status, nullptr);
+    EXPECT_EQ(status->GetRedisChangeNum(), 1u);
+    ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
+    EXPECT_EQ(Doc(kSys),
+              std::string("{\"@odata.id\":") + kSysId + ",\"Status\":{\"State\":\"On\"},\"a\":1}");
+}
+
+TEST_F(JsonTextTest, NestingIsBoundedAt32Levels) {
+    auto textOf = [](int levels) {
+        std::string t;
+        for (int i = 1; i < levels; ++i) t += "{'a':";
+        t += "{'leaf':1}";
+        return t + std::string(levels - 1, '}');
+    };
+    ASSERT_EQ(JsonString2ZObjTree(textOf(32), sys), RT_SUCCESS);
+    std::string path = "a";
+    for (int i = 2; i < 32; ++i) path += "/a";
+    ZObject* deepest = sys->GetChildByJPath(path);
+    ASSERT_NE(deepest, nullptr);
+    EXPECT_EQ(deepest->GetChild("a", true), nullptr);
+
+    auto* other = new ZResource(nullptr, nullptr, "/redfish/v1/Deep");
+    size_t mark = LogMark();
+    EXPECT_EQ(JsonString2ZObjTree(textOf(33), other), RT_FAILURE);
+    EXPECT_TRUE(
+        Logged(mark, "JsonStr nests deeper than 32 levels at pos[160]: JsonStr[{'leaf':1}"));
+}
+
+TEST_F(JsonTextTest, EveryPrefixOfAValidTextFailsCleanlyAndTheWholeSucceeds) {
+    const std::string text =
+        "{ 'Name':'n 1', 'Count':12, 'Ratio':-0.25, 'On':false, 'X':null,"
+        " 'Link':'/redfish/v1/Managers/1', 'Status':{'State':'Enabled', 'Oem':{}},"
+        " 'List':[1, 'a', {'K':[true, null]}, [2]], 'target':'/redfish/v1/x/Actions/y' }  ";
+    const size_t end = text.find_last_of('}') + 1;
+    for (size_t len = 0; len <= text.size(); ++len) {
+        SCOPED_TRACE(text.substr(0, len));
+        const std::string uri = "/redfish/v1/Prefix/" + std::to_string(len);
+        auto* res = new ZResource(nullptr, nullptr, uri);
+        eRtCode rt = JsonString2ZObjTree(text.substr(0, len), res, J2O_DISCARD_ON_FAILURE);
+        if (len >= end) {
+            EXPECT_EQ(rt, RT_SUCCESS);
+            EXPECT_EQ(res->ApplyRedisChanges(), RT_SUCCESS);
+            EXPECT_EQ(Doc(uri),
+                      "{\"@odata.id\":\"" + uri +
+                          "\",\"Count\":12,\"Link\":{\"@odata.id\":\"/redfish/v1/Managers/1\"},"
+                          "\"List\":[1,\"a\",{\"K\":[true,null]},[2]],\"Name\":\"n 1\","
+                          "\"On\":false,\"Ratio\":-0.250000,\"Status\":{\"Oem\":null,"
+                          "\"State\":\"Enabled\"},\"X\":null,"
+                          "\"target\":\"/redfish/v1/x/Actions/y\"}");
+        } else {
+            EXPECT_EQ(rt, RT_FAILURE);
+            // Discarded: nothing of the text is left to reach the store.
+            EXPECT_EQ(res->ApplyRedisChanges(), RT_SUCCESS);
+            EXPECT_EQ(Doc(uri), "{\"@odata.id\":\"" + uri + "\"}");
+        }
+        res->ObjDestroy(ZObject::eDestroyDelete, true);
+        Recycle();
+    }
+}
+
+TEST_F(JsonTextTest, FlagsApplyDiscardAndRefuseUnknownBits) {
+    ASSERT_EQ(JsonString2ZObjTree("{'A':1}", sys, J2O_APPLY), RT_SUCCESS);
+    EXPECT_EQ(sys->GetRedisChangeNum(), 0u);
+    EXPECT_EQ(Props(), (Fields{{"A", "1"}}));
+
+    // Without the discard bit a failure keeps the queue; with it the queue
+    // below the root is dropped, and nothing is applied either way.
+    EXPECT_EQ(JsonString2ZObjTree("{'B':2,'C':}", sys, J2O_APPLY), RT_FAILURE);
+    EXPECT_EQ(sys->GetRedisChangeNum(), 1u);
+    EXPECT_EQ(JsonString2ZObjTree("{'D':{'E':3},'F':}", sys, J2O_APPLY | J2O_DISCARD_ON_FAILURE),
+              RT_FAILURE);
+    EXPECT_EQ(sys->GetRedisChangeNum(), 0u);
+    ZObject* d = sys->GetChild("D");
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(d->GetRedisChangeNum(), 0u);
+    EXPECT_EQ(Props(), (Fields{{"A", "1"}}));
+
+    size_t mark = LogMark();
+    EXPECT_EQ(JsonString2ZObjTree("{'G':1}", sys, 4u), RT_INVALID_ARG);
+    EXPECT_TRUE(Logged(mark, "Unknown flag bits[0x4].\n"));
+    EXPECT_EQ(sys->GetRedisChangeNum(), 0u);
+}
+
+TEST_F(JsonTextTest, EmptyContainersAndTrailingSeparatorsEndNormally) {
+    for (const char* text : {"{}", "{ }", "{'a':1,}", "{'l':[1,],'m':[],'o':{}}"}) {
+        EXPECT_EQ(JsonString2ZObjTree(text, sys), RT_SUCCESS) << text;
+    }
+    ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/l"), (Items{"1"}));
+    EXPECT_EQ(Props(), (Fields{{"a", "1"},
+                               {"&&Array l &&/redfish/v1/Systems/1/l", ""},
+                               {"&&Array m &&/redfish/v1/Systems/1/m", ""},
+                               {"&&Object o &&/redfish/v1/Systems/1/o", ""}}));
+}
+
+TEST_F(JsonTextTest, TheCheckersAcceptExactlyJson) {
+    for (const char* good : {"1", " {\"a\":[1,2.5e-3,true,null,\"\\u00e9\"]} ", "\"\"", "[]", "-0",
+                             "{\"a\":{}}", "\"\xc3\xa9\""}) {
+        EXPECT_TRUE(IsJsonValueText(good)) << good;
+    }
+    for (const char* bad : {"", "01", "1.", ".5", "[1,]", "{\"a\"}", "{'a':1}", "\"\x01\"", "tru",
+                            "nul", "[1 2]", "\"\\x\"", "\"\xff\"", "1 2", "{\"a\":1,}", "\"abc"}) {
+        EXPECT_FALSE(IsJsonValueText(bad)) << bad;
+    }
+    EXPECT_FALSE(IsJsonValueText(std::string(100000, '[')));
+    EXPECT_TRUE(IsJsonValueText(std::string(5000, '[') + std::string(5000, ']')));
+
+    EXPECT_EQ(JsonQuoteString("a\"b\\c\n\t\x01\xc3\xa9\xff"),
+              "\"a\\\"b\\\\c\\n\\t\\u0001\xc3\xa9\\u00ff\"");
+    EXPECT_EQ(JsonQuoteString(std::string("\0x", 2)), "\"\\u0000x\"");
+}
+
+}  // namespace
