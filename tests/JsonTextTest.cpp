@@ -3,6 +3,8 @@
 // (each a logged failure on a tree that stays consistent), the depth limit,
 // every prefix of a valid text, and the flag bits.
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "ObjectModelFixture.h"
@@ -14,19 +16,14 @@
 #include "ZSchema.h"
 
 using namespace Orbel;
-using OrbelTest::HGetAll;
-using OrbelTest::LogMark;
-using OrbelTest::LogSince;
-using OrbelTest::LRange;
-using Fields = std::map<std::string, std::string>;
-using Items = std::vector<std::string>;
+using namespace OrbelTest;
 
 namespace {
 
 const char kSys[] = "/redfish/v1/Systems/1";
 const char kSysId[] = "\"/redfish/v1/Systems/1\"";
 
-class JsonTextTest : public OrbelTest::ObjectModelTest {
+class JsonTextTest : public ObjectModelTest {
 protected:
     void SetUp() override {
         ObjectModelTest::SetUp();
@@ -43,67 +40,52 @@ protected:
     ZResource* sys = nullptr;
 };
 
-TEST_F(JsonTextTest, SixKindsOfValueAreStoredByteForByte) {
-    ASSERT_EQ(JsonString2ZObjTree(
-                  "{'Name':'abc','Count':3,'Neg':-2,'Ratio':0.5,'On':true,'X':null}", sys),
-              RT_SUCCESS);
-    EXPECT_EQ(sys->GetRedisChangeNum(), 6u);
-    // Nothing reaches the store before the apply.
-    EXPECT_EQ(Props(), Fields{});
-    ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
-    EXPECT_EQ(Props(), (Fields{{"Name", "\"abc\""},
-                               {"Count", "3"},
-                               {"Neg", "-2"},
-                               {"Ratio", "0.500000"},
-                               {"On", "true"},
-                               {"X", "null"}}));
-}
-
-TEST_F(JsonTextTest, BareValuesAreTypedInOrderAndOutOfRangeNumbersFallThrough) {
-    // Only an unsigned 64-bit number holds the first value, only a signed
-    // one the second; the next two fit neither and become doubles; a
-    // number no double holds, and every text the checks refuse, is a
-    // string.
+TEST_F(JsonTextTest, ValuesAreTypedInOrderAndStoredByteForByte) {
+    // The six kinds first. Only an unsigned 64-bit number holds UMax, only a
+    // signed one SMin; the next two fit neither and become doubles; a number
+    // no double holds, and every bare text the checks refuse, is a string.
+    // Quoted values stay strings and lose trailing blanks only.
     const std::string huge = "1" + std::string(400, '0');
-    ASSERT_EQ(JsonString2ZObjTree("{'UMax':18446744073709551615, 'SMin':-9223372036854775808,"
-                                  " 'Over':18446744073709551616, 'Under':-9223372036854775809,"
-                                  "'Huge':" +
-                                      huge +
-                                      ",'Dash':-,'Dot':.,'OneDot':1.,'Lead':.5,"
-                                      "'Cap':True,'Exp':1e5,'Zero':007,'False':false,'Word':abc,"
-                                      "'Inner':a b , 'Tab':\t12\t}",
-                                  sys),
+    ASSERT_EQ(JsonString2ZObjTree(
+                  "{'Name':'abc','Count':3,'Neg':-2,'Ratio':0.5,'On':true,'X':null,"
+                  "'UMax':18446744073709551615, 'SMin':-9223372036854775808,"
+                  " 'Over':18446744073709551616, 'Under':-9223372036854775809,'Huge':" +
+                      huge +
+                      ",'Dash':-,'Dot':.,'OneDot':1.,'Lead':.5,'Cap':True,'Exp':1e5,'Zero':007,"
+                      "'False':false,'Word':abc,'Inner':a b , 'Tab':\t12\t, 'Str' : '3' ,\n "
+                      "'Pad':'  x  ', 'Quote':'say \"hi\"','Empty':'', 'Null':'null'}",
+                  sys),
               RT_SUCCESS);
+    EXPECT_EQ(sys->GetRedisChangeNum(), 27u);
+    EXPECT_EQ(Props(), Fields{});  // nothing reaches the store before the apply
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
-    EXPECT_EQ(Props(), (Fields{{"UMax", "18446744073709551615"},
-                               {"SMin", "-9223372036854775808"},
-                               {"Over", "18446744073709551616.000000"},
-                               {"Under", "-9223372036854775808.000000"},
-                               {"Huge", "\"" + huge + "\""},
-                               {"Dash", "\"-\""},
-                               {"Dot", "\".\""},
-                               {"OneDot", "1.000000"},
-                               {"Lead", "0.500000"},
-                               {"Cap", "\"True\""},
-                               {"Exp", "\"1e5\""},
-                               {"Zero", "7"},
-                               {"False", "false"},
-                               {"Word", "\"abc\""},
-                               {"Inner", "\"a b\""},
-                               {"Tab", "12"}}));
-}
-
-TEST_F(JsonTextTest, QuotedValuesStayStringsAndLoseTrailingBlanksOnly) {
-    ASSERT_EQ(JsonString2ZObjTree("{ 'Count' : '3' ,\n 'Pad':'  x  ', 'Quote':'say \"hi\"',"
-                                  "'Empty':'', 'Null':'null'}",
-                                  sys),
-              RT_SUCCESS);
-    ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
-    EXPECT_EQ(Props(), (Fields{{"Count", "\"3\""},
-                               {"Pad", "\"  x\""},
-                               {"Quote", "\"say \"hi\"\""},
-                               {"Empty", "\"\""},
-                               {"Null", "\"null\""}}));
+    EXPECT_EQ(Props(), (Pairs({"Name",   "\"abc\"",
+                               "Count",  "3",
+                               "Neg",    "-2",
+                               "Ratio",  "0.500000",
+                               "On",     "true",
+                               "X",      "null",
+                               "UMax",   "18446744073709551615",
+                               "SMin",   "-9223372036854775808",
+                               "Over",   "18446744073709551616.000000",
+                               "Under",  "-9223372036854775808.000000",
+                               "Huge",   "\"" + huge + "\"",
+                               "Dash",   "\"-\"",
+                               "Dot",    "\".\"",
+                               "OneDot", "1.000000",
+                               "Lead",   "0.500000",
+                               "Cap",    "\"True\"",
+                               "Exp",    "\"1e5\"",
+                               "Zero",   "7",
+                               "False",  "false",
+                               "Word",   "\"abc\"",
+                               "Inner",  "\"a b\"",
+                               "Tab",    "12",
+                               "Str",    "\"3\"",
+                               "Pad",    "\"  x\"",
+                               "Quote",  "\"say \"hi\"\"",
+                               "Empty",  "\"\"",
+                               "Null",   "\"null\""})));
 }
 
 TEST_F(JsonTextTest, UrisBecomeLinksExceptUnderTarget) {
@@ -114,19 +96,13 @@ TEST_F(JsonTextTest, UrisBecomeLinksExceptUnderTarget) {
                                   sys),
               RT_SUCCESS);
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
-    EXPECT_EQ(Props(), (Fields{{"&&ObjectRef Link /redfish/v1/Managers/1", ""},
-                               {"target", "\"/redfish/v1/Managers/1/Actions/Reset\""},
-                               {"&&ObjectRef Bare /redfish/v1/Chassis/1", ""},
-                               {"Other", "\"/redfish/x\""},
-                               {"&&Array Items &&/redfish/v1/Systems/1/Items", ""}}));
+    EXPECT_EQ(Props(),
+              (Pairs({"&&ObjectRef Link /redfish/v1/Managers/1", "", "target",
+                      "\"/redfish/v1/Managers/1/Actions/Reset\"",
+                      "&&ObjectRef Bare /redfish/v1/Chassis/1", "", "Other", "\"/redfish/x\"",
+                      "&&Array Items &&/redfish/v1/Systems/1/Items", ""})));
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Items"),
               (Items{"&&ObjectRef /redfish/v1/A", "\"b\""}));
-    EXPECT_EQ(Doc(kSys), std::string("{\"@odata.id\":") + kSysId +
-                             ",\"Bare\":{\"@odata.id\":\"/redfish/v1/Chassis/1\"},"
-                             "\"Items\":[{\"@odata.id\":\"/redfish/v1/A\"},\"b\"],"
-                             "\"Link\":{\"@odata.id\":\"/redfish/v1/Managers/1\"},"
-                             "\"Other\":\"/redfish/x\","
-                             "\"target\":\"/redfish/v1/Managers/1/Actions/Reset\"}");
 }
 
 TEST_F(JsonTextTest, NestedContainersBecomeLinkedChildNodes) {
@@ -138,17 +114,14 @@ TEST_F(JsonTextTest, NestedContainersBecomeLinkedChildNodes) {
               RT_SUCCESS);
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
 
-    EXPECT_EQ(Props(), (Fields{{"&&Object Status &&/redfish/v1/Systems/1/Status", ""},
-                               {"&&Object Boot &&/redfish/v1/Systems/1/Boot", ""},
-                               {"&&Array Fans &&/redfish/v1/Systems/1/Fans", ""},
-                               {"&&Array Matrix &&/redfish/v1/Systems/1/Matrix", ""},
-                               {"&&Object Empty &&/redfish/v1/Systems/1/Empty", ""}}));
+    EXPECT_EQ(Props(), (Pairs({"&&Object Status &&/redfish/v1/Systems/1/Status", "",
+                               "&&Object Boot &&/redfish/v1/Systems/1/Boot", "",
+                               "&&Array Fans &&/redfish/v1/Systems/1/Fans", "",
+                               "&&Array Matrix &&/redfish/v1/Systems/1/Matrix", "",
+                               "&&Object Empty &&/redfish/v1/Systems/1/Empty", ""})));
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Fans"),
               (Items{"&&Object &&/redfish/v1/Systems/1/Fans/0",
                      "&&Object &&/redfish/v1/Systems/1/Fans/1"}));
-    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Matrix"),
-              (Items{"&&Array &&/redfish/v1/Systems/1/Matrix/0",
-                     "&&Array &&/redfish/v1/Systems/1/Matrix/1"}));
     // An empty container has no key in the store, so it reads as null.
     EXPECT_EQ(Doc(kSys), std::string("{\"@odata.id\":") + kSysId +
                              ",\"Boot\":{\"Order\":[\"Pxe\",\"Hdd\"]},\"Empty\":null,"
@@ -156,14 +129,9 @@ TEST_F(JsonTextTest, NestedContainersBecomeLinkedChildNodes) {
                              "\"Matrix\":[[1,2],null],"
                              "\"Status\":{\"Health\":\"OK\",\"State\":\"Enabled\"}}");
 
-    ZObject* rpm = sys->GetChildByJPath("Fans/1/Oem");
-    ASSERT_NE(rpm, nullptr);
-    EXPECT_EQ(rpm->GetJPath(), "&&/redfish/v1/Systems/1/Fans/1/Oem");
-    EXPECT_EQ(rpm->GetType(), ZObject::eJsonObject);
     ZObject* fans = sys->GetChild("Fans");
-    ASSERT_NE(fans, nullptr);
-    EXPECT_EQ(fans->GetType(), ZObject::eJsonArray);
-    EXPECT_EQ(static_cast<ZJsonArray*>(fans)->GetIdxByObject(fans->GetChild("1")), 1);
+    ASSERT_TRUE(fans != nullptr && fans->GetType() == ZObject::eJsonArray);
+    EXPECT_EQ(static_cast<ZJsonArray*>(fans)->GetIdxByObject(sys->GetChildByJPath("Fans/1")), 1);
 }
 
 TEST_F(JsonTextTest, AnExistingObjectIsFilledAndAnExistingArrayIsReplaced) {
@@ -173,21 +141,16 @@ TEST_F(JsonTextTest, AnExistingObjectIsFilledAndAnExistingArrayIsReplaced) {
               RT_SUCCESS);
     ZObject* status = sys->GetChild("Status");
     ZObject* oldItem = sys->GetChildByJPath("Tags/2");
-    ASSERT_NE(status, nullptr);
-    ASSERT_NE(oldItem, nullptr);
-    ASSERT_TRUE(OrbelTest::Exists("&&/redfish/v1/Systems/1/Tags/2"));
-
-    // Written but not applied: the replacement must swallow it as well.
     ZObject* tags = sys->GetChild("Tags");
-    ASSERT_NE(tags, nullptr);
-    tags->ListWrite(-1, "pending");
+    ASSERT_TRUE(status && oldItem && tags && Exists("&&/redfish/v1/Systems/1/Tags/2"));
+    tags->ListWrite(-1, "pending");  // not applied: the replacement must swallow it as well
 
     ASSERT_EQ(JsonString2ZObjTree("{'Status':{'Health':'OK'},'Tags':['c',{'Y':2}]}", sys),
               RT_SUCCESS);
     EXPECT_EQ(sys->GetChild("Status"), status);  // the same node, filled further
     EXPECT_TRUE(oldItem->IsDied());
     // The old element node's key went with it at once.
-    EXPECT_FALSE(OrbelTest::Exists("&&/redfish/v1/Systems/1/Tags/2"));
+    EXPECT_FALSE(Exists("&&/redfish/v1/Systems/1/Tags/2"));
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Tags"),
               (Items{"\"c\"", "&&Object &&/redfish/v1/Systems/1/Tags/1"}));
@@ -195,47 +158,33 @@ TEST_F(JsonTextTest, AnExistingObjectIsFilledAndAnExistingArrayIsReplaced) {
     EXPECT_EQ(Doc("&&/redfish/v1/Systems/1/Tags"), "[\"c\",{\"Y\":2}]");
 }
 
-TEST_F(JsonTextTest, AContainerOfTheOtherKindIsRefused) {
-    auto* status = new ZJsonObject(sys, "Status");
-    auto* list = new ZJsonArray(sys, "List");
-    size_t mark = LogMark();
-    EXPECT_EQ(JsonString2ZObjTree("{'Status':[1]}", sys), RT_FAILURE);
-    EXPECT_TRUE(
-        Logged(mark, "Child[Status] of Object[/redfish/v1/Systems/1] is not a JsonArray.\n"));
-    mark = LogMark();
-    EXPECT_EQ(JsonString2ZObjTree("{'List':{'a':1}}", sys), RT_FAILURE);
-    EXPECT_TRUE(
-        Logged(mark, "Child[List] of Object[/redfish/v1/Systems/1] is not a JsonObject.\n"));
-    EXPECT_FALSE(status->IsDied());
-    EXPECT_FALSE(list->IsDied());
-}
-
-TEST_F(JsonTextTest, RoutingListsMembersAndResourcesAreNotRefilled) {
+TEST_F(JsonTextTest, ChildrenOfTheOtherKindOrKeptByTheLibraryAreNotRefilled) {
     ZSchema schema("ComputerSystem", "v1_0_0", ZSchema::CRUDQ_READ);
     auto* res = new ZResource(nullptr, &schema, "/redfish/v1/Systems/2");
     auto* systems = new ZResourceCollection(nullptr, nullptr, "/redfish/v1/Systems");
-    auto* member = new ZResource(systems, nullptr, "7");
-    auto* sub = new ZResource(sys, nullptr, "Sub");
-
-    size_t mark = LogMark();
-    EXPECT_EQ(JsonString2ZObjTree("{'GETQ':['x']}", res), RT_FAILURE);
-    EXPECT_TRUE(
-        Logged(mark, "Child[GETQ] of Object[/redfish/v1/Systems/2] is kept by the library.\n"));
-    // Not even a list the schema does not serve may appear.
-    EXPECT_EQ(JsonString2ZObjTree("{'PATCHQ':['x']}", res), RT_FAILURE);
-    mark = LogMark();
-    EXPECT_EQ(JsonString2ZObjTree("{'Members':[]}", systems), RT_FAILURE);
-    EXPECT_TRUE(
-        Logged(mark, "Child[Members] of Object[/redfish/v1/Systems] is kept by the library.\n"));
-    mark = LogMark();
-    EXPECT_EQ(JsonString2ZObjTree("{'Sub':{'a':1}}", sys), RT_FAILURE);
-    EXPECT_TRUE(Logged(mark, "Child[Sub] of Object[/redfish/v1/Systems/1] is a resource.\n"));
-
+    new ZResource(systems, nullptr, "7");
+    new ZJsonObject(sys, "Status");
+    new ZJsonArray(sys, "List");
+    new ZResource(sys, nullptr, "Sub");
+    const std::string sysChild = "Object[/redfish/v1/Systems/1] is ";
+    const std::string kept = "Object[/redfish/v1/Systems/2] is kept by the library.\n";
+    const std::vector<std::tuple<ZObject*, const char*, std::string>> cases = {
+        {sys, "{'Status':[1]}", "Child[Status] of " + sysChild + "not a JsonArray.\n"},
+        {sys, "{'List':{'a':1}}", "Child[List] of " + sysChild + "not a JsonObject.\n"},
+        {sys, "{'Sub':{'a':1}}", "Child[Sub] of " + sysChild + "a resource.\n"},
+        {res, "{'GETQ':['x']}", "Child[GETQ] of " + kept},
+        {res, "{'PATCHQ':['x']}", "Child[PATCHQ] of " + kept},  // not even one it does not serve
+        {systems, "{'Members':[]}",
+         "Child[Members] of Object[/redfish/v1/Systems] is kept by the library.\n"}};
+    for (const auto& [root, text, logged] : cases) {
+        size_t mark = LogMark();
+        EXPECT_EQ(JsonString2ZObjTree(text, root), RT_FAILURE) << text;
+        EXPECT_TRUE(Logged(mark, logged));
+    }
+    EXPECT_EQ(sys->GetChildIDs(), (Items{"List", "Status", "Sub"}));
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/2/GETQ"), (Items{"RF_Test:ComputerSystem:GETQ"}));
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/Members"),
               (Items{"&&ObjectRef /redfish/v1/Systems/7"}));
-    EXPECT_FALSE(member->IsDied());
-    EXPECT_FALSE(sub->IsDied());
     EXPECT_EQ(res->GetRedisChangeNum() + systems->GetRedisChangeNum() + sys->GetRedisChangeNum(),
               0u);
     res->ObjDestroy(ZObject::eDestroyDelete, true);
@@ -254,11 +203,11 @@ TEST_F(JsonTextTest, AnArrayIsNotEmptiedWithoutAStore) {
     ASSERT_EQ(JsonString2ZObjTree("{'L':[1,2]}", sys, J2O_APPLY), RT_SUCCESS);
     ZObject* list = sys->GetChild("L");
     ASSERT_NE(list, nullptr);
-    OrbelTest::RedisServer::Instance().Stop();
+    RedisServer::Instance().Stop();
     size_t mark = LogMark();
     EXPECT_EQ(JsonString2ZObjTree("{'L':[3]}", sys), RT_FAILURE);
     EXPECT_TRUE(Logged(mark, "Failed to call RedisConnect().\n"));
-    ASSERT_TRUE(OrbelTest::RedisServer::Instance().Start());
+    ASSERT_TRUE(RedisServer::Instance().Start());
     // Nothing was queued for the array, and it is still the same node.
     EXPECT_EQ(sys->GetChild("L"), list);
     EXPECT_EQ(list->GetRedisChangeNum(), 0u);
@@ -281,9 +230,7 @@ TEST_F(JsonTextTest, TheFirstCharacterMustSuitTheRoot) {
         EXPECT_TRUE(Logged(mark, arrayRule)) << text;
     }
 
-    size_t mark = LogMark();
     EXPECT_EQ(JsonString2ZObjTree("{}", nullptr), RT_FAILURE);
-    EXPECT_TRUE(Logged(mark, "rootObj shouldn't be NULL!\n"));
 }
 
 TEST_F(JsonTextTest, AnArrayRootTakesTheTextAsItsWholeContent) {
@@ -305,52 +252,38 @@ TEST_F(JsonTextTest, AnArrayRootTakesTheTextAsItsWholeContent) {
     EXPECT_EQ(array->GetChildNum(), 0u);
 }
 
-struct BadText {
-    std::string text;
-    std::string logged;  // the reason, as logged
-};
-
 TEST_F(JsonTextTest, BadTextEndsInALoggedFailureOnAConsistentTree) {
-    std::string nested;
-    for (int i = 0; i < 100; ++i) nested += "{'a':";
-    nested += "1" + std::string(100, '}');
-    const std::vector<BadText> cases = {
+    // Each text with the reason logged for it.
+    const std::vector<std::pair<std::string, std::string>> cases = {
         {"{'a':{'b':1}", "Failed to find '}' in JsonStr["},
         {"{'a':{'b':1}}}", "Unexpected text after the end of JsonStr[}].\n"},
         {"{'a:1}", "Failed to find hash key in JsonStr["},
         {"{a:1}", "Unexpected char[a] in JsonStr[a:1}] for parser a hash key.\n"},
-        {"{,'a':1}", "Unexpected char[,] in JsonStr[,'a':1}] for parser a hash key.\n"},
         {"{'a':1,,'b':2}", "Unexpected char[,] in JsonStr[,'b':2}] for parser a hash key.\n"},
-        {"{:1}", "Unexpected char[:] in JsonStr[:1}] for parser a hash key.\n"},
         {"{'a' 1}", "Failed to find ':' after hash key[a] in JsonStr[ 1}].\n"},
         {"{'a':}", "Failed to find a hash value in JsonStr[}].\n"},
-        {"{'a':,'b':1}", "Failed to find a hash value in JsonStr[,'b':1}].\n"},
         {"{'a':'x}", "Failed to find a hash string value in JsonStr['x}].\n"},
         {"{'a':'x' 'b':2}", "Unexpected char['] in JsonStr['b':2}] after a hash value.\n"},
         {"{'a':[1,2}", "Failed to find a list value in JsonStr[2}].\n"},
-        {"{'a':[1,,2]}", "Failed to find a list value in JsonStr[,2]}].\n"},
         {"{'a':['x]}", "Failed to find a list string value in JsonStr['x]}].\n"},
         {"{'a':['x' 1]}", "Unexpected char[1] in JsonStr[1]}] after a list value.\n"},
         {"{'':1}", "Empty hash key in JsonStr['':1}].\n"},
         {"{'&&Object X &&/y':''}", "Hash key[&&Object X &&/y] is a meta key in JsonStr["},
         {"{'a b':{}}", "Hash key[a b] cannot name a nested node in JsonStr["},
-        {"{'Sys*':{}}", "Hash key[Sys*] cannot name a nested node in JsonStr["},
         {"{'a/b':[1]}", "Hash key[a/b] cannot name a nested node in JsonStr["},
         {"{'k\x01':1}", "Hash key[k.] is not a pure string in JsonStr["},
-        {"{'a\nb':1}", "Hash key[a.b] is not a pure string in JsonStr["},
-        {nested, "JsonStr nests deeper than 32 levels at pos["},
         {"{'v':'" + std::string(1 << 20, 'x'), "Failed to find a hash string value in JsonStr['"},
         {"{'v':" + std::string(1 << 20, '7'), "Failed to find a hash value in JsonStr[7777"},
     };
     int n = 0;
-    for (const BadText& c : cases) {
-        SCOPED_TRACE(c.text.substr(0, 40));
+    for (const auto& [text, logged] : cases) {
+        SCOPED_TRACE(text.substr(0, 40));
         const std::string uri = "/redfish/v1/Bad/" + std::to_string(n++);
         auto* res = new ZResource(nullptr, nullptr, uri);
         size_t mark = LogMark();
-        EXPECT_EQ(JsonString2ZObjTree(c.text, res), RT_FAILURE);
+        EXPECT_EQ(JsonString2ZObjTree(text, res), RT_FAILURE);
         const std::string log = LogSince(mark);
-        EXPECT_NE(log.find(c.logged), std::string::npos) << log.substr(0, 2000);
+        EXPECT_NE(log.find(logged), std::string::npos) << log.substr(0, 2000);
         // The log quotes client text cut short, whatever its length.
         EXPECT_LT(log.size(), 8192u);
         // Consistent: the queued writes can be dropped, the rest applied,
@@ -386,9 +319,7 @@ TEST_F(JsonTextTest, NestingIsBoundedAt32Levels) {
     ASSERT_EQ(JsonString2ZObjTree(textOf(32), sys), RT_SUCCESS);
     std::string path = "a";
     for (int i = 2; i < 32; ++i) path += "/a";
-    ZObject* deepest = sys->GetChildByJPath(path);
-    ASSERT_NE(deepest, nullptr);
-    EXPECT_EQ(deepest->GetChild("a", true), nullptr);
+    EXPECT_NE(sys->GetChildByJPath(path), nullptr);  // the innermost object
 
     auto* other = new ZResource(nullptr, nullptr, "/redfish/v1/Deep");
     size_t mark = LogMark();
@@ -458,10 +389,9 @@ TEST_F(JsonTextTest, EmptyContainersAndTrailingSeparatorsEndNormally) {
     }
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/l"), (Items{"1"}));
-    EXPECT_EQ(Props(), (Fields{{"a", "1"},
-                               {"&&Array l &&/redfish/v1/Systems/1/l", ""},
-                               {"&&Array m &&/redfish/v1/Systems/1/m", ""},
-                               {"&&Object o &&/redfish/v1/Systems/1/o", ""}}));
+    EXPECT_EQ(Props(), (Pairs({"a", "1", "&&Array l &&/redfish/v1/Systems/1/l", "",
+                               "&&Array m &&/redfish/v1/Systems/1/m", "",
+                               "&&Object o &&/redfish/v1/Systems/1/o", ""})));
 }
 
 TEST_F(JsonTextTest, TheCheckersAcceptExactlyJson) {

@@ -4,10 +4,9 @@
 #ifndef ORBEL_TEST_OBJECTMODELFIXTURE_H
 #define ORBEL_TEST_OBJECTMODELFIXTURE_H
 
-#include <map>
+#include <initializer_list>
 #include <string>
 
-#include "StoreTreeReader.h"
 #include "TestEnv.h"
 #include "ZApplication.h"
 #include "ZLogPrint.h"
@@ -17,13 +16,13 @@ namespace OrbelTest {
 
 // Reaches the registry's test hook.
 class TestApplication : public Orbel::ZApplication {
-  public:
+public:
     TestApplication() : Orbel::ZApplication("RF_Test") {}
     using Orbel::ZApplication::SetNextOIDCandidate;
 };
 
 class ObjectModelTest : public StoreTest {
-  protected:
+protected:
     void SetUp() override {
         StoreTest::SetUp();
         Orbel::ZLogPrint* testLog = Orbel::zLogPrint;
@@ -41,20 +40,23 @@ class ObjectModelTest : public StoreTest {
     void Recycle() { mApp->RecycleProcess(); }
 
     // The front end's view of a JPath, on one line.
-    static std::string Doc(const std::string& jpath) {
-        RedisConn c = RawConnect();
-        std::string json;
-        std::string error;
-        Orbel::sStoreTreeOptions options;
-        options.pretty = false;
-        if (!c || !Orbel::ReadStoreTree(c.get(), jpath, json, &error, options)) {
-            return "<" + error + ">";
-        }
-        return json;
-    }
+    static std::string Doc(const std::string& jpath) { return StoreDoc(jpath); }
 
-    static bool Logged(size_t mark, const std::string& text) {
-        return LogSince(mark).find(text) != std::string::npos;
+    // Success when every one of `texts` was logged since `mark`; the failure
+    // names the missing ones and shows the log.
+    static ::testing::AssertionResult Logged(size_t mark,
+                                             std::initializer_list<std::string> texts) {
+        const std::string log = LogSince(mark);
+        for (const std::string& text : texts) {
+            if (log.find(text) == std::string::npos) {
+                return ::testing::AssertionFailure() << "not logged: [" << text << "] in:\n"
+                                                     << log.substr(0, 4000);
+            }
+        }
+        return ::testing::AssertionSuccess();
+    }
+    static ::testing::AssertionResult Logged(size_t mark, const std::string& text) {
+        return Logged(mark, {text});
     }
 
     TestApplication* mApp = nullptr;

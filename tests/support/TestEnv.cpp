@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "Orbel.h"
+#include "StoreTreeReader.h"
 #include "ZLogPrint.h"
 
 namespace OrbelTest {
@@ -78,13 +79,21 @@ public:
 
 }  // namespace
 
-void RegisterEnvironment() { ::testing::AddGlobalTestEnvironment(new OrbelTestEnvironment); }
+void RegisterEnvironment() {
+    ::testing::AddGlobalTestEnvironment(new OrbelTestEnvironment);
+}
 
-const std::string& SysrootDir() { return SysrootStorage(); }
+const std::string& SysrootDir() {
+    return SysrootStorage();
+}
 
-std::string LogFilePath() { return SysrootDir() + "/tmp/Redfish/test.log"; }
+std::string LogFilePath() {
+    return SysrootDir() + "/tmp/Redfish/test.log";
+}
 
-size_t LogMark() { return ReadFile(LogFilePath()).size(); }
+size_t LogMark() {
+    return ReadFile(LogFilePath()).size();
+}
 
 std::string LogSince(size_t mark) {
     std::string all = ReadFile(LogFilePath());
@@ -116,7 +125,9 @@ RedisServer& RedisServer::Instance() {
     return server;
 }
 
-std::string RedisServer::SocketPath() const { return SysrootDir() + "/tmp/redis.sock"; }
+std::string RedisServer::SocketPath() const {
+    return SysrootDir() + "/tmp/redis.sock";
+}
 
 bool RedisServer::Start() {
     if (mPid > 0) return true;
@@ -259,6 +270,34 @@ std::string Type(const std::string& key) {
 bool Exists(const std::string& key) {
     Reply r = RawCommand({"EXISTS", key});
     return r && r->type == REDIS_REPLY_INTEGER && r->integer == 1;
+}
+
+std::string StoreDoc(const std::string& jpath, bool meta) {
+    RedisConn c = RawConnect();
+    std::string json;
+    std::string error = "no store";
+    Orbel::sStoreTreeOptions options;
+    options.pretty = false;
+    options.includeMeta = meta;
+    if (!c || !Orbel::ReadStoreTree(c.get(), jpath, json, &error, options)) {
+        return "<" + error + ">";
+    }
+    return json;
+}
+
+Fields Pairs(const Items& fieldsAndValues) {
+    Fields out;
+    for (size_t i = 0; i + 1 < fieldsAndValues.size(); i += 2) {
+        out[fieldsAndValues[i]] = fieldsAndValues[i + 1];
+    }
+    if (fieldsAndValues.size() % 2 != 0) ADD_FAILURE() << "Pairs() needs an even count";
+    return out;
+}
+
+size_t CountOf(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
 }
 
 void StoreTest::SetUp() {

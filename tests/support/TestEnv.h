@@ -88,6 +88,17 @@ std::vector<std::string> LRange(const std::string& key);
 std::set<std::string> SMembers(const std::string& key);
 std::string Type(const std::string& key);
 bool Exists(const std::string& key);
+using Fields = std::map<std::string, std::string>;  // a hash as HGetAll returns it
+using Items = std::vector<std::string>;             // a list as LRange returns it
+// A hash from alternating field and value texts: Pairs({"f1", "v1", "f2", "v2"}).
+Fields Pairs(const Items& fieldsAndValues);
+
+// The front end's view of a JPath on one line, assembled by the tree reader
+// (with the library's && fields when `meta`); "<reason>" when it cannot be read.
+std::string StoreDoc(const std::string& jpath, bool meta = false);
+
+// How often `what` occurs in `text`, overlapping occurrences included.
+size_t CountOf(const std::string& text, const std::string& what);
 
 // Fixture for tests that need the store: starts the server on first use
 // and empties it before each test.
