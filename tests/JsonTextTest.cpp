@@ -59,33 +59,33 @@ TEST_F(JsonTextTest, ValuesAreTypedInOrderAndStoredByteForByte) {
     EXPECT_EQ(sys->GetRedisChangeNum(), 27u);
     EXPECT_EQ(Props(), Fields{});  // nothing reaches the store before the apply
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
-    EXPECT_EQ(Props(), (Pairs({"Name",   "\"abc\"",
-                               "Count",  "3",
-                               "Neg",    "-2",
-                               "Ratio",  "0.500000",
-                               "On",     "true",
-                               "X",      "null",
-                               "UMax",   "18446744073709551615",
-                               "SMin",   "-9223372036854775808",
-                               "Over",   "18446744073709551616.000000",
-                               "Under",  "-9223372036854775808.000000",
-                               "Huge",   "\"" + huge + "\"",
-                               "Dash",   "\"-\"",
-                               "Dot",    "\".\"",
-                               "OneDot", "1.000000",
-                               "Lead",   "0.500000",
-                               "Cap",    "\"True\"",
-                               "Exp",    "\"1e5\"",
-                               "Zero",   "7",
-                               "False",  "false",
-                               "Word",   "\"abc\"",
-                               "Inner",  "\"a b\"",
-                               "Tab",    "12",
-                               "Str",    "\"3\"",
-                               "Pad",    "\"  x\"",
-                               "Quote",  "\"say \"hi\"\"",
-                               "Empty",  "\"\"",
-                               "Null",   "\"null\""})));
+    EXPECT_EQ(Props(), (Fields{{"Name", "\"abc\""},
+                               {"Count", "3"},
+                               {"Neg", "-2"},
+                               {"Ratio", "0.500000"},
+                               {"On", "true"},
+                               {"X", "null"},
+                               {"UMax", "18446744073709551615"},
+                               {"SMin", "-9223372036854775808"},
+                               {"Over", "18446744073709551616.000000"},
+                               {"Under", "-9223372036854775808.000000"},
+                               {"Huge", "\"" + huge + "\""},
+                               {"Dash", "\"-\""},
+                               {"Dot", "\".\""},
+                               {"OneDot", "1.000000"},
+                               {"Lead", "0.500000"},
+                               {"Cap", "\"True\""},
+                               {"Exp", "\"1e5\""},
+                               {"Zero", "7"},
+                               {"False", "false"},
+                               {"Word", "\"abc\""},
+                               {"Inner", "\"a b\""},
+                               {"Tab", "12"},
+                               {"Str", "\"3\""},
+                               {"Pad", "\"  x\""},
+                               {"Quote", "\"say \"hi\"\""},
+                               {"Empty", "\"\""},
+                               {"Null", "\"null\""}}));
 }
 
 TEST_F(JsonTextTest, UrisBecomeLinksExceptUnderTarget) {
@@ -96,11 +96,11 @@ TEST_F(JsonTextTest, UrisBecomeLinksExceptUnderTarget) {
                                   sys),
               RT_SUCCESS);
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
-    EXPECT_EQ(Props(),
-              (Pairs({"&&ObjectRef Link /redfish/v1/Managers/1", "", "target",
-                      "\"/redfish/v1/Managers/1/Actions/Reset\"",
-                      "&&ObjectRef Bare /redfish/v1/Chassis/1", "", "Other", "\"/redfish/x\"",
-                      "&&Array Items &&/redfish/v1/Systems/1/Items", ""})));
+    EXPECT_EQ(Props(), (Fields{{"&&ObjectRef Link /redfish/v1/Managers/1", ""},
+                               {"target", "\"/redfish/v1/Managers/1/Actions/Reset\""},
+                               {"&&ObjectRef Bare /redfish/v1/Chassis/1", ""},
+                               {"Other", "\"/redfish/x\""},
+                               {"&&Array Items &&/redfish/v1/Systems/1/Items", ""}}));
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Items"),
               (Items{"&&ObjectRef /redfish/v1/A", "\"b\""}));
 }
@@ -114,11 +114,11 @@ TEST_F(JsonTextTest, NestedContainersBecomeLinkedChildNodes) {
               RT_SUCCESS);
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
 
-    EXPECT_EQ(Props(), (Pairs({"&&Object Status &&/redfish/v1/Systems/1/Status", "",
-                               "&&Object Boot &&/redfish/v1/Systems/1/Boot", "",
-                               "&&Array Fans &&/redfish/v1/Systems/1/Fans", "",
-                               "&&Array Matrix &&/redfish/v1/Systems/1/Matrix", "",
-                               "&&Object Empty &&/redfish/v1/Systems/1/Empty", ""})));
+    EXPECT_EQ(Props(), (Fields{{"&&Object Status &&/redfish/v1/Systems/1/Status", ""},
+                               {"&&Object Boot &&/redfish/v1/Systems/1/Boot", ""},
+                               {"&&Array Fans &&/redfish/v1/Systems/1/Fans", ""},
+                               {"&&Array Matrix &&/redfish/v1/Systems/1/Matrix", ""},
+                               {"&&Object Empty &&/redfish/v1/Systems/1/Empty", ""}}));
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Fans"),
               (Items{"&&Object &&/redfish/v1/Systems/1/Fans/0",
                      "&&Object &&/redfish/v1/Systems/1/Fans/1"}));
@@ -389,9 +389,10 @@ TEST_F(JsonTextTest, EmptyContainersAndTrailingSeparatorsEndNormally) {
     }
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/l"), (Items{"1"}));
-    EXPECT_EQ(Props(), (Pairs({"a", "1", "&&Array l &&/redfish/v1/Systems/1/l", "",
-                               "&&Array m &&/redfish/v1/Systems/1/m", "",
-                               "&&Object o &&/redfish/v1/Systems/1/o", ""})));
+    EXPECT_EQ(Props(), (Fields{{"a", "1"},
+                               {"&&Array l &&/redfish/v1/Systems/1/l", ""},
+                               {"&&Array m &&/redfish/v1/Systems/1/m", ""},
+                               {"&&Object o &&/redfish/v1/Systems/1/o", ""}}));
 }
 
 TEST_F(JsonTextTest, TheCheckersAcceptExactlyJson) {

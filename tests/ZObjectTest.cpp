@@ -309,7 +309,9 @@ TEST_F(ZObjectTest, MonitorsCallBackOncePerNewObjectAndGoWithIt) {
 
 // The application's own log service appends the registry's part of the
 // runtime summary to its log when the message cache is dumped.
-TEST_F(StoreTest, RuntimeSummaryListsObjectsBusyResourcesAndOrphans) {
+class RuntimeSummaryTest : public StoreTest {};
+
+TEST_F(RuntimeSummaryTest, ListsObjectsBusyResourcesAndOrphans) {
     ZApplication app("RF_Summary");
     auto* schema = new ZSchema("ComputerSystem", "v1_20_0");
     ASSERT_EQ(schema->Init(), RT_SUCCESS);

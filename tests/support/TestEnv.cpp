@@ -285,15 +285,6 @@ std::string StoreDoc(const std::string& jpath, bool meta) {
     return json;
 }
 
-Fields Pairs(const Items& fieldsAndValues) {
-    Fields out;
-    for (size_t i = 0; i + 1 < fieldsAndValues.size(); i += 2) {
-        out[fieldsAndValues[i]] = fieldsAndValues[i + 1];
-    }
-    if (fieldsAndValues.size() % 2 != 0) ADD_FAILURE() << "Pairs() needs an even count";
-    return out;
-}
-
 size_t CountOf(const std::string& text, const std::string& what) {
     size_t n = 0;
     for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;

@@ -90,8 +90,6 @@ std::string Type(const std::string& key);
 bool Exists(const std::string& key);
 using Fields = std::map<std::string, std::string>;  // a hash as HGetAll returns it
 using Items = std::vector<std::string>;             // a list as LRange returns it
-// A hash from alternating field and value texts: Pairs({"f1", "v1", "f2", "v2"}).
-Fields Pairs(const Items& fieldsAndValues);
 
 // The front end's view of a JPath on one line, assembled by the tree reader
 // (with the library's && fields when `meta`); "<reason>" when it cannot be read.
