@@ -88,47 +88,42 @@ TEST_F(JsonTextTest, ValuesAreTypedInOrderAndStoredByteForByte) {
                                {"Null", "\"null\""}}));
 }
 
-TEST_F(JsonTextTest, UrisBecomeLinksExceptUnderTarget) {
-    ASSERT_EQ(JsonString2ZObjTree("{'Link':'/redfish/v1/Managers/1',"
+TEST_F(JsonTextTest, LinksNestedContainersAndTrailingSeparators) {
+    // A URI becomes a link, except under "target"; nested containers become
+    // linked child nodes; empty containers and trailing separators end normally.
+    for (const char* empty : {"{}", "{ }"}) EXPECT_EQ(JsonString2ZObjTree(empty, sys), RT_SUCCESS);
+    ASSERT_EQ(JsonString2ZObjTree("{'Link':'/redfish/v1/Managers/1','Bare':/redfish/v1/Chassis/1,"
                                   "'target':'/redfish/v1/Managers/1/Actions/Reset',"
-                                  "'Bare':/redfish/v1/Chassis/1,'Other':'/redfish/x',"
-                                  "'Items':['/redfish/v1/A','b']}",
+                                  "'Other':'/redfish/x','Items':['/redfish/v1/A','b',],"
+                                  "'Boot':{'Order':['Pxe','Hdd'],},"
+                                  "'Fans':[{'Name':'F0'},{'Name':'F1','Oem':{'Rpm':900}}],"
+                                  "'Matrix':[[1,2],[ ]],'Empty':{},}",
                                   sys),
               RT_SUCCESS);
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
     EXPECT_EQ(Props(), (Fields{{"&&ObjectRef Link /redfish/v1/Managers/1", ""},
-                               {"target", "\"/redfish/v1/Managers/1/Actions/Reset\""},
                                {"&&ObjectRef Bare /redfish/v1/Chassis/1", ""},
+                               {"target", "\"/redfish/v1/Managers/1/Actions/Reset\""},
                                {"Other", "\"/redfish/x\""},
-                               {"&&Array Items &&/redfish/v1/Systems/1/Items", ""}}));
-    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Items"),
-              (Items{"&&ObjectRef /redfish/v1/A", "\"b\""}));
-}
-
-TEST_F(JsonTextTest, NestedContainersBecomeLinkedChildNodes) {
-    ASSERT_EQ(JsonString2ZObjTree("{'Status':{'State':'Enabled','Health':'OK'},"
-                                  "'Boot':{'Order':['Pxe','Hdd']},"
-                                  "'Fans':[{'Name':'F0'},{'Name':'F1','Oem':{'Rpm':900}}],"
-                                  "'Matrix':[[1,2],[]],'Empty':{}}",
-                                  sys),
-              RT_SUCCESS);
-    ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
-
-    EXPECT_EQ(Props(), (Fields{{"&&Object Status &&/redfish/v1/Systems/1/Status", ""},
+                               {"&&Array Items &&/redfish/v1/Systems/1/Items", ""},
                                {"&&Object Boot &&/redfish/v1/Systems/1/Boot", ""},
                                {"&&Array Fans &&/redfish/v1/Systems/1/Fans", ""},
                                {"&&Array Matrix &&/redfish/v1/Systems/1/Matrix", ""},
                                {"&&Object Empty &&/redfish/v1/Systems/1/Empty", ""}}));
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Items"),
+              (Items{"&&ObjectRef /redfish/v1/A", "\"b\""}));
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Fans"),
               (Items{"&&Object &&/redfish/v1/Systems/1/Fans/0",
                      "&&Object &&/redfish/v1/Systems/1/Fans/1"}));
     // An empty container has no key in the store, so it reads as null.
     EXPECT_EQ(Doc(kSys), std::string("{\"@odata.id\":") + kSysId +
-                             ",\"Boot\":{\"Order\":[\"Pxe\",\"Hdd\"]},\"Empty\":null,"
+                             ",\"Bare\":{\"@odata.id\":\"/redfish/v1/Chassis/1\"},"
+                             "\"Boot\":{\"Order\":[\"Pxe\",\"Hdd\"]},\"Empty\":null,"
                              "\"Fans\":[{\"Name\":\"F0\"},{\"Name\":\"F1\",\"Oem\":{\"Rpm\":900}}],"
-                             "\"Matrix\":[[1,2],null],"
-                             "\"Status\":{\"Health\":\"OK\",\"State\":\"Enabled\"}}");
-
+                             "\"Items\":[{\"@odata.id\":\"/redfish/v1/A\"},\"b\"],"
+                             "\"Link\":{\"@odata.id\":\"/redfish/v1/Managers/1\"},"
+                             "\"Matrix\":[[1,2],null],\"Other\":\"/redfish/x\","
+                             "\"target\":\"/redfish/v1/Managers/1/Actions/Reset\"}");
     ZObject* fans = sys->GetChild("Fans");
     ASSERT_TRUE(fans != nullptr && fans->GetType() == ZObject::eJsonArray);
     EXPECT_EQ(static_cast<ZJsonArray*>(fans)->GetIdxByObject(sys->GetChildByJPath("Fans/1")), 1);
@@ -188,15 +183,6 @@ TEST_F(JsonTextTest, ChildrenOfTheOtherKindOrKeptByTheLibraryAreNotRefilled) {
     EXPECT_EQ(res->GetRedisChangeNum() + systems->GetRedisChangeNum() + sys->GetRedisChangeNum(),
               0u);
     res->ObjDestroy(ZObject::eDestroyDelete, true);
-}
-
-TEST_F(JsonTextTest, AChildWhoseLinkWasDiscardedIsLinkedAgain) {
-    EXPECT_EQ(JsonString2ZObjTree("{'Status':{'State':'On'},'Bad':}", sys, J2O_DISCARD_ON_FAILURE),
-              RT_FAILURE);
-    ASSERT_NE(sys->GetChild("Status"), nullptr);
-    ASSERT_EQ(JsonString2ZObjTree("{'Status':{'Health':'OK'}}", sys, J2O_APPLY), RT_SUCCESS);
-    EXPECT_EQ(Doc(kSys),
-              std::string("{\"@odata.id\":") + kSysId + ",\"Status\":{\"Health\":\"OK\"}}");
 }
 
 TEST_F(JsonTextTest, AnArrayIsNotEmptiedWithoutAStore) {
@@ -297,18 +283,6 @@ TEST_F(JsonTextTest, BadTextEndsInALoggedFailureOnAConsistentTree) {
     Recycle();
 }
 
-TEST_F(JsonTextTest, AFailureKeepsWhatWasWrittenAndLinked) {
-    EXPECT_EQ(JsonString2ZObjTree("{'a':1,'Status':{'State':'On','Bad':'x}", sys), RT_FAILURE);
-    // "a", the link of Status, and State stay queued; Status stays linked.
-    EXPECT_EQ(sys->GetRedisChangeNum(), 2u);
-    ZObject* status = sys->GetChild("Status");
-    ASSERT_NE(status, nullptr);
-    EXPECT_EQ(status->GetRedisChangeNum(), 1u);
-    ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
-    EXPECT_EQ(Doc(kSys),
-              std::string("{\"@odata.id\":") + kSysId + ",\"Status\":{\"State\":\"On\"},\"a\":1}");
-}
-
 TEST_F(JsonTextTest, NestingIsBoundedAt32Levels) {
     auto textOf = [](int levels) {
         std::string t;
@@ -360,39 +334,35 @@ TEST_F(JsonTextTest, EveryPrefixOfAValidTextFailsCleanlyAndTheWholeSucceeds) {
     }
 }
 
-TEST_F(JsonTextTest, FlagsApplyDiscardAndRefuseUnknownBits) {
-    ASSERT_EQ(JsonString2ZObjTree("{'A':1}", sys, J2O_APPLY), RT_SUCCESS);
-    EXPECT_EQ(sys->GetRedisChangeNum(), 0u);
-    EXPECT_EQ(Props(), (Fields{{"A", "1"}}));
-
-    // Without the discard bit a failure keeps the queue; with it the queue
-    // below the root is dropped, and nothing is applied either way.
-    EXPECT_EQ(JsonString2ZObjTree("{'B':2,'C':}", sys, J2O_APPLY), RT_FAILURE);
-    EXPECT_EQ(sys->GetRedisChangeNum(), 1u);
+TEST_F(JsonTextTest, AFailureKeepsOrDiscardsByTheFlagsAndNothingIsApplied) {
+    // Without the discard bit a failure keeps what was written and linked:
+    // "a", the link of Status, and State stay queued.
+    EXPECT_EQ(JsonString2ZObjTree("{'a':1,'Status':{'State':'On','Bad':'x}", sys, J2O_APPLY),
+              RT_FAILURE);
+    ZObject* status = sys->GetChild("Status");
+    ASSERT_NE(status, nullptr);
+    EXPECT_EQ(sys->GetRedisChangeNum(), 2u);
+    EXPECT_EQ(status->GetRedisChangeNum(), 1u);
+    EXPECT_EQ(Props(), Fields{});
+    ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
+    EXPECT_EQ(Doc(kSys),
+              std::string("{\"@odata.id\":") + kSysId + ",\"Status\":{\"State\":\"On\"},\"a\":1}");
+    // With it the queue below the root is dropped; a child whose link was
+    // dropped is linked again by the next text.
     EXPECT_EQ(JsonString2ZObjTree("{'D':{'E':3},'F':}", sys, J2O_APPLY | J2O_DISCARD_ON_FAILURE),
               RT_FAILURE);
-    EXPECT_EQ(sys->GetRedisChangeNum(), 0u);
     ZObject* d = sys->GetChild("D");
     ASSERT_NE(d, nullptr);
-    EXPECT_EQ(d->GetRedisChangeNum(), 0u);
-    EXPECT_EQ(Props(), (Fields{{"A", "1"}}));
+    EXPECT_EQ(sys->GetRedisChangeNum() + d->GetRedisChangeNum(), 0u);
+    ASSERT_EQ(JsonString2ZObjTree("{'D':{'G':4}}", sys, J2O_APPLY), RT_SUCCESS);
+    EXPECT_EQ(sys->GetRedisChangeNum(), 0u);
+    EXPECT_EQ(Doc(kSys), std::string("{\"@odata.id\":") + kSysId +
+                             ",\"D\":{\"G\":4},\"Status\":{\"State\":\"On\"},\"a\":1}");
 
     size_t mark = LogMark();
-    EXPECT_EQ(JsonString2ZObjTree("{'G':1}", sys, 4u), RT_INVALID_ARG);
+    EXPECT_EQ(JsonString2ZObjTree("{'H':1}", sys, 4u), RT_INVALID_ARG);
     EXPECT_TRUE(Logged(mark, "Unknown flag bits[0x4].\n"));
     EXPECT_EQ(sys->GetRedisChangeNum(), 0u);
-}
-
-TEST_F(JsonTextTest, EmptyContainersAndTrailingSeparatorsEndNormally) {
-    for (const char* text : {"{}", "{ }", "{'a':1,}", "{'l':[1,],'m':[],'o':{}}"}) {
-        EXPECT_EQ(JsonString2ZObjTree(text, sys), RT_SUCCESS) << text;
-    }
-    ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
-    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/l"), (Items{"1"}));
-    EXPECT_EQ(Props(), (Fields{{"a", "1"},
-                               {"&&Array l &&/redfish/v1/Systems/1/l", ""},
-                               {"&&Array m &&/redfish/v1/Systems/1/m", ""},
-                               {"&&Object o &&/redfish/v1/Systems/1/o", ""}}));
 }
 
 TEST_F(JsonTextTest, TheCheckersAcceptExactlyJson) {
