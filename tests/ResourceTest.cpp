@@ -169,22 +169,6 @@ TEST_F(ResourceTest, TheCountIsWrittenOnlyWhenTheStoredLengthChanges) {
     EXPECT_EQ(HGetAll("/redfish/v1/Systems/1").count("Tags@odata.count"), 0u);
 }
 
-TEST_F(ResourceTest, ZJsonObjectDestroyIsOnlyForRoots) {
-    auto* sys = new ZResource(nullptr, nullptr, "/redfish/v1/Systems/1");
-    auto* nested = new ZJsonObject(sys, "Status");
-    size_t mark = LogMark();
-    EXPECT_EQ(nested->Destroy(true), RT_FAILURE);
-    EXPECT_TRUE(Logged(mark, "Should use HashRemove() or ListRemove() to destroy this object.\n"));
-    EXPECT_FALSE(nested->IsDied());
-    auto* root = new ZJsonObject(nullptr, "Response");
-    root->SetOdataType("Message", "v1_1_0.Message");
-    root->ApplyRedisChanges();
-    EXPECT_EQ(HGetAll("Response").at("@odata.type"), "\"#Message.v1_1_0.Message\"");
-    EXPECT_EQ(root->Destroy(true), RT_SUCCESS);
-    EXPECT_TRUE(root->IsDied());
-    EXPECT_FALSE(Exists("Response"));
-}
-
 TEST_F(ResourceTest, LockNestsForItsOwnerAndRefusesOthers) {
     auto* sys = new ZResource(nullptr, nullptr, "/redfish/v1/Systems/1");
     ZResource::eResStatus status;
@@ -345,7 +329,7 @@ TEST_F(ResourceTest, MultiBackendResourcesShareTheirChannelListsAndHash) {
               (Items{"RF_Other:Chassis:GETQ", "RF_Test:Chassis:GETQ"}));
 }
 
-TEST_F(ResourceTest, AnArrayKeepsItsMembersInOrderAndRefusesDuplicates) {
+TEST_F(ResourceTest, AnArrayKeepsItsMembersInOrderAndOnlyARootObjectIsDestroyed) {
     auto* owner = new ZJsonObject(nullptr, "Owner");
     auto* array = new ZJsonArray(owner, "Items", 0);
     std::vector<ZObject*> items;
@@ -375,7 +359,18 @@ TEST_F(ResourceTest, AnArrayKeepsItsMembersInOrderAndRefusesDuplicates) {
     EXPECT_EQ(array->AddObjectItem(items[0]), RT_SUCCESS);
     array->GetMemberObjects(members);
     EXPECT_EQ(members, std::vector<ZObject*>{items[0]});
-    owner->Destroy(true);
+
+    // Destroy is for a root object only; nested ones go with their property.
+    mark = LogMark();
+    EXPECT_EQ(static_cast<ZJsonObject*>(items[1])->Destroy(true), RT_FAILURE);
+    EXPECT_TRUE(Logged(mark, "Should use HashRemove() or ListRemove() to destroy this object.\n"));
+    EXPECT_FALSE(items[1]->IsDied());
+    owner->SetOdataType("Message", "v1_1_0.Message");
+    owner->ApplyRedisChanges();
+    EXPECT_EQ(HGetAll("Owner").at("@odata.type"), "\"#Message.v1_1_0.Message\"");
+    EXPECT_EQ(owner->Destroy(true), RT_SUCCESS);
+    EXPECT_TRUE(owner->IsDied() && items[1]->IsDied());
+    EXPECT_FALSE(Exists("Owner"));
 }
 
 }  // namespace
