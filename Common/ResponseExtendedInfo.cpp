@@ -14,6 +14,7 @@
 #include "ZJsonObject.h"
 #include "ZLogPrint.h"
 #include "ZObject.h"
+#include "ZObject_JsonStringTrans.h"
 #include "ZResource.h"
 #include "ZSchema.h"
 
@@ -283,91 +284,6 @@ std::string RespMsgID2Str(eRespMsg msg) {
 
 namespace {
 
-// Length of the well-formed UTF-8 sequence at s[i]; 0 when the bytes there
-// are not one (overlong forms, surrogates, code points above U+10FFFF).
-size_t Utf8SequenceLength(const std::string& s, size_t i) {
-    const auto byte = [&s](size_t k) { return static_cast<unsigned char>(s[k]); };
-    const unsigned char b0 = byte(i);
-    size_t len = 0;
-    unsigned char lo = 0x80;
-    unsigned char hi = 0xBF;
-    if (b0 >= 0xC2 && b0 <= 0xDF) {
-        len = 2;
-    } else if (b0 >= 0xE0 && b0 <= 0xEF) {
-        len = 3;
-        if (b0 == 0xE0) lo = 0xA0;
-        if (b0 == 0xED) hi = 0x9F;
-    } else if (b0 >= 0xF0 && b0 <= 0xF4) {
-        len = 4;
-        if (b0 == 0xF0) lo = 0x90;
-        if (b0 == 0xF4) hi = 0x8F;
-    } else {
-        return 0;
-    }
-    if (i + len > s.size() || byte(i + 1) < lo || byte(i + 1) > hi) return 0;
-    for (size_t k = 2; k < len; ++k) {
-        if (byte(i + k) < 0x80 || byte(i + k) > 0xBF) return 0;
-    }
-    return len;
-}
-
-// `s` as a JSON string. Arguments are often client values, so whatever they
-// hold must not break the document the front end builds: quotes, backslashes
-// and control characters are escaped, and a byte that does not begin
-// well-formed UTF-8 becomes the code point of the same value.
-std::string JsonString(const std::string& s) {
-    static const char kHex[] = "0123456789abcdef";
-    std::string out;
-    out.reserve(s.size() + 2);
-    out += '"';
-    for (size_t i = 0; i < s.size();) {
-        const unsigned char ch = static_cast<unsigned char>(s[i]);
-        if (ch >= 0x80) {
-            const size_t len = Utf8SequenceLength(s, i);
-            if (len > 0) {
-                out.append(s, i, len);
-                i += len;
-                continue;
-            }
-        }
-        ++i;
-        switch (ch) {
-            case '"':
-                out += "\\\"";
-                continue;
-            case '\\':
-                out += "\\\\";
-                continue;
-            case '\b':
-                out += "\\b";
-                continue;
-            case '\f':
-                out += "\\f";
-                continue;
-            case '\n':
-                out += "\\n";
-                continue;
-            case '\r':
-                out += "\\r";
-                continue;
-            case '\t':
-                out += "\\t";
-                continue;
-            default:
-                break;
-        }
-        if (ch < 0x20 || ch >= 0x80) {
-            out += "\\u00";
-            out += kHex[ch >> 4];
-            out += kHex[ch & 0x0F];
-        } else {
-            out += static_cast<char>(ch);
-        }
-    }
-    out += '"';
-    return out;
-}
-
 // The shortest "%g" text (15 to 17 digits) that reads back as `v`. JSON has
 // no NaN or infinity: those give null.
 std::string JsonDouble(double v) {
@@ -524,7 +440,7 @@ eRtCode ResponseExtendedInfo::ExtendedInfo_AppendMsgArg(sExtendedInfo* info) {
 }
 
 eRtCode ResponseExtendedInfo::ExtendedInfo_AppendMsgArg(sExtendedInfo* info, const char* value) {
-    return _AppendArgText(info, value == nullptr ? std::string("null") : JsonString(value));
+    return _AppendArgText(info, value == nullptr ? std::string("null") : JsonQuoteString(value));
 }
 
 eRtCode ResponseExtendedInfo::ExtendedInfo_AppendMsgArg(sExtendedInfo* info, char* value) {
@@ -574,7 +490,7 @@ eRtCode ResponseExtendedInfo::ExtendedInfo_AppendMsgArg(sExtendedInfo* info, dou
 
 eRtCode ResponseExtendedInfo::ExtendedInfo_AppendMsgArg(sExtendedInfo* info,
                                                         const std::string& value) {
-    return _AppendArgText(info, JsonString(value));
+    return _AppendArgText(info, JsonQuoteString(value));
 }
 
 eRtCode ResponseExtendedInfo::ExtendedInfo_AppendMsgArgOfString(sExtendedInfo* info,
@@ -587,7 +503,7 @@ eRtCode ResponseExtendedInfo::ExtendedInfo_AppendMsgArgs(sExtendedInfo* info,
     if (!_CheckExtInfo(info)) return RT_FAILURE;
     eRtCode rt = RT_SUCCESS;
     for (const std::string& arg : args) {
-        if (_AppendArgText(info, JsonString(arg)) != RT_SUCCESS) rt = RT_FAILURE;
+        if (_AppendArgText(info, JsonQuoteString(arg)) != RT_SUCCESS) rt = RT_FAILURE;
     }
     return rt;
 }
@@ -619,7 +535,7 @@ eRtCode ResponseExtendedInfo::ExtendedInfo_AppendRelatedProperties(
     }
     eRtCode rt = RT_SUCCESS;
     for (const std::string& property : properties) {
-        if (related->ListWriteRawString(JsonString(base + property)) != RT_SUCCESS) {
+        if (related->ListWriteRawString(JsonQuoteString(base + property)) != RT_SUCCESS) {
             rt = RT_FAILURE;
         }
     }

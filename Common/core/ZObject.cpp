@@ -18,25 +18,6 @@ namespace Orbel {
 
 namespace {
 
-// Nodes live only while the application does; a node made or used without
-// one is refused rather than crashing on the registry.
-bool Use(ZObject* obj) {
-    ZApplication* app = zApp;
-    return app != nullptr && obj != nullptr && app->UseIfValid(obj);
-}
-
-// Releases a count taken with Use() at the end of a scope.
-class UseRelease {
-  public:
-    explicit UseRelease(ZObject* obj) : mObj(obj) {}
-    ~UseRelease() { mObj->DecreaseUsingCount(); }
-    UseRelease(const UseRelease&) = delete;
-    UseRelease& operator=(const UseRelease&) = delete;
-
-  private:
-    ZObject* mObj;
-};
-
 // The JPath rules: a resource-like child drops the "&&" of a nested parent,
 // any other child gets one unless the first or the second character of the
 // base is already '&' (the front end relies on exactly this test); one "/"
@@ -75,6 +56,11 @@ uint32_t InheritAttribute(ZObject* parent, ZObject::eType type, unsigned long at
 // ---------------------------------------------------------------------------
 // Construction
 // ---------------------------------------------------------------------------
+
+bool Use(ZObject* obj) {
+    ZApplication* app = zApp;
+    return app != nullptr && obj != nullptr && app->UseIfValid(obj);
+}
 
 ZObject::ZObject(ZObject* parent, eType type, const std::string& id, const std::string& name,
                  unsigned long attribute)

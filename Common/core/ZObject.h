@@ -443,6 +443,26 @@ private:
     ZObject* mObj;
 };
 
+// Takes a using count on `obj` when the application's registry knows it and
+// it may still be used; false (nothing taken) for null, an unknown pointer or
+// no application. Nodes live only while the application does: a node used
+// without one is refused rather than crashing on the registry.
+bool Use(ZObject* obj);
+
+// Releases, at the end of a scope, a count taken with Use().
+class UseRelease {
+public:
+    explicit UseRelease(ZObject* obj) : mObj(obj) {}
+    ~UseRelease() {
+        if (mObj != nullptr) mObj->DecreaseUsingCount();
+    }
+    UseRelease(const UseRelease&) = delete;
+    UseRelease& operator=(const UseRelease&) = delete;
+
+private:
+    ZObject* mObj;
+};
+
 }  // namespace Orbel
 
 #endif  // ORBEL_ZOBJECT_H

@@ -26,24 +26,6 @@ constexpr size_t kStepSnippetLen = 256;
 // The step log is written from this debug level on.
 constexpr int kStepLogLevel = 4;
 
-bool Use(ZObject* obj) {
-    ZApplication* app = zApp;
-    return app != nullptr && obj != nullptr && app->UseIfValid(obj);
-}
-
-class UseRelease {
-public:
-    explicit UseRelease(ZObject* obj) : mObj(obj) {}
-    ~UseRelease() {
-        if (mObj != nullptr) mObj->DecreaseUsingCount();
-    }
-    UseRelease(const UseRelease&) = delete;
-    UseRelease& operator=(const UseRelease&) = delete;
-
-private:
-    ZObject* mObj;
-};
-
 bool IsBlank(char ch) {
     return ch == ' ' || ch == '\t' || ch == '\n' || ch == '\r';
 }

@@ -28,24 +28,6 @@ constexpr const char* kRawJsonField = "&&RawJSON";
 // tree built by hand has no other bound).
 constexpr unsigned kRawJsonMaxDepth = 64;
 
-bool Use(ZObject* obj) {
-    ZApplication* app = zApp;
-    return app != nullptr && obj != nullptr && app->UseIfValid(obj);
-}
-
-class UseRelease {
-public:
-    explicit UseRelease(ZObject* obj) : mObj(obj) {}
-    ~UseRelease() {
-        if (mObj != nullptr) mObj->DecreaseUsingCount();
-    }
-    UseRelease(const UseRelease&) = delete;
-    UseRelease& operator=(const UseRelease&) = delete;
-
-private:
-    ZObject* mObj;
-};
-
 // Properties named "&&..." are meta data for the front end, never body
 // content; a JSON value text never begins with "&", so the same prefix marks
 // a nested child in an entry's text.

@@ -22,24 +22,6 @@ namespace {
 
 constexpr uint32_t kUnappliedWarnMs = 10000;
 
-bool Use(ZObject* obj) {
-    ZApplication* app = zApp;
-    return app != nullptr && obj != nullptr && app->UseIfValid(obj);
-}
-
-class UseRelease {
-  public:
-    explicit UseRelease(ZObject* obj) : mObj(obj) {}
-    ~UseRelease() {
-        if (mObj != nullptr) mObj->DecreaseUsingCount();
-    }
-    UseRelease(const UseRelease&) = delete;
-    UseRelease& operator=(const UseRelease&) = delete;
-
-  private:
-    ZObject* mObj;
-};
-
 void LogRawJsonRefused() {
     ZLOG(eZLogError, "This function is not available when data format is set to RawJson.\n");
 }
