@@ -236,11 +236,7 @@ TEST_F(StoreTreeReaderTest, DepthIsLimitedAndCyclesAreCutOnlyOnTheirPath) {
     EXPECT_EQ(json, "");
     EXPECT_EQ(error, "the document needs more than 10000 nodes");
     // Below the budget shared nodes are expanded at every place: 2^12 null leaves.
-    const std::string leaves = Read("&&/dag/4");
-    size_t nulls = 0;
-    for (size_t at = leaves.find("null"); at != std::string::npos; at = leaves.find("null", at + 1))
-        ++nulls;
-    EXPECT_EQ(nulls, 4096u);
+    EXPECT_EQ(CountOf(Read("&&/dag/4"), "null"), 4096u);
 }
 
 TEST_F(StoreTreeReaderTest, TopLevelListAndFailures) {
@@ -311,18 +307,6 @@ TEST_F(StoreTreeReaderTest, MessageArraysFollowBareJPathsAndNameTheMessageFields
     HSet("&&/loop", {{"&&MessageArgs", "&&/loop/args"}});
     RPush("&&/loop/args", {"&&/loop"});
     EXPECT_EQ(Read("&&/loop"), R"({"MessageArgs":[null]})");
-
-    Orbel::sStoreTreeOptions pretty;
-    std::string json;
-    ASSERT_TRUE(Orbel::ReadStoreTree(mConn.get(), m + "0", json, nullptr, pretty));
-    EXPECT_EQ(json, R"({
-    "MessageArgs": [
-        "HostName",
-        64
-    ],
-    "MessageId": "Base.1.12.StringValueTooLong",
-    "RelatedProperties": []
-})");
 }
 
 TEST_F(StoreTreeReaderTest, ListStoreKeysScansEverythingSorted) {
