@@ -9,8 +9,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <regex>
@@ -68,15 +66,6 @@ const auto Has = [](const std::string& text, const std::string& part) {
         pos = at + text.size();
     }
     return ::testing::AssertionSuccess();
-}
-
-bool WaitUntil(const std::function<bool()>& pred, int timeoutMs) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
 }
 
 void SetCorvelReady(bool ready) {
@@ -390,8 +379,6 @@ TEST_F(PluginProcessTest, DiagnosticsAndEventsOfARunningPlugin) {
 
     // Events raised by another process (the sim tool) or this one reach the
     // callbacks the plug-in registered, and only those.
-    EXPECT_TRUE(Has(child->Output(), "Register VEX event[TestEvent]\n"));
-    EXPECT_TRUE(Has(child->Output(), "Success to register VEX events callback function.\n"));
     ASSERT_NE(vex_event_raise("LateEvent", "ignored", 7), 0);  // never registered
     ASSERT_EQ(RunSimTool({"event", "raise", "TestEvent", "hello"}), 0);
     ASSERT_TRUE(child->WaitForOutput("Event[TestEvent] type[1] len[5] data[hello]\n", kTimeoutMs))
@@ -549,10 +536,7 @@ TEST_F(ApplicationInProcessStoreTest, FullLifeLeavesNoThreadDescriptorOrHandler)
         EXPECT_EQ(SMembers("&&AccessBlockList").count("RF_Log"), 0u);
         EXPECT_TRUE(Orbel::zLogPrint->IsAppInitDone());
         EXPECT_EQ(CountFrameThreads(), 2u);  // the process loop and the signal thread
-        size_t mark = ReadFile(app.WorkDir() + ".log").size();
         EXPECT_EQ(app.RegisterVexEventCallback("Late", RecordEvent), Orbel::RT_FAILURE);
-        EXPECT_TRUE(Has(ReadFile(app.WorkDir() + ".log").substr(mark),
-                        "Should call this function not before the step 2.\n"));
         // While Exec runs, raised events reach the callback.
         ASSERT_NE(vex_event_raise("InEv", "12345", 5), 0);
         Texts events;

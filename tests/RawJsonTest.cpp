@@ -85,8 +85,10 @@ TEST_F(RawJsonTest, WritesBecomeOneEscapedTextInTheRootsHash) {
     raw->HashWrite("Count", 4);
     raw->HashWrite("Added", "z");
     ASSERT_EQ(raw->ApplyRedisChanges(false), RT_SUCCESS);
-    std::string text = Checked(raw);
-    EXPECT_EQ(CountOf(text, "\"Count\":4,\"Neg\":-2,") + CountOf(text, ",\"Added\":\"z\"}"), 2u);
+    const std::string text = Checked(raw);
+    EXPECT_NE(text.find("\"Count\":4,\"Neg\":-2,"), std::string::npos) << text;
+    const std::string added = ",\"Added\":\"z\"}";  // a new member goes last
+    EXPECT_EQ(text.substr(text.size() - added.size()), added);
     // The store-side apply of a RawJson node writes the text, never fields.
     raw->HashWrite("Via", 1);
     redisContext* c = RedisConnect();

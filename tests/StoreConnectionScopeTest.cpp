@@ -3,11 +3,11 @@
 // frame runs the start-up stages inside one. Connections are counted on the
 // server (INFO stats, total_connections_received), through a connection of
 // the test's own opened before counting.
-#include <chrono>
 #include <cstdlib>
 #include <string>
 #include <thread>
 
+#include "ChildProcess.h"
 #include "ObjectModelFixture.h"
 #include "RedisCli.h"
 #include "ZApplication.h"
@@ -199,11 +199,7 @@ TEST_F(StageScopeTest, EveryStartUpStageRunsInsideOneScope) {
         ZApplication::sExecParams params{1, argv, kTable, 1};
         int rt = -1;
         std::thread exec([&] { rt = app.Exec(params); });
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-        while (!app.isAppInitDone() && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        EXPECT_TRUE(app.isAppInitDone());
+        EXPECT_TRUE(WaitUntil([&app] { return app.isAppInitDone(); }, 15000));
         app.Exit();
         exec.join();
         EXPECT_EQ(rt, 0);

@@ -113,13 +113,17 @@ bool ChildProcess::WaitForOutput(const std::string& text, int timeoutMs) {
     }
 }
 
-bool WaitForFile(const std::string& path, int timeoutMs) {
+bool WaitUntil(const std::function<bool()>& done, int timeoutMs) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!FileExists(path)) {
+    while (!done()) {
         if (std::chrono::steady_clock::now() >= deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return true;
+}
+
+bool WaitForFile(const std::string& path, int timeoutMs) {
+    return WaitUntil([&path] { return FileExists(path); }, timeoutMs);
 }
 
 std::string BuiltProgram(const std::string& relativePath) {

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -45,7 +46,8 @@ private:
     int mStatus = -1;
 };
 
-// Polls every 20 ms until `path` exists; false on time-out.
+// Polls every 20 ms until `done` returns true, or `path` exists; false on time-out.
+bool WaitUntil(const std::function<bool()>& done, int timeoutMs);
 bool WaitForFile(const std::string& path, int timeoutMs);
 
 // Absolute path of a program built in this tree (e.g. "examples/RF_Root/RF_Root").
