@@ -1,32 +1,22 @@
 // The simulated platform through its C functions and through the orbel-sim
 // tool run as a child process: both must see one state under the sysroot.
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdlib>
-#include <cstring>
-#include <ctime>
-#include <mutex>
 #include <string>
 #include <tuple>
-#include <utility>
 #include <vector>
 
 #include "ChildProcess.h"
 #include "TestEnv.h"
 #include "koba.h"
 #include "proc_system.h"
-#include "tarn_clock.h"
 #include "vex.h"
 #include "vpdd.h"
 
 namespace {
 
 using namespace OrbelTest;
-using Texts = std::vector<std::string>;
 
 struct ToolResult {
     int status;
@@ -49,44 +39,13 @@ std::string GetStr(const char* name) {
     return vex_config_get_str_n(name, buffer, sizeof(buffer)) != 0 ? buffer : "<failed>";
 }
 
-// Events that reached this process's callback, as "<type> <name> <payload>"
-// ("(null)" for an event without data). Global, so it outlives the listener
-// thread at exit.
-std::mutex gEventMutex;
-std::condition_variable gEventCv;
-Texts gEvents;
-
-std::string Event(int type, const std::string& name, const std::string& payload) {
-    return std::to_string(type) + " " + name + " " + payload;
-}
-
-void OnEvent(EVENT_TYPE type, char* name, int dataLen, void* data) {
-    std::lock_guard<std::mutex> lock(gEventMutex);
-    gEvents.push_back(Event(type, name,
-                            data != nullptr ? std::string(static_cast<char*>(data), dataLen)
-                            : dataLen == 0  ? "(null)"
-                                            : "(null with a length)"));
-    gEventCv.notify_all();
-}
-
-// Waits until the last event to arrive has that name; returns (and forgets)
-// the events up to then.
-Texts TakeEventsUntil(const std::string& name) {
-    std::unique_lock<std::mutex> lock(gEventMutex);
-    gEventCv.wait_for(lock, std::chrono::seconds(10), [&] {
-        return !gEvents.empty() && gEvents.back().find(" " + name + " ") != std::string::npos;
-    });
-    return std::exchange(gEvents, {});
-}
-
 // Each test starts from empty stores; run/vex/events stays, it holds this
 // process's listener socket.
 class PlatformSimTest : public ::testing::Test {
 protected:
     void SetUp() override {
         std::string cmd = "rm -rf";
-        for (const char* dir :
-             {"/var/lib/vex", "/var/lib/koba", "/var/lib/vpd", "/run/vex/apps", "/run/tarnclock"}) {
+        for (const char* dir : {"/var/lib/vex", "/var/lib/koba", "/var/lib/vpd", "/run/vex/apps"}) {
             cmd += " '" + Path(dir) + "'";
         }
         cmd += " && find '" + Path("/run/vex") + "' -maxdepth 1 -type f -delete 2>/dev/null; true";
@@ -94,24 +53,13 @@ protected:
     }
 };
 
-TEST_F(PlatformSimTest, ValuesSetByTheToolAreReadByTheLibraryAndBack) {
-    ASSERT_EQ(Sim({"vex", "set", "sim_flag", "true"}).status, 0);
-    int flag = 0;
-    EXPECT_TRUE(vex_config_get_bool("sim_flag", &flag) != 0 && flag == 1);
-    ASSERT_NE(vex_config_set_int64("sim_big", 5000000000LL, 0), 0);
-    EXPECT_EQ(Sim({"vex", "get", "sim_big"}).Text(), "0:5000000000\n");
-    EXPECT_EQ(Sim({"vex", "get", "sim_missing"}).Text(),
-              "1:orbel-sim: no VEX variable sim_missing\n");
-}
-
-TEST_F(PlatformSimTest, PersistentAndVolatileValuesLiveInSeparateTrees) {
+TEST_F(PlatformSimTest, VexValuesCrossBetweenToolAndLibraryAndVolatileHidesPersistent) {
     ASSERT_NE(vex_config_set_int("sim_level", 1, 1), 0);
     EXPECT_EQ(ReadFile(Path("/var/lib/vex/sim_level")), "1");
     EXPECT_FALSE(FileExists(Path("/run/vex/sim_level")));
     // A volatile value hides the persistent one until the next "restart".
     ASSERT_EQ(Sim({"vex", "set", "sim_level", "2"}).status, 0);
     EXPECT_EQ(GetStr("sim_level"), "2");
-    EXPECT_EQ(Sim({"vex", "list"}).output, "sim_level\tvolatile\t2\n");
     ASSERT_EQ(unlink(Path("/run/vex/sim_level").c_str()), 0);
     EXPECT_EQ(GetStr("sim_level"), "1");
     // A persistent set replaces both, so the value read is the one just set.
@@ -122,16 +70,20 @@ TEST_F(PlatformSimTest, PersistentAndVolatileValuesLiveInSeparateTrees) {
     ASSERT_NE(vex_config_set_str_n("sim_text", "a\tb\\", 16, 0), 0);
     EXPECT_EQ(Sim({"vex", "list"}).output,
               "sim_level\tpersist\t3\nsim_text\tvolatile\ta\\x09b\\\\\n");
+    ASSERT_NE(vex_config_set_int64("sim_big", 5000000000LL, 0), 0);
+    EXPECT_EQ(Sim({"vex", "get", "sim_big"}).Text(), "0:5000000000\n");
+    EXPECT_EQ(Sim({"vex", "get", "sim_missing"}).Text(),
+              "1:orbel-sim: no VEX variable sim_missing\n");
+    EXPECT_EQ(Sim({"vex", "set", "a/b", "1"}).status, 1);
+    EXPECT_EQ(Sim({}).output.rfind("Usage: orbel-sim COMMAND [ARGS]\n", 0), 0u);
 }
 
-TEST_F(PlatformSimTest, TypedGetsRefuseTextOfAnotherTypeAndStringsAreBounded) {
+TEST_F(PlatformSimTest, TypedGetsRefuseTextOfAnotherType) {
     // {stored text, reads as bool, as int, as int64}
     const std::tuple<const char*, bool, bool, bool> cases[] = {
         {"true", true, false, false},       {"1\n", true, true, true},
-        {"yes", false, false, false},       {"-2147483648", false, true, true},
-        {"2147483648", false, false, true}, {"9223372036854775808", false, false, false},
-        {"+5", false, false, false},        {" 5", false, false, false},
-        {"5\n\n", false, false, false},     {"-", false, false, false},
+        {"-2147483648", false, true, true}, {"2147483648", false, false, true},
+        {"+5", false, false, false},        {"5\n\n", false, false, false},
     };
     for (const auto& [text, isBool, isInt, isInt64] : cases) {
         SCOPED_TRACE(std::string("text [") + text + "]");
@@ -143,38 +95,6 @@ TEST_F(PlatformSimTest, TypedGetsRefuseTextOfAnotherTypeAndStringsAreBounded) {
         EXPECT_EQ(vex_config_get_int64("sim_typed", &ll) != 0, isInt64);
         EXPECT_TRUE(isInt || i == -1) << "a failed get must leave the value alone";
     }
-    // set_str_n stores at most `size` bytes, get_str_n returns at most
-    // size-1 and a zero.
-    ASSERT_NE(vex_config_set_str_n("sim_s", "abcdef", 4, 0), 0);
-    char small[3];
-    ASSERT_NE(vex_config_get_str_n("sim_s", small, 3), 0);
-    EXPECT_STREQ(small, "ab");
-    EXPECT_EQ(GetStr("sim_s"), "abcd");
-}
-
-TEST_F(PlatformSimTest, NamesThatAreNotPlainFileNamesAreRefused) {
-    int v = 0, err = 0;
-    for (const char* name : {"", ".hidden", "a/b", "../escape", "/abs"}) {
-        SCOPED_TRACE(name);
-        EXPECT_EQ(vex_config_set_int(name, 1, 0), 0);
-        EXPECT_EQ(vex_config_set_int(name, 1, 1), 0);
-        EXPECT_EQ(vex_config_get_int(name, &v), 0);
-        EXPECT_NE(SetVarValueSINT(-1, 0, 0, 0, name, &err, 1), KOBA_OK);
-    }
-    EXPECT_EQ(vex_config_set_int(nullptr, 1, 0), 0);
-    EXPECT_EQ(vex_config_set_int(std::string(256, 'n').c_str(), 1, 0), 0);
-    EXPECT_NE(vex_config_set_int(std::string(255, 'n').c_str(), 1, 0), 0);
-    EXPECT_EQ(Sim({"vex", "set", "a/b", "1"}).status, 1);
-}
-
-TEST_F(PlatformSimTest, VexInitRecordsTheApplication) {
-    EXPECT_EQ(vex_init("", 0x72667274), 0);
-    EXPECT_EQ(vex_init(nullptr, 0x72667274), 0);
-    EXPECT_EQ(vex_init("RF_Root", 0), 0);
-    EXPECT_FALSE(FileExists(Path("/run/vex/apps/RF_Root")));
-    ASSERT_NE(vex_init("RF_Root", 0x72667274), 0);
-    EXPECT_EQ(ReadFile(Path("/run/vex/apps/RF_Root")),
-              "pid=" + std::to_string(getpid()) + "\ncode=0x72667274\n");
 }
 
 TEST_F(PlatformSimTest, KobaReportsItsErrorCodes) {
@@ -186,14 +106,8 @@ TEST_F(PlatformSimTest, KobaReportsItsErrorCodes) {
     // The type is fixed when the variable is created; the error word repeats the code.
     EXPECT_EQ(GetVarValueUINT(-1, 0, 0, 0, "sim_k", &err, &u), KOBA_ERR_FORMAT);
     EXPECT_EQ(err, KOBA_ERR_FORMAT);
-    // Stored text that does not parse.
-    for (const char* text : {"s:12x", "garbage", "u:4294967296"}) {
-        WriteFile(Path("/var/lib/koba/sim_bad"), text);
-        EXPECT_EQ(text[0] == 'u' ? GetVarValueUINT(-1, 0, 0, 0, "sim_bad", &err, &u)
-                                 : GetVarValueSINT(-1, 0, 0, 0, "sim_bad", &err, &s),
-                  KOBA_ERR_FORMAT)
-            << text;
-    }
+    WriteFile(Path("/var/lib/koba/sim_bad"), "s:12x");  // stored text that does not parse
+    EXPECT_EQ(GetVarValueSINT(-1, 0, 0, 0, "sim_bad", &err, &s), KOBA_ERR_FORMAT);
     // Strings come back whole or not at all.
     ASSERT_EQ(SetVarValueSTRING(-1, 0, 0, 0, "sim_str", &err, "abcd"), KOBA_OK);
     char buf[5] = {'x', 'x', 'x', 'x', 'x'};
@@ -214,53 +128,12 @@ TEST_F(PlatformSimTest, KobaThroughTheTool) {
     EXPECT_TRUE(GetVarValueUINT(-1, 0, 0, 0, "sim_u", &err, &u) == KOBA_OK && u == 4294967295u);
     EXPECT_TRUE(GetVarValueBOOL(-1, 0, 0, 0, "sim_b", &err, &b) == KOBA_OK && b == 1);
     ASSERT_EQ(SetVarValueSTRING(-1, 0, 0, 0, "sim_s", &err, "two words"), KOBA_OK);
-    EXPECT_EQ(Sim({"koba", "get", "sim_s"}).output, "two words\n");
     EXPECT_EQ(Sim({"koba", "list"}).output,
               "sim_b\tb\ttrue\nsim_s\tS\ttwo words\nsim_u\tu\t4294967295\n");
     EXPECT_EQ(Sim({"koba", "set", "sim_u", "s", "1"}).Text(),
               "1:orbel-sim: cannot set KOBA variable sim_u (error 3)\n");
     EXPECT_EQ(Sim({"koba", "set", "sim_x", "u", "-1"}).status, 2);
     EXPECT_FALSE(FileExists(Path("/var/lib/koba/sim_x")));
-}
-
-TEST_F(PlatformSimTest, EventsRaisedByTheToolReachSubscribedCallbacksOnly) {
-    ASSERT_NE(vex_event_register("sim.ev.wanted"), 0);
-    ASSERT_NE(vex_event_register("sim_var"), 0);
-    ASSERT_NE(vex_event_callback_register(&OnEvent), 0);
-    EXPECT_EQ(vex_event_register(""), 0);
-    EXPECT_EQ(vex_event_callback_register(nullptr), 0);
-    EXPECT_TRUE(FileExists(Path("/run/vex/events/" + std::to_string(getpid()) + ".sock")));
-
-    // One sender's datagrams arrive in order: once the wanted event is
-    // seen, the unwanted one raised before it would have been seen too.
-    ASSERT_EQ(Sim({"event", "raise", "sim.ev.unwanted", "x"}).status, 0);
-    ASSERT_EQ(Sim({"event", "raise", "sim.ev.wanted", "pay load"}).status, 0);
-    EXPECT_EQ(TakeEventsUntil("sim.ev.wanted"),
-              Texts{Event(VEX_EVENT_RAISED, "sim.ev.wanted", "pay load")});
-    ASSERT_EQ(Sim({"event", "raise", "sim.ev.wanted"}).status, 0);
-    EXPECT_EQ(TakeEventsUntil("sim.ev.wanted"),
-              Texts{Event(VEX_EVENT_RAISED, "sim.ev.wanted", "(null)")});
-    // Setting a variable raises its change event, in this process too.
-    ASSERT_EQ(Sim({"vex", "set", "sim_var", "7"}).status, 0);
-    EXPECT_EQ(TakeEventsUntil("sim_var"), Texts{Event(VEX_EVENT_VAR_CHANGED, "sim_var", "7")});
-
-    std::string huge(70 * 1024, 'h');
-    EXPECT_EQ(vex_event_raise("sim.ev.wanted", huge.data(), static_cast<int>(huge.size())), 0);
-}
-
-TEST_F(PlatformSimTest, SocketsOfGoneProcessesAreRemovedOnRaise) {
-    std::string stale = Path("/run/vex/events/999999999.sock");
-    int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-    ASSERT_GE(fd, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    ASSERT_LT(stale.size(), sizeof(addr.sun_path));
-    std::strcpy(addr.sun_path, stale.c_str());
-    ASSERT_EQ(std::system(("mkdir -p '" + Path("/run/vex/events") + "'").c_str()), 0);
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-    close(fd);  // bound file left behind, as by a killed process
-    ASSERT_NE(vex_event_raise("sim.ev.any", "x", 1), 0);
-    EXPECT_FALSE(FileExists(stale));
 }
 
 TEST_F(PlatformSimTest, AnotherProcessReceivesEventsAndRemovesItsSocketAtExit) {
@@ -277,10 +150,9 @@ TEST_F(PlatformSimTest, AnotherProcessReceivesEventsAndRemovesItsSocketAtExit) {
     EXPECT_FALSE(FileExists(sock)) << "the listener removes its socket when the process ends";
 }
 
-TEST_F(PlatformSimTest, MachineRecordIsGeneratedOnceAndEditable) {
+TEST_F(PlatformSimTest, TheDefaultMachineRecordIsGeneratedOnce) {
     std::vector<unsigned char> record(VPDD_MACHINE_RECORD_SIZE + 4, 0xEE);
     EXPECT_EQ(vpdd_machine_vpd_read(record.data(), VPDD_MACHINE_RECORD_SIZE - 1), VPDD_ERR_ARG);
-    EXPECT_EQ(record[0], 0xEE);
     ASSERT_EQ(vpdd_machine_vpd_read(record.data(), static_cast<int>(record.size())), VPDD_OK);
     const std::string pad6(6, '\0');
     const std::string text(record.begin(), record.begin() + VPDD_MACHINE_RECORD_SIZE);
@@ -290,52 +162,12 @@ TEST_F(PlatformSimTest, MachineRecordIsGeneratedOnceAndEditable) {
     EXPECT_EQ(ReadFile(Path("/var/lib/vpd/machine.vpd")), text);
     EXPECT_EQ(Sim({"vpd", "show"}).output,
               "uuid: 6E2B8F14A09C4D3B8F5A1C7D2E9B0A63\nserial: SIM0000001\nmtm: 7X99CTO1WW\n");
-
-    ASSERT_EQ(Sim({"vpd", "set", "serial", "XY12"}).status, 0);
-    ASSERT_EQ(Sim({"vpd", "set", "uuid", "0123abcd-0000-4000-8000-00000000beef"}).status, 0);
-    EXPECT_EQ(Sim({"vpd", "set", "mtm", "seventeen-chars-x"}).status, 2);
-    ASSERT_EQ(vpdd_machine_vpd_read(record.data(), VPDD_MACHINE_RECORD_SIZE), VPDD_OK);
-    EXPECT_EQ(std::string(record.begin(), record.begin() + 64),
-              "0123ABCD00004000800000000000BEEFXY12" + std::string(12, '\0') + "7X99CTO1WW" + pad6);
-    WriteFile(Path("/var/lib/vpd/machine.vpd"), "short");
-    EXPECT_EQ(vpdd_machine_vpd_read(record.data(), VPDD_MACHINE_RECORD_SIZE), VPDD_ERR_IO);
-    EXPECT_EQ(Sim({"vpd", "show"}).status, 1);
-}
-
-TEST_F(PlatformSimTest, ShutdownMarkerClockAndUsageThroughTheTool) {
-    const std::string marker = Path("/tmp/.shutting-down-tarn");
-    ASSERT_EQ(Sim({"shutdown", "on"}).status, 0);
-    EXPECT_TRUE(FileExists(marker));
-    ASSERT_EQ(Sim({"shutdown", "off"}).status, 0);
-    EXPECT_FALSE(FileExists(marker));
-    EXPECT_EQ(Sim({"shutdown", "off"}).status, 0) << "already off is no failure";
-    EXPECT_EQ(Sim({"shutdown", "maybe"}).status, 2);
-
-    struct tm tm;
-    char zone[8];
-    ASSERT_EQ(getTarnClock(&tm, zone, sizeof(zone)), 0);
-    EXPECT_NE(getTarnClock(&tm, zone, 6), 0) << "no room for +hh:mm";
-    ASSERT_EQ(Sim({"clock", "fail", "7"}).status, 0);
-    EXPECT_EQ(getTarnClock(&tm, zone, sizeof(zone)), 7);
-    EXPECT_EQ(Sim({"clock", "show"}).Text(), "1:orbel-sim: getTarnClock returned 7\n");
-    ASSERT_EQ(Sim({"clock", "ok"}).status, 0);
-    EXPECT_EQ(getTarnClock(&tm, zone, sizeof(zone)), 0);
-
-    ToolResult r = Sim({});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(r.output.rfind("Usage: orbel-sim COMMAND [ARGS]\n", 0), 0u) << r.output;
-    EXPECT_EQ(Sim({"help"}).output, r.output);
-    EXPECT_EQ(Sim({"vex", "set", "x"}).status, 2);
 }
 
 TEST_F(PlatformSimTest, ShellRunnerReportsExitStatus) {
     EXPECT_EQ(proc_system("exit 3"), 3);
-    EXPECT_EQ(proc_system("true"), 0);
     EXPECT_EQ(proc_system("kill -TERM $$"), -1);
     EXPECT_EQ(proc_system(nullptr), -1);
-    std::string out = Path("/proc-system.out");
-    ASSERT_EQ(proc_system(("printf '%s' \"$ORBEL_SYSROOT\" > '" + out + "'").c_str()), 0);
-    EXPECT_EQ(ReadFile(out), SysrootDir()) << "the command sees the caller's environment";
 }
 
 }  // namespace
