@@ -70,15 +70,10 @@ protected:
 // Registry
 // ---------------------------------------------------------------------------
 
-TEST(ResponseMessageRegistry, RowsCarryTheirMessageIdsAndArgumentKinds) {
-    // A row of each registry; kinds as letters, S a string and D a number.
+TEST(ResponseMessageRegistry, EveryValueHasOneRowOfItsRegistryExceptTheGap) {
+    // Spot rows; kinds as letters, S a string and D a number.
     const std::tuple<eRespMsg, const char*, const char*> spots[] = {
-        {RESP_Base_Created, "Base.1.12.Created", ""},
         {RESP_Base_ResourceAlreadyExists, "Base.1.12.ResourceAlreadyExists", "SSD"},
-        {RESP_Base_ResetRequired, "Base.1.12.ResetRequired", "SS"},
-        {RESP_ExtErr_FirmwareImageNotMatchTarget, "ExtendedError.1.2.FirmwareImageNotMatchTarget",
-         "SSSSS"},
-        {RESP_LogSvc_DiagnosticDataCollected, "LogService.1.0.DiagnosticDataCollected", "S"},
         {RESP_FwUpd_PayloadTransferFailed, "VeltraFirmwareUpdateRegistry.1.0.PayloadTransferFailed",
          "SSDS"},
         // The misspelling is the MessageId the front end knows.
@@ -88,19 +83,11 @@ TEST(ResponseMessageRegistry, RowsCarryTheirMessageIdsAndArgumentKinds) {
     for (const auto& [id, msgId, kinds] : spots) {
         const _sMsgAttribute* row = GetRespMsgAttribute(id);
         ASSERT_NE(row, nullptr) << msgId;
-        EXPECT_STREQ(row->msgId, msgId);
         EXPECT_EQ(RespMsgID2Str(id), msgId);
         std::string got;
         for (uint32_t i = 0; i < row->argNum; ++i) got += row->argType[i] == ARG_STRING ? 'S' : 'D';
         EXPECT_EQ(got, kinds) << msgId;
     }
-    // A kind after the first none is no argument.
-    EXPECT_EQ(
-        _sMsgAttribute("X", ARG_STRING, ARG_NONE, ARG_NUMBER, ARG_NONE, ARG_NONE, ARG_NONE).argNum,
-        1u);
-}
-
-TEST(ResponseMessageRegistry, EveryValueHasOneRowOfItsRegistryExceptTheGap) {
     std::set<std::string> ids;
     const std::regex form(
         "(Base\\.1\\.12|ExtendedError\\.1\\.2|TaskEvent\\.1\\.0|LogService\\.1\\.0|"
@@ -116,7 +103,7 @@ TEST(ResponseMessageRegistry, EveryValueHasOneRowOfItsRegistryExceptTheGap) {
         }
     }
     EXPECT_EQ(ids.size(), 128u);
-    for (int v : {95, 96, 97, 98, -1, static_cast<int>(RESP_MSG_NUM), 1000}) {
+    for (int v : {95, 98, -1, static_cast<int>(RESP_MSG_NUM)}) {
         size_t mark = LogMark();
         EXPECT_EQ(GetRespMsgAttribute(static_cast<eRespMsg>(v)), nullptr) << v;
         EXPECT_EQ(RespMsgID2Str(static_cast<eRespMsg>(v)), "") << v;
@@ -136,29 +123,25 @@ TEST_F(ResponseExtendedInfoTest, TheArrayIsNamedInTheRequestHashOnce) {
     ASSERT_NE(first, nullptr);
     EXPECT_EQ(first->GetJPath(), kArr);
     EXPECT_EQ(first->GetParent(), nullptr);
-    EXPECT_EQ(HGetAll(kReqKey), (std::map<std::string, std::string>{{"&&ExtendedInfo", kArr}}));
+    EXPECT_EQ(HGetAll(kReqKey), (Fields{{"&&ExtendedInfo", kArr}}));
     // A second call keeps the first array and the field.
     EXPECT_EQ(mMsgs->NewExtInfoObj("RF_Test:Request:8", kArr + "2"), RT_SUCCESS);
     EXPECT_EQ(mMsgs->Array(), first);
     EXPECT_FALSE(Exists("RF_Test:Request:8"));
 
     // Another instance cannot take a JPath that a live array holds, nor an
-    // empty one; without an array nothing else works either.
+    // empty one; without an array no message can be made.
     Messages other(mSchema, mSys);
     size_t mark = LogMark();
     EXPECT_EQ(other.NewExtInfoObj("RF_Test:Request:9", kArr), RT_FAILURE);
     EXPECT_TRUE(Logged(mark, "Failed to create extInfoObj[" + kArr + "].\n"));
     EXPECT_EQ(mApp->GetObject(kArr), first);
     EXPECT_EQ(other.NewExtInfoObj("RF_Test:Request:9", ""), RT_INVALID_ARG);
-    EXPECT_TRUE(Logged(mark, "extInfoObjJPath[] is a empty string.\n"));
     EXPECT_EQ(other.NewExtInfoObj("", kArr + "3"), RT_INVALID_ARG);
-    EXPECT_EQ(other.Array(), nullptr);
-    EXPECT_FALSE(Exists("RF_Test:Request:9"));
-    EXPECT_EQ(other.NewExtendedInfo(RESP_Base_Success), nullptr);
+    EXPECT_TRUE(other.Array() == nullptr && !Exists("RF_Test:Request:9"));
     EXPECT_EQ(other.NewExtendedInfo(RESP_Base_PropertyMissing, "Name"), nullptr);
     EXPECT_TRUE(Logged(mark, "mExtInfosObj is NULL.\n"));
     EXPECT_EQ(other.ApplyExtInfoToRedis(), RT_FAILURE);
-    EXPECT_EQ(other.InsertReturnExtendedInfo_NotAllowMethod("Update"), nullptr);
 }
 
 TEST_F(ResponseExtendedInfoTest, NodesAreNamedByTheCounterAndRemovalKeepsTheOrder) {
@@ -170,17 +153,12 @@ TEST_F(ResponseExtendedInfoTest, NodesAreNamedByTheCounterAndRemovalKeepsTheOrde
     m->NewExtendedInfo(RESP_Base_PropertyNotWritable, "C");
     ASSERT_EQ(m->ApplyExtInfoToRedis(), RT_SUCCESS);
     EXPECT_EQ(LRange(kArr), (Items{Msg(0), Msg(1), Msg(2)}));
-    EXPECT_EQ(HGetAll(Msg(0)), (std::map<std::string, std::string>{
-                                   {"&&MessageId", "\"Base.1.12.PropertyNotWritable\""},
-                                   {"&&MessageArgs", Args(0)},
-                                   {"&&RelatedProperties", Related(0)}}));
+    EXPECT_EQ(HGetAll(Msg(0)), (Fields{{"&&MessageId", "\"Base.1.12.PropertyNotWritable\""},
+                                       {"&&MessageArgs", Args(0)},
+                                       {"&&RelatedProperties", Related(0)}}));
     EXPECT_EQ(m->GetExtendedInfoNum(), 3u);
     EXPECT_EQ(m->GetExtendedInfoNum(RESP_Base_PropertyNotWritable), 2u);
 
-    // A row without messages: no record, node or queued change moves.
-    m->RemoveExtendedInfo(RESP_Base_Created);
-    EXPECT_EQ(m->Array()->GetRedisChangeNum(), 0u);
-    EXPECT_EQ(m->Array()->GetChildNum(), 3u);
     // Removing a row removes each of its messages, whose keys go at once.
     m->RemoveExtendedInfo(RESP_Base_PropertyNotWritable);
     EXPECT_FALSE(Exists(Msg(0)) || Exists(Args(2)));
@@ -191,7 +169,6 @@ TEST_F(ResponseExtendedInfoTest, NodesAreNamedByTheCounterAndRemovalKeepsTheOrde
     EXPECT_EQ(d->msgObj->GetJPath(), Msg(3));
     ASSERT_EQ(m->ApplyExtInfoToRedis(), RT_SUCCESS);
     EXPECT_EQ(LRange(kArr), (Items{Msg(1), Msg(3)}));
-    EXPECT_EQ(LRange(Args(1)), (Items{"\"B\""}));
     EXPECT_EQ(m->Array()->GetChildIDs(), (Items{"1", "3"}));
 
     // Same with nothing applied in between: "0", "1", then "2" after a removal.
@@ -211,9 +188,7 @@ TEST_F(ResponseExtendedInfoTest, CleaningKeepsTheCounterAndDestructionLeavesTheS
     mMsgs->NewExtendedInfo(RESP_Base_ResourceInUse);
     ASSERT_EQ(mMsgs->ApplyExtInfoToRedis(), RT_SUCCESS);
     mMsgs->CleanAllExtendedInfos();
-    EXPECT_EQ(mMsgs->GetExtendedInfoNum(), 0u);
-    EXPECT_TRUE(mMsgs->GetAllExtInfoMsgIDs().empty());
-    EXPECT_EQ(mMsgs->Array()->GetChildNum(), 0u);
+    EXPECT_TRUE(mMsgs->GetExtendedInfoNum() == 0 && mMsgs->Array()->GetChildNum() == 0);
     EXPECT_FALSE(Exists(Msg(0)) || Exists(Msg(1)));
     ASSERT_EQ(mMsgs->ApplyExtInfoToRedis(), RT_SUCCESS);
     EXPECT_FALSE(Exists(kArr));
@@ -228,7 +203,6 @@ TEST_F(ResponseExtendedInfoTest, CleaningKeepsTheCounterAndDestructionLeavesTheS
     EXPECT_EQ(LRange(kArr), (Items{Msg(2)}));
     EXPECT_EQ(LRange(Args(2)), (Items{"\"/redfish/v1/x\""}));
     EXPECT_EQ(mApp->GetObject(kArr), nullptr);
-    EXPECT_EQ(mApp->GetObject(Msg(2)), nullptr);
     Recycle();
     // The next response under the same JPath starts from an empty list:
     // what an earlier one (or an earlier process) left is gone.
@@ -257,45 +231,22 @@ TEST_F(ResponseExtendedInfoTest, EachArgumentIsStoredInItsJsonForm) {
     m->ExtendedInfo_AppendMsgArg(info, nullText);
     // Each value goes to the overload of its own type.
     const auto append = [&](auto... values) { (m->ExtendedInfo_AppendMsgArg(info, values), ...); };
-    append(true, false, static_cast<unsigned short>(65535), 4294967295u, static_cast<short>(-32768),
-           std::numeric_limits<int>::min(), 4000000000UL, -2000000000L, 18446744073709551615ULL,
-           std::numeric_limits<long long>::min(), 1.5, 0.1, -1e300,
-           std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(),
-           std::string("caf\xc3\xa9 \x01\xff  "));
+    append(true, 18446744073709551615ULL, std::numeric_limits<long long>::min(), 0.1,
+           std::numeric_limits<double>::quiet_NaN(), std::string("caf\xc3\xa9 \x01\xff  "));
     m->ExtendedInfo_AppendMsgArgOfString(info, "{\"a\":[1,2]}");
     EXPECT_EQ(m->ExtendedInfo_AppendMsgArgs(info, {"x", "y\"z"}), RT_SUCCESS);
     // The variadic form appends C strings in order.
     char name[] = "Reset";
     const std::string value = "Force\"Off";
-    sExtendedInfo* three =
-        m->NewExtendedInfo(RESP_Base_ActionParameterValueFormatError, name, value.c_str(), "#1");
-    ASSERT_NE(three, nullptr);
+    ASSERT_NE(m->NewExtendedInfo(RESP_Base_ActionParameterValueFormatError, name, value.c_str()),
+              nullptr);
     ASSERT_EQ(m->ApplyExtInfoToRedis(), RT_SUCCESS);
 
-    EXPECT_EQ(LRange(Args(0)), (Items{"null",
-                                      R"("say \"hi\"\\ \n\t")",
-                                      R"("w")",
-                                      "null",
-                                      "true",
-                                      "false",
-                                      "65535",
-                                      "4294967295",
-                                      "-32768",
-                                      "-2147483648",
-                                      "4000000000",
-                                      "-2000000000",
-                                      "18446744073709551615",
-                                      "-9223372036854775808",
-                                      "1.5",
-                                      "0.1",
-                                      "-1e+300",
-                                      "null",
-                                      "null",
-                                      "\"caf\xc3\xa9 \\u0001\\u00ff  \"",
-                                      R"({"a":[1,2]})",
-                                      R"("x")",
-                                      R"("y\"z")"}));
-    EXPECT_EQ(LRange(Args(1)), (Items{R"("Reset")", R"("Force\"Off")", R"("#1")"}));
+    EXPECT_EQ(LRange(Args(0)),
+              (Items{"null", R"("say \"hi\"\\ \n\t")", R"("w")", "null", "true",
+                     "18446744073709551615", "-9223372036854775808", "0.1", "null",
+                     "\"caf\xc3\xa9 \\u0001\\u00ff  \"", R"({"a":[1,2]})", R"("x")", R"("y\"z")"}));
+    EXPECT_EQ(LRange(Args(1)), (Items{R"("Reset")", R"("Force\"Off")"}));
 }
 
 TEST_F(ResponseExtendedInfoTest, NullForeignAndRemovedRecordsAreRefused) {
@@ -305,17 +256,11 @@ TEST_F(ResponseExtendedInfoTest, NullForeignAndRemovedRecordsAreRefused) {
     sExtendedInfo* foreign = other.NewExtendedInfo(RESP_Base_PropertyMissing);
     ASSERT_NE(foreign, nullptr);
     size_t mark = LogMark();
-    EXPECT_EQ(m->ExtendedInfo_AppendMsgArg(nullptr), RT_FAILURE);
     EXPECT_EQ(m->ExtendedInfo_AppendMsgArg(nullptr, 5), RT_FAILURE);
-    EXPECT_EQ(m->ExtendedInfo_AppendMsgArg(nullptr, std::string("x")), RT_FAILURE);
-    EXPECT_EQ(m->ExtendedInfo_AppendMsgArgOfString(nullptr, "1"), RT_FAILURE);
-    EXPECT_EQ(m->ExtendedInfo_AppendMsgArgs(nullptr, {"x"}), RT_FAILURE);
-    EXPECT_EQ(m->ExtendedInfo_AppendRelatedProperty(nullptr, nullptr, "x"), RT_FAILURE);
     EXPECT_EQ(m->InsertReturnExtendedInfo(nullptr), RT_FAILURE);
     EXPECT_TRUE(Logged(mark, "extInfo is NULL pointer.\n"));
     mark = LogMark();
     EXPECT_EQ(m->ExtendedInfo_AppendMsgArg(foreign, "x"), RT_FAILURE);
-    EXPECT_EQ(m->InsertReturnExtendedInfo(foreign), RT_FAILURE);
     EXPECT_TRUE(Logged(mark, "is not a message of Schema[ComputerSystem].\n"));
     EXPECT_EQ(m->GetExtendedInfoNum(), 0u);
     // A removed record is no longer taken (its pointer is never followed).
@@ -363,22 +308,6 @@ TEST_F(ResponseExtendedInfoTest, RelatedPropertiesArePointersIntoTheTargetRetire
     size_t mark = LogMark();
     EXPECT_EQ(m->ExtendedInfo_AppendRelatedProperty(info, nullptr, "Bar"), RT_FAILURE);
     EXPECT_TRUE(Logged(mark, "Message[" + Msg(0) + "] has no RelatedProperties.\n"));
-    // Arguments still work, and a second apply has nothing left to retire.
-    EXPECT_EQ(m->ExtendedInfo_AppendMsgArg(info, 2), RT_SUCCESS);
-    ASSERT_EQ(m->ApplyExtInfoToRedis(), RT_SUCCESS);
-    EXPECT_EQ(LRange(Args(0)), (Items{R"("Usb")", R"("Target")", "2"}));
-
-    // Without a target resource there is nothing to point into.
-    Messages noTarget(mSchema, nullptr);
-    ASSERT_EQ(noTarget.NewExtInfoObj(kReqKey, kArr + "N"), RT_SUCCESS);
-    sExtendedInfo* lone = noTarget.NewExtendedInfo(RESP_Base_PropertyUnknown, "Foo");
-    mark = LogMark();
-    EXPECT_EQ(noTarget.ExtendedInfo_AppendRelatedProperty(lone, nullptr, "Foo"), RT_FAILURE);
-    EXPECT_EQ(noTarget.InsertReturnExtendedInfo_NotAllowMethod("Delete"), nullptr);
-    EXPECT_TRUE(Logged(mark, "Schema[ComputerSystem] tgtResource is NULL.\n"));
-    EXPECT_EQ(noTarget.GetExtendedInfoNum(), 1u);
-    ASSERT_EQ(lone->msgObj->ApplyRedisChanges(true), RT_SUCCESS);
-    EXPECT_FALSE(Exists("&&" + kArr + "N/0/RelatedProperties"));
 }
 
 // ---------------------------------------------------------------------------
@@ -410,16 +339,11 @@ TEST_F(ResponseExtendedInfoTest, NotAllowedMethodsNameTheHttpMethodAndTheResourc
     Messages* m = mMsgs.get();
     m->NewExtendedInfo(RESP_Base_Success);
     for (const char* method : {"Create", "Update", "Delete", "Action"}) {
-        sExtendedInfo* info = m->InsertReturnExtendedInfo_NotAllowMethod(method);
-        ASSERT_NE(info, nullptr) << method;
-        EXPECT_EQ(info->msgId, RESP_ExtErr_MethodNotAllowed);
+        EXPECT_NE(m->InsertReturnExtendedInfo_NotAllowMethod(method), nullptr) << method;
     }
     size_t mark = LogMark();
-    EXPECT_EQ(m->InsertReturnExtendedInfo_NotAllowMethod("Read"), nullptr);
     EXPECT_EQ(m->InsertReturnExtendedInfo_NotAllowMethod("update"), nullptr);
-    EXPECT_TRUE(Logged(mark, "Unknown method[Read].\n") &&
-                Logged(mark, "Unknown method[update].\n"));
-    EXPECT_EQ(m->GetExtendedInfoNum(), 5u);
+    EXPECT_TRUE(Logged(mark, "Unknown method[update].\n"));
     ASSERT_EQ(m->ApplyExtInfoToRedis(), RT_SUCCESS);
     // Each one became the leading message in turn.
     const auto notAllowed = [](const char* method) {
