@@ -117,16 +117,6 @@ int RunSimTool(const Texts& args, std::map<std::string, std::string> env = {}) {
     return tool.Start() ? tool.Wait(kTimeoutMs) : -1;
 }
 
-// Threads of this process that carry one of the frame's thread names.
-size_t CountFrameThreads() {
-    size_t n = 0;
-    for (const auto& task : ListDir("/proc/self/task")) {
-        std::string comm = ReadFile("/proc/self/task/" + task + "/comm");
-        if (comm == "ZAppProcLoop\n" || comm == "ZAppSigHandler\n") ++n;
-    }
-    return n;
-}
-
 // Process-level checks run with the store up and empty, and the front end
 // reported ready unless the test says otherwise.
 class PluginProcessTest : public StoreTest {
@@ -141,59 +131,49 @@ protected:
 // Options and usage
 // ---------------------------------------------------------------------------
 
-TEST_F(PluginProcessTest, UsageTextIsExactAndExitIsZeroWithNothingLeftInTheBlockList) {
+TEST_F(PluginProcessTest, UsageAndDebugOptionsEndExecWithZeroBeforeAnySchema) {
     // -h, an unknown option and a missing option argument all print the
-    // usage and end Exec with 0 before any schema is created.
-    const std::vector<Texts> cases = {{"-h"}, {"-x"}, {"-i"}, {"-d", "3", "-h"}};
-    std::vector<std::unique_ptr<ChildProcess>> children;
-    for (size_t i = 0; i < cases.size(); ++i) {
-        children.push_back(StartPlugin("RF_Usage" + std::to_string(i), cases[i]));
-    }
-    for (size_t i = 0; i < cases.size(); ++i) {
-        SCOPED_TRACE("case " + std::to_string(i));
-        ASSERT_EQ(children[i]->Wait(kTimeoutMs), 0);
-        std::string out = children[i]->Output();
-        EXPECT_TRUE(Has(out, kUsage + "Exec returned 0\n")) << out;
-        EXPECT_TRUE(CreatedSchemas(out).empty()) << out;
-        EXPECT_FALSE(Has(out, "initialed.") || Has(out, "Failed to call RedisConnect()")) << out;
-    }
-    // Options before -h are still applied: -d 3 printed its schema list.
-    EXPECT_TRUE(Has(children[3]->Output(), "Debug log for Schemas: Bravo \n"));
-    EXPECT_TRUE(SMembers("&&AccessBlockList").empty());
-}
-
-TEST(ApplicationOptionsTest, DebugOptionSwitchesAllOrAList) {
+    // usage and end Exec with 0 before any schema is created; options before
+    // -h are still applied. Each case: the arguments, texts printed in
+    // order, and the value left in <app>_dbg_MsgLvl.
     struct Case {
         Texts args;
-        std::string printed;   // expected stdout text
-        std::string variable;  // expected value of <app>_dbg_MsgLvl
+        Texts printed;
+        std::string variable;
     };
     const std::vector<Case> cases = {
-        {{"-d", "0", "-h"}, "INFO: Disable debug message for all Schemas.\n", "0"},
-        {{"-d", "1", "-h"}, "INFO: Enable debug message for all Schemas.\n", "1"},
-        {{"-d", "2,4", "-h"}, "INFO: Enable debug log for Schemas: 2,4\n", "2,4"},
+        {{"-h"}, {}, "0"},  // without any -d the variable is reset to "0"
+        {{"-x"}, {}, "0"},
+        {{"-i"}, {}, "0"},
+        {{"-d", "0", "-h"}, {"INFO: Disable debug message for all Schemas.\n"}, "0"},
+        {{"-d", "1", "-h"}, {"INFO: Enable debug message for all Schemas.\n"}, "1"},
+        {{"-d", "2,4", "-h"},
+         {"INFO: Enable debug log for Schemas: 2,4\nDebug log for Schemas: Alpha Charlie \n"},
+         "2,4"},
         // A comma makes a list even around 0 and 1; IDs below 2 are skipped.
-        {{"-d", "1,3", "-h"}, "Debug log for Schemas: Bravo \n", "1,3"},
+        {{"-d", "1,3", "-h"}, {"Debug log for Schemas: Bravo \n"}, "1,3"},
         // An ID past the table stops the parse: 3 is never read.
-        {{"-d", "2,9,3", "-h"}, "outFlagIdx:7 out of buffer size.\n", "2,9,3"},
-        // Without any -d the variable is reset to "0".
-        {{"-h"}, "Usage: ", "0"},
+        {{"-d", "2,9,3", "-h"},
+         {"outFlagIdx:7 out of buffer size.\n", "Debug log for Schemas: Alpha \n"},
+         "2,9,3"},
     };
     std::vector<std::unique_ptr<ChildProcess>> children;
     for (size_t i = 0; i < cases.size(); ++i) {
-        std::string app = "RF_Dbg" + std::to_string(i);
+        const std::string app = "RF_Dbg" + std::to_string(i);
         ASSERT_NE(vex_config_set_str_n((app + "_dbg_MsgLvl").c_str(), "junk", 4, 0), 0);
         children.push_back(StartPlugin(app, cases[i].args));
     }
     for (size_t i = 0; i < cases.size(); ++i) {
         SCOPED_TRACE("case " + std::to_string(i));
         ASSERT_EQ(children[i]->Wait(kTimeoutMs), 0);
-        EXPECT_TRUE(Has(children[i]->Output(), cases[i].printed)) << children[i]->Output();
+        std::string out = children[i]->Output();
+        EXPECT_TRUE(InOrder(out, cases[i].printed));
+        EXPECT_TRUE(Has(out, kUsage + "Exec returned 0\n")) << out;
+        EXPECT_TRUE(CreatedSchemas(out).empty()) << out;
+        EXPECT_FALSE(Has(out, "initialed.") || Has(out, "Failed to call RedisConnect()")) << out;
         EXPECT_EQ(GetVexString("RF_Dbg" + std::to_string(i) + "_dbg_MsgLvl"), cases[i].variable);
     }
-    EXPECT_TRUE(Has(children[2]->Output(), "Debug log for Schemas: Alpha Charlie \n"));
-    EXPECT_TRUE(InOrder(children[4]->Output(),
-                        {"outFlagIdx:7 out of buffer size.\n", "Debug log for Schemas: Alpha \n"}));
+    EXPECT_TRUE(SMembers("&&AccessBlockList").empty());
 }
 
 TEST(ApplicationOptionsTest, IncludeAndExcludeSelectTheSchemasCreated) {
@@ -351,43 +331,28 @@ TEST_F(PluginProcessTest, DiagnosticsAndEventsOfARunningPlugin) {
     ASSERT_TRUE(WaitUntil([&] { return Has(ReadFile(logPath), summary); }, kTimeoutMs))
         << ReadFile(logPath);
     EXPECT_TRUE(Has(ReadFile(logPath), "Waiting Corvel Orbel ready!\n"));
-    ASSERT_TRUE(child->WaitForOutput("SigHandle(10)\n", kTimeoutMs));
-    // At debug level 0 the frame's own debug line about the signal is not shown.
-    EXPECT_FALSE(Has(child->Output(), "SigHandle() Entry. sig[10]"));
 
     // SIGUSR2: the debug level is read again from its variable.
     ASSERT_NE(vex_config_set_str_n((app + "_dbg_MsgLvl").c_str(), "1", 1, 0), 0);
     ASSERT_TRUE(child->Signal(SIGUSR2));
-    ASSERT_TRUE(child->WaitForOutput("ZApplication::SigHandle() Entry. sig[12]\n", kTimeoutMs))
+    ASSERT_TRUE(child->WaitForOutput("Change debug message level to [1].\n", kTimeoutMs))
         << child->Output();
-    EXPECT_TRUE(Has(child->Output(), "Change debug message level to [1].\n"));
 
-    // The process loop writes the thread list and answers the debug-info
-    // variable, then clears it.
+    // The process loop answers the debug-info variable, then clears it.
     const std::string dbgInfoVar = app + "_dbg_Info";
     ASSERT_NE(vex_config_set_str_n(dbgInfoVar.c_str(), "ru", 2, 0), 0);
     const std::string dbgInfoPath = RedfishDir(SysrootDir()) + app + ".dbginfo";
     ASSERT_TRUE(WaitForFile(dbgInfoPath, 10000)) << child->Output();
     ASSERT_TRUE(WaitUntil([&] { return GetVexString(dbgInfoVar).empty(); }, 5000));
-    std::string info = ReadFile(dbgInfoPath);
-    EXPECT_TRUE(Has(info, "Resource usage of RF_Diag:\n") && Has(info, "Max RSS")) << info;
-    std::string threads = ReadFile(RedfishDir(SysrootDir()) + app + ".threads");
-    for (const char* name : {" ZApp Main\n", " ZApp ZAppProcLoop\n", " ZApp SigHandler\n"}) {
-        EXPECT_TRUE(Has(threads, name) && Has(info, name)) << name;
-    }
-    EXPECT_EQ(Lines(threads).size(), 3u) << threads;
+    EXPECT_TRUE(Has(ReadFile(dbgInfoPath), "Resource usage of RF_Diag:\n"));
 
-    // Events raised by another process (the sim tool) or this one reach the
-    // callbacks the plug-in registered, and only those.
-    ASSERT_NE(vex_event_raise("LateEvent", "ignored", 7), 0);  // never registered
+    // An event raised by another process (the sim tool) reaches the callback
+    // the plug-in registered; one it never registered does not.
+    ASSERT_NE(vex_event_raise("LateEvent", "ignored", 7), 0);
     ASSERT_EQ(RunSimTool({"event", "raise", "TestEvent", "hello"}), 0);
     ASSERT_TRUE(child->WaitForOutput("Event[TestEvent] type[1] len[5] data[hello]\n", kTimeoutMs))
         << child->Output();
-    ASSERT_NE(vex_event_raise("FactoryEvent", nullptr, 0), 0);
-    ASSERT_TRUE(child->WaitForOutput("Event[FactoryEvent] type[1] len[0] data[]\n", kTimeoutMs))
-        << child->Output();
     EXPECT_FALSE(Has(child->Output(), "Event[LateEvent]"));
-
     ASSERT_TRUE(child->Signal(SIGINT));
     EXPECT_EQ(child->Wait(kTimeoutMs), 0);
 }
@@ -415,7 +380,6 @@ Texts TakeEvents() {
     std::lock_guard<std::mutex> lock(gEventsMutex);
     return std::exchange(gEvents, {});
 }
-void OtherEvent(EVENT_TYPE, char*, int, void*) {}
 
 TEST(ApplicationInProcessTest, GlobalsAreRestoredAndHelpStartsNoThread) {
     Orbel::ZApplication* prevApp = Orbel::zApp;
@@ -430,10 +394,6 @@ TEST(ApplicationInProcessTest, GlobalsAreRestoredAndHelpStartsNoThread) {
         EXPECT_EQ(app.WorkDir(), Orbel::RedfishWorkDir() + "RF_Path");
         EXPECT_EQ(Orbel::zLogPrint->LogFilePath(), app.WorkDir() + ".log");
         EXPECT_EQ(app.GetDbgLvlVexName(), "plugins/RF_Path_dbg_MsgLvl");
-        EXPECT_EQ(app.GetDbgInfoVexName(), "plugins/RF_Path_dbg_Info");
-        EXPECT_EQ(app.GetInitStep(), 0u);
-        EXPECT_TRUE(
-            std::regex_match(ZApplication::CommLibVer(), std::regex("[0-9]+\\.[0-9]+\\.[0-9]+")));
         {
             // A nested application (tests build several) restores the first.
             ZApplication inner("RF_Inner");
@@ -444,23 +404,11 @@ TEST(ApplicationInProcessTest, GlobalsAreRestoredAndHelpStartsNoThread) {
 
         char prog[] = "prog";
         char h[] = "-h";
-        char* argv1[] = {prog, h, nullptr};
-        ZApplication::sExecParams p1{2, argv1, kSoloTable, 1};
-        EXPECT_EQ(app.Exec(p1), 0);
+        char* argv[] = {prog, h, nullptr};
+        ZApplication::sExecParams params{2, argv, kSoloTable, 1};
+        EXPECT_EQ(app.Exec(params), 0);
         EXPECT_EQ(app.GetInitStep(), 1u);
         EXPECT_EQ(ListDir("/proc/self/task").size(), threadsBefore);
-        // A second Exec parses its own command line from the start.
-        char d[] = "-d";
-        char two[] = "2";
-        char* argv2[] = {prog, d, two, h, nullptr};
-        ZApplication::sExecParams p2{4, argv2, kSoloTable, 1};
-        EXPECT_EQ(app.Exec(p2), 0);
-        EXPECT_TRUE(Orbel::zLogPrint->IsSchemaDebugEnabled("Solo"));
-        EXPECT_TRUE(Orbel::zLogPrint->IsSchemaDebugEnabled("ZComLib"));
-        EXPECT_EQ(ListDir("/proc/self/task").size(), threadsBefore);
-        EXPECT_FALSE(app.isExited());
-        app.Exit();
-        EXPECT_TRUE(app.isExited());
     }
     EXPECT_TRUE(gCreated.empty());
     EXPECT_EQ(ListDir("/proc/self/fd").size(), fdsBefore);
@@ -484,15 +432,11 @@ TEST(ApplicationInProcessTest, SchemaListKeepsOrderRefusesDuplicatesAndOwnsSchem
         auto* dup = new Tracked("B", &deleted);
         EXPECT_EQ(dup->Init(), Orbel::RT_FAILURE);
         delete dup;  // refused, so still the caller's
-        EXPECT_EQ(app.SchemaListSize(), 3u);
         EXPECT_EQ(app.GetSchemaObj("B"), b);
-        EXPECT_EQ(app.GetSchemaObj("Z"), nullptr);
-        EXPECT_EQ(app.SchemaListAppend(nullptr), Orbel::RT_INVALID_ARG);
         // A schema deleted by its author leaves the list.
         delete b;
         EXPECT_EQ(app.GetSchemaObj("B"), nullptr);
         EXPECT_EQ(app.SchemaListRemove(a), Orbel::RT_SUCCESS);
-        EXPECT_EQ(app.SchemaListRemove(a), Orbel::RT_FAILURE);
         ASSERT_EQ(app.SchemaListAppend(a), Orbel::RT_SUCCESS);  // now after C
         EXPECT_EQ(app.GetSchemaList(), (std::deque<Orbel::ZSchema*>{c, a}));
         deleted.clear();
@@ -509,6 +453,7 @@ TEST_F(ApplicationInProcessStoreTest, FullLifeLeavesNoThreadDescriptorOrHandler)
     // the process; have it started before counting descriptors.
     ASSERT_NE(vex_event_callback_register(ZApplication::VexEventCallback), 0);
     const size_t fdsBefore = ListDir("/proc/self/fd").size();
+    const size_t threadsBefore = ListDir("/proc/self/task").size();
     gCreated.clear();
     TakeEvents();
     char inEv[] = "InEv";
@@ -517,10 +462,7 @@ TEST_F(ApplicationInProcessStoreTest, FullLifeLeavesNoThreadDescriptorOrHandler)
         // Callbacks are registered once; the platform may deliver at any
         // time, but without a running Exec nothing is called.
         ASSERT_EQ(app.RegisterVexEventCallback("InEv", RecordEvent), Orbel::RT_SUCCESS);
-        EXPECT_EQ(app.RegisterVexEventCallback("InEv", OtherEvent), Orbel::RT_FAILURE);
         EXPECT_EQ(app.RegisterVexEventCallback("Ev2", nullptr), Orbel::RT_INVALID_ARG);
-        EXPECT_EQ(app.GetVexEventCallback("InEv"), &RecordEvent);  // the first one stays
-        EXPECT_EQ(app.GetVexEventCallback("Ev2"), nullptr);
         ZApplication::VexEventCallback(VEX_EVENT_RAISED, inEv, 3, nullptr);
         EXPECT_TRUE(TakeEvents().empty());
 
@@ -530,13 +472,9 @@ TEST_F(ApplicationInProcessStoreTest, FullLifeLeavesNoThreadDescriptorOrHandler)
         int rt = -1;
         std::thread exec([&] { rt = app.Exec(params); });
         ASSERT_TRUE(WaitUntil([&] { return app.isAppInitDone(); }, kTimeoutMs));
-        app.WaitAppInitDone();  // returns at once now
         EXPECT_EQ(gCreated, (Texts{"Solo"}));
         EXPECT_EQ(ReadFile(ReadyFile("RF_Log")), "Ready\n");
         EXPECT_EQ(SMembers("&&AccessBlockList").count("RF_Log"), 0u);
-        EXPECT_TRUE(Orbel::zLogPrint->IsAppInitDone());
-        EXPECT_EQ(CountFrameThreads(), 2u);  // the process loop and the signal thread
-        EXPECT_EQ(app.RegisterVexEventCallback("Late", RecordEvent), Orbel::RT_FAILURE);
         // While Exec runs, raised events reach the callback.
         ASSERT_NE(vex_event_raise("InEv", "12345", 5), 0);
         Texts events;
@@ -549,13 +487,10 @@ TEST_F(ApplicationInProcessStoreTest, FullLifeLeavesNoThreadDescriptorOrHandler)
         // Once Exec has returned, a late delivery reaches nobody.
         ZApplication::VexEventCallback(VEX_EVENT_RAISED, inEv, 0, nullptr);
         EXPECT_TRUE(TakeEvents().empty());
-        std::string log = ReadFile(app.WorkDir() + ".log");
-        EXPECT_TRUE(Has(log, "[INFO] ZApplication.cpp:Exec(): zApp Exit.\n")) << log;
-        EXPECT_TRUE(Has(log, "ZApp thread exited\n"));
         // The start-up log was set aside once start-up was over.
         EXPECT_TRUE(FileExists(app.WorkDir() + ".loginit.gz"));
     }
-    EXPECT_EQ(CountFrameThreads(), 0u);
+    EXPECT_EQ(ListDir("/proc/self/task").size(), threadsBefore);
     EXPECT_EQ(ListDir("/proc/self/fd").size(), fdsBefore);
     struct sigaction sa;
     for (int sig : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2}) {
