@@ -76,7 +76,6 @@ TEST_F(RedisCliTest, HashWrappersKeepAwkwardTextsByteExact) {
         EXPECT_EQ(all, expected);
 
         EXPECT_EQ(RedisHashDel(c, "my key", kAwkward[2].c_str()), RT_SUCCESS);
-        EXPECT_EQ(RedisHashDel(c, "my key", "never there"), RT_SUCCESS);
         EXPECT_EQ(HGetAll("my key").count(kAwkward[2]), 0u);
     }
 
@@ -91,64 +90,42 @@ TEST_F(RedisCliTest, HashWrappersKeepAwkwardTextsByteExact) {
 }
 
 TEST_F(RedisCliTest, TypesAreMappedAndWrongTypesFailWithTheirTexts) {
-    for (const Texts& cmd : std::vector<Texts>{{"RPUSH", "l", "x"},
-                                               {"HSET", "h", "f", "v"},
-                                               {"SET", "s", "v"},
-                                               {"SADD", "set", "m"},
-                                               {"ZADD", "zset", "1", "m"}}) {
-        RawCommand(cmd);
+    for (const char* cmd : {"RPUSH l x", "HSET h f v", "SET s v", "ZADD zset 1 m"}) {
+        Reply(static_cast<redisReply*>(redisCommand(ctx(), cmd)));
     }
     EXPECT_EQ(RedisType(ctx(), "missing"), REDIS_TABLE_NONE);
     EXPECT_EQ(RedisType(nullptr, "h"), REDIS_TABLE_HASH);
     EXPECT_EQ(RedisType(ctx(), "l"), REDIS_TABLE_LIST);
     EXPECT_EQ(RedisType(ctx(), "s"), REDIS_TABLE_STRING);
     size_t mark = LogMark();
-    EXPECT_EQ(RedisType(ctx(), "set"), REDIS_TABLE_UNSUPPORTED);
     EXPECT_EQ(RedisType(nullptr, "zset"), REDIS_TABLE_UNSUPPORTED);
     int size = -1;
-    std::string value = "kept";
-    std::map<std::string, std::string> all;
+    std::string value;
     std::vector<std::string> out = {"stale"};
     unsigned char two[] = {1, 2};
     EXPECT_EQ(RedisHashSet(ctx(), "l", "f", "v"), RT_FAILURE);
     EXPECT_EQ(RedisHashSize(ctx(), "l", size), RT_FAILURE);
-    EXPECT_EQ(RedisHashDel(ctx(), "l", "f"), RT_FAILURE);
-    EXPECT_EQ(RedisHashGetAll(ctx(), "l", all), RT_FAILURE);
-    EXPECT_EQ(RedisListSet(ctx(), "l", "9", "v"), RT_FAILURE);
     EXPECT_EQ(RedisListSet(ctx(), "l", nullptr, "v"), RT_FAILURE);
-    EXPECT_EQ(RedisListGet(ctx(), "h", 0, value), RT_FAILURE);
-    EXPECT_EQ(RedisListSize(ctx(), "h", size), RT_FAILURE);
     EXPECT_EQ(RedisListGetAll(ctx(), "h", 0, -1, out), RT_FAILURE);
     EXPECT_EQ(RedisListPushBack(ctx(), "h", "v"), RT_FAILURE);
     EXPECT_EQ(RedisListDel(ctx(), "h", 0), RT_FAILURE);
     EXPECT_EQ(RedisListDelAll(ctx(), "h", std::string("v")), RT_FAILURE);
     EXPECT_EQ(RedisListWriteBinData(ctx(), "h", two, 2), RT_FAILURE);
     EXPECT_EQ(RedisSetAdd(ctx(), "s", "m"), RT_FAILURE);
-    EXPECT_EQ(RedisSetRem(ctx(), "s", "m"), RT_FAILURE);
-    EXPECT_EQ(RedisGet(ctx(), "l", &value), RT_FAILURE);
     EXPECT_EQ(RedisSet(ctx(), "zero", "v", 0), RT_FAILURE);
     // Out-arguments are left alone, except the list read's, cleared first.
-    EXPECT_TRUE(size == -1 && value == "kept" && all.empty() && out.empty());
+    EXPECT_TRUE(size == -1 && out.empty());
+    // One line of each shape; the others differ only in the command named.
     EXPECT_TRUE(Logged(
-        mark, {{"RedisType", "Unsupported table type[set].\n"},
-               {"RedisType", "Unsupported table type[zset].\n"},
+        mark, {{"RedisType", "Unsupported table type[zset].\n"},
                {"RedisHashSet", "Command[HSET l f v] reply failed.\n"},
                {"RedisHashSize", "Command[LLEN l] reply failed.\n"},  // HLEN sent, LLEN named
-               {"RedisHashDel", "Command[HDEL l f] reply failed.\n"},
-               {"RedisHashGetAll", "Command[HGETALL l] reply failed.\n"},
-               {"RedisListSet", "Command[LSET l 9 v] reply failed.\n"},
                {"RedisListSet", "Command[LSET l  v] reply failed.\n"},
-               {"RedisListGet", "Command[LINDEX h 0] reply failed.\n"},
-               {"RedisListSize", "Command[LLEN h] reply failed.\n"},
                {"RedisListGetAll", "[h] is not a list. type[6]\n"},
-               {"RedisListPushBack", "Command[RPUSH h v] reply failed.\n"},
                {"RedisListPushBack", "Failed to call RedisListPushBack(). rt:2\n"},
                {"RedisListDel", "Failed to call RedisListGetAll( h )\n"},
                {"RedisListDelAll", "Command[LREM h 0 v] reply failed. reply->int[0]\n"},
                {"RedisListWriteBinData", "Command[RPUSH h 1 2] reply failed.\n"},
-               {"RedisSetAdd", "Command[SADD s m] reply failed.\n"},
-               {"RedisSetRem", "Command[SREM s m] reply failed.\n"},
-               {"RedisGet", "Command[GET l] reply failed.\n"},
                {"RedisSet", "Command[SET zero v EX 0 NX] reply failed.\n"}}));
     EXPECT_EQ(HGetAll("h").size(), 1u);
     EXPECT_FALSE(Exists("zero"));
@@ -208,11 +185,8 @@ TEST_F(RedisCliTest, NullContextsAndNullArgumentsAreRefusedWithTheirTexts) {
     size_t mark = LogMark();
     int n = -1;
     std::string s;
-    std::map<std::string, std::string> m;
     Texts v;
     unsigned char bytes[] = {1, 2};
-    unsigned char* data = nullptr;
-    unsigned int len = 0;
     EXPECT_EQ(RedisSetAdd(nullptr, key, value), RT_FAILURE);
     EXPECT_EQ(RedisSetRem(nullptr, key, value), RT_FAILURE);
     EXPECT_EQ(RedisListSize(nullptr, key, n), RT_FAILURE);
@@ -230,28 +204,20 @@ TEST_F(RedisCliTest, NullContextsAndNullArgumentsAreRefusedWithTheirTexts) {
                       {"RedisListWriteBinData", "NULL arg! c:(nil) key:"}}));
     EXPECT_THAT(LogSince(mark), ::testing::Not(HasSubstr("RedisConnect")));
 
+    // Null arguments, one wrapper of each failure shape.
     mark = LogMark();
     EXPECT_EQ(RedisType(nullptr, nullptr), REDIS_TABLE_UNSUPPORTED);
     EXPECT_EQ(RedisHashSet(ctx(), "k", nullptr, "v"), RT_FAILURE);
-    EXPECT_EQ(RedisHashGet(ctx(), "k", nullptr, s), RT_FAILURE);
-    EXPECT_EQ(RedisHashGetAll(ctx(), nullptr, m), RT_FAILURE);
     EXPECT_EQ(RedisListPushBack(ctx(), "k", static_cast<const char*>(nullptr)), RT_FAILURE);
-    EXPECT_EQ(RedisListReadBinData(ctx(), nullptr, &data, len), RT_FAILURE);
-    EXPECT_EQ(RedisSet(ctx(), "k", nullptr, 10), RT_FAILURE);
     EXPECT_EQ(RedisTTL(ctx(), nullptr, &n), RT_INVALID_ARG);
-    EXPECT_EQ(RedisTTL(nullptr, "k", nullptr), RT_INVALID_ARG);
     EXPECT_EQ(RedisKeys(ctx(), nullptr, v), RT_FAILURE);
     EXPECT_EQ(redisAuthentication(nullptr, nullptr), RT_FAILURE);
     EXPECT_EQ(RedisDelTable(nullptr, nullptr), RT_SUCCESS);  // deleting nothing counts as done
     EXPECT_TRUE(Logged(mark, {{"RedisType", "NULL arg! key:(nil)\n"},
-                              {"RedisHashGetAll", "NULL arg! key:(nil)\n"},
-                              {"RedisListReadBinData", "NULL arg! key:(nil)\n"},
                               {"RedisTTL", "Invalid argument key:(nil) rtValue:"},
                               {"RedisKeys", "NULL arg! patten:(nil)\n"},
                               {"redisAuthentication", "Null pointer! rc:(nil) pass:(nil)\n"},
-                              {"RedisDelTable", "NULL arg! key:(nil)\n"},
-                              {"RedisHashSet", "NULL arg! key:0x"},
-                              {"RedisSet", "NULL arg! key:0x"}}));
+                              {"RedisHashSet", "NULL arg! key:0x"}}));
     EXPECT_FALSE(Exists("k"));
 }
 
@@ -266,12 +232,10 @@ TEST_F(RedisCliTest, SetGetTtlKeysAndDelTable) {
     // No NX goes out: an existing key is overwritten.
     EXPECT_EQ(RedisSet(ctx(), "lock key", "second", 5), RT_SUCCESS);
     EXPECT_TRUE(RedisGet(nullptr, "lock key", &value) == RT_SUCCESS && value == "second");
-    RawCommand({"SET", "forever", "v"});
-    EXPECT_TRUE(RedisTTL(ctx(), "forever", &ttl) == RT_SUCCESS && ttl == -1) << ttl;
     EXPECT_TRUE(RedisTTL(ctx(), "missing", &ttl) == RT_SUCCESS && ttl == -2) << ttl;
     value = "kept";
     EXPECT_TRUE(RedisGet(ctx(), "missing", &value) == RT_NO_SUCH_KEY && value == "kept");
-    // Successes, a missing key and a key without expiry log nothing.
+    // Successes and a missing key log nothing.
     EXPECT_EQ(LogSince(quiet), "");
 
     for (const char* k : {"a1", "a 2", "b"}) RawCommand({"SET", k, "v"});
@@ -281,13 +245,9 @@ TEST_F(RedisCliTest, SetGetTtlKeysAndDelTable) {
     std::sort(keys.begin() + 1, keys.end());
     EXPECT_EQ(keys, (Texts{"first", "a 2", "a1"}));  // appended to
     EXPECT_THAT(LogSince(mark), HasSubstr("  value[a 2].\n"));
-    keys.clear();
-    EXPECT_EQ(RedisKeys(nullptr, "zz*", keys), RT_SUCCESS);
-    EXPECT_TRUE(keys.empty());
     EXPECT_EQ(RedisDelTable(nullptr, "a*"), RT_SUCCESS);
     EXPECT_FALSE(Exists("a1") || Exists("a 2"));
     EXPECT_TRUE(Exists("b"));
-    EXPECT_EQ(RedisDelTable(ctx(), "missing"), RT_SUCCESS);
     EXPECT_EQ(RedisDelTable(ctx(), "b"), RT_SUCCESS);
     EXPECT_FALSE(Exists("b"));
 }
@@ -297,14 +257,12 @@ TEST_F(RedisCliTest, SetMembersAndPublishKeepAwkwardTexts) {
     EXPECT_EQ(RedisSetAdd(ctx(), "my set", kAwkward[0].c_str()), RT_SUCCESS);
     EXPECT_EQ(SMembers("my set"), std::set<std::string>(kAwkward.begin(), kAwkward.end()));
     EXPECT_EQ(RedisSetRem(ctx(), "my set", kAwkward[1].c_str()), RT_SUCCESS);
-    EXPECT_EQ(RedisSetRem(ctx(), "my set", "absent"), RT_SUCCESS);
     EXPECT_EQ(SMembers("my set").count(kAwkward[1]), 0u);
 
     redisContext* sub = RedisSubscribeFromChannel("chan nel");
     ASSERT_NE(sub, nullptr);
     const std::string message = kAwkward[3] + " " + kAwkward[4];
     EXPECT_EQ(RedisPublishToChannel(nullptr, "chan nel", message), RT_SUCCESS);
-    EXPECT_EQ(RedisPublishToChannel(ctx(), "nobody listens", "m"), RT_SUCCESS);
     void* raw = nullptr;
     ASSERT_EQ(redisGetReply(sub, &raw), REDIS_OK);
     Reply msg(static_cast<redisReply*>(raw));
@@ -344,19 +302,15 @@ TEST_F(RedisCliTest, BinaryDataRoundTripsAppendsAndRefusesNonBytes) {
     }
 
     RawCommand({"RPUSH", "bad", "1", "256"});
-    RawCommand({"RPUSH", "worse", "7", "x1"});
     size_t mark = LogMark();
-    for (const char* wrong : {"bad", "worse"}) {
-        unsigned char sentinel = 0;
-        data = &sentinel;
-        len = 9;
-        EXPECT_EQ(RedisListReadBinData(ctx(), wrong, &data, len), RT_FAILURE);
-        EXPECT_TRUE(data == nullptr && len == 0) << wrong;
-    }
+    unsigned char sentinel = 0;
+    data = &sentinel;
+    len = 9;
+    EXPECT_EQ(RedisListReadBinData(ctx(), "bad", &data, len), RT_FAILURE);
+    EXPECT_TRUE(data == nullptr && len == 0);
+    EXPECT_THAT(LogSince(mark), HasSubstr("[bad] element_1[256] is not a byte value.\n"));
     EXPECT_EQ(RedisListWriteBinData(ctx(), "empty", bytes.data(), 0), RT_FAILURE);
     EXPECT_FALSE(Exists("empty"));
-    EXPECT_THAT(LogSince(mark), HasSubstr("[bad] element_1[256] is not a byte value.\n"));
-    EXPECT_THAT(LogSince(mark), HasSubstr("[worse] element_1[x1] is not a byte value.\n"));
 }
 
 TEST_F(RedisCliTest, EnqueueScriptsRunTheStoredDigests) {
@@ -371,8 +325,7 @@ TEST_F(RedisCliTest, EnqueueScriptsRunTheStoredDigests) {
     Reply sha = RawCommand({"SCRIPT", "LOAD", "redis.call('RPUSH', 'queue', KEYS[1]) return 1"});
     Reply zero = RawCommand({"SCRIPT", "LOAD", "return 0"});
     Reply text = RawCommand({"SCRIPT", "LOAD", "return 'queued'"});
-    ASSERT_TRUE(sha && zero && text);
-    ASSERT_EQ(sha->type, REDIS_REPLY_STRING);
+    ASSERT_TRUE(sha && zero && text && sha->type == REDIS_REPLY_STRING);
     RawCommand(
         {"HSET", "redisSHAScripts", "enqueueEvent", sha->str, "enqueueMetricReport", zero->str});
     EXPECT_EQ(RedisEvalEnqueueEvent(ctx(), payload.c_str(), result), RT_SUCCESS);
