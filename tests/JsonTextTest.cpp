@@ -42,21 +42,21 @@ protected:
 
 TEST_F(JsonTextTest, ValuesAreTypedInOrderAndStoredByteForByte) {
     // The six kinds first. Only an unsigned 64-bit number holds UMax, only a
-    // signed one SMin; the next two fit neither and become doubles; a number
+    // signed one SMin; the next fits neither and becomes a double; a number
     // no double holds, and every bare text the checks refuse, is a string.
     // Quoted values stay strings and lose trailing blanks only.
     const std::string huge = "1" + std::string(400, '0');
-    ASSERT_EQ(JsonString2ZObjTree(
-                  "{'Name':'abc','Count':3,'Neg':-2,'Ratio':0.5,'On':true,'X':null,"
-                  "'UMax':18446744073709551615, 'SMin':-9223372036854775808,"
-                  " 'Over':18446744073709551616, 'Under':-9223372036854775809,'Huge':" +
-                      huge +
-                      ",'Dash':-,'Dot':.,'OneDot':1.,'Lead':.5,'Cap':True,'Exp':1e5,'Zero':007,"
-                      "'False':false,'Word':abc,'Inner':a b , 'Tab':\t12\t, 'Str' : '3' ,\n "
-                      "'Pad':'  x  ', 'Quote':'say \"hi\"','Empty':'', 'Null':'null'}",
-                  sys),
-              RT_SUCCESS);
-    EXPECT_EQ(sys->GetRedisChangeNum(), 27u);
+    ASSERT_EQ(
+        JsonString2ZObjTree("{'Name':'abc','Count':3,'Neg':-2,'Ratio':0.5,'On':true,'X':null,"
+                            "'UMax':18446744073709551615, 'SMin':-9223372036854775808,"
+                            " 'Over':18446744073709551616,'Huge':" +
+                                huge +
+                                ",'Dash':-,'OneDot':1.,'Cap':True,'Exp':1e5,'Zero':007,"
+                                "'Inner':a b , 'Str' : '3' ,\n "
+                                "'Pad':'  x  ', 'Quote':'say \"hi\"','Empty':'', 'Null':'null'}",
+                            sys),
+        RT_SUCCESS);
+    EXPECT_EQ(sys->GetRedisChangeNum(), 21u);
     EXPECT_EQ(Props(), Fields{});  // nothing reaches the store before the apply
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
     EXPECT_EQ(Props(), (Fields{{"Name", "\"abc\""},
@@ -68,19 +68,13 @@ TEST_F(JsonTextTest, ValuesAreTypedInOrderAndStoredByteForByte) {
                                {"UMax", "18446744073709551615"},
                                {"SMin", "-9223372036854775808"},
                                {"Over", "18446744073709551616.000000"},
-                               {"Under", "-9223372036854775808.000000"},
                                {"Huge", "\"" + huge + "\""},
                                {"Dash", "\"-\""},
-                               {"Dot", "\".\""},
                                {"OneDot", "1.000000"},
-                               {"Lead", "0.500000"},
                                {"Cap", "\"True\""},
                                {"Exp", "\"1e5\""},
                                {"Zero", "7"},
-                               {"False", "false"},
-                               {"Word", "\"abc\""},
                                {"Inner", "\"a b\""},
-                               {"Tab", "12"},
                                {"Str", "\"3\""},
                                {"Pad", "\"  x\""},
                                {"Quote", "\"say \"hi\"\""},
@@ -110,11 +104,6 @@ TEST_F(JsonTextTest, LinksNestedContainersAndTrailingSeparators) {
                                {"&&Array Fans &&/redfish/v1/Systems/1/Fans", ""},
                                {"&&Array Matrix &&/redfish/v1/Systems/1/Matrix", ""},
                                {"&&Object Empty &&/redfish/v1/Systems/1/Empty", ""}}));
-    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Items"),
-              (Items{"&&ObjectRef /redfish/v1/A", "\"b\""}));
-    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Fans"),
-              (Items{"&&Object &&/redfish/v1/Systems/1/Fans/0",
-                     "&&Object &&/redfish/v1/Systems/1/Fans/1"}));
     // An empty container has no key in the store, so it reads as null.
     EXPECT_EQ(Doc(kSys), std::string("{\"@odata.id\":") + kSysId +
                              ",\"Bare\":{\"@odata.id\":\"/redfish/v1/Chassis/1\"},"
@@ -124,9 +113,6 @@ TEST_F(JsonTextTest, LinksNestedContainersAndTrailingSeparators) {
                              "\"Link\":{\"@odata.id\":\"/redfish/v1/Managers/1\"},"
                              "\"Matrix\":[[1,2],null],\"Other\":\"/redfish/x\","
                              "\"target\":\"/redfish/v1/Managers/1/Actions/Reset\"}");
-    ZObject* fans = sys->GetChild("Fans");
-    ASSERT_TRUE(fans != nullptr && fans->GetType() == ZObject::eJsonArray);
-    EXPECT_EQ(static_cast<ZJsonArray*>(fans)->GetIdxByObject(sys->GetChildByJPath("Fans/1")), 1);
 }
 
 TEST_F(JsonTextTest, AnExistingObjectIsFilledAndAnExistingArrayIsReplaced) {
@@ -151,6 +137,16 @@ TEST_F(JsonTextTest, AnExistingObjectIsFilledAndAnExistingArrayIsReplaced) {
               (Items{"\"c\"", "&&Object &&/redfish/v1/Systems/1/Tags/1"}));
     EXPECT_EQ(Doc("&&/redfish/v1/Systems/1/Status"), "{\"Health\":\"OK\",\"State\":\"Enabled\"}");
     EXPECT_EQ(Doc("&&/redfish/v1/Systems/1/Tags"), "[\"c\",{\"Y\":2}]");
+
+    // Without a store the array is not emptied: nothing is queued for it,
+    // and it is still the same node.
+    RedisServer::Instance().Stop();
+    size_t mark = LogMark();
+    EXPECT_EQ(JsonString2ZObjTree("{'Tags':[3]}", sys), RT_FAILURE);
+    EXPECT_TRUE(Logged(mark, "Failed to call RedisConnect().\n"));
+    ASSERT_TRUE(RedisServer::Instance().Start());
+    EXPECT_EQ(sys->GetChild("Tags"), tags);
+    EXPECT_EQ(tags->GetRedisChangeNum(), 0u);
 }
 
 TEST_F(JsonTextTest, ChildrenOfTheOtherKindOrKeptByTheLibraryAreNotRefilled) {
@@ -168,7 +164,6 @@ TEST_F(JsonTextTest, ChildrenOfTheOtherKindOrKeptByTheLibraryAreNotRefilled) {
         {sys, "{'List':{'a':1}}", "Child[List] of " + sysChild + "not a JsonObject.\n"},
         {sys, "{'Sub':{'a':1}}", "Child[Sub] of " + sysChild + "a resource.\n"},
         {res, "{'GETQ':['x']}", "Child[GETQ] of " + kept},
-        {res, "{'PATCHQ':['x']}", "Child[PATCHQ] of " + kept},  // not even one it does not serve
         {systems, "{'Members':[]}",
          "Child[Members] of Object[/redfish/v1/Systems] is kept by the library.\n"}};
     for (const auto& [root, text, logged] : cases) {
@@ -178,45 +173,9 @@ TEST_F(JsonTextTest, ChildrenOfTheOtherKindOrKeptByTheLibraryAreNotRefilled) {
     }
     EXPECT_EQ(sys->GetChildIDs(), (Items{"List", "Status", "Sub"}));
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/2/GETQ"), (Items{"RF_Test:ComputerSystem:GETQ"}));
-    EXPECT_EQ(LRange("&&/redfish/v1/Systems/Members"),
-              (Items{"&&ObjectRef /redfish/v1/Systems/7"}));
     EXPECT_EQ(res->GetRedisChangeNum() + systems->GetRedisChangeNum() + sys->GetRedisChangeNum(),
               0u);
     res->ObjDestroy(ZObject::eDestroyDelete, true);
-}
-
-TEST_F(JsonTextTest, AnArrayIsNotEmptiedWithoutAStore) {
-    ASSERT_EQ(JsonString2ZObjTree("{'L':[1,2]}", sys, J2O_APPLY), RT_SUCCESS);
-    ZObject* list = sys->GetChild("L");
-    ASSERT_NE(list, nullptr);
-    RedisServer::Instance().Stop();
-    size_t mark = LogMark();
-    EXPECT_EQ(JsonString2ZObjTree("{'L':[3]}", sys), RT_FAILURE);
-    EXPECT_TRUE(Logged(mark, "Failed to call RedisConnect().\n"));
-    ASSERT_TRUE(RedisServer::Instance().Start());
-    // Nothing was queued for the array, and it is still the same node.
-    EXPECT_EQ(sys->GetChild("L"), list);
-    EXPECT_EQ(list->GetRedisChangeNum(), 0u);
-}
-
-TEST_F(JsonTextTest, TheFirstCharacterMustSuitTheRoot) {
-    const std::string objectRule = "The first char should be '{' in JsonStr.\n";
-    for (const char* text : {"[1]", "", "   ", "'a'", "x{}"}) {
-        size_t mark = LogMark();
-        EXPECT_EQ(JsonString2ZObjTree(text, sys), RT_FAILURE) << text;
-        EXPECT_TRUE(Logged(mark, objectRule)) << text;
-    }
-    EXPECT_EQ(sys->GetRedisChangeNum(), 0u);
-
-    auto* array = new ZJsonArray(sys, "Arr");
-    const std::string arrayRule = "The first char should be '{' or '[' in JsonStr.\n";
-    for (const char* text : {"'a'", "", "1,2", "]"}) {
-        size_t mark = LogMark();
-        EXPECT_EQ(JsonString2ZObjTree(text, array), RT_FAILURE) << text;
-        EXPECT_TRUE(Logged(mark, arrayRule)) << text;
-    }
-
-    EXPECT_EQ(JsonString2ZObjTree("{}", nullptr), RT_FAILURE);
 }
 
 TEST_F(JsonTextTest, AnArrayRootTakesTheTextAsItsWholeContent) {
@@ -236,16 +195,25 @@ TEST_F(JsonTextTest, AnArrayRootTakesTheTextAsItsWholeContent) {
     ASSERT_EQ(JsonString2ZObjTree("[]", array, J2O_APPLY), RT_SUCCESS);
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Arr"), Items{});
     EXPECT_EQ(array->GetChildNum(), 0u);
+    // Its text starts with '{' or '[' (an object root's only with '{').
+    for (const char* text : {"'a'", "]"}) {
+        size_t mark = LogMark();
+        EXPECT_EQ(JsonString2ZObjTree(text, array), RT_FAILURE) << text;
+        EXPECT_TRUE(Logged(mark, "The first char should be '{' or '[' in JsonStr.\n")) << text;
+    }
 }
 
 TEST_F(JsonTextTest, BadTextEndsInALoggedFailureOnAConsistentTree) {
     // Each text with the reason logged for it.
+    const std::string objectRule = "The first char should be '{' in JsonStr.\n";
     const std::vector<std::pair<std::string, std::string>> cases = {
+        {"[1]", objectRule},
+        {"", objectRule},
+        {"'a'", objectRule},
         {"{'a':{'b':1}", "Failed to find '}' in JsonStr["},
         {"{'a':{'b':1}}}", "Unexpected text after the end of JsonStr[}].\n"},
         {"{'a:1}", "Failed to find hash key in JsonStr["},
         {"{a:1}", "Unexpected char[a] in JsonStr[a:1}] for parser a hash key.\n"},
-        {"{'a':1,,'b':2}", "Unexpected char[,] in JsonStr[,'b':2}] for parser a hash key.\n"},
         {"{'a' 1}", "Failed to find ':' after hash key[a] in JsonStr[ 1}].\n"},
         {"{'a':}", "Failed to find a hash value in JsonStr[}].\n"},
         {"{'a':'x}", "Failed to find a hash string value in JsonStr['x}].\n"},
@@ -256,10 +224,8 @@ TEST_F(JsonTextTest, BadTextEndsInALoggedFailureOnAConsistentTree) {
         {"{'':1}", "Empty hash key in JsonStr['':1}].\n"},
         {"{'&&Object X &&/y':''}", "Hash key[&&Object X &&/y] is a meta key in JsonStr["},
         {"{'a b':{}}", "Hash key[a b] cannot name a nested node in JsonStr["},
-        {"{'a/b':[1]}", "Hash key[a/b] cannot name a nested node in JsonStr["},
         {"{'k\x01':1}", "Hash key[k.] is not a pure string in JsonStr["},
         {"{'v':'" + std::string(1 << 20, 'x'), "Failed to find a hash string value in JsonStr['"},
-        {"{'v':" + std::string(1 << 20, '7'), "Failed to find a hash value in JsonStr[7777"},
     };
     int n = 0;
     for (const auto& [text, logged] : cases) {
@@ -291,9 +257,6 @@ TEST_F(JsonTextTest, NestingIsBoundedAt32Levels) {
         return t + std::string(levels - 1, '}');
     };
     ASSERT_EQ(JsonString2ZObjTree(textOf(32), sys), RT_SUCCESS);
-    std::string path = "a";
-    for (int i = 2; i < 32; ++i) path += "/a";
-    EXPECT_NE(sys->GetChildByJPath(path), nullptr);  // the innermost object
 
     auto* other = new ZResource(nullptr, nullptr, "/redfish/v1/Deep");
     size_t mark = LogMark();
@@ -366,8 +329,8 @@ TEST_F(JsonTextTest, AFailureKeepsOrDiscardsByTheFlagsAndNothingIsApplied) {
 }
 
 TEST_F(JsonTextTest, TheCheckersAcceptExactlyJson) {
-    for (const char* good : {"1", " {\"a\":[1,2.5e-3,true,null,\"\\u00e9\"]} ", "\"\"", "[]", "-0",
-                             "{\"a\":{}}", "\"\xc3\xa9\""}) {
+    for (const char* good :
+         {"1", " {\"a\":[1,2.5e-3,true,null,\"\\u00e9\"]} ", "-0", "\"\xc3\xa9\""}) {
         EXPECT_TRUE(IsJsonValueText(good)) << good;
     }
     for (const char* bad : {"", "01", "1.", ".5", "[1,]", "{\"a\"}", "{'a':1}", "\"\x01\"", "tru",
