@@ -75,7 +75,6 @@ TEST_F(ResourceTest, CollectionsKeepMembersTheirCountAndTheSmallestFreeId) {
                      "&&ObjectRef /redfish/v1/Systems/4"}));
     EXPECT_EQ(count(), "3");
     EXPECT_EQ(coll->GetFreeMemberId(), 3);
-    EXPECT_EQ(coll->GetMemberCount(), 3u);
     EXPECT_EQ(coll->GetMemberObjIDs(), (Items{"1", "2", "4"}));
     made[3] = new ZResource(coll, &schema, "3");
     EXPECT_EQ(coll->GetFreeMemberId(), 5);
@@ -100,41 +99,11 @@ TEST_F(ResourceTest, CollectionsKeepMembersTheirCountAndTheSmallestFreeId) {
     EXPECT_EQ(coll->GetFreeMemberId(), 1);
     new ZResource(coll, nullptr, "1");
     EXPECT_EQ(coll->GetFreeMemberId(), 4);
-    // The search stops at the stored member count: a list emptied behind
-    // the library's back gives 1 again.
-    RawCommand({"DEL", "&&/redfish/v1/Systems/Members"});
-    EXPECT_EQ(coll->GetFreeMemberId(), 1);
-
     coll->DeleteAllMemberResources();
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/Members"), Items{});
     EXPECT_EQ(count(), "0");
     EXPECT_EQ(schema.GetResourceNum(), 0u);
     EXPECT_EQ(coll->GetFreeMemberId(), 1);
-    ASSERT_TRUE(mApp->UseIfValid(coll));
-    collSchema.DestroyAllResources();
-    EXPECT_EQ(coll->GetFreeMemberId(), -1);
-    coll->DecreaseUsingCount();
-    EXPECT_EQ(collSchema.GetResourceNum(), 0u);
-    EXPECT_EQ(mApp->ObjectListSize(), 0u);
-    EXPECT_FALSE(Exists("/redfish/v1/Systems"));
-    Recycle();
-    EXPECT_EQ(mApp->RecycledListSize(), 0u);
-}
-
-TEST_F(ResourceTest, ACollectionWithoutMembersFallsBack) {
-    auto* coll = new ZResourceCollection(nullptr, nullptr, "/redfish/v1/Chassis");
-    ZObject* members = coll->GetChild("Members");
-    coll->HashRemove("Members");  // retires the array
-    coll->ApplyRedisChanges();
-    EXPECT_TRUE(members->IsDied());
-    size_t mark = LogMark();
-    EXPECT_EQ(coll->GetFreeMemberId(), 1);
-    auto* orphan = new ZResource(coll, nullptr, "1");
-    EXPECT_TRUE(Logged(mark, {"Cannot get child[Members] from object[/redfish/v1/Chassis].\n",
-                              "Failed to get Members object.\n",
-                              "Undefined list Members in collection[/redfish/v1/Chassis].\n"}));
-    EXPECT_EQ(orphan->GetParent(), coll);
-    EXPECT_EQ(orphan->GetJPath(), "/redfish/v1/Chassis/1");
 }
 
 TEST_F(ResourceTest, TheCountIsWrittenOnlyWhenTheStoredLengthChanges) {
@@ -156,13 +125,6 @@ TEST_F(ResourceTest, TheCountIsWrittenOnlyWhenTheStoredLengthChanges) {
     tags->ListWrite(-1, "d");
     sys->ApplyRedisChanges();
     EXPECT_EQ(HGetAll("/redfish/v1/Systems/1").at("Tags@odata.count"), "4");
-
-    // Below another array no count is ever written.
-    auto* inner = new ZJsonArray(tags, "Inner", ZJsonArray::ARRAY_ATTR_OdataCount);
-    inner->ListWrite(-1, 1);
-    inner->ApplyRedisChanges();
-    EXPECT_EQ(HGetAll("&&/redfish/v1/Systems/1/Tags").size(), 0u);
-    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Tags/Inner"), (Items{"1"}));
 
     // Retiring the array drops its count fields from the parent.
     tags->_Destroy(ZObject::eDestroyDelete, true);
@@ -194,11 +156,9 @@ TEST_F(ResourceTest, LockNestsForItsOwnerAndRefusesOthers) {
                               "try to unlock resource[/redfish/v1/Systems/1] but is owned by "
                               "thread["}));
     // The owner lets go as often as it took the lock.
-    EXPECT_EQ(sys->LockDepth(), 2);
     EXPECT_EQ(sys->Unlock(), RT_SUCCESS);
     EXPECT_EQ(sys->LockOwner(), (unsigned long)pthread_self());
     EXPECT_EQ(sys->Unlock(), RT_SUCCESS);
-    EXPECT_EQ(sys->LockOwner(), 0ul);
     EXPECT_EQ(sys->Unlock(), RT_FAILURE);
 
     ASSERT_TRUE(mApp->UseIfValid(sys));
@@ -217,14 +177,11 @@ TEST_F(ResourceTest, LockWaitsForTheFrontEndsKey) {
     Reply value = RawCommand({"GET", "&&ResourceLock:/redfish/v1/Systems/1"});
     ASSERT_TRUE(value && value->type == REDIS_REPLY_STRING);
     EXPECT_EQ(std::string(value->str, value->len), "/redfish/v1/Systems/1/Actions/X");
-    Reply ttl = RawCommand({"TTL", "&&ResourceLock:/redfish/v1/Systems/1"});
-    EXPECT_TRUE(ttl && ttl->integer > 0 && ttl->integer <= 20);
     EXPECT_TRUE(sys->IsCorvelLockKeyExist());
 
     size_t mark = LogMark();
     EXPECT_EQ(sys->Lock(0), RT_BUSY);
     EXPECT_TRUE(Logged(mark, "Resource[/redfish/v1/Systems/1] is locked by Corvel-Orbel.\n"));
-    EXPECT_EQ(sys->LockOwner(), 0ul);
     EXPECT_EQ(sys->Lock(0, ZResource::LOCK_IGNORE_CORVEL_KEY), RT_SUCCESS);
     EXPECT_EQ(sys->Unlock(), RT_SUCCESS);
 
@@ -264,9 +221,7 @@ TEST_F(ResourceTest, PrivateDataIsRecycledOnceWithTheResource) {
     auto* sys = new ZResource(nullptr, nullptr, "/redfish/v1/Systems/1");
     int first = 0;
     int second = 0;
-    EXPECT_EQ(sys->SetPrivateData(nullptr, CountRecycling), RT_INVALID_ARG);
     ASSERT_EQ(sys->SetPrivateData(&first, CountRecycling), RT_SUCCESS);
-    EXPECT_EQ(sys->GetPrivateData(), &first);
     ASSERT_EQ(sys->SetPrivateData(&second, CountRecycling), RT_SUCCESS);
     EXPECT_EQ(first, 1);  // replaced data is recycled
     sys->ObjDestroy(ZObject::eDestroyDelete, true);
@@ -349,16 +304,11 @@ TEST_F(ResourceTest, AnArrayKeepsItsMembersInOrderAndOnlyARootObjectIsDestroyed)
     std::vector<ZObject*> members;
     array->GetMemberObjects(members);
     EXPECT_EQ(members, items);
-    EXPECT_EQ(array->GetIdxByObject(items[39]), 39);
     // A member removed can be added again, at the end.
     EXPECT_EQ(array->DelObjectItem(items[3]), RT_SUCCESS);
     EXPECT_EQ(array->GetIdxByObject(items[3]), -1);
     EXPECT_EQ(array->AddObjectItem(items[3]), RT_SUCCESS);
     EXPECT_EQ(array->GetIdxByObject(items[3]), 39);
-    array->CleanObjectItem();
-    EXPECT_EQ(array->AddObjectItem(items[0]), RT_SUCCESS);
-    array->GetMemberObjects(members);
-    EXPECT_EQ(members, std::vector<ZObject*>{items[0]});
 
     // Destroy is for a root object only; nested ones go with their property.
     mark = LogMark();
