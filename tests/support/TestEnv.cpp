@@ -29,14 +29,10 @@ std::string& SysrootStorage() {
 }
 
 void MakeDirs(const std::string& path) {
-    std::string partial;
-    std::stringstream ss(path);
-    std::string part;
-    while (std::getline(ss, part, '/')) {
-        if (part.empty()) continue;
-        partial += "/" + part;
-        mkdir(partial.c_str(), 0755);
+    for (size_t at = path.find('/', 1); at != std::string::npos; at = path.find('/', at + 1)) {
+        mkdir(path.substr(0, at).c_str(), 0755);
     }
+    mkdir(path.c_str(), 0755);
 }
 
 void RemoveTree(const std::string& path) {
@@ -227,44 +223,30 @@ Reply RawCommand(const std::vector<std::string>& args) {
         redisCommandArgv(c.get(), static_cast<int>(argv.size()), argv.data(), lens.data())));
 }
 
-std::map<std::string, std::string> HGetAll(const std::string& key) {
-    std::map<std::string, std::string> out;
-    Reply r = RawCommand({"HGETALL", key});
-    if (r && r->type == REDIS_REPLY_ARRAY) {
-        for (size_t i = 0; i + 1 < r->elements; i += 2) {
-            out[std::string(r->element[i]->str, r->element[i]->len)] =
-                std::string(r->element[i + 1]->str, r->element[i + 1]->len);
-        }
+// The elements of an array reply; empty for any other reply.
+static Items ArrayReply(const std::vector<std::string>& args) {
+    Items out;
+    Reply r = RawCommand(args);
+    for (size_t i = 0; r && r->type == REDIS_REPLY_ARRAY && i < r->elements; ++i) {
+        out.emplace_back(r->element[i]->str, r->element[i]->len);
     }
     return out;
 }
 
-std::vector<std::string> LRange(const std::string& key) {
-    std::vector<std::string> out;
-    Reply r = RawCommand({"LRANGE", key, "0", "-1"});
-    if (r && r->type == REDIS_REPLY_ARRAY) {
-        for (size_t i = 0; i < r->elements; ++i) {
-            out.emplace_back(r->element[i]->str, r->element[i]->len);
-        }
-    }
+Fields HGetAll(const std::string& key) {
+    Fields out;
+    const Items flat = ArrayReply({"HGETALL", key});
+    for (size_t i = 0; i + 1 < flat.size(); i += 2) out[flat[i]] = flat[i + 1];
     return out;
+}
+
+Items LRange(const std::string& key) {
+    return ArrayReply({"LRANGE", key, "0", "-1"});
 }
 
 std::set<std::string> SMembers(const std::string& key) {
-    std::set<std::string> out;
-    Reply r = RawCommand({"SMEMBERS", key});
-    if (r && r->type == REDIS_REPLY_ARRAY) {
-        for (size_t i = 0; i < r->elements; ++i) {
-            out.emplace(r->element[i]->str, r->element[i]->len);
-        }
-    }
-    return out;
-}
-
-std::string Type(const std::string& key) {
-    Reply r = RawCommand({"TYPE", key});
-    if (r && r->type == REDIS_REPLY_STATUS) return std::string(r->str, r->len);
-    return std::string();
+    const Items members = ArrayReply({"SMEMBERS", key});
+    return std::set<std::string>(members.begin(), members.end());
 }
 
 bool Exists(const std::string& key) {

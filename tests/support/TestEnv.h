@@ -83,13 +83,12 @@ using Reply = std::unique_ptr<redisReply, ReplyDeleter>;
 Reply RawCommand(const std::vector<std::string>& args);
 
 // Conveniences over RawCommand.
-std::map<std::string, std::string> HGetAll(const std::string& key);
-std::vector<std::string> LRange(const std::string& key);
-std::set<std::string> SMembers(const std::string& key);
-std::string Type(const std::string& key);
-bool Exists(const std::string& key);
 using Fields = std::map<std::string, std::string>;  // a hash as HGetAll returns it
 using Items = std::vector<std::string>;             // a list as LRange returns it
+Fields HGetAll(const std::string& key);
+Items LRange(const std::string& key);
+std::set<std::string> SMembers(const std::string& key);
+bool Exists(const std::string& key);
 
 // The front end's view of a JPath on one line, assembled by the tree reader
 // (with the library's && fields when `meta`); "<reason>" when it cannot be read.
