@@ -171,18 +171,6 @@ TEST_F(ZLogPrintTest, SizeIsCheckedEveryTwentiethWriteAfterInitAndTwoGenerations
     EXPECT_EQ(LinesWith(ReadFile(p), "line ").size(), 1u);
 }
 
-TEST_F(ZLogPrintTest, SpecificLogPrintAppendsAndRotatesPast64000) {
-    const std::string path = mDir + "/specific.log";
-    ZLogPrint log(mBase, 1 << 20);
-    log.SpecificLogPrint(path.c_str(), "entry %d\n", 1);
-    EXPECT_EQ(ReadFile(path), "entry 1\n");  // no prefix
-    // 8 + 64 × 1000 bytes: past 64000 after the last write, so rotated.
-    const std::string kilo(999, 'k');
-    for (int i = 0; i < 64; ++i) log.SpecificLogPrint(path.c_str(), "%s\n", kilo.c_str());
-    EXPECT_FALSE(FileExists(path));
-    EXPECT_EQ(Gunzip(path + "1.gz").size(), 64008u);
-}
-
 TEST_F(ZLogPrintTest, DebugFilterByLevelAndSchemaSet) {
     const std::string p = mBase + ".log";
     ZLogPrint log(mBase, 1 << 20);
