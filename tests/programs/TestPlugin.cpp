@@ -32,7 +32,7 @@ void PrintRegistration(const char* when, const char* event, eRtCode rt) {
 }
 
 class TestSchema : public ZSchema {
-  public:
+public:
     explicit TestSchema(const char* name) : ZSchema(name, "v1_0_0") {}
     ~TestSchema() override { std::printf("Deleted schema[%s]\n", GetName().c_str()); }
 
@@ -68,26 +68,17 @@ int AlphaFactory(void*) {
                       Orbel::zApp->RegisterVexEventCallback("FactoryEvent", OnEvent));
     return CreateSchema("Alpha");
 }
-int BravoFactory(void*) {
-    return CreateSchema("Bravo");
-}
-int CharlieFactory(void*) {
-    return CreateSchema("Charlie");
-}
-int DeltaFactory(void*) {
-    return CreateSchema("Delta");
-}
-int EchoFactory(void*) {
-    return -3;
-}
 
 const ZApplication::sSchemaFactory kSchemaTable[] = {
-    {"Alpha", AlphaFactory}, {"Bravo", BravoFactory}, {"Charlie", CharlieFactory},
-    {"Delta", DeltaFactory}, {"Echo", EchoFactory},
+    {"Alpha", AlphaFactory},
+    {"Bravo", [](void*) { return CreateSchema("Bravo"); }},
+    {"Charlie", [](void*) { return CreateSchema("Charlie"); }},
+    {"Delta", [](void*) { return CreateSchema("Delta"); }},
+    {"Echo", [](void*) { return -3; }},
 };
 
 class TestApp : public ZApplication {
-  public:
+public:
     explicit TestApp(const std::string& name) : ZApplication(name) {}
 
     void AppInitDoneProcess() override {

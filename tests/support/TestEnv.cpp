@@ -150,16 +150,10 @@ bool RedisServer::Start() {
     }
     mPid = pid;
     for (int i = 0; i < 500; ++i) {
-        redisContext* c = redisConnectUnix(SocketPath().c_str());
-        if (c != nullptr && c->err == 0) {
-            redisReply* r = static_cast<redisReply*>(redisCommand(c, "PING"));
-            bool ok = r != nullptr && r->type == REDIS_REPLY_STATUS;
-            if (r != nullptr) freeReplyObject(r);
-            redisFree(c);
-            if (ok) return true;
-        } else if (c != nullptr) {
-            redisFree(c);
-        }
+        RedisConn c(redisConnectUnix(SocketPath().c_str()));
+        Reply r(c && c->err == 0 ? static_cast<redisReply*>(redisCommand(c.get(), "PING"))
+                                 : nullptr);
+        if (r && r->type == REDIS_REPLY_STATUS) return true;
         int status = 0;
         if (waitpid(mPid, &status, WNOHANG) == mPid) {
             std::fprintf(stderr, "test: redis-server exited at start:\n%s\n",
@@ -177,14 +171,10 @@ bool RedisServer::Start() {
 
 void RedisServer::Stop() {
     if (mPid <= 0) return;
-    redisContext* c = redisConnectUnix(SocketPath().c_str());
-    if (c != nullptr && c->err == 0) {
-        redisReply* r = static_cast<redisReply*>(redisCommand(c, "SHUTDOWN NOSAVE"));
-        if (r != nullptr) freeReplyObject(r);
-    }
-    if (c != nullptr) redisFree(c);
+    RedisConn c(redisConnectUnix(SocketPath().c_str()));
+    if (c && c->err == 0) Reply(static_cast<redisReply*>(redisCommand(c.get(), "SHUTDOWN NOSAVE")));
+    int status = 0;
     for (int i = 0; i < 300; ++i) {
-        int status = 0;
         if (waitpid(mPid, &status, WNOHANG) == mPid) {
             mPid = -1;
             return;
@@ -192,7 +182,6 @@ void RedisServer::Stop() {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     kill(mPid, SIGKILL);
-    int status = 0;
     waitpid(mPid, &status, 0);
     mPid = -1;
 }
