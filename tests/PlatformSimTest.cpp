@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "ChildProcess.h"
@@ -76,25 +75,6 @@ TEST_F(PlatformSimTest, VexValuesCrossBetweenToolAndLibraryAndVolatileHidesPersi
               "1:orbel-sim: no VEX variable sim_missing\n");
     EXPECT_EQ(Sim({"vex", "set", "a/b", "1"}).status, 1);
     EXPECT_EQ(Sim({}).output.rfind("Usage: orbel-sim COMMAND [ARGS]\n", 0), 0u);
-}
-
-TEST_F(PlatformSimTest, TypedGetsRefuseTextOfAnotherType) {
-    // {stored text, reads as bool, as int, as int64}
-    const std::tuple<const char*, bool, bool, bool> cases[] = {
-        {"true", true, false, false},       {"1\n", true, true, true},
-        {"-2147483648", false, true, true}, {"2147483648", false, false, true},
-        {"+5", false, false, false},        {"5\n\n", false, false, false},
-    };
-    for (const auto& [text, isBool, isInt, isInt64] : cases) {
-        SCOPED_TRACE(std::string("text [") + text + "]");
-        ASSERT_NE(vex_config_set_str_n("sim_typed", text, 64, 0), 0);
-        int b = -1, i = -1;
-        long long ll = -1;
-        EXPECT_EQ(vex_config_get_bool("sim_typed", &b) != 0, isBool);
-        EXPECT_EQ(vex_config_get_int("sim_typed", &i) != 0, isInt);
-        EXPECT_EQ(vex_config_get_int64("sim_typed", &ll) != 0, isInt64);
-        EXPECT_TRUE(isInt || i == -1) << "a failed get must leave the value alone";
-    }
 }
 
 TEST_F(PlatformSimTest, KobaReportsItsErrorCodes) {
