@@ -3,7 +3,6 @@
 // exact failure lines they log.
 #include <gmock/gmock.h>
 #include <paths.h>
-#include <unistd.h>
 #include <utmp.h>
 
 #include <cstdlib>

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <string>
-#include <vector>
 
 #include "ChildProcess.h"
 #include "TestEnv.h"
