@@ -96,14 +96,15 @@ TEST_F(JsonTextTest, LinksNestedContainersAndTrailingSeparators) {
               RT_SUCCESS);
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
     // An empty container has no key in the store, so it reads as null.
-    EXPECT_EQ(Doc(kSys), std::string("{\"@odata.id\":") + kSysId +
-                             ",\"Bare\":{\"@odata.id\":\"/redfish/v1/Chassis/1\"},"
-                             "\"Boot\":{\"Order\":[\"Pxe\",\"Hdd\"]},\"Empty\":null,"
-                             "\"Fans\":[{\"Name\":\"F0\"},{\"Name\":\"F1\",\"Oem\":{\"Rpm\":900}}],"
-                             "\"Items\":[{\"@odata.id\":\"/redfish/v1/A\"},\"b\"],"
-                             "\"Link\":{\"@odata.id\":\"/redfish/v1/Managers/1\"},"
-                             "\"Matrix\":[[1,2],null],\"Other\":\"/redfish/x\","
-                             "\"target\":\"/redfish/v1/Managers/1/Actions/Reset\"}");
+    EXPECT_EQ(StoreDoc(kSys),
+              std::string("{\"@odata.id\":") + kSysId +
+                  ",\"Bare\":{\"@odata.id\":\"/redfish/v1/Chassis/1\"},"
+                  "\"Boot\":{\"Order\":[\"Pxe\",\"Hdd\"]},\"Empty\":null,"
+                  "\"Fans\":[{\"Name\":\"F0\"},{\"Name\":\"F1\",\"Oem\":{\"Rpm\":900}}],"
+                  "\"Items\":[{\"@odata.id\":\"/redfish/v1/A\"},\"b\"],"
+                  "\"Link\":{\"@odata.id\":\"/redfish/v1/Managers/1\"},"
+                  "\"Matrix\":[[1,2],null],\"Other\":\"/redfish/x\","
+                  "\"target\":\"/redfish/v1/Managers/1/Actions/Reset\"}");
 }
 
 TEST_F(JsonTextTest, AnExistingObjectIsFilledAndAnExistingArrayIsReplaced) {
@@ -126,8 +127,9 @@ TEST_F(JsonTextTest, AnExistingObjectIsFilledAndAnExistingArrayIsReplaced) {
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Tags"),
               (Items{"\"c\"", "&&Object &&/redfish/v1/Systems/1/Tags/1"}));
-    EXPECT_EQ(Doc("&&/redfish/v1/Systems/1/Status"), "{\"Health\":\"OK\",\"State\":\"Enabled\"}");
-    EXPECT_EQ(Doc("&&/redfish/v1/Systems/1/Tags"), "[\"c\",{\"Y\":2}]");
+    EXPECT_EQ(StoreDoc("&&/redfish/v1/Systems/1/Status"),
+              "{\"Health\":\"OK\",\"State\":\"Enabled\"}");
+    EXPECT_EQ(StoreDoc("&&/redfish/v1/Systems/1/Tags"), "[\"c\",{\"Y\":2}]");
 
     // Without a store the array is not emptied: nothing is queued for it,
     // and it is still the same node.
@@ -181,7 +183,7 @@ TEST_F(JsonTextTest, AnArrayRootTakesTheTextAsItsWholeContent) {
     ASSERT_EQ(JsonString2ZObjTree("{'N':4}", array, J2O_APPLY), RT_SUCCESS);
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Arr"),
               (Items{"&&Object &&/redfish/v1/Systems/1/Arr/0"}));
-    EXPECT_EQ(Doc(kSys), std::string("{\"@odata.id\":") + kSysId + ",\"Arr\":[{\"N\":4}]}");
+    EXPECT_EQ(StoreDoc(kSys), std::string("{\"@odata.id\":") + kSysId + ",\"Arr\":[{\"N\":4}]}");
 
     ASSERT_EQ(JsonString2ZObjTree("[]", array, J2O_APPLY), RT_SUCCESS);
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Arr"), Items{});
@@ -234,7 +236,7 @@ TEST_F(JsonTextTest, BadTextEndsInALoggedFailureOnAConsistentTree) {
         res->DiscardRedisChanges(true);
         EXPECT_EQ(res->GetRedisChangeNum(), 0u);
         EXPECT_EQ(res->ApplyRedisChanges(), RT_SUCCESS);
-        EXPECT_EQ(Doc(uri).compare(0, 13, "{\"@odata.id\":"), 0) << Doc(uri);
+        EXPECT_EQ(StoreDoc(uri).compare(0, 13, "{\"@odata.id\":"), 0) << StoreDoc(uri);
         res->ObjDestroy(ZObject::eDestroyDelete, true);
     }
     Recycle();
@@ -270,7 +272,7 @@ TEST_F(JsonTextTest, EveryPrefixOfAValidTextFailsCleanlyAndTheWholeSucceeds) {
         if (len >= end) {
             EXPECT_EQ(rt, RT_SUCCESS);
             EXPECT_EQ(res->ApplyRedisChanges(), RT_SUCCESS);
-            EXPECT_EQ(Doc(uri),
+            EXPECT_EQ(StoreDoc(uri),
                       "{\"@odata.id\":\"" + uri +
                           "\",\"Count\":12,\"Link\":{\"@odata.id\":\"/redfish/v1/Managers/1\"},"
                           "\"List\":[1,\"a\",{\"K\":[true,null]},[2]],\"Name\":\"n 1\","
@@ -281,7 +283,7 @@ TEST_F(JsonTextTest, EveryPrefixOfAValidTextFailsCleanlyAndTheWholeSucceeds) {
             EXPECT_EQ(rt, RT_FAILURE);
             // Discarded: nothing of the text is left to reach the store.
             EXPECT_EQ(res->ApplyRedisChanges(), RT_SUCCESS);
-            EXPECT_EQ(Doc(uri), "{\"@odata.id\":\"" + uri + "\"}");
+            EXPECT_EQ(StoreDoc(uri), "{\"@odata.id\":\"" + uri + "\"}");
         }
         res->ObjDestroy(ZObject::eDestroyDelete, true);
         Recycle();
@@ -299,7 +301,7 @@ TEST_F(JsonTextTest, AFailureKeepsOrDiscardsByTheFlagsAndNothingIsApplied) {
     EXPECT_EQ(status->GetRedisChangeNum(), 1u);
     EXPECT_EQ(Props(), Fields{});
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
-    EXPECT_EQ(Doc(kSys),
+    EXPECT_EQ(StoreDoc(kSys),
               std::string("{\"@odata.id\":") + kSysId + ",\"Status\":{\"State\":\"On\"},\"a\":1}");
     // With it the queue below the root is dropped; a child whose link was
     // dropped is linked again by the next text.
@@ -310,8 +312,8 @@ TEST_F(JsonTextTest, AFailureKeepsOrDiscardsByTheFlagsAndNothingIsApplied) {
     EXPECT_EQ(sys->GetRedisChangeNum() + d->GetRedisChangeNum(), 0u);
     ASSERT_EQ(JsonString2ZObjTree("{'D':{'G':4}}", sys, J2O_APPLY), RT_SUCCESS);
     EXPECT_EQ(sys->GetRedisChangeNum(), 0u);
-    EXPECT_EQ(Doc(kSys), std::string("{\"@odata.id\":") + kSysId +
-                             ",\"D\":{\"G\":4},\"Status\":{\"State\":\"On\"},\"a\":1}");
+    EXPECT_EQ(StoreDoc(kSys), std::string("{\"@odata.id\":") + kSysId +
+                                  ",\"D\":{\"G\":4},\"Status\":{\"State\":\"On\"},\"a\":1}");
 
     size_t mark = LogMark();
     EXPECT_EQ(JsonString2ZObjTree("{'H':1}", sys, 4u), RT_INVALID_ARG);

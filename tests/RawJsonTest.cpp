@@ -41,7 +41,7 @@ protected:
     std::string Checked(ZObject* root) {
         const std::string text = Stored(root->GetJPath());
         EXPECT_EQ(root->ObjData2RawJsonString(), text);
-        EXPECT_EQ(Doc(root->GetJPath()), text);
+        EXPECT_EQ(StoreDoc(root->GetJPath()), text);
         return text;
     }
 
@@ -186,7 +186,7 @@ TEST_F(RawJsonTest, ARawJsonResourceBelowANormalOneIsWrittenByItsApply) {
         "{\"@odata.id\":\"/redfish/v1/Systems/1/Oem\",\"Vendor\":\"x\","
         "\"A\":{\"B\":[1,{\"C\":\"d\"}]}}";
     EXPECT_EQ(Checked(oem), oemText);
-    EXPECT_EQ(Doc("/redfish/v1/Systems/1"),
+    EXPECT_EQ(StoreDoc("/redfish/v1/Systems/1"),
               "{\"@odata.id\":\"/redfish/v1/Systems/1\",\"Name\":\"s\",\"Oem\":" + oemText + "}");
 
     // A node of the normal format refuses the RawJson calls.
@@ -290,7 +290,7 @@ TEST_F(RawJsonTest, WritersAndAppliesOnSeveralThreadsKeepTheTextWhole) {
         for (int i = 0; i < 50; ++i) {
             raw->ApplyRedisChanges();
             // Whatever the moment, what is stored is a document.
-            const std::string doc = Doc(kRaw);
+            const std::string doc = StoreDoc(kRaw);
             EXPECT_TRUE(doc.compare(0, 1, "{") == 0 && IsJsonValueText(doc)) << doc;
         }
     });

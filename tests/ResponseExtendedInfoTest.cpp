@@ -333,9 +333,9 @@ TEST_F(ResponseExtendedInfoTest, NotAllowedMethodsNameTheHttpMethodAndTheResourc
         return MessageJson("\"" + std::string(method) + "\",\"/redfish/v1/Systems/1\"",
                            "ExtendedError.1.2.MethodNotAllowed", "");
     };
-    EXPECT_EQ(Doc(kArr), "[" + notAllowed("POST") + "," + notAllowed("DELETE") + "," +
-                             notAllowed("PATCH") + "," + notAllowed("POST") + "," +
-                             MessageJson("", "Base.1.12.Success", "") + "]");
+    EXPECT_EQ(StoreDoc(kArr), "[" + notAllowed("POST") + "," + notAllowed("DELETE") + "," +
+                                  notAllowed("PATCH") + "," + notAllowed("POST") + "," +
+                                  MessageJson("", "Base.1.12.Success", "") + "]");
 }
 
 TEST_F(ResponseExtendedInfoTest, TheFrontEndReadsWholeMessagesFromTheRequestsArray) {
@@ -352,9 +352,10 @@ TEST_F(ResponseExtendedInfoTest, TheFrontEndReadsWholeMessagesFromTheRequestsArr
     ASSERT_EQ(named, kArr);
     const std::string task =
         MessageJson("\"/redfish/v1/TaskService/Tasks/3\"", "TaskEvent.1.0.TaskProgressChanged", "");
-    EXPECT_EQ(Doc(named), "[" + MessageJson("\"HostName\",64", "Base.1.12.StringValueTooLong", "") +
-                              "," + task + "]");
-    EXPECT_EQ(Doc(Msg(2)), task);
+    EXPECT_EQ(StoreDoc(named),
+              "[" + MessageJson("\"HostName\",64", "Base.1.12.StringValueTooLong", "") + "," +
+                  task + "]");
+    EXPECT_EQ(StoreDoc(Msg(2)), task);
 }
 
 }  // namespace

@@ -40,11 +40,6 @@ protected:
     }
     static void RPush(const std::string& key, const Items& items) { Store("RPUSH", key, items); }
 
-    // The document on one line, with the && fields when `meta`.
-    static std::string Read(const std::string& jpath, bool meta = false) {
-        return StoreDoc(jpath, meta);
-    }
-
     // A resource with scalars of every kind (and texts that are not JSON),
     // nested objects, arrays of scalars and of objects, links, a dangling
     // link, a cycle, request queue lists and meta fields.
@@ -112,7 +107,7 @@ const char kCollectionBody[] =
 
 TEST_F(StoreTreeReaderTest, ResourceBodyFollowsLinksAndLeavesOutRoutingAndMeta) {
     StoreSystem();
-    EXPECT_EQ(Read("/redfish/v1/Systems/1"), kSystemBody);
+    EXPECT_EQ(StoreDoc("/redfish/v1/Systems/1"), kSystemBody);
 
     // The debug view adds the queue lists (followed; a missing one is null)
     // and the other meta fields under their whole names.
@@ -121,26 +116,26 @@ TEST_F(StoreTreeReaderTest, ResourceBodyFollowsLinksAndLeavesOutRoutingAndMeta) 
         R"("&&Array PATCHQ &&/redfish/v1/Systems/1/PATCHQ":null,)"
         R"("&&Async":true,"&&EnableChecklist":true,)" +
         std::string(kSystemBody + 1);
-    EXPECT_EQ(Read("/redfish/v1/Systems/1", true), meta);
+    EXPECT_EQ(StoreDoc("/redfish/v1/Systems/1", true), meta);
 
     // A nested node read on its own: the cycle back to it is cut one level
     // lower than above.
-    EXPECT_EQ(Read("&&/redfish/v1/Systems/1/Status/Oem"),
+    EXPECT_EQ(StoreDoc("&&/redfish/v1/Systems/1/Status/Oem"),
               R"({"Up":{"Health":"OK","Oem":null},"Vendor":"Pell"})");
     // Collection members are links; a link named "@odata.id" is the URI.
     StoreCollection();
-    EXPECT_EQ(Read("/redfish/v1/Systems"), kCollectionBody);
+    EXPECT_EQ(StoreDoc("/redfish/v1/Systems"), kCollectionBody);
 }
 
 TEST_F(StoreTreeReaderTest, TopLevelListCyclesAndFailures) {
     RPush("&&/top/list", {"1", "\"x\"", "&&ObjectRef /redfish/v1"});
-    EXPECT_EQ(Read("&&/top/list"), R"([1,"x",{"@odata.id":"/redfish/v1"}])");
+    EXPECT_EQ(StoreDoc("&&/top/list"), R"([1,"x",{"@odata.id":"/redfish/v1"}])");
     // One node linked twice is expanded twice; links back into the path
     // (from a list, to a nested node and to the resource) are null.
     HSet("/cyc", {{"&&Object A &&/cyc/A", ""}, {"&&Object B &&/cyc/A", ""}});
     HSet("&&/cyc/A", {{"V", "1"}, {"&&Array L &&/cyc/L", ""}});
     RPush("&&/cyc/L", {"&&Object &&/cyc/A", "&&Object /cyc", "&&Array &&/cyc/L", "2"});
-    EXPECT_EQ(Read("/cyc"),
+    EXPECT_EQ(StoreDoc("/cyc"),
               R"({"A":{"L":[null,null,null,2],"V":1},"B":{"L":[null,null,null,2],"V":1}})");
     std::string json = "left over";
     std::string error;
@@ -180,15 +175,15 @@ TEST_F(StoreTreeReaderTest, MessageArraysFollowBareJPathsAndNameTheMessageFields
         R"({"MessageArgs":[],"MessageId":"Base.1.12.Success","RelatedProperties":null,)"
         R"("Severity":"OK"})";
     const std::string others = R"(null,[1,{"@odata.id":"/redfish/v1"}],null)";
-    EXPECT_EQ(Read(arr), "[" + first + "," + second + "," + others + ",\"plain\"]");
-    EXPECT_EQ(Read(m + "0"), first);
+    EXPECT_EQ(StoreDoc(arr), "[" + first + "," + second + "," + others + ",\"plain\"]");
+    EXPECT_EQ(StoreDoc(m + "0"), first);
     // The debug view adds the other meta data; the message fields stay named.
-    EXPECT_EQ(Read(arr, true), "[" + first + "," + R"({"&&Other":1,)" + second.substr(1) + "," +
-                                   others + R"(,"&&/with blank","plain"])");
+    EXPECT_EQ(StoreDoc(arr, true), "[" + first + "," + R"({"&&Other":1,)" + second.substr(1) + "," +
+                                       others + R"(,"&&/with blank","plain"])");
     // A bare JPath back into its own path is cut like any link.
     HSet("&&/loop", {{"&&MessageArgs", "&&/loop/args"}});
     RPush("&&/loop/args", {"&&/loop"});
-    EXPECT_EQ(Read("&&/loop"), R"({"MessageArgs":[null]})");
+    EXPECT_EQ(StoreDoc("&&/loop"), R"({"MessageArgs":[null]})");
 }
 
 TEST_F(StoreTreeReaderTest, RawJsonHashesAreTheirStoredText) {
@@ -200,14 +195,14 @@ TEST_F(StoreTreeReaderTest, RawJsonHashesAreTheirStoredText) {
                              {"Plain", "1"},
                              {"&&Object Sub &&/redfish/v1/Raw/Sub", ""}});
     HSet("&&/redfish/v1/Raw/Sub", {{"S", "2"}});
-    EXPECT_EQ(Read("/redfish/v1/Raw"), text);
-    EXPECT_EQ(Read("/redfish/v1/Raw", true), text);
+    EXPECT_EQ(StoreDoc("/redfish/v1/Raw"), text);
+    EXPECT_EQ(StoreDoc("/redfish/v1/Raw", true), text);
 
     // Reached through links from a normal hash and a list.
     HSet("/redfish/v1/Sys", {{"&&Object Oem /redfish/v1/Raw", ""}, {"N", "\"n\""}});
     RPush("&&/redfish/v1/Sys/L", {"&&Object /redfish/v1/Raw"});
     HSet("/redfish/v1/Sys", {{"&&Array L &&/redfish/v1/Sys/L", ""}});
-    EXPECT_EQ(Read("/redfish/v1/Sys"), R"({"L":[)" + text + R"(],"N":"n","Oem":)" + text + "}");
+    EXPECT_EQ(StoreDoc("/redfish/v1/Sys"), R"({"L":[)" + text + R"(],"N":"n","Oem":)" + text + "}");
 
     // Pretty output splices the text in unchanged as well.
     std::string json;
@@ -219,9 +214,9 @@ TEST_F(StoreTreeReaderTest, RawJsonHashesAreTheirStoredText) {
 
     // A text that is not JSON never breaks the output; an empty one is null.
     HSet("/redfish/v1/Bad", {{"&&RawJSON", "{'a':1}"}});
-    EXPECT_EQ(Read("/redfish/v1/Bad"), R"("{'a':1}")");
+    EXPECT_EQ(StoreDoc("/redfish/v1/Bad"), R"("{'a':1}")");
     HSet("/redfish/v1/Empty", {{"&&RawJSON", ""}, {"X", "1"}});
-    EXPECT_EQ(Read("/redfish/v1/Empty"), "null");
+    EXPECT_EQ(StoreDoc("/redfish/v1/Empty"), "null");
 }
 
 // ---------------------------------------------------------------------------

@@ -11,9 +11,6 @@
 
 namespace OrbelTest {
 
-// An ERROR line as it follows its time stamp: "[ERROR] <file>:<func>(): <text>".
-std::string ErrorLine(const std::string& file, const std::string& func, const std::string& text);
-
 // Success when every {func, text} of `lines` was logged as an ERROR line of
 // `file` since `mark` (text may be the start of a line); the failure names
 // each missing line and shows the log.

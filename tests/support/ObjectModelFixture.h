@@ -39,9 +39,6 @@ protected:
     // Frees every retired node nobody holds (what the process loop does).
     void Recycle() { mApp->RecycleProcess(); }
 
-    // The front end's view of a JPath, on one line.
-    static std::string Doc(const std::string& jpath) { return StoreDoc(jpath); }
-
     // Success when every one of `texts` was logged since `mark`; the failure
     // names the missing ones and shows the log.
     static ::testing::AssertionResult Logged(size_t mark,
