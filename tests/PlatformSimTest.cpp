@@ -9,7 +9,6 @@
 #include "ChildProcess.h"
 #include "TestEnv.h"
 #include "koba.h"
-#include "proc_system.h"
 #include "vex.h"
 #include "vpdd.h"
 
@@ -142,12 +141,6 @@ TEST_F(PlatformSimTest, TheDefaultMachineRecordIsGeneratedOnce) {
     EXPECT_EQ(ReadFile(Path("/var/lib/vpd/machine.vpd")), text);
     EXPECT_EQ(Sim({"vpd", "show"}).output,
               "uuid: 6E2B8F14A09C4D3B8F5A1C7D2E9B0A63\nserial: SIM0000001\nmtm: 7X99CTO1WW\n");
-}
-
-TEST_F(PlatformSimTest, ShellRunnerReportsExitStatus) {
-    EXPECT_EQ(proc_system("exit 3"), 3);
-    EXPECT_EQ(proc_system("kill -TERM $$"), -1);
-    EXPECT_EQ(proc_system(nullptr), -1);
 }
 
 }  // namespace

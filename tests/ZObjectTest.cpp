@@ -36,7 +36,6 @@ TEST_F(ZObjectTest, JPathsFollowTheNestingRules) {
                      "/redfish/v1/Systems/1/Status/Oem/Port", "&&/redfish/v1/Systems/Members"}));
     EXPECT_TRUE(sys->GetParent() == members && members->GetChild(1) == sys);
     EXPECT_EQ(sys->GetName(), "/redfish/v1/Systems/1");  // no name: known by its URI
-    EXPECT_EQ(ZObject::CombineJPath(oem, embedded), "/redfish/v1/Systems/1/Status/Oem/Port");
     EXPECT_EQ(ZObject::CombineJPath(sys, "Boot/Order"), "&&/redfish/v1/Systems/1/Boot/Order");
     EXPECT_EQ(ZObject::CombineJPath(root, "/Chassis"), "&&/redfish/v1/Chassis");
     EXPECT_EQ(sys->GetParentResource(), systems);
@@ -203,15 +202,13 @@ TEST_F(ZObjectTest, RetirementIsOnceAndTheRecyclerWaitsForUsers) {
     sys->DecreaseUsingCount();
     Recycle();
     EXPECT_EQ(mApp->RecycledListSize(), 0u);
-    size_t mark = LogMark();
     EXPECT_FALSE(mApp->IsValidObj(sys));
-    EXPECT_TRUE(Logged(mark, "is an invalid ZObject. It might be a corrupt memory address.\n"));
 
     // A using count below zero is reported, and the node freed all the same.
     auto* loose = new ZJsonObject(nullptr, "Loose");
     loose->ObjDestroy(ZObject::eDestroyDelete, true);
     loose->DecreaseUsingCount();
-    mark = LogMark();
+    size_t mark = LogMark();
     Recycle();
     EXPECT_TRUE(Logged(mark, "Obj[Loose] using count[-1] shouldn't < 0!\n"));
     EXPECT_EQ(mApp->RecycledListSize(), 0u);

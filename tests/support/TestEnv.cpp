@@ -188,9 +188,7 @@ void RedisServer::Stop() {
 
 void RedisServer::FlushAll() {
     Reply r = RawCommand({"FLUSHALL"});
-    if (!r || r->type == REDIS_REPLY_ERROR) {
-        ADD_FAILURE() << "FLUSHALL failed";
-    }
+    if (!r || r->type == REDIS_REPLY_ERROR) ADD_FAILURE() << "FLUSHALL failed";
 }
 
 RedisConn RawConnect() {

@@ -53,7 +53,6 @@ public:
     // Stops the server (SHUTDOWN NOSAVE, then SIGKILL if needed) and waits
     // for the process to end.
     void Stop();
-    bool IsRunning() const { return mPid > 0; }
     void FlushAll();
     std::string SocketPath() const;
 
