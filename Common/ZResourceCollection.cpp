@@ -36,19 +36,23 @@ void ZResourceCollection::_InitFillDefaultContents() {
     HashWrite(kMembers, members);
 }
 
-eRtCode ZResourceCollection::CollectionAddMember(ZResource* member) {
-    ZApplication* app = zApp;
-    if (member == nullptr || app == nullptr || !app->UseIfValid(member)) {
+ZObject* ZResourceCollection::_MembersFor(ZResource* member) {
+    if (!Use(member)) {
         ZLOG(eZLogError, "Members[%s] is not a local object.\n", GetJPath().c_str());
-        return RT_FAILURE;
+        return nullptr;
     }
-    ZObjectUseGuard guard(member);
-    member->DecreaseUsingCount();
     ZObject* members = GetChild(kMembers, true);
     if (members == nullptr) {
+        member->DecreaseUsingCount();
         ZLOG(eZLogError, "Failed to get Members object.\n");
-        return RT_FAILURE;
     }
+    return members;
+}
+
+eRtCode ZResourceCollection::CollectionAddMember(ZResource* member) {
+    ZObject* members = _MembersFor(member);
+    if (members == nullptr) return RT_FAILURE;
+    UseRelease release(member);
     eRtCode rt = members->ListWrite(-1, static_cast<ZObject*>(member), true);
     if (rt != RT_SUCCESS) return rt;
     // The member list and its count reach the store with the member itself.
@@ -56,18 +60,9 @@ eRtCode ZResourceCollection::CollectionAddMember(ZResource* member) {
 }
 
 eRtCode ZResourceCollection::CollectionRemoveMember(ZResource* member) {
-    ZApplication* app = zApp;
-    if (member == nullptr || app == nullptr || !app->UseIfValid(member)) {
-        ZLOG(eZLogError, "Members[%s] is not a local object.\n", GetJPath().c_str());
-        return RT_FAILURE;
-    }
-    ZObjectUseGuard guard(member);
-    member->DecreaseUsingCount();
-    ZObject* members = GetChild(kMembers, true);
-    if (members == nullptr) {
-        ZLOG(eZLogError, "Failed to get Members object.\n");
-        return RT_FAILURE;
-    }
+    ZObject* members = _MembersFor(member);
+    if (members == nullptr) return RT_FAILURE;
+    UseRelease release(member);
     std::string text = "&&ObjectRef " + member->GetOdataId();
     return members->ListRemove(text, false);
 }

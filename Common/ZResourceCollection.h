@@ -45,6 +45,10 @@ public:
 
 private:
     void _InitFillDefaultContents();
+    // The "Members" array for adding or removing `member`, with a using
+    // count held on `member` (the caller releases it); null, logged, when
+    // `member` is not a live local object or there is no "Members".
+    ZObject* _MembersFor(ZResource* member);
 
     // Where GetFreeMemberId starts looking. Every id below mFreeIdHint
     // belonged to a live member when the hint was raised, and a member that

@@ -402,17 +402,20 @@ eRtCode ZObject::RemoveChildObj(ZObject* child) {
     return RT_FAILURE;
 }
 
-void ZObject::DeleteAllChildObjs() {
+std::vector<ZObject*> ZObject::_UsedChildren() {
     std::vector<ZObject*> children;
-    {
-        std::lock_guard<std::mutex> lock(mChildMutex);
-        if (mChildList == nullptr) return;
-        for (const auto& entry : *mChildList) {
-            if (Use(entry.second)) children.push_back(entry.second);
-        }
+    std::lock_guard<std::mutex> lock(mChildMutex);
+    if (mChildList == nullptr) return children;
+    children.reserve(mChildList->size());
+    for (const auto& entry : *mChildList) {
+        if (Use(entry.second)) children.push_back(entry.second);
     }
+    return children;
+}
+
+void ZObject::DeleteAllChildObjs() {
     // Each child takes itself off the list while it is retired.
-    for (ZObject* child : children) {
+    for (ZObject* child : _UsedChildren()) {
         child->ObjDestroy(eDestroyDelete, true);
         child->DecreaseUsingCount();
     }

@@ -393,6 +393,10 @@ protected:
     void _RelinkInStore(ZObject* referrer, const std::string& metaKey);
     // The node's JPath, or its name while it has none (for log lines).
     std::string _LogName();
+    // The live children in id order, each with a using count the caller
+    // releases: a copy, so that no lock of this node is held while the
+    // children are called and none of them is freed meanwhile.
+    std::vector<ZObject*> _UsedChildren();
     // Removes the element `text` (action Remove or Clear) after the checks.
     eRtCode _ListRemoveText(const std::string& text, bool all);
 

@@ -224,16 +224,7 @@ void ZObject::_RawJsonSetMember(const std::string& key, const std::string& text)
 void ZObject::_RawJsonMergeTree(unsigned depth) {
     _RawJsonMerge();
     if (depth >= kRawJsonMaxDepth) return;
-    std::vector<ZObject*> children;
-    {
-        std::lock_guard<std::mutex> lock(mChildMutex);
-        if (mChildList != nullptr) {
-            children.reserve(mChildList->size());
-            for (const auto& entry : *mChildList) {
-                if (Use(entry.second)) children.push_back(entry.second);
-            }
-        }
-    }
+    std::vector<ZObject*> children = _UsedChildren();
     for (ZObject* child : children) {
         child->_RawJsonMergeTree(depth + 1);
         // An array that publishes its count does it in this content, from

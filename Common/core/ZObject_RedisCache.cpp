@@ -675,15 +675,7 @@ eRtCode ZObject::ListRemoveAll() {
         }
         member->DecreaseUsingCount();
     }
-    std::vector<ZObject*> children;
-    {
-        std::lock_guard<std::mutex> lock(mChildMutex);
-        if (mChildList != nullptr) {
-            for (const auto& entry : *mChildList) {
-                if (Use(entry.second)) children.push_back(entry.second);
-            }
-        }
-    }
+    std::vector<ZObject*> children = _UsedChildren();
     for (ZObject* child : children) {
         child->ObjDestroy(eDestroyUnlink, true);
         child->DecreaseUsingCount();
@@ -1087,16 +1079,7 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
         // The children are visited from a counted copy, so that no lock of
         // this node is held while a child applies (and the recycler cannot
         // free a child that is retired meanwhile).
-        std::vector<ZObject*> children;
-        {
-            std::lock_guard<std::mutex> lock(mChildMutex);
-            if (mChildList != nullptr) {
-                children.reserve(mChildList->size());
-                for (const auto& entry : *mChildList) {
-                    if (Use(entry.second)) children.push_back(entry.second);
-                }
-            }
-        }
+        std::vector<ZObject*> children = _UsedChildren();
         for (ZObject* child : children) {
             child->ApplyRedisChanges(true, c);
             child->DecreaseUsingCount();
@@ -1125,15 +1108,7 @@ void ZObject::DiscardObjData(bool recursive, redisContext* c) {
         }
     }
     if (!recursive) return;
-    std::vector<ZObject*> children;
-    {
-        std::lock_guard<std::mutex> lock(mChildMutex);
-        if (mChildList != nullptr) {
-            for (const auto& entry : *mChildList) {
-                if (Use(entry.second)) children.push_back(entry.second);
-            }
-        }
-    }
+    std::vector<ZObject*> children = _UsedChildren();
     for (ZObject* child : children) {
         child->DiscardObjData(true, c);
         child->DecreaseUsingCount();
@@ -1158,15 +1133,7 @@ void ZObject::DumpRedisChanges(bool recursive) {
         }
     }
     if (!recursive) return;
-    std::vector<ZObject*> children;
-    {
-        std::lock_guard<std::mutex> lock(mChildMutex);
-        if (mChildList != nullptr) {
-            for (const auto& entry : *mChildList) {
-                if (Use(entry.second)) children.push_back(entry.second);
-            }
-        }
-    }
+    std::vector<ZObject*> children = _UsedChildren();
     for (ZObject* child : children) {
         child->DumpRedisChanges(true);
         child->DecreaseUsingCount();
