@@ -51,6 +51,18 @@ uint32_t InheritAttribute(ZObject* parent, ZObject::eType type, unsigned long at
     return attr;
 }
 
+// Frees the lists Initial() allocates, pending commands included.
+void FreeNodeLists(std::vector<sRedisCmdItem*>* queue, std::map<std::string, ZObject*>* children,
+                   std::map<ZObject*, std::string>* refBy, std::set<ZObject*>* refTo) {
+    if (queue != nullptr) {
+        for (sRedisCmdItem* item : *queue) delete item;
+    }
+    delete queue;
+    delete children;
+    delete refBy;
+    delete refTo;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -103,13 +115,7 @@ ZObject::~ZObject() {
             app->_ForgetObject(this);
         }
     }
-    if (mRedisCmdQueue != nullptr) {
-        for (sRedisCmdItem* item : *mRedisCmdQueue) delete item;
-        delete mRedisCmdQueue;
-    }
-    delete mChildList;
-    delete mReferencedBy;
-    delete mReferenceTo;
+    FreeNodeLists(mRedisCmdQueue, mChildList, mReferencedBy, mReferenceTo);
     delete mRawJson;
 }
 
@@ -165,13 +171,7 @@ eRtCode ZObject::Initial() {
             std::swap(refBy, mReferencedBy);
             std::swap(refTo, mReferenceTo);
         }
-        if (queue != nullptr) {
-            for (sRedisCmdItem* item : *queue) delete item;
-        }
-        delete children;
-        delete queue;
-        delete refBy;
-        delete refTo;
+        FreeNodeLists(queue, children, refBy, refTo);
         return RT_FAILURE;
     }
     _ClearRedisCache();
