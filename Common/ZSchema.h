@@ -31,16 +31,6 @@ namespace Orbel {
 class ZApplication;
 class ZResource;
 
-// The method of a request, also the index of a CRUD queue.
-enum eReqMethod : int32_t {
-    eReqCreate = 0,
-    eReqRead = 1,
-    eReqUpdate = 2,
-    eReqDelete = 3,
-    eReqAction = 4,
-    eReqMethodNum = 5,
-};
-
 class ZSchema {
 public:
     // CRUD-queue flag bits: the methods the schema serves through a queue.

@@ -210,3 +210,14 @@ TEST(OrbelMetaKey, SplitsTheLinkFormsAndRejectsOtherTexts) {
 }
 
 }  // namespace
+
+TEST(OrbelSecrets, LastComponentDecidesAndExceptionsShowTheValue) {
+    ExpectVerdicts(&IsSecretLikeName,
+                   {"Password", "UserPassword", "/redfish/v1/Accounts/3/Password", "AuthKey",
+                    "PassPhrase", "RefreshToken", "ClientSecret", "CipherCode",
+                    "KeyUsage/PrivateKey"},
+                   {"PasswordName", "KeyType", "KeyUsage", "KeyLength", "KeyCurveId",
+                    "KeyPairAlgorithm", "Password/UserName", "Name", ""});
+    EXPECT_STREQ(MaskSecretValue("Password", "Hunter2"), "******");
+    EXPECT_STREQ(MaskSecretValue("UserName", "root"), "root");
+}

@@ -195,6 +195,39 @@ std::string StringEscapeRevert(const std::string& s) {
     return out;
 }
 
+const char* const kSecretMask = "******";
+
+bool IsSecretLikeName(const std::string& name) {
+    struct Word {
+        const char* word;
+        std::initializer_list<const char*> exceptions;
+    };
+    static const Word kWords[] = {
+        {"password", {"passwordname"}},
+        {"passphrase", {}},
+        {"key", {"keystype", "keytype", "keylength", "keycurveid", "keypairalgorithm", "keyusage"}},
+        {"token", {}},
+        {"secret", {}},
+        {"ciphercode", {}},
+    };
+    const size_t slash = name.rfind('/');
+    std::string last = slash == std::string::npos ? name : name.substr(slash + 1);
+    for (char& ch : last) ch = static_cast<char>(tolower(static_cast<unsigned char>(ch)));
+    for (const Word& w : kWords) {
+        if (last.find(w.word) == std::string::npos) continue;
+        for (const char* ex : w.exceptions) {
+            if (last.find(ex) != std::string::npos) return false;
+        }
+        return true;
+    }
+    return false;
+}
+
+const char* MaskSecretValue(const std::string& name, const char* value) {
+    if (IsSecretLikeName(name)) return kSecretMask;
+    return value ? value : "(null)";
+}
+
 bool RegExpCompare(const std::string& pattern, const std::string& text) {
     regex_t compiled;
     if (regcomp(&compiled, pattern.c_str(), REG_EXTENDED) != 0) return false;

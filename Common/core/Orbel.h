@@ -65,6 +65,22 @@ std::string StringEscapeCorrect(const std::string& s, bool escapeQuestion);
 std::string StringEscapeRevert(const std::string& s);
 
 // ---------------------------------------------------------------------------
+// Secret-like values. A value whose name looks like a password, key, token or
+// secret never reaches a log line: callers print MaskSecretValue(name, value)
+// where the value would stand. The name is a property name or a JPath; only
+// its last "/"-separated component counts, in small letters. The words, tried
+// in order, the first one found deciding: "password" (unless "passwordname"),
+// "passphrase", "key" (unless "keystype", "keytype", "keylength",
+// "keycurveid", "keypairalgorithm", "keyusage"), "token", "secret",
+// "ciphercode". So Password and AuthKey are secret; KeyType is not.
+// ---------------------------------------------------------------------------
+bool IsSecretLikeName(const std::string& name);
+// The mask text "******" when IsSecretLikeName(name), else `value` itself.
+// Never null: a null `value` gives "(null)".
+const char* MaskSecretValue(const std::string& name, const char* value);
+extern const char* const kSecretMask;  // "******"
+
+// ---------------------------------------------------------------------------
 // Regular expressions.
 // ---------------------------------------------------------------------------
 // POSIX extended, unanchored; a pattern that does not compile gives false.

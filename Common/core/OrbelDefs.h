@@ -1,5 +1,5 @@
 // Types and macros shared by every layer of the library: the result code
-// eRtCode and the printf-format attribute.
+// eRtCode, the request method eReqMethod and the printf-format attribute.
 //
 // Any thread may include and use these; they hold no state.
 #ifndef ORBEL_ORBELDEFS_H
@@ -23,6 +23,16 @@ enum eRtCode : int32_t {
     RT_NO_SUCH_KEY = 5,    // a key or list index that does not exist (nil reply)
     RT_BUSY = 9,           // a resource lock held by someone else
     RT_INVALID_ARG = 13,   // invalid argument
+};
+
+// The method of a request, also the index of a CRUD queue.
+enum eReqMethod : int32_t {
+    eReqCreate = 0,
+    eReqRead = 1,
+    eReqUpdate = 2,
+    eReqDelete = 3,
+    eReqAction = 4,
+    eReqMethodNum = 5,
 };
 
 }  // namespace Orbel
