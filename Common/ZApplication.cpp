@@ -1,15 +1,10 @@
 // The application frame: start-up steps, options, VEX registration, the
-// process-loop and signal threads, the ready file and the ordered shutdown.
-// The schema list lives in ZApplication_Registry.cpp with the other registries.
+// process-loop thread, the ready file and the ordered shutdown. Signals and
+// diagnostics have files of their own; the schema list is in
+// ZApplication_Registry.cpp.
 #include "ZApplication.h"
 
-#include <fcntl.h>
 #include <getopt.h>
-#include <pthread.h>
-#include <signal.h>
-#include <sys/resource.h>
-#include <sys/select.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,15 +14,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <fstream>
 #include <memory>
-#include <sstream>
 
 #include "FixedPaths.h"
 #include "Orbel.h"
 #include "RedisCli.h"
 #include "ZLogPrint.h"
-#include "ZResource.h"
 #include "ZSchema.h"
 
 namespace Orbel {
@@ -44,9 +36,6 @@ constexpr const char* kCorvelReadyVex = "nginx_redfish_ready";
 constexpr const char* kOptString = "d:i:e:h";
 constexpr unsigned int kProcLoopPeriodMs = 3000;
 constexpr unsigned int kInitDonePollMs = 100;
-
-// The signals the frame handles, in the order they are registered.
-constexpr int kHandledSignals[] = {SIGINT, SIGTERM, SIGUSR1, SIGUSR2};
 
 // Applications known to VEX, with their four-character codes.
 struct sVexApp {
@@ -78,14 +67,6 @@ const char* const kUsage =
 // a callback in flight finishes first.
 std::mutex gVexDeliveryMutex;
 ZApplication* gVexDeliveryApp = nullptr;  // guarded by gVexDeliveryMutex
-
-long CurrentTid() {
-    return static_cast<long>(syscall(SYS_gettid));
-}
-
-void NameThisThread(const char* name) {
-    pthread_setname_np(pthread_self(), name);
-}
 
 // calloc'ed flag arrays (the option texts name calloc, and a failure to get
 // one is reported, not thrown).
@@ -129,7 +110,11 @@ class AccessBlockEntry {
             ZLOG(eZLogError, "Failed to call RedisConnect()!\n");
             return;
         }
-        RedisSetAdd(mConn, kAccessBlockList, mAppName.c_str());
+        long long added = 0;
+        RedisSetAdd(mConn, kAccessBlockList, mAppName.c_str(), &added);
+        // Another instance of the same application may be starting and hold
+        // the name already; only a name this process added is ours to remove.
+        mAdded = added > 0;
     }
     ~AccessBlockEntry() { Release(); }
     AccessBlockEntry(const AccessBlockEntry&) = delete;
@@ -137,7 +122,7 @@ class AccessBlockEntry {
 
     void Release() {
         if (mConn == nullptr) return;
-        RedisSetRem(mConn, kAccessBlockList, mAppName.c_str());
+        if (mAdded) RedisSetRem(mConn, kAccessBlockList, mAppName.c_str());
         RedisDisconnect(mConn);
         mConn = nullptr;
     }
@@ -145,24 +130,12 @@ class AccessBlockEntry {
   private:
     std::string mAppName;
     redisContext* mConn = nullptr;
+    bool mAdded = false;
 };
 
 std::string WorkDirFor(const std::string& appName) {
     size_t slash = appName.find_last_of('/');
     return RedfishWorkDir() + (slash == std::string::npos ? appName : appName.substr(slash + 1));
-}
-
-// Writes `text` into `path` through a temporary file and a rename, so a
-// reader never sees half a file.
-bool WriteWholeFile(const std::string& path, const std::string& text) {
-    std::string tmp = path + ".tmp";
-    {
-        std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
-        if (!out) return false;
-        out << text;
-        if (!out) return false;
-    }
-    return std::rename(tmp.c_str(), path.c_str()) == 0;
 }
 
 }  // namespace
@@ -199,20 +172,7 @@ ZApplication::~ZApplication() {
         _MarkExited();
         mProcLoopThread.join();
     }
-    if (mSigHandlersInstalled) {
-        struct sigaction sa;
-        std::memset(&sa, 0, sizeof(sa));
-        sa.sa_handler = SIG_DFL;
-        sigemptyset(&sa.sa_mask);
-        for (int sig : kHandledSignals) sigaction(sig, &sa, nullptr);
-        mSigHandlersInstalled = false;
-    }
-    // The pipe stays open until the handlers are gone, so a late signal
-    // never writes into a closed (or reused) descriptor.
-    int rfd = __atomic_exchange_n(&zAppSigPipe[0], -1, __ATOMIC_ACQ_REL);
-    int wfd = __atomic_exchange_n(&zAppSigPipe[1], -1, __ATOMIC_ACQ_REL);
-    if (rfd >= 0) close(rfd);
-    if (wfd >= 0) close(wfd);
+    _RestoreSigHandlers();
 
     // Every node goes before the schemas that own the resources, while zApp
     // still designates this object.
@@ -724,7 +684,7 @@ void ZApplication::_WaitAllThreadsExit() {
 // ---------------------------------------------------------------------------
 
 void ZApplication::AppProcessLoop(ZApplication* app) {
-    NameThisThread("ZAppProcLoop");
+    NameCurrentThread("ZAppProcLoop");
     app->RegisterThreadInfo("ZApp", "ZAppProcLoop");
     for (;;) {
         app->UpdateLastLoopProcTimetick();
@@ -745,275 +705,6 @@ void ZApplication::AppProcessLoop(ZApplication* app) {
     }
     ZLOG(eZLogInfo, "ZApp thread exited\n");
     app->UnregisterThreadInfo();
-}
-
-// The debug-info variable (<app>_dbg_Info) carries one request word. The
-// answer is written into WorkDir() + ".dbginfo" (replacing the previous one)
-// and the variable is cleared, so each request is answered once.
-void ZApplication::_ServeDbgInfoRequest() {
-    std::string request;
-    if (GetVEX(mDbgInfoVexName, request, true) != RT_SUCCESS || request.empty()) return;
-
-    std::ostringstream out;
-    if (request == "?") {
-        out << "Debug info requests for " << mAppName << " (set " << mDbgInfoVexName << "):\n"
-            << "  ?   this list\n"
-            << "  ru  resource usage and threads\n"
-            << "  rb  length of the recycle queue\n";
-    } else if (request == "ru") {
-        out << _DbgInfoResourceUsage();
-    } else if (request == "rb") {
-        size_t waiting = 0;
-        {
-            std::lock_guard<std::mutex> lock(mRecycleMutex);
-            waiting = mRecycleList.size();
-        }
-        out << "Waiting Recycled Object Num = " << waiting << "\n";
-    } else {
-        out << "Unknown request[" << request << "]. Set \"?\" to list the requests.\n";
-    }
-
-    std::string path = mWorkDir + ".dbginfo";
-    if (!WriteWholeFile(path, out.str())) {
-        ZLOG(eZLogError, "Failed to write debug info file[%s]\n", path.c_str());
-    } else {
-        ZLOG(eZLogInfo, "Debug info request[%s] answered in [%s]\n", request.c_str(), path.c_str());
-    }
-    SetVEX(mDbgInfoVexName, std::string(""));
-}
-
-std::string ZApplication::_DbgInfoResourceUsage() {
-    std::ostringstream out;
-    out << "Resource usage of " << mAppName << ":\n";
-    struct rusage ru;
-    if (getrusage(RUSAGE_SELF, &ru) == 0) {
-        char line[128];
-        std::snprintf(line, sizeof(line), "  CPU user   = %lld.%06lld s\n",
-                      static_cast<long long>(ru.ru_utime.tv_sec),
-                      static_cast<long long>(ru.ru_utime.tv_usec));
-        out << line;
-        std::snprintf(line, sizeof(line), "  CPU system = %lld.%06lld s\n",
-                      static_cast<long long>(ru.ru_stime.tv_sec),
-                      static_cast<long long>(ru.ru_stime.tv_usec));
-        out << line;
-        out << "  Max RSS    = " << static_cast<long long>(ru.ru_maxrss) << " KiB\n";
-    }
-    // Current memory and thread count, as the kernel sees them.
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.compare(0, 6, "VmRSS:") == 0 || line.compare(0, 7, "VmSize:") == 0 ||
-            line.compare(0, 8, "Threads:") == 0) {
-            out << "  " << line << "\n";
-        }
-    }
-    out << "Threads:\n" << _ThreadInfoText();
-    return out.str();
-}
-
-// ---------------------------------------------------------------------------
-// Signals
-// ---------------------------------------------------------------------------
-
-void ZApplication::_RegisterSigHandler() {
-    struct sigaction sa;
-    std::memset(&sa, 0, sizeof(sa));
-    sa.sa_handler = SigHandler;
-    sigemptyset(&sa.sa_mask);
-    sa.sa_flags = 0;
-    for (int sig : kHandledSignals) {
-        if (sigaction(sig, &sa, nullptr) == 0) {
-            mSigHandlersInstalled = true;
-            ZLOG(eZLogInfo, "Register signal(%d) \n", sig);
-        } else {
-            ZLOG(eZLogError, "Failed to register sigaction(%d) \n", sig);
-        }
-    }
-}
-
-// Async-signal-safe: one write() of one byte, errno preserved.
-void ZApplication::SigHandler(int sig) {
-    int savedErrno = errno;
-    int fd = __atomic_load_n(&zAppSigPipe[1], __ATOMIC_ACQUIRE);
-    if (fd >= 0) {
-        unsigned char byte = static_cast<unsigned char>(sig);
-        if (write(fd, &byte, 1) < 0 && errno != EAGAIN) {
-            static const char kMsg[] = "Error: write to zAppSigPipe[1]\n";
-            if (write(STDOUT_FILENO, kMsg, sizeof(kMsg) - 1) < 0) {
-                // Nothing more can be done from a signal handler.
-            }
-        }
-    }
-    errno = savedErrno;
-}
-
-void ZApplication::_StopSigThread() {
-    if (!mSigThread.joinable()) return;
-    // A 0 byte is never a signal number: the thread takes it as "stop". If
-    // the thread already ended (after SIGINT/SIGTERM), the byte just waits
-    // in the pipe until it is closed.
-    int fd = __atomic_load_n(&zAppSigPipe[1], __ATOMIC_ACQUIRE);
-    if (fd >= 0) {
-        unsigned char stop = 0;
-        if (write(fd, &stop, 1) < 0) {
-            ZLOG(eZLogError, "Failed to wake the signal thread: %s\n", std::strerror(errno));
-        }
-    }
-    mSigThread.join();
-}
-
-namespace {
-
-bool SetNonBlocking(int fd, const char* getFlText, const char* setFlText) {
-    int flags = fcntl(fd, F_GETFL);
-    if (flags < 0) {
-        ZLOG(eZLogError, "%s", getFlText);
-        return false;
-    }
-    if (fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) {
-        ZLOG(eZLogError, "%s", setFlText);
-        return false;
-    }
-    // Children started through the shell runner need not inherit the pipe.
-    fcntl(fd, F_SETFD, FD_CLOEXEC);
-    return true;
-}
-
-}  // namespace
-
-void ZApplication::AppSysSigHandle(ZApplication* app) {
-    NameThisThread("ZAppSigHandler");
-    app->RegisterThreadInfo("ZApp", "SigHandler");
-
-    int fds[2] = {-1, -1};
-    int rt = pipe(fds);
-    if (rt != 0) {
-        ZLOG(eZLogError, "pipe() rt:%d:%s\n", rt, std::strerror(errno));
-    } else {
-        SetNonBlocking(fds[0], "Failed to call fcntl( zAppSigPipe[0], F_GETFL )\n",
-                       "Failed to call fcntl( zAppSigPipe[0], F_SETFL, flags)\n");
-        SetNonBlocking(fds[1], "Failed to call fcntl( zAppSigPipe[1], F_GETFL )\n",
-                       "Failed to call fcntl( zAppSigPipe[1], F_SETFL, flags)\n");
-        __atomic_store_n(&zAppSigPipe[0], fds[0], __ATOMIC_RELEASE);
-        __atomic_store_n(&zAppSigPipe[1], fds[1], __ATOMIC_RELEASE);
-    }
-    {
-        std::lock_guard<std::mutex> lock(app->mSigPipeMutex);
-        app->mSigPipeReady = true;
-    }
-    app->mSigPipeCv.notify_all();
-
-    const int rfd = fds[0];
-    while (rt == 0) {
-        fd_set readSet;
-        FD_ZERO(&readSet);
-        FD_SET(rfd, &readSet);
-        int n = select(rfd + 1, &readSet, nullptr, nullptr, nullptr);
-        if (n < 0) {
-            if (errno == EINTR) continue;  // a signal landed on this thread
-            ZLOG(eZLogError, "select() return unexpected error.\n");
-            break;
-        }
-        if (!FD_ISSET(rfd, &readSet)) {
-            ZLOG(eZLogError, "select() result it not for zAppSigPipe[0].\n");
-            continue;
-        }
-        unsigned char byte = 0;
-        ssize_t got = read(rfd, &byte, 1);
-        if (got < 0) {
-            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) continue;
-            ZLOG(eZLogError, "read( zAppSigPipe[0], ... ) return unexpected error.\n");
-            break;
-        }
-        if (got == 0 || byte == 0) break;  // the owner asks the thread to stop
-
-        const int sig = byte;
-        const bool shuttingDown = IsTARNShuttingDown();
-        ZLOG(eZLogDebug, "Caught signal(%d). tarnShuttingDown(%d)\n", sig, shuttingDown ? 1 : 0);
-        const bool terminate = sig == SIGINT || sig == SIGTERM;
-        if (terminate) {
-            // While the controller shuts down, it stops the plug-ins itself
-            // and in its own order.
-            if (!shuttingDown) app->Exit();
-        } else if (sig == SIGUSR1) {
-            zLogPrint->DumpMsgCache2File();
-        } else if (sig == SIGUSR2) {
-            app->ChangeDebugMsgLevel();
-        }
-        app->SigHandle(sig);
-        if (terminate) break;
-    }
-    ZLOG(eZLogInfo, "Exit\n");
-    app->UnregisterThreadInfo();
-}
-
-// ---------------------------------------------------------------------------
-// Thread information
-// ---------------------------------------------------------------------------
-
-void ZApplication::RegisterThreadInfo(const std::string& owner, const std::string& threadName) {
-    std::lock_guard<std::mutex> lock(mThreadInfoMutex);
-    mThreadInfo[CurrentTid()] = sThreadInfo{owner, threadName};
-}
-
-void ZApplication::UnregisterThreadInfo() {
-    std::lock_guard<std::mutex> lock(mThreadInfoMutex);
-    mThreadInfo.erase(CurrentTid());
-}
-
-std::string ZApplication::_ThreadInfoText() {
-    std::lock_guard<std::mutex> lock(mThreadInfoMutex);
-    std::string text;
-    for (const auto& kv : mThreadInfo) {
-        text += std::to_string(kv.first) + " " + kv.second.owner + " " + kv.second.name + "\n";
-    }
-    return text;
-}
-
-void ZApplication::UpdateThreadInfoProcess() {
-    std::string path = mWorkDir + ".threads";
-    if (!WriteWholeFile(path, _ThreadInfoText())) {
-        ZLOG(eZLogError, "Failed to write thread info file[%s]\n", path.c_str());
-    }
-}
-
-// ---------------------------------------------------------------------------
-// Runtime summary (appended to the log by DumpMsgCache2File)
-// ---------------------------------------------------------------------------
-
-std::string ZApplication::_RuntimeSummary() {
-    std::string text = mAppName + " Summary:\n";
-    text += "   ZSchema Num = " + std::to_string(SchemaListSize()) + "\n";
-    text += "   ZObject Num = " + std::to_string(ObjectListSize()) + "\n";
-    text += "   Waiting Recycled Object Num = " + std::to_string(RecycledListSize()) + "\n";
-    text += DumpMonitorList();
-    // Busy resources are the ones a request (or a stuck handler) holds.
-    text += "Dump all resources that are in the BUSY state ====>\n";
-    std::string busy;
-    for (ZSchema* schema : GetSchemaList()) {
-        for (const auto& entry : schema->GetResourceList()) {
-            ZResource* res = entry.second;
-            if (!UseIfValid(res)) continue;
-            ZResource::eResStatus status = ZResource::eResIdle;
-            bool mine = false;
-            res->GetStatus(status, mine);
-            if (status == ZResource::eResBusy) {
-                char line[64];
-                std::snprintf(line, sizeof(line), "  Resource(%p) : [", static_cast<void*>(res));
-                busy += line + entry.first + "] owner[" + std::to_string(res->LockOwner()) + "]@";
-            }
-            res->DecreaseUsingCount();
-        }
-    }
-    // One entry per line.
-    for (char& ch : busy) {
-        if (ch == '@') ch = '\n';
-    }
-    text += busy;
-    text += "\n\n";
-    text += "Dump orphan objects ====>\n";
-    for (const std::string& jpath : GetOrphanObjsList()) text += "  " + jpath + "\n";
-    return text;
 }
 
 }  // namespace Orbel

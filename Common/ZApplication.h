@@ -16,6 +16,10 @@
 // (reads signal numbers from the self-pipe zAppSigPipe), and the schemas'
 // dispatcher threads. Every registry has its own mutex; all public members
 // may be called from any thread.
+//
+// Defined in: ZApplication.cpp (frame, options, VEX, stages, process loop),
+// ZApplication_Signals.cpp, ZApplication_Diagnostics.cpp,
+// ZApplication_Registry.cpp (schema list), ZApplication_ObjRegistry.cpp.
 #ifndef ORBEL_ZAPPLICATION_H
 #define ORBEL_ZAPPLICATION_H
 
@@ -207,8 +211,10 @@ private:
     void _ServeDbgInfoRequest();
     std::string _DbgInfoResourceUsage();
     std::string _ThreadInfoText();
-    // Wakes the signal thread with a 0 byte, joins it and closes the self-pipe.
+    // Wakes the signal thread with a 0 byte and joins it.
     void _StopSigThread();
+    // Puts the default actions back and closes the self-pipe (destructor).
+    void _RestoreSigHandlers();
     // Sets the exited flag and wakes both Exec and the process loop.
     void _MarkExited();
 
@@ -240,7 +246,7 @@ private:
     };
     std::map<long, sThreadInfo> mThreadInfo;  // by kernel thread id
 
-    // Registry containers; each guarded by its own mutex (ZApplication_Registry.cpp).
+    // Registry containers; each guarded by its own mutex (ZApplication_ObjRegistry.cpp).
     std::mutex mOIDMutex;
     std::map<uint32_t, ZObject*> mOIDMap;
     uint32_t mOIDSeq = 0;

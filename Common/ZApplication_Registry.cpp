@@ -1,6 +1,6 @@
-// The application's registries: the schema list here; the object registry
-// (OIDs, objects by JPath, resources by name, recycle queue, monitors) joins
-// this file with the tree node core.
+// The application's schema list. The object registry (OIDs, objects by
+// JPath, resources by name, recycle queue, monitors) is in
+// ZApplication_ObjRegistry.cpp.
 #include <algorithm>
 
 #include "ZApplication.h"

@@ -304,7 +304,7 @@ TEST_F(RuntimeSummaryTest, ListsObjectsBusyResourcesAndOrphans) {
     sys->Unlock();
     const std::string text = ReadFile(zLogPrint->LogFilePath());
     const size_t at = text.find(
-        "   ZObject Num = 3\n   Waiting Recycled Object Num = 0\n"
+        "   ZObject Num = 3   Waiting Recycled Object Num = 0\n"
         "Dump all resources that are in the BUSY state ====>\n");
     ASSERT_NE(at, std::string::npos) << text;
     EXPECT_NE(text.find(") : [/redfish/v1/Systems/1] owner[", at), std::string::npos) << text;

@@ -151,6 +151,14 @@ int GetSysRunLevel();
 bool IsTARNShuttingDown();
 
 // ---------------------------------------------------------------------------
+// Threads (Orbel_Process.cpp).
+// ---------------------------------------------------------------------------
+// The kernel's id of the calling thread (what `ps -L` and log lines show).
+long CurrentThreadId();
+// Names the calling thread for the kernel (at most 15 bytes are kept).
+void NameCurrentThread(const char* name);
+
+// ---------------------------------------------------------------------------
 // Files and directories.
 // ---------------------------------------------------------------------------
 bool _PathIsDir(const std::string& path);
@@ -161,6 +169,9 @@ eRtCode CompressFile(const std::string& path);   // "/bin/gzip -f <path>"
 // Creates the parent directories and the file (truncated when `truncate`).
 // Returns 0, -1 when the path holds a non-printable byte, 2 on failure.
 int TouchFile(const std::string& path, bool truncate);
+// Writes `text` into `path` through a temporary file and a rename, so a
+// reader never sees half a file. False on any failure (Orbel_Process.cpp).
+bool WriteWholeFile(const std::string& path, const std::string& text);
 // A byte buffer as decimal numbers separated by blanks, one line.
 eRtCode NumStrArray2File(const unsigned char* data, unsigned int length, const std::string& path);
 // Reads such a file back; only that exact layout is accepted (see

@@ -291,7 +291,7 @@ eRtCode KeyLength(const char* func, redisContext* c, const char* word, const cha
 
 // SADD or SREM of one member, on the caller's connection only.
 eRtCode SetMemberCommand(const char* func, redisContext* c, const char* word, const char* key,
-                         const char* value) {
+                         const char* value, long long* changed = nullptr) {
     if (c == nullptr || key == nullptr || value == nullptr) {
         ZLOG_AS(func, eZLogError, "NULL arg! c:%p key:%p value:%p!\n", static_cast<void*>(c),
                 static_cast<const void*>(key), static_cast<const void*>(value));
@@ -307,6 +307,7 @@ eRtCode SetMemberCommand(const char* func, redisContext* c, const char* word, co
         ZLOG_AS(func, eZLogError, "Command[%s %s %s] reply failed.\n", word, key, value);
         return RT_FAILURE;
     }
+    if (changed != nullptr) *changed = reply->integer;
     return RT_SUCCESS;
 }
 
@@ -718,8 +719,8 @@ eRtCode RedisHashGetAll(redisContext* c, const char* key, std::map<std::string, 
 // Sets (caller's connection only)
 // ---------------------------------------------------------------------------
 
-eRtCode RedisSetAdd(redisContext* c, const char* key, const char* value) {
-    return SetMemberCommand(__func__, c, "SADD", key, value);
+eRtCode RedisSetAdd(redisContext* c, const char* key, const char* value, long long* added) {
+    return SetMemberCommand(__func__, c, "SADD", key, value, added);
 }
 
 eRtCode RedisSetRem(redisContext* c, const char* key, const char* value) {

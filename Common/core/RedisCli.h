@@ -134,7 +134,10 @@ eRtCode RedisHashDel(redisContext* c, const char* key, const char* name);
 eRtCode RedisHashGetAll(redisContext* c, const char* key, std::map<std::string, std::string>& out,
                         bool dump = false);
 
-eRtCode RedisSetAdd(redisContext* c, const char* key, const char* value);
+// `added`, when given, receives the number of members the command added (0
+// when the value was a member already); untouched on failure.
+eRtCode RedisSetAdd(redisContext* c, const char* key, const char* value,
+                    long long* added = nullptr);
 eRtCode RedisSetRem(redisContext* c, const char* key, const char* value);
 
 eRtCode RedisListSize(redisContext* c, const char* key, int& size);

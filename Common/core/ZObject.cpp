@@ -12,7 +12,6 @@
 #include "ZLogPrint.h"
 #include "ZResource.h"
 #include "ZResourceCollection.h"
-#include "ZSchema.h"
 
 namespace Orbel {
 

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "Orbel.h"
-#include "ZApplication.h"
 #include "ZJsonArray.h"
 #include "ZJsonObject.h"
 #include "ZLogPrint.h"

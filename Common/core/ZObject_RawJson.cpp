@@ -12,7 +12,6 @@
 
 #include "Orbel.h"
 #include "RedisCli.h"
-#include "ZApplication.h"
 #include "ZJsonArray.h"
 #include "ZLogPrint.h"
 #include "ZObject.h"
