@@ -7,6 +7,7 @@
 #include "ZApplication.h"
 #include "ZJsonArray.h"
 #include "ZLogPrint.h"
+#include "ZSchema.h"
 
 namespace Orbel {
 
@@ -19,11 +20,32 @@ ZResourceCollection::ZResourceCollection(ZObject* parent, ZSchema* schema, const
     : ZResource(parent, schema, eResourceCollection, id, name, attributes) {
     RedisConnectionScope storeScope;  // one connection for the whole construction
     if (!_InitResource()) return;
+    _WarnIfMemberSchemaUnfit();
     _InitFillDefaultContents();
     ApplyRedisChanges(true, nullptr);
 }
 
 ZResourceCollection::~ZResourceCollection() = default;
+
+void ZResourceCollection::_WarnIfMemberSchemaUnfit() {
+    ZSchema* schema = OwnedBySchema();
+    if (schema == nullptr) return;
+    // Members are served by their own schema, found by this name; the
+    // collection's own type name would otherwise end up on its members (or
+    // theirs on the collection).
+    const std::string& memberSchema = schema->GetMemberSchemaName();
+    if (memberSchema.empty()) {
+        ZLOG(eZLogWarning,
+             "Collection[%s]: schema[%s] names no member schema; requests to its members "
+             "have no schema to go to.\n",
+             GetJPath().c_str(), schema->GetName().c_str());
+    } else if (memberSchema == schema->GetName()) {
+        ZLOG(eZLogWarning,
+             "Collection[%s]: schema[%s] names itself as member schema; give the members a "
+             "schema of their own.\n",
+             GetJPath().c_str(), schema->GetName().c_str());
+    }
+}
 
 void ZResourceCollection::_InitFillDefaultContents() {
     if (IsDataFmtRawJson()) return;

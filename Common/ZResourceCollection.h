@@ -45,6 +45,8 @@ public:
 
 private:
     void _InitFillDefaultContents();
+    // A WARNING when the owning schema names no member schema, or itself.
+    void _WarnIfMemberSchemaUnfit();
     // The "Members" array for adding or removing `member`, with a using
     // count held on `member` (the caller releases it); null, logged, when
     // `member` is not a live local object or there is no "Members".

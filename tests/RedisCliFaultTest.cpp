@@ -73,6 +73,12 @@ TEST_F(RedisCliFaultTest, WithoutAServerEveryWrapperFailsAndLogs) {
         lines.emplace_back(func, "Failed to call RedisConnect()\n");
     }
     EXPECT_TRUE(LoggedErrors(mark, "RedisCli.cpp", lines));
+    // Each failed connect names the socket it tried, right after its error.
+    EXPECT_NE(LogSince(mark).find("Connect to Redis err:No such file or directory\n"),
+              std::string::npos);
+    EXPECT_NE(LogSince(mark).find("[INFO] RedisCli.cpp:RedisConnect(): Redis socket tried: " +
+                                  SysrootDir() + "/tmp/redis.sock\n"),
+              std::string::npos);
 }
 
 TEST_F(RedisCliFaultTest, ServerGoneUnderAnOpenContextAndBack) {

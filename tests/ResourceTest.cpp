@@ -313,4 +313,20 @@ TEST_F(ResourceTest, AnArrayKeepsItsMembersInOrderAndOnlyARootObjectIsDestroyed)
     EXPECT_FALSE(Exists("Owner"));
 }
 
+TEST_F(ResourceTest, ACollectionWithoutAMemberSchemaOfItsOwnIsReported) {
+    ZSchema none("SystemsNone", "", ZSchema::CRUDQ_READ);
+    ZSchema self("Systems", "", ZSchema::CRUDQ_READ, "Systems");
+    ZSchema fine("SystemsFine", "", ZSchema::CRUDQ_READ, "ComputerSystem");
+    size_t mark = LogMark();
+    for (ZSchema* schema : {&none, &self, &fine}) {
+        auto* coll = new ZResourceCollection(nullptr, schema, "/redfish/v1/" + schema->GetName());
+        coll->ObjDestroy(ZObject::eDestroyDelete, true);
+    }
+    const std::string log = LogSince(mark);
+    EXPECT_TRUE(Logged(mark, {"Collection[/redfish/v1/SystemsNone]: schema[SystemsNone] names no "
+                              "member schema",
+                              "Collection[/redfish/v1/Systems]: schema[Systems] names itself"}));
+    EXPECT_EQ(CountOf(log, "[WARNING] ZResourceCollection.cpp"), 2u) << log;
+}
+
 }  // namespace

@@ -381,10 +381,14 @@ redisContext* RedisConnect() {
     redisContext* c = redisConnectUnix(socketPath.c_str());
     if (c == nullptr) {
         ZLOG(eZLogError, "Failed to connect Redis.\n");
+        // Most first-hour failures are a wrong socket (an unset or stale
+        // sysroot, a server not started yet): say which one was tried.
+        ZLOG(eZLogInfo, "Redis socket tried: %s\n", socketPath.c_str());
         return nullptr;
     }
     if (c->err != 0) {
         ZLOG(eZLogError, "Connect to Redis err:%s\n", c->errstr);
+        ZLOG(eZLogInfo, "Redis socket tried: %s\n", socketPath.c_str());
         redisFree(c);
         return nullptr;
     }

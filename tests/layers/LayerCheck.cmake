@@ -23,6 +23,7 @@ set(ALLOWED
   ZResourceCollection.cpp:ZApplication.h
   # resource <-> schema: channels, method flags, the owning schema
   ZResource.cpp:ZSchema.h
+  ZResourceCollection.cpp:ZSchema.h
   # the action writer asks the owning schema's task flag
   ZObject_RedisCache.cpp:ZSchema.h
 )
