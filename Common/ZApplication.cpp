@@ -618,39 +618,63 @@ void ZApplication::VexEventCallback(EVENT_TYPE type, char* eventName, int dataLe
 // Staged initialisation of the schemas' resources
 // ---------------------------------------------------------------------------
 
+namespace {
+
+// A hook's failure changes nothing in the start-up order (the other schemas
+// still deserve their resources), but it must not go unnoticed.
+void WarnIfFailed(ZSchema* schema, const char* hook, eRtCode rt) {
+    if (rt == RT_SUCCESS) return;
+    ZLOG(eZLogWarning, "Schema[%s]: %s() returned %d.\n", schema->GetName().c_str(), hook,
+         static_cast<int>(rt));
+}
+
+}  // namespace
+
 void ZApplication::_PreCorvelReady_InitAllSchemaResources() {
     // The hooks build and fill the resources: one store connection serves
     // the whole stage instead of one per node and apply.
     RedisConnectionScope storeScope;
     std::deque<ZSchema*> schemas = GetSchemaList();
-    for (ZSchema* schema : schemas) schema->InitialBackendImpl();
+    for (ZSchema* schema : schemas) {
+        WarnIfFailed(schema, "InitialBackendImpl", schema->InitialBackendImpl());
+    }
     for (ZSchema* schema : schemas) {
         ZLOG(eZLogInfo, "Schema[%s]: Init resources.\n", schema->GetName().c_str());
-        schema->PreCorvelReady_InitialResources();
+        WarnIfFailed(schema, "PreCorvelReady_InitialResources",
+                     schema->PreCorvelReady_InitialResources());
         for (const auto& kv : schema->GetResourceList()) {
             ZLOG(eZLogDebug, "Schema[%s]: Init resources[%s] fill data.\n",
                  schema->GetName().c_str(), kv.first.c_str());
-            schema->PreCorvelReady_InitResourceData(kv.second);
+            WarnIfFailed(schema, "PreCorvelReady_InitResourceData",
+                         schema->PreCorvelReady_InitResourceData(kv.second));
         }
     }
     ZLOG(eZLogInfo, "PreCorvelReady_InitAllSchemaResources done!\n");
+    _CheckTreeAfterStage("PreCorvelReady");
 }
 
 void ZApplication::_PostCorvelReady_InitAllSchemaResources() {
     RedisConnectionScope storeScope;
     for (ZSchema* schema : GetSchemaList()) {
-        schema->PostCorvelReady_InitialResources();
+        WarnIfFailed(schema, "PostCorvelReady_InitialResources",
+                     schema->PostCorvelReady_InitialResources());
         for (const auto& kv : schema->GetResourceList()) {
-            schema->PostCorvelReady_InitResourceData(kv.second);
+            WarnIfFailed(schema, "PostCorvelReady_InitResourceData",
+                         schema->PostCorvelReady_InitResourceData(kv.second));
         }
     }
     ZLOG(eZLogInfo, "PostCorvelReady_InitAllSchemaResources done!\n");
+    _CheckTreeAfterStage("PostCorvelReady");
 }
 
 void ZApplication::_PostCorvelReady_AfterTreatment() {
     RedisConnectionScope storeScope;
-    for (ZSchema* schema : GetSchemaList()) schema->PostCorvelReady_AfterTreatment();
+    for (ZSchema* schema : GetSchemaList()) {
+        WarnIfFailed(schema, "PostCorvelReady_AfterTreatment",
+                     schema->PostCorvelReady_AfterTreatment());
+    }
     ZLOG(eZLogInfo, "PostCorvelReady_AfterTreatment done!\n");
+    _CheckTreeAfterStage("AfterTreatment");
 }
 
 // ---------------------------------------------------------------------------

@@ -30,8 +30,10 @@
 #include <list>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "OrbelDefs.h"
@@ -202,6 +204,9 @@ private:
     void _PreCorvelReady_InitAllSchemaResources();
     void _PostCorvelReady_InitAllSchemaResources();
     void _PostCorvelReady_AfterTreatment();
+    // Warns once per node with unapplied changes or not linked by its
+    // parent; returns the number of warnings (ZApplication_Diagnostics.cpp).
+    size_t _CheckTreeAfterStage(const char* stage);
     void _WaitAllThreadsExit();
     void _DeleteAllSchemas();
     std::string _RuntimeSummary();
@@ -238,6 +243,9 @@ private:
 
     std::mutex mSchemaListMutex;  // guards mSchemaList
     std::deque<ZSchema*> mSchemaList;
+
+    // (OID, kind) pairs the start-up tree check has reported; main thread only.
+    std::set<std::pair<uint32_t, int>> mTreeWarned;
 
     std::mutex mThreadInfoMutex;  // guards mThreadInfo
     struct sThreadInfo {

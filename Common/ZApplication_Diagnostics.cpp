@@ -10,6 +10,7 @@
 #include "Orbel.h"
 #include "ZApplication.h"
 #include "ZLogPrint.h"
+#include "ZObject.h"
 #include "ZResource.h"
 #include "ZSchema.h"
 
@@ -77,6 +78,59 @@ std::string ZApplication::_DbgInfoResourceUsage() {
     }
     out << "Threads:\n" << _ThreadInfoText();
     return out.str();
+}
+
+// ---------------------------------------------------------------------------
+// The tree check after each start-up stage
+// ---------------------------------------------------------------------------
+
+// The two mistakes that leave a plug-in's data out of the store in silence:
+// a queue never applied, and a nested node created under a parent that no
+// property or list of the parent links to (the front end reaches nested
+// nodes only through such links). One walk over the registry per stage.
+size_t ZApplication::_CheckTreeAfterStage(const char* stage) {
+    std::vector<ZObject*> nodes;
+    {
+        // A listed node is not freed while listed; the count taken here keeps
+        // it after the lock is gone.
+        std::lock_guard<std::mutex> lock(mObjectListMutex);
+        nodes.reserve(mObjectList.size());
+        for (const auto& entry : mObjectList) {
+            entry.second->IncreaseUsingCount();
+            nodes.push_back(entry.second);
+        }
+    }
+    size_t warnings = 0;
+    for (ZObject* node : nodes) {
+        if (!node->IsDied()) {
+            // Each node is reported once per kind, at the first stage that
+            // finds it, not again after every later stage.
+            if (node->GetPendingChangeNum() > 0 && mTreeWarned.insert({node->GetOID(), 0}).second) {
+                ZLOG(eZLogWarning,
+                     "After stage[%s]: node[%s] has changes that were never applied to the "
+                     "store (ApplyRedisChanges).\n",
+                     stage, node->GetJPath().c_str());
+                ++warnings;
+            }
+            ZObject* parent = node->GetParent();
+            // Resources are keys of their own; a RawJson parent keeps its
+            // children inside its one text.
+            if (!node->IsResourceType() && parent != nullptr && UseIfValid(parent)) {
+                if (!parent->IsDied() && !parent->IsDataFmtRawJson() &&
+                    !node->IsReferencedBy(parent) &&
+                    mTreeWarned.insert({node->GetOID(), 1}).second) {
+                    ZLOG(eZLogWarning,
+                         "After stage[%s]: node[%s] is linked by no property or list of its "
+                         "parent[%s], so it never reaches the store.\n",
+                         stage, node->GetJPath().c_str(), parent->GetJPath().c_str());
+                    ++warnings;
+                }
+                parent->DecreaseUsingCount();
+            }
+        }
+        node->DecreaseUsingCount();
+    }
+    return warnings;
 }
 
 // ---------------------------------------------------------------------------

@@ -315,6 +315,27 @@ TEST_F(PluginProcessTest, StartsWithoutAnyStore) {
     EXPECT_TRUE(Has(child->Output(), "zApp Exit.\n"));
 }
 
+TEST_F(PluginProcessTest, FirstHourMistakesAreReportedOnceEach) {
+    SetCorvelReady(true);
+    const std::string app = "RF_Oops";
+    auto child = StartPlugin(app, {}, {{"ORBEL_TEST_MISTAKES", "1"}});
+    ASSERT_TRUE(WaitRunning(*child, app));
+    const std::string out = child->Output();
+    for (const char* line :
+         {"After stage[PreCorvelReady]: node[&&/redfish/v1/Mistakes/Orphan] is linked by no "
+          "property or list of its parent[/redfish/v1/Mistakes], so it never reaches the store.\n",
+          "After stage[PreCorvelReady]: node[/redfish/v1/Mistakes] has changes that were never "
+          "applied to the store (ApplyRedisChanges).\n",
+          "Collection[/redfish/v1/Things]: schema[Alpha] names no member schema",
+          "Schema[Bravo]: PostCorvelReady_InitialResources() returned 2.\n"}) {
+        EXPECT_EQ(CountOf(out, line), 1u) << line << "\n" << out;
+    }
+    // Nothing else is taken for a mistake (Echo's factory fails on purpose).
+    EXPECT_EQ(CountOf(out, ":WARNING: "), 5u) << out;
+    ASSERT_TRUE(child->Signal(SIGTERM));
+    EXPECT_EQ(child->Wait(kTimeoutMs), 0);
+}
+
 TEST_F(PluginProcessTest, DiagnosticsAndEventsOfARunningPlugin) {
     const std::string app = "RF_Diag";
     auto child = StartPlugin(app, {});

@@ -471,6 +471,11 @@ void ZObject::AppendReferenceTo(ZObject* target) {
     if (mReferenceTo != nullptr) mReferenceTo->insert(target);
 }
 
+size_t ZObject::GetPendingChangeNum() {
+    std::lock_guard<std::mutex> lock(mQueueMutex);
+    return mRedisCmdQueue != nullptr ? mRedisCmdQueue->size() : 0;
+}
+
 void ZObject::RemoveReferenceTo(ZObject* target) {
     std::lock_guard<std::mutex> lock(mRefMutex);
     if (mReferenceTo != nullptr) mReferenceTo->erase(target);

@@ -210,6 +210,9 @@ public:
     void AppendReferenceTo(ZObject* target);
     void RemoveReferenceTo(ZObject* target);
     void DumpReferenceTo();
+    // True when `referrer` holds this node as the value of one of its
+    // properties or list items.
+    bool IsReferencedBy(ZObject* referrer) { return _MetaKeyOf(referrer, nullptr); }
     // Run by ObjDestroy: cleans up the referrers' links per `mode`.
     void UpdateReferencedBy(eDestroyMode mode);
 
@@ -320,6 +323,8 @@ public:
     eRtCode ObjData2RedisCache(bool recursive, redisContext* c);
     // Drops the queued commands without writing them.
     void DiscardRedisChanges(bool recursive = true, redisContext* c = nullptr);
+    // The number of store commands queued on this node and not yet applied.
+    size_t GetPendingChangeNum();
     void DiscardObjData(bool recursive, redisContext* c);
     size_t GetRedisChangeNum();
     void DumpRedisChanges(bool recursive = false);

@@ -8,10 +8,16 @@
 // Environment:
 //   ORBEL_TEST_APP_NAME  application name (default "RF_Session"), so that
 //                        parallel children have their own ready and log files.
+//   ORBEL_TEST_MISTAKES  when set, Alpha makes the first-hour mistakes the
+//                        frame reports: a node never linked, a queue never
+//                        applied, a collection without a member schema, and
+//                        Bravo's post-ready hook fails.
 #include <cstdio>
 #include <cstdlib>
 
 #include "ZApplication.h"
+#include "ZJsonObject.h"
+#include "ZResourceCollection.h"
 #include "ZSchema.h"
 
 using Orbel::eRtCode;
@@ -38,12 +44,23 @@ public:
 
     eRtCode PreCorvelReady_InitialResources() override {
         std::printf("Stage pre[%s] step[%u]\n", GetName().c_str(), Orbel::zApp->GetInitStep());
+        if (Mistakes() && GetName() == "Alpha") MakeMistakes();
         return Orbel::RT_SUCCESS;
     }
     eRtCode PostCorvelReady_InitialResources() override {
         std::printf("Stage post[%s] step[%u]\n", GetName().c_str(), Orbel::zApp->GetInitStep());
-        return Orbel::RT_SUCCESS;
+        return Mistakes() && GetName() == "Bravo" ? Orbel::RT_FAILURE : Orbel::RT_SUCCESS;
     }
+    static bool Mistakes() { return std::getenv("ORBEL_TEST_MISTAKES") != nullptr; }
+
+    void MakeMistakes() {
+        // Resources join their schema's map by themselves.
+        auto* res = new ZResource(nullptr, this, "/redfish/v1/Mistakes");
+        new Orbel::ZJsonObject(res, "Orphan");  // never linked into a property
+        res->HashWrite("Pending", 1);           // never applied
+        new Orbel::ZResourceCollection(nullptr, this, "/redfish/v1/Things");
+    }
+
     eRtCode PostCorvelReady_AfterTreatment() override {
         std::printf("Stage after[%s] step[%u]\n", GetName().c_str(), Orbel::zApp->GetInitStep());
         return Orbel::RT_SUCCESS;
