@@ -650,7 +650,7 @@ void ZApplication::_PreCorvelReady_InitAllSchemaResources() {
         }
     }
     ZLOG(eZLogInfo, "PreCorvelReady_InitAllSchemaResources done!\n");
-    _CheckTreeAfterStage("PreCorvelReady");
+    CheckTreeAfterStage("PreCorvelReady");
 }
 
 void ZApplication::_PostCorvelReady_InitAllSchemaResources() {
@@ -664,7 +664,7 @@ void ZApplication::_PostCorvelReady_InitAllSchemaResources() {
         }
     }
     ZLOG(eZLogInfo, "PostCorvelReady_InitAllSchemaResources done!\n");
-    _CheckTreeAfterStage("PostCorvelReady");
+    CheckTreeAfterStage("PostCorvelReady");
 }
 
 void ZApplication::_PostCorvelReady_AfterTreatment() {
@@ -674,7 +674,7 @@ void ZApplication::_PostCorvelReady_AfterTreatment() {
                      schema->PostCorvelReady_AfterTreatment());
     }
     ZLOG(eZLogInfo, "PostCorvelReady_AfterTreatment done!\n");
-    _CheckTreeAfterStage("AfterTreatment");
+    CheckTreeAfterStage("AfterTreatment");
 }
 
 // ---------------------------------------------------------------------------

@@ -94,6 +94,12 @@ public:
     uint32_t GetInitStep() const { return mInitStep.load(); }
     bool isExited() const { return mExited.load(); }
     void UpdateLastLoopProcTimetick();
+    // The check the frame runs after each start-up stage: one WARNING per
+    // node, the first time it is found with changes never applied or not
+    // linked by any property or list of its parent. `stage` names the moment
+    // in the lines. Returns the number of warnings written. Any thread; the
+    // frame itself calls it on the main thread (ZApplication_Diagnostics.cpp).
+    size_t CheckTreeAfterStage(const char* stage);
     uint32_t LastLoopProcTimetick() const { return mLastLoopProcTimetick.load(); }
     // "/tmp/Redfish/" + the application name behind its last "/".
     const std::string& WorkDir() const { return mWorkDir; }
@@ -204,9 +210,8 @@ private:
     void _PreCorvelReady_InitAllSchemaResources();
     void _PostCorvelReady_InitAllSchemaResources();
     void _PostCorvelReady_AfterTreatment();
-    // Warns once per node with unapplied changes or not linked by its
-    // parent; returns the number of warnings (ZApplication_Diagnostics.cpp).
-    size_t _CheckTreeAfterStage(const char* stage);
+    // True the first time (node, kind) is to be reported by the tree check.
+    bool _FirstTreeWarning(ZObject* node, int kind);
     void _WaitAllThreadsExit();
     void _DeleteAllSchemas();
     std::string _RuntimeSummary();
@@ -244,7 +249,8 @@ private:
     std::mutex mSchemaListMutex;  // guards mSchemaList
     std::deque<ZSchema*> mSchemaList;
 
-    // (OID, kind) pairs the start-up tree check has reported; main thread only.
+    std::mutex mTreeWarnedMutex;  // guards mTreeWarned
+    // (OID, kind) pairs the tree check has reported.
     std::set<std::pair<uint32_t, int>> mTreeWarned;
 
     std::mutex mThreadInfoMutex;  // guards mThreadInfo

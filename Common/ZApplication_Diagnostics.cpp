@@ -88,7 +88,12 @@ std::string ZApplication::_DbgInfoResourceUsage() {
 // a queue never applied, and a nested node created under a parent that no
 // property or list of the parent links to (the front end reaches nested
 // nodes only through such links). One walk over the registry per stage.
-size_t ZApplication::_CheckTreeAfterStage(const char* stage) {
+bool ZApplication::_FirstTreeWarning(ZObject* node, int kind) {
+    std::lock_guard<std::mutex> lock(mTreeWarnedMutex);
+    return mTreeWarned.insert({node->GetOID(), kind}).second;
+}
+
+size_t ZApplication::CheckTreeAfterStage(const char* stage) {
     std::vector<ZObject*> nodes;
     {
         // A listed node is not freed while listed; the count taken here keeps
@@ -105,7 +110,7 @@ size_t ZApplication::_CheckTreeAfterStage(const char* stage) {
         if (!node->IsDied()) {
             // Each node is reported once per kind, at the first stage that
             // finds it, not again after every later stage.
-            if (node->GetPendingChangeNum() > 0 && mTreeWarned.insert({node->GetOID(), 0}).second) {
+            if (node->GetPendingChangeNum() > 0 && _FirstTreeWarning(node, 0)) {
                 ZLOG(eZLogWarning,
                      "After stage[%s]: node[%s] has changes that were never applied to the "
                      "store (ApplyRedisChanges).\n",
@@ -118,7 +123,7 @@ size_t ZApplication::_CheckTreeAfterStage(const char* stage) {
             if (!node->IsResourceType() && parent != nullptr && UseIfValid(parent)) {
                 if (!parent->IsDied() && !parent->IsDataFmtRawJson() &&
                     !node->IsReferencedBy(parent) &&
-                    mTreeWarned.insert({node->GetOID(), 1}).second) {
+                    _FirstTreeWarning(node, 1)) {
                     ZLOG(eZLogWarning,
                          "After stage[%s]: node[%s] is linked by no property or list of its "
                          "parent[%s], so it never reaches the store.\n",
