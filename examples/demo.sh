@@ -1,17 +1,27 @@
 #!/usr/bin/env bash
 # A walk through the life of a plug-in process, for a new user.
 #
-#   examples/demo.sh BUILD_DIR      (./run demo calls it with build/debug)
+#   examples/demo.sh BUILD_DIR [--keep]   (./run demo [--keep] calls it with build/debug)
 #
 # Everything happens under a private sysroot (a fresh temporary directory
 # that ORBEL_SYSROOT points at): its own Redis server on its own socket, its
 # own simulated platform variables, its own /tmp/Redfish. Nothing outside it
 # is touched, and it is removed at the end. The script ends by itself; it
 # exits non-zero when a step does not happen in time.
+#
+# With --keep the sysroot, the Redis server and the running plug-in are left
+# behind for exploring; the script prints how to look around and how to stop
+# them (a stop script inside the sysroot).
 set -euo pipefail
 
-BUILD="${1:?usage: demo.sh BUILD_DIR}"
+BUILD="${1:?usage: demo.sh BUILD_DIR [--keep]}"
 BUILD="$(cd "$BUILD" && pwd)"
+KEEP=0
+case "${2:-}" in
+  --keep) KEEP=1 ;;
+  "") ;;
+  *) echo "usage: demo.sh BUILD_DIR [--keep]" >&2; exit 2 ;;
+esac
 PLUGIN="$BUILD/examples/RF_Root/RF_Root"
 SIM="$BUILD/platform/sim/orbel-sim"
 TREE="$BUILD/tools/treereader/orbel-tree"
@@ -41,6 +51,9 @@ REDIS_PID=""
 PLUGIN_PID=""
 cleanup() {
   local rc=$?
+  if [ "$KEEP" -eq 1 ] && [ "$rc" -eq 0 ]; then
+    exit 0  # left running on purpose; stop.sh in the sysroot ends it all
+  fi
   [ -n "$PLUGIN_PID" ] && kill -KILL "$PLUGIN_PID" 2>/dev/null || true
   [ -n "$REDIS_PID" ] && kill -TERM "$REDIS_PID" 2>/dev/null || true
   [ -n "$REDIS_PID" ] && wait "$REDIS_PID" 2>/dev/null || true
@@ -146,6 +159,35 @@ gzip -dc "$RD/RF_Root.loginit.gz" | tail -n 3 | show
 note "and of the running log:"
 tail -n 2 "$RD/RF_Root.log" | show
 
+if [ "$KEEP" -eq 1 ]; then
+  cat >"$SYSROOT/stop.sh" <<STOP
+#!/bin/sh
+# Ends what 'run demo --keep' left running and removes its sysroot.
+kill -TERM $PLUGIN_PID 2>/dev/null
+sleep 1
+kill -TERM $REDIS_PID 2>/dev/null
+sleep 0.5
+rm -rf "$SYSROOT"
+echo "stopped RF_Root ($PLUGIN_PID) and redis-server ($REDIS_PID); $SYSROOT removed"
+STOP
+  chmod +x "$SYSROOT/stop.sh"
+  step "Left running for you"
+  note "RF_Root (pid $PLUGIN_PID) and redis-server (pid $REDIS_PID) keep running under"
+  note "$SYSROOT. In a shell of your own:"
+  note ""
+  note "  export ORBEL_SYSROOT=$SYSROOT"
+  note "  $TREE /redfish/v1/Systems/1          # a resource as the front end serves it"
+  note "  $TREE --meta /redfish/v1/Systems     # with the && fields (channels, ...)"
+  note "  $TREE --keys '*'                      # every key"
+  note "  redis-cli -s $SOCK MONITOR   # watch the traffic live"
+  note "  $SIM vex set RF_Root_dbg_Info ru     # ask for diagnostics (answer in $RD/RF_Root.dbginfo)"
+  note "  tail -f $RD/RF_Root.log"
+  note "  kill -USR1 $PLUGIN_PID                # rewrite the log from the message cache"
+  note ""
+  note "To stop both and remove the sysroot: $SYSROOT/stop.sh"
+  exit 0
+fi
+
 step "9. SIGTERM: the orderly exit"
 note "\$ kill -TERM $PLUGIN_PID"
 kill -TERM "$PLUGIN_PID"
@@ -158,3 +200,13 @@ PLUGIN_PID=""
 [ "$rc" -eq 0 ] || fail "RF_Root exited with $rc"
 note "RF_Root exited with status 0. Its last lines:"
 tail -n 5 "$OUT" | show
+
+step "10. The store after the exit"
+note "What the plug-in wrote stays in the store after it ended: the keys are"
+note "$(rcli DBSIZE) now, among them:"
+rcli --scan --pattern '/redfish/v1/*' | sort | head -n 6 | show
+note "The front end may keep serving the last state while the plug-in is down; the"
+note "next start clears each node's keys as it builds the node anew, so nothing stale"
+note "survives a restart. Only the start-up entry went: &&AccessBlockList holds"
+note "$(rcli SCARD '&&AccessBlockList') names, and the ready file $RD/RF_Root.run is still there"
+note "until the next start removes it."
