@@ -29,6 +29,7 @@
 #include "ZLogPrint.h"
 #include "ZResource.h"
 #include "ZSchema.h"
+#include "ZStoreWatch.h"
 
 namespace Orbel {
 
@@ -348,7 +349,7 @@ int ZApplication::Exec(sExecParams& params) {
     _WaitAllThreadsExit();
     UnregisterThreadInfo();
     ZLOG(eZLogInfo, "zApp Exit.\n");
-    return 0;
+    return ZStoreWatch::ForProcess().ExitStatus();  // 2 when the store lost the tree
 }
 
 void ZApplication::Exit() {
@@ -726,6 +727,7 @@ void ZApplication::_WaitAllThreadsExit() {
 void ZApplication::AppProcessLoop(ZApplication* app) {
     NameThisThread("ZAppProcLoop");
     app->RegisterThreadInfo("ZApp", "ZAppProcLoop");
+    ZStoreWatch::ForProcess().Arm(app->AppName());
     for (;;) {
         app->UpdateLastLoopProcTimetick();
         {
@@ -734,6 +736,7 @@ void ZApplication::AppProcessLoop(ZApplication* app) {
                                   [app]() { return app->mExited.load(); });
         }
         if (app->isExited()) break;
+        ZStoreWatch::ForProcess().OnLoopPeriod(app);
         app->UpdateThreadInfoProcess();
         if (app->GetInitStep() == 5) {
             // Registry upkeep: free the retired objects nobody uses any
@@ -743,6 +746,7 @@ void ZApplication::AppProcessLoop(ZApplication* app) {
             app->_ServeDbgInfoRequest();
         }
     }
+    ZStoreWatch::ForProcess().Disarm();
     ZLOG(eZLogInfo, "ZApp thread exited\n");
     app->UnregisterThreadInfo();
 }
