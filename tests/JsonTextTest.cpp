@@ -77,7 +77,7 @@ TEST_F(JsonTextTest, ValuesAreTypedInOrderAndStoredByteForByte) {
                                {"Inner", "\"a b\""},
                                {"Str", "\"3\""},
                                {"Pad", "\"  x\""},
-                               {"Quote", "\"say \"hi\"\""},
+                               {"Quote", R"("say \"hi\"")"},
                                {"Empty", "\"\""},
                                {"Null", "\"null\""}}));
 }

@@ -51,8 +51,10 @@ std::string Sanitized(const std::string& text, size_t start, size_t maxLen) {
     return out;
 }
 
+// A body that names a secret anywhere is not quoted at all: the mask stands
+// where the excerpt would.
 std::string Snippet(const std::string& text, uint32_t pos) {
-    return Sanitized(text, pos, kSnippetLen);
+    return TextNamesSecret(text) ? std::string(kSecretMask) : Sanitized(text, pos, kSnippetLen);
 }
 
 std::string ShownKey(const std::string& key) {
@@ -118,8 +120,10 @@ void StepLog(const std::string& s, uint32_t pos, sJStr2ZObj_Params* p) {
     p->pos = pos;
     ZLogPrint* log = zLogPrint;
     if (log == nullptr || log->GetDebugLevel() < kStepLogLevel) return;
+    // Decided once per parse: the text is scanned whole.
+    if (p->maskText < 0) p->maskText = TextNamesSecret(s) ? 1 : 0;
     ZLOG(eZLogDebug, "Step[%d]: Str[%s]\n\n", static_cast<int>(p->step),
-         Sanitized(s, pos, kStepSnippetLen).c_str());
+         p->maskText != 0 ? kSecretMask : Sanitized(s, pos, kStepSnippetLen).c_str());
 }
 
 // Counts one open container for the duration of a scope.
@@ -510,6 +514,13 @@ eRtCode JsonString2ZObjTree(const std::string& jsonStr, ZObject* rootObj, uint32
         return RT_FAILURE;
     }
 
+    // A NUL would end the text early wherever it is read as a C string.
+    const size_t nul = jsonStr.find('\0');
+    if (nul != std::string::npos) {
+        ZLOG(eZLogError, "JsonStr holds a NUL byte at pos[%zu].\n", nul);
+        return RT_INVALID_ARG;
+    }
+
     const bool isArray = rootObj->GetType() == ZObject::eJsonArray;
     uint32_t i = 0;
     const bool any = _J2OLeftStrip(0, jsonStr, &i);
@@ -752,6 +763,127 @@ std::string JsonQuoteString(const std::string& text) {
     }
     out += '"';
     return out;
+}
+
+namespace {
+
+bool IsHexDigit(char ch) {
+    return (ch >= '0' && ch <= '9') || (ch >= 'a' && ch <= 'f') || (ch >= 'A' && ch <= 'F');
+}
+
+// Length of the JSON escape that starts with the backslash at i, 0 when the
+// backslash starts none.
+size_t EscapeLen(const std::string& s, size_t i) {
+    if (i + 1 >= s.size()) return 0;
+    switch (s[i + 1]) {
+        case '"':
+        case '\\':
+        case '/':
+        case 'b':
+        case 'f':
+        case 'n':
+        case 'r':
+        case 't':
+            return 2;
+        case 'u':
+            for (size_t k = i + 2; k < i + 6; ++k) {
+                if (k >= s.size() || !IsHexDigit(s[k])) return 0;
+            }
+            return 6;
+        default:
+            return 0;
+    }
+}
+
+// Walks `text`; with `out` it builds the repaired copy, without it it stops
+// at the first byte that needs repair. Returns true when none did.
+bool WalkStringContent(const std::string& text, std::string* out) {
+    bool clean = true;
+    for (size_t i = 0; i < text.size();) {
+        const unsigned char ch = static_cast<unsigned char>(text[i]);
+        size_t keep = 0;
+        if (ch == '\\') {
+            keep = EscapeLen(text, i);
+        } else if (ch == '"' || ch < 0x20) {
+            keep = 0;
+        } else if (ch < 0x80) {
+            keep = 1;
+        } else {
+            keep = Utf8SeqLen(text, i);
+        }
+        if (keep > 0) {
+            if (out != nullptr) out->append(text, i, keep);
+            i += keep;
+            continue;
+        }
+        clean = false;
+        if (out == nullptr) return false;
+        // JsonQuoteString escapes one byte the standard way.
+        const std::string quoted = JsonQuoteString(std::string(1, static_cast<char>(ch)));
+        out->append(quoted, 1, quoted.size() - 2);
+        ++i;
+    }
+    return clean;
+}
+
+bool IsWordByte(char ch) {
+    return (ch >= 'a' && ch <= 'z') || (ch >= 'A' && ch <= 'Z') || (ch >= '0' && ch <= '9') ||
+           ch == '_' || ch == '@' || ch == '.' || ch == '#' || ch == '-';
+}
+
+}  // namespace
+
+bool IsJsonStringContent(const std::string& text) {
+    return WalkStringContent(text, nullptr);
+}
+
+std::string JsonStringContent(const std::string& text) {
+    if (WalkStringContent(text, nullptr)) return text;
+    std::string out;
+    out.reserve(text.size() + 8);
+    WalkStringContent(text, &out);
+    return out;
+}
+
+bool IsKeySafeId(const std::string& id, bool isRoot) {
+    if (id.empty()) return false;
+    for (char ch : id) {
+        const unsigned char b = static_cast<unsigned char>(ch);
+        if (b <= 0x20 || b >= 0x7F) return false;
+        switch (ch) {
+            case '"':
+            case '\\':
+            case '*':
+            case '?':
+            case '[':
+            case ']':
+                return false;
+            case '/':
+                if (!isRoot) return false;
+                break;
+            default:
+                break;
+        }
+    }
+    return true;
+}
+
+std::string SanitizedText(const std::string& text, size_t maxLen) {
+    return Sanitized(text, 0, maxLen);
+}
+
+bool TextNamesSecret(const std::string& text) {
+    for (size_t i = 0; i < text.size();) {
+        if (!IsWordByte(text[i])) {
+            ++i;
+            continue;
+        }
+        size_t end = i;
+        while (end < text.size() && IsWordByte(text[end])) ++end;
+        if (IsSecretLikeName(text.substr(i, end - i))) return true;
+        i = end;
+    }
+    return false;
 }
 
 }  // namespace Orbel
