@@ -414,13 +414,28 @@ bool _J2OFind(uint32_t pos, const std::string& jsonStr, const char* stops, uint3
     return at != std::string::npos;
 }
 
+namespace {
+
+// URIs of the service are links, except the one an action is posted to. A
+// link is one word in a field name or element, so a text with a blank or a
+// quote (prose that mentions a URI), or a name with a blank or a leading
+// "/", keeps the value a plain string.
+bool IsLinkValue(const std::string* key, const std::string& value) {
+    if (value.find("/redfish/v") == std::string::npos) return false;
+    for (char ch : value) {
+        const unsigned char b = static_cast<unsigned char>(ch);
+        if (b <= 0x20 || b >= 0x7F || ch == '"' || ch == '\\') return false;
+    }
+    if (key == nullptr) return true;
+    return *key != "target" && key->find(' ') == std::string::npos && !key->empty() &&
+           (*key)[0] != '/';
+}
+
+}  // namespace
+
 eRtCode _J2OWriteString(ZObject* obj, const std::string* key, const std::string& value) {
     if (obj == nullptr) return RT_INVALID_ARG;
-    // URIs of the service are links, except the one an action is posted to.
-    // A link text names its property in the field name, so a name with a
-    // blank keeps the value a plain string.
-    bool link = value.find("/redfish/v") != std::string::npos;
-    if (key != nullptr && (*key == "target" || key->find(' ') != std::string::npos)) link = false;
+    const bool link = IsLinkValue(key, value);
     if (key != nullptr) return obj->HashWrite(*key, value, link);
     return obj->ListWrite(-1, value, link);
 }
@@ -452,7 +467,7 @@ eRtCode _J2OWrite(ZObject* obj, const std::string* key, const int* index, ZObjec
     if (value == "null") return key != nullptr ? obj->HashWrite(*key) : obj->ListWrite(at);
     if (key != nullptr) return _J2OWriteString(obj, key, value);
     if (at == -1) return _J2OWriteString(obj, nullptr, value);
-    return obj->ListWrite(at, value, value.find("/redfish/v") != std::string::npos);
+    return obj->ListWrite(at, value, IsLinkValue(nullptr, value));
 }
 
 eRtCode _JsonString2ZObjTree(const std::string& jsonStr, uint32_t* pos, ZObject* obj,
