@@ -105,7 +105,7 @@ bool IsPropertyName(const std::string& name, bool embedded, bool rawJson) {
 // its quotes stand in: the bytes that would are escaped (see _ValueText).
 void WarnStringRepaired(const std::string& objName, const std::string& name,
                         const std::string& value) {
-    if (IsJsonStringContent(value)) return;
+    if (IsJsonStringContent(StringRightStrip(value, " "))) return;
     ZLOG(eZLogWarning,
          "Object[%s] property[%s]: quotes, backslashes or control bytes of the string are "
          "escaped.\n",
@@ -258,7 +258,8 @@ eRtCode ZObject::HashWrite(const std::string& name, const std::string& value, bo
         ZLOG(eZLogWarning, "Object[%s] write a non pure string to property[%s] !\n",
              _LogName().c_str(), name.c_str());
     }
-    if (!isLink) WarnStringRepaired(_LogName(), name, value);
+    // A RawJson node quotes every string whole (its own text format).
+    if (!isLink && !mIsRawJson) WarnStringRepaired(_LogName(), name, value);
     sObjectChange change;
     change.dataKind = eObjDataString;
     change.isLink = isLink;
@@ -392,7 +393,7 @@ eRtCode ZObject::ListWrite(int index, const std::string& value, bool isLink) {
              index, SanitizedText(value, 64).c_str());
         return RT_INVALID_ARG;
     }
-    if (!isLink) WarnStringRepaired(_LogName(), mId, value);
+    if (!isLink && !mIsRawJson) WarnStringRepaired(_LogName(), mId, value);
     sObjectChange change;
     change.dataKind = eObjDataString;
     change.isLink = isLink;
