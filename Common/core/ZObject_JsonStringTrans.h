@@ -23,6 +23,9 @@
 // Threads: any thread, on a tree no other thread writes meanwhile (the
 // usual rule for a request handler holding the resource lock). The store
 // connection, when one is needed, is opened and closed by the call.
+//
+// Defined in: ZObject_JsonStringTrans.cpp (the parser),
+// ZObject_JsonStringTrans_Text.cpp (JSON value checks, quoting, text checks).
 #ifndef ORBEL_ZOBJECT_JSONSTRINGTRANS_H
 #define ORBEL_ZOBJECT_JSONSTRINGTRANS_H
 
