@@ -21,6 +21,7 @@
 #include "RedisCli.h"
 #include "ZLogPrint.h"
 #include "ZSchema.h"
+#include "ZStoreWatch.h"
 
 namespace Orbel {
 
@@ -308,7 +309,7 @@ int ZApplication::Exec(sExecParams& params) {
     _WaitAllThreadsExit();
     UnregisterThreadInfo();
     ZLOG(eZLogInfo, "zApp Exit.\n");
-    return 0;
+    return ZStoreWatch::ForProcess().ExitStatus();  // 2 when the store lost the tree
 }
 
 void ZApplication::Exit() {
@@ -710,6 +711,7 @@ void ZApplication::_WaitAllThreadsExit() {
 void ZApplication::AppProcessLoop(ZApplication* app) {
     NameCurrentThread("ZAppProcLoop");
     app->RegisterThreadInfo("ZApp", "ZAppProcLoop");
+    ZStoreWatch::ForProcess().Arm(app->AppName());
     for (;;) {
         app->UpdateLastLoopProcTimetick();
         {
@@ -718,6 +720,7 @@ void ZApplication::AppProcessLoop(ZApplication* app) {
                                   [app]() { return app->mExited.load(); });
         }
         if (app->isExited()) break;
+        ZStoreWatch::ForProcess().OnLoopPeriod(app);
         app->UpdateThreadInfoProcess();
         if (app->GetInitStep() == 5) {
             // Registry upkeep: free the retired objects nobody uses any
@@ -727,6 +730,7 @@ void ZApplication::AppProcessLoop(ZApplication* app) {
             app->_ServeDbgInfoRequest();
         }
     }
+    ZStoreWatch::ForProcess().Disarm();
     ZLOG(eZLogInfo, "ZApp thread exited\n");
     app->UnregisterThreadInfo();
 }

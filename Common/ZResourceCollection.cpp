@@ -110,7 +110,12 @@ int ZResourceCollection::GetFreeMemberId() {
         ZLOG(eZLogError, "Cannot get child[%s] from object[%s].\n", kMembers, mJPath.c_str());
         return 1;
     }
-    const unsigned int count = static_cast<ZJsonArray*>(members)->ItemNum();
+    // The stored count alone misses members built while the store was away
+    // (or before it was emptied): the live members count as well, so an id
+    // never collides with one of them, store or no store.
+    const unsigned int stored = static_cast<ZJsonArray*>(members)->ItemNum();
+    const unsigned int live = static_cast<unsigned int>(members->GetChildNum());
+    const unsigned int count = stored > live ? stored : live;
     unsigned int n;
     uint32_t epoch;
     {

@@ -77,18 +77,20 @@ TEST_F(JsonTextTest, ValuesAreTypedInOrderAndStoredByteForByte) {
                                {"Inner", "\"a b\""},
                                {"Str", "\"3\""},
                                {"Pad", "\"  x\""},
-                               {"Quote", "\"say \"hi\"\""},
+                               {"Quote", R"("say \"hi\"")"},
                                {"Empty", "\"\""},
                                {"Null", "\"null\""}}));
 }
 
 TEST_F(JsonTextTest, LinksNestedContainersAndTrailingSeparators) {
-    // A URI becomes a link, except under "target"; nested containers become
+    // A URI becomes a link, except under "target" and within prose (a link is
+    // one word); nested containers become
     // linked child nodes; empty containers and trailing separators end normally.
     for (const char* empty : {"{}", "{ }"}) EXPECT_EQ(JsonString2ZObjTree(empty, sys), RT_SUCCESS);
     ASSERT_EQ(JsonString2ZObjTree("{'Link':'/redfish/v1/Managers/1','Bare':/redfish/v1/Chassis/1,"
                                   "'target':'/redfish/v1/Managers/1/Actions/Reset',"
                                   "'Other':'/redfish/x','Items':['/redfish/v1/A','b',],"
+                                  "'Prose':'see /redfish/v1/A now',"
                                   "'Boot':{'Order':['Pxe','Hdd'],},"
                                   "'Fans':[{'Name':'F0'},{'Name':'F1','Oem':{'Rpm':900}}],"
                                   "'Matrix':[[1,2],[ ]],'Empty':{},}",
@@ -104,6 +106,7 @@ TEST_F(JsonTextTest, LinksNestedContainersAndTrailingSeparators) {
                   "\"Items\":[{\"@odata.id\":\"/redfish/v1/A\"},\"b\"],"
                   "\"Link\":{\"@odata.id\":\"/redfish/v1/Managers/1\"},"
                   "\"Matrix\":[[1,2],null],\"Other\":\"/redfish/x\","
+                  "\"Prose\":\"see /redfish/v1/A now\","
                   "\"target\":\"/redfish/v1/Managers/1/Actions/Reset\"}");
 }
 

@@ -55,6 +55,18 @@ TEST_F(ResourceTest, ANewResourceIsStoredCompleteWithItsChannels) {
     EXPECT_NE(manager.GetResource("BMC"), nullptr);
 }
 
+TEST_F(ResourceTest, FreeMemberIdNeverCollidesWithALiveMemberMissingFromTheStore) {
+    // Members built while the store was away (or before it was emptied) are
+    // not in the stored list, but their ids are taken all the same.
+    ZSchema collSchema("ComputerSystemCollection", "", ZSchema::CRUDQ_READ, "ComputerSystem");
+    ZSchema schema("ComputerSystem", "v1_20_0", ZSchema::CRUDQ_READ);
+    auto* coll = new ZResourceCollection(nullptr, &collSchema, "/redfish/v1/Systems");
+    for (const char* id : {"1", "2"}) new ZResource(coll, &schema, id);
+    RawCommand({"DEL", "&&/redfish/v1/Systems/Members"});
+    EXPECT_EQ(coll->GetFreeMemberId(), 3);
+    coll->ObjDestroy(ZObject::eDestroyDelete, true);
+}
+
 TEST_F(ResourceTest, CollectionsKeepMembersTheirCountAndTheSmallestFreeId) {
     ZSchema collSchema("ComputerSystemCollection", "", ZSchema::CRUDQ_READ, "ComputerSystem");
     ZSchema schema("ComputerSystem", "v1_20_0", ZSchema::CRUDQ_READ);

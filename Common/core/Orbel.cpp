@@ -31,16 +31,23 @@ namespace Orbel {
 
 bool _IsPureString(const char* buf, unsigned int len, bool verbose) {
     if (buf == nullptr) return true;
-    bool pure = true;
+    // The listing names the first few bytes only: a large value of control
+    // bytes must not cost one log call per byte.
+    constexpr unsigned int kListedBytes = 16;
+    unsigned int bad = 0;
     for (unsigned int i = 0; i < len; ++i) {
         unsigned char ch = static_cast<unsigned char>(buf[i]);
         if (ch >= 0x20 && ch <= 0x7E) continue;
         if (!verbose) return false;
-        pure = false;
-        ZLOGM("ZComLib", eZLogRaw, "  idx(%u) char[0x%X] is not a printable char.\n", i,
-              static_cast<unsigned int>(ch));
+        if (bad++ < kListedBytes) {
+            ZLOGM("ZComLib", eZLogRaw, "  idx(%u) char[0x%X] is not a printable char.\n", i,
+                  static_cast<unsigned int>(ch));
+        }
     }
-    return pure;
+    if (bad > kListedBytes) {
+        ZLOGM("ZComLib", eZLogRaw, "  ... %u non-printable chars in all.\n", bad);
+    }
+    return bad == 0;
 }
 
 bool IsPureString(const char* s, bool verbose) {

@@ -24,6 +24,7 @@
 #include <memory>
 
 #include "FixedPaths.h"
+#include "Orbel.h"
 #include "ZLogPrint.h"
 
 namespace Orbel {
@@ -299,12 +300,13 @@ eRtCode SetMemberCommand(const char* func, redisContext* c, const char* word, co
     }
     ReplyPtr reply = Command(c, "%s %s %s", word, key, value);
     if (!reply) {
-        ZLOG_AS(func, eZLogError, "Command[%s %s %s] reply is NULL. err[%s]\n", word, key, value,
-                c->errstr);
+        ZLOG_AS(func, eZLogError, "Command[%s %s %s] reply is NULL. err[%s]\n", word, key,
+                MaskSecretValue(key, value), c->errstr);
         return RT_FAILURE;
     }
     if (reply->type != REDIS_REPLY_INTEGER) {
-        ZLOG_AS(func, eZLogError, "Command[%s %s %s] reply failed.\n", word, key, value);
+        ZLOG_AS(func, eZLogError, "Command[%s %s %s] reply failed.\n", word, key,
+                MaskSecretValue(key, value));
         return RT_FAILURE;
     }
     if (changed != nullptr) *changed = reply->integer;
@@ -318,12 +320,12 @@ eRtCode ListRemove(const char* func, redisContext* c, const char* key, const cha
     ReplyPtr reply = Command(c, "LREM %s %s %b", key, count, value.data(), value.size());
     if (!reply) {
         ZLOG_AS(func, eZLogError, "Command[LREM %s %s %s] reply is NULL. err[%s]\n", key, count,
-                value.c_str(), c->errstr);
+                MaskSecretValue(key, value.c_str()), c->errstr);
         return RT_FAILURE;
     }
     if (reply->type != REDIS_REPLY_INTEGER || reply->integer < 0) {
         ZLOG_AS(func, eZLogError, "Command[LREM %s %s %s] reply failed. reply->int[%lld]\n", key,
-                count, value.c_str(), static_cast<long long>(reply->integer));
+                count, MaskSecretValue(key, value.c_str()), static_cast<long long>(reply->integer));
         return RT_FAILURE;
     }
     return RT_SUCCESS;
@@ -536,17 +538,19 @@ eRtCode RedisSet(redisContext* c, const char* key, const char* value, unsigned i
     // existing lock key is overwritten) rely on them separately.
     ReplyPtr reply = Command(ctx.get(), "SET %s %s EX %u", key, value, seconds);
     if (!reply) {
-        ZLOG(eZLogError, "Command[SET %s %s EX %u NX] reply is NULL.\n", key, value, seconds);
+        ZLOG(eZLogError, "Command[SET %s %s EX %u NX] reply is NULL.\n", key,
+             MaskSecretValue(key, value), seconds);
         return RT_FAILURE;
     }
     if (reply->type == REDIS_REPLY_STATUS) {
         if (IsStatus(reply.get(), "OK")) return RT_SUCCESS;
-        ZLOG(eZLogError, "Command[SET %s %s EX %u NX] reply failed. reply->str[%s]\n", key, value,
-             seconds, reply->str != nullptr ? reply->str : "");
+        ZLOG(eZLogError, "Command[SET %s %s EX %u NX] reply failed. reply->str[%s]\n", key,
+             MaskSecretValue(key, value), seconds, reply->str != nullptr ? reply->str : "");
         return RT_FAILURE;
     }
     RedisDumpReply("SET", reply.get());
-    ZLOG(eZLogError, "Command[SET %s %s EX %u NX] reply failed.\n", key, value, seconds);
+    ZLOG(eZLogError, "Command[SET %s %s EX %u NX] reply failed.\n", key,
+         MaskSecretValue(key, value), seconds);
     return RT_FAILURE;
 }
 
@@ -647,15 +651,16 @@ eRtCode RedisHashSet(redisContext* c, const char* key, const char* name, const c
     }
     ReplyPtr reply = Command(ctx.get(), "HSET %s %s %s", key, name, value);
     if (!reply) {
-        ZLOG(eZLogError, "Command[HSET %s %s %s] reply is NULL. err[%s]\n", key, name, value,
-             ctx.get()->errstr);
+        ZLOG(eZLogError, "Command[HSET %s %s %s] reply is NULL. err[%s]\n", key, name,
+             MaskSecretValue(name, value), ctx.get()->errstr);
         return RT_FAILURE;
     }
     if (reply->type == REDIS_REPLY_INTEGER && (reply->integer == 0 || reply->integer == 1)) {
         return RT_SUCCESS;
     }
     RedisDumpReply("HSET", reply.get());
-    ZLOG(eZLogError, "Command[HSET %s %s %s] reply failed.\n", key, name, value);
+    ZLOG(eZLogError, "Command[HSET %s %s %s] reply failed.\n", key, name,
+         MaskSecretValue(name, value));
     return RT_FAILURE;
 }
 
@@ -710,8 +715,8 @@ eRtCode RedisHashGetAll(redisContext* c, const char* key, std::map<std::string, 
         std::string name = ElementText(reply.get(), i);
         std::string value = ElementText(reply.get(), i + 1);
         if (dump) {
-            ZLOGM("ZComLib", eZLogRaw, "  key[%s] value[%s]:%d.\n", name.c_str(), value.c_str(),
-                  static_cast<int>(i / 2));
+            ZLOGM("ZComLib", eZLogRaw, "  key[%s] value[%s]:%d.\n", name.c_str(),
+                  MaskSecretValue(name, value.c_str()), static_cast<int>(i / 2));
         }
         // The store's value wins over anything the caller left in `out`.
         out.insert_or_assign(std::move(name), std::move(value));
@@ -755,12 +760,13 @@ eRtCode RedisListSet(redisContext* c, const char* key, const char* index, const 
     const char* indexText = index != nullptr ? index : "";
     ReplyPtr reply = Command(c, "LSET %s %s %s", key, indexText, value);
     if (!reply) {
-        ZLOG(eZLogError, "Command[LSET %s %s %s] reply is NULL. err[%s]\n", key, indexText, value,
-             c->errstr);
+        ZLOG(eZLogError, "Command[LSET %s %s %s] reply is NULL. err[%s]\n", key, indexText,
+             MaskSecretValue(key, value), c->errstr);
         return RT_FAILURE;
     }
     if (!IsStatus(reply.get(), "OK")) {
-        ZLOG(eZLogError, "Command[LSET %s %s %s] reply failed.\n", key, indexText, value);
+        ZLOG(eZLogError, "Command[LSET %s %s %s] reply failed.\n", key, indexText,
+             MaskSecretValue(key, value));
         return RT_FAILURE;
     }
     return RT_SUCCESS;
@@ -799,12 +805,13 @@ eRtCode RedisListPushBack(redisContext* c, const char* key,
     for (const std::string& v : values) {
         ReplyPtr reply = Command(ctx.get(), "RPUSH %s %b", key, v.data(), v.size());
         if (!reply) {
-            ZLOG(eZLogError, "Command[RPUSH %s %s] reply is NULL. err[%s]\n", key, v.c_str(),
-                 ctx.get()->errstr);
+            ZLOG(eZLogError, "Command[RPUSH %s %s] reply is NULL. err[%s]\n", key,
+                 MaskSecretValue(key, v.c_str()), ctx.get()->errstr);
             return RT_FAILURE;
         }
         if (reply->type != REDIS_REPLY_INTEGER) {
-            ZLOG(eZLogError, "Command[RPUSH %s %s] reply failed.\n", key, v.c_str());
+            ZLOG(eZLogError, "Command[RPUSH %s %s] reply failed.\n", key,
+                 MaskSecretValue(key, v.c_str()));
             return RT_FAILURE;
         }
     }
@@ -878,7 +885,7 @@ eRtCode RedisListGetAll(redisContext* c, const char* key, int start, int stop,
         out.push_back(ElementText(reply.get(), i));
         if (dump) {
             ZLOGM("ZComLib", eZLogRaw, "    |-- element_%d[%s].\n", static_cast<int>(i),
-                  out.back().c_str());
+                  MaskSecretValue(key, out.back().c_str()));
         }
     }
     return RT_SUCCESS;
@@ -918,9 +925,9 @@ eRtCode RedisListWriteBinData(redisContext* c, const char* key, unsigned char* d
         command += table.text[data[i]];
     }
     if (!reply) {
-        ZLOG(eZLogError, "Command[%s] reply is NULL.\n", command.c_str());
+        ZLOG(eZLogError, "Command[%s] reply is NULL.\n", MaskSecretValue(key, command.c_str()));
     } else {
-        ZLOG(eZLogError, "Command[%s] reply failed.\n", command.c_str());
+        ZLOG(eZLogError, "Command[%s] reply failed.\n", MaskSecretValue(key, command.c_str()));
     }
     return RT_FAILURE;
 }

@@ -10,6 +10,7 @@
 #include "ZJsonArray.h"
 #include "ZJsonObject.h"
 #include "ZLogPrint.h"
+#include "ZObject_JsonStringTrans.h"
 #include "ZResource.h"
 #include "ZResourceCollection.h"
 
@@ -129,6 +130,11 @@ eRtCode ZObject::Initial() {
     if (mId.empty()) {
         ZLOG(eZLogError, "Object[%s] initial failed. The ID shoundn't be a empty string.\n",
              mName.c_str());
+        return RT_FAILURE;
+    }
+    if (!IsKeySafeId(mId, mParent == nullptr)) {
+        ZLOG(eZLogError, "Object[%s] initial failed. The ID[%s] would break the store key.\n",
+             mName.c_str(), SanitizedText(mId, 64).c_str());
         return RT_FAILURE;
     }
     if (mChildList != nullptr) {

@@ -318,7 +318,8 @@ public:
     // the store on `c`, or on a connection of its own when `c` is null. On a
     // RawJson root it is ApplyRawJsonData (the whole subtree, whatever
     // `recursive` says); on any other RawJson node it does nothing (logged):
-    // its root writes it.
+    // its root writes it. Returns 2 when any command failed: each failed one
+    // is logged and dropped, not retried; the others are written.
     eRtCode ApplyRedisChanges(bool recursive = true, redisContext* c = nullptr);
     eRtCode ObjData2RedisCache(bool recursive, redisContext* c);
     // Drops the queued commands without writing them.
@@ -392,7 +393,7 @@ protected:
     ZObject* _FindNodeOfProperty(const std::string& name, bool* isLink, std::string* field);
     // The meta key under which `referrer` holds this node, without logging.
     bool _MetaKeyOf(ZObject* referrer, std::string* metaKey);
-    void _ApplyOneItem(redisContext* c, sRedisCmdItem* item);
+    eRtCode _ApplyOneItem(redisContext* c, sRedisCmdItem* item);
     // Rewrites the link that `referrer` holds under `metaKey` in the store at
     // once (destroy mode relink).
     void _RelinkInStore(ZObject* referrer, const std::string& metaKey);

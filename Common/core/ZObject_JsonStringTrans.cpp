@@ -1,5 +1,5 @@
-// JSON text into trees: the body parser (apostrophe dialect) and the JSON
-// value checker that the RawJson format relies on.
+// JSON text into trees: the body parser (apostrophe dialect). The JSON
+// value checker and the text checks are in ZObject_JsonStringTrans_Text.cpp.
 #include "ZObject_JsonStringTrans.h"
 
 #include <cerrno>
@@ -50,8 +50,10 @@ std::string Sanitized(const std::string& text, size_t start, size_t maxLen) {
     return out;
 }
 
+// A body that names a secret anywhere is not quoted at all: the mask stands
+// where the excerpt would.
 std::string Snippet(const std::string& text, uint32_t pos) {
-    return Sanitized(text, pos, kSnippetLen);
+    return TextNamesSecret(text) ? std::string(kSecretMask) : Sanitized(text, pos, kSnippetLen);
 }
 
 std::string ShownKey(const std::string& key) {
@@ -117,8 +119,10 @@ void StepLog(const std::string& s, uint32_t pos, sJStr2ZObj_Params* p) {
     p->pos = pos;
     ZLogPrint* log = zLogPrint;
     if (log == nullptr || log->GetDebugLevel() < kStepLogLevel) return;
+    // Decided once per parse: the text is scanned whole.
+    if (p->maskText < 0) p->maskText = TextNamesSecret(s) ? 1 : 0;
     ZLOG(eZLogDebug, "Step[%d]: Str[%s]\n\n", static_cast<int>(p->step),
-         Sanitized(s, pos, kStepSnippetLen).c_str());
+         p->maskText != 0 ? kSecretMask : Sanitized(s, pos, kStepSnippetLen).c_str());
 }
 
 // Counts one open container for the duration of a scope.
@@ -409,13 +413,28 @@ bool _J2OFind(uint32_t pos, const std::string& jsonStr, const char* stops, uint3
     return at != std::string::npos;
 }
 
+namespace {
+
+// URIs of the service are links, except the one an action is posted to. A
+// link is one word in a field name or element, so a text with a blank or a
+// quote (prose that mentions a URI), or a name with a blank or a leading
+// "/", keeps the value a plain string.
+bool IsLinkValue(const std::string* key, const std::string& value) {
+    if (value.find("/redfish/v") == std::string::npos) return false;
+    for (char ch : value) {
+        const unsigned char b = static_cast<unsigned char>(ch);
+        if (b <= 0x20 || b >= 0x7F || ch == '"' || ch == '\\') return false;
+    }
+    if (key == nullptr) return true;
+    return *key != "target" && key->find(' ') == std::string::npos && !key->empty() &&
+           (*key)[0] != '/';
+}
+
+}  // namespace
+
 eRtCode _J2OWriteString(ZObject* obj, const std::string* key, const std::string& value) {
     if (obj == nullptr) return RT_INVALID_ARG;
-    // URIs of the service are links, except the one an action is posted to.
-    // A link text names its property in the field name, so a name with a
-    // blank keeps the value a plain string.
-    bool link = value.find("/redfish/v") != std::string::npos;
-    if (key != nullptr && (*key == "target" || key->find(' ') != std::string::npos)) link = false;
+    const bool link = IsLinkValue(key, value);
     if (key != nullptr) return obj->HashWrite(*key, value, link);
     return obj->ListWrite(-1, value, link);
 }
@@ -447,7 +466,7 @@ eRtCode _J2OWrite(ZObject* obj, const std::string* key, const int* index, ZObjec
     if (value == "null") return key != nullptr ? obj->HashWrite(*key) : obj->ListWrite(at);
     if (key != nullptr) return _J2OWriteString(obj, key, value);
     if (at == -1) return _J2OWriteString(obj, nullptr, value);
-    return obj->ListWrite(at, value, value.find("/redfish/v") != std::string::npos);
+    return obj->ListWrite(at, value, IsLinkValue(nullptr, value));
 }
 
 eRtCode _JsonString2ZObjTree(const std::string& jsonStr, uint32_t* pos, ZObject* obj,
@@ -509,6 +528,13 @@ eRtCode JsonString2ZObjTree(const std::string& jsonStr, ZObject* rootObj, uint32
         return RT_FAILURE;
     }
 
+    // A NUL would end the text early wherever it is read as a C string.
+    const size_t nul = jsonStr.find('\0');
+    if (nul != std::string::npos) {
+        ZLOG(eZLogError, "JsonStr holds a NUL byte at pos[%zu].\n", nul);
+        return RT_INVALID_ARG;
+    }
+
     const bool isArray = rootObj->GetType() == ZObject::eJsonArray;
     uint32_t i = 0;
     const bool any = _J2OLeftStrip(0, jsonStr, &i);
@@ -539,218 +565,6 @@ eRtCode JsonString2ZObjTree(const std::string& jsonStr, ZObject* rootObj, uint32
     }
     if ((flags & J2O_APPLY) != 0) return rootObj->ApplyRedisChanges(true, nullptr);
     return RT_SUCCESS;
-}
-
-// ---------------------------------------------------------------------------
-// JSON value checker
-// ---------------------------------------------------------------------------
-
-namespace {
-
-// Length of the well-formed UTF-8 sequence at s[i]; 0 when the bytes there
-// are not one (overlong forms, surrogates, code points past U+10FFFF).
-size_t Utf8SeqLen(const std::string& s, size_t i) {
-    const auto b = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
-    const unsigned char b0 = b(i);
-    if (b0 < 0x80) return 1;
-    size_t len = 0;
-    unsigned char lo = 0x80, hi = 0xBF;
-    if (b0 >= 0xC2 && b0 <= 0xDF) {
-        len = 2;
-    } else if (b0 >= 0xE0 && b0 <= 0xEF) {
-        len = 3;
-        if (b0 == 0xE0) lo = 0xA0;
-        if (b0 == 0xED) hi = 0x9F;
-    } else if (b0 >= 0xF0 && b0 <= 0xF4) {
-        len = 4;
-        if (b0 == 0xF0) lo = 0x90;
-        if (b0 == 0xF4) hi = 0x8F;
-    } else {
-        return 0;
-    }
-    if (i + len > s.size()) return 0;
-    if (b(i + 1) < lo || b(i + 1) > hi) return 0;
-    for (size_t k = 2; k < len; ++k) {
-        if (b(i + k) < 0x80 || b(i + k) > 0xBF) return 0;
-    }
-    return len;
-}
-
-// An explicit stack of open containers instead of recursion, and at least
-// one byte consumed per step.
-class JsonChecker {
-public:
-    explicit JsonChecker(const std::string& s) : mS(s) {}
-
-    bool IsValue() {
-        std::vector<char> open;
-        for (;;) {
-            Blanks();
-            if (At('{') || At('[')) {
-                const char opener = mS[mI++];
-                Blanks();
-                if (!Accept(opener == '{' ? '}' : ']')) {
-                    open.push_back(opener);
-                    if (opener == '{' && !Key()) return false;
-                    continue;
-                }
-            } else if (!Scalar()) {
-                return false;
-            }
-            for (;;) {
-                Blanks();
-                if (open.empty()) return mI == mS.size();
-                const bool inObject = open.back() == '{';
-                if (Accept(',')) {
-                    if (inObject && !Key()) return false;
-                    break;
-                }
-                if (!Accept(inObject ? '}' : ']')) return false;
-                open.pop_back();
-            }
-        }
-    }
-
-private:
-    bool At(char ch) const { return mI < mS.size() && mS[mI] == ch; }
-    bool Accept(char ch) {
-        if (!At(ch)) return false;
-        ++mI;
-        return true;
-    }
-    bool AtDigit() const { return mI < mS.size() && mS[mI] >= '0' && mS[mI] <= '9'; }
-    void Blanks() {
-        while (mI < mS.size() && IsBlank(mS[mI])) ++mI;
-    }
-    bool Word(const char* w) {
-        const std::string word(w);
-        if (mS.compare(mI, word.size(), word) != 0) return false;
-        mI += word.size();
-        return true;
-    }
-    bool Digits() {
-        if (!AtDigit()) return false;
-        while (AtDigit()) ++mI;
-        return true;
-    }
-    bool Number() {
-        Accept('-');
-        if (!Accept('0') && !Digits()) return false;
-        if (Accept('.') && !Digits()) return false;
-        if (Accept('e') || Accept('E')) {
-            if (!Accept('+')) Accept('-');
-            if (!Digits()) return false;
-        }
-        return true;
-    }
-    static bool IsHex(char ch) {
-        return (ch >= '0' && ch <= '9') || (ch >= 'a' && ch <= 'f') || (ch >= 'A' && ch <= 'F');
-    }
-    bool String() {
-        if (!Accept('"')) return false;
-        while (mI < mS.size()) {
-            const unsigned char ch = static_cast<unsigned char>(mS[mI]);
-            if (ch == '"') {
-                ++mI;
-                return true;
-            }
-            if (ch < 0x20) return false;
-            if (ch == '\\') {
-                if (++mI >= mS.size()) return false;
-                const char e = mS[mI++];
-                if (e == 'u') {
-                    for (int k = 0; k < 4; ++k, ++mI) {
-                        if (mI >= mS.size() || !IsHex(mS[mI])) return false;
-                    }
-                } else if (std::string("\"\\/bfnrt").find(e) == std::string::npos) {
-                    return false;
-                }
-                continue;
-            }
-            const size_t len = Utf8SeqLen(mS, mI);
-            if (len == 0) return false;
-            mI += len;
-        }
-        return false;
-    }
-    bool Scalar() {
-        if (At('"')) return String();
-        if (At('-') || AtDigit()) return Number();
-        return Word("true") || Word("false") || Word("null");
-    }
-    bool Key() {
-        Blanks();
-        if (!String()) return false;
-        Blanks();
-        return Accept(':');
-    }
-
-    const std::string& mS;
-    size_t mI = 0;
-};
-
-}  // namespace
-
-bool IsJsonValueText(const std::string& text) {
-    return JsonChecker(text).IsValue();
-}
-
-std::string JsonQuoteString(const std::string& text) {
-    static const char kHex[] = "0123456789abcdef";
-    std::string out;
-    out.reserve(text.size() + 2);
-    out += '"';
-    for (size_t i = 0; i < text.size();) {
-        const unsigned char ch = static_cast<unsigned char>(text[i]);
-        if (ch == '"' || ch == '\\') {
-            out += '\\';
-            out += static_cast<char>(ch);
-            ++i;
-            continue;
-        }
-        if (ch >= 0x20 && ch < 0x80) {
-            out += static_cast<char>(ch);
-            ++i;
-            continue;
-        }
-        const char* named = nullptr;
-        switch (ch) {
-            case '\b':
-                named = "\\b";
-                break;
-            case '\f':
-                named = "\\f";
-                break;
-            case '\n':
-                named = "\\n";
-                break;
-            case '\r':
-                named = "\\r";
-                break;
-            case '\t':
-                named = "\\t";
-                break;
-            default:
-                break;
-        }
-        if (named != nullptr) {
-            out += named;
-            ++i;
-            continue;
-        }
-        const size_t len = ch >= 0x80 ? Utf8SeqLen(text, i) : 0;
-        if (len > 0) {
-            out.append(text, i, len);
-            i += len;
-        } else {
-            out += "\\u00";
-            out += kHex[ch >> 4];
-            out += kHex[ch & 0x0F];
-            ++i;
-        }
-    }
-    out += '"';
-    return out;
 }
 
 }  // namespace Orbel

@@ -23,6 +23,9 @@
 // Threads: any thread, on a tree no other thread writes meanwhile (the
 // usual rule for a request handler holding the resource lock). The store
 // connection, when one is needed, is opened and closed by the call.
+//
+// Defined in: ZObject_JsonStringTrans.cpp (the parser),
+// ZObject_JsonStringTrans_Text.cpp (JSON value checks, quoting, text checks).
 #ifndef ORBEL_ZOBJECT_JSONSTRINGTRANS_H
 #define ORBEL_ZOBJECT_JSONSTRINGTRANS_H
 
@@ -58,6 +61,7 @@ struct sJStr2ZObj_Params {
     uint32_t flags = 0;      // the entry point's flag argument
     uint32_t nodesMade = 0;  // nodes created by this parse
     uint32_t writes = 0;     // values written by this parse (nodes linked included)
+    int maskText = -1;       // step log: 1 masks the text (it names a secret), -1 undecided
 };
 
 // Parses `jsonStr` into `rootObj`. The first non-blank character must be
@@ -104,6 +108,31 @@ bool IsJsonValueText(const std::string& text);
 // and every other byte written as the code point of the same value
 // (\u00XX), so that any byte string gives a valid JSON string.
 std::string JsonQuoteString(const std::string& text);
+
+// Client and plug-in text checked or shown before it reaches the store or a
+// log. Pure functions, any thread.
+//
+// True when `text` may stand between the quotes of a stored string value as
+// it is: every '"' escaped, every '\\' starting a JSON escape, no control
+// byte, well-formed UTF-8. JsonStringContent returns such text unchanged and
+// otherwise escapes just the bytes that would break the document (an
+// unescaped quote, a lone backslash, a control byte, a stray high byte).
+bool IsJsonStringContent(const std::string& text);
+std::string JsonStringContent(const std::string& text);
+
+// True when a node id (or, for a root, its whole path) can be a Redis key and
+// a word of a link text: printable ASCII without blank, '"', '\\', '*', '?',
+// '[' or ']', and, below a parent, without '/'.
+bool IsKeySafeId(const std::string& id, bool isRoot);
+
+// At most `maxLen` bytes of `text` for a log line, each non-printable byte
+// shown as '.', "..." when cut.
+std::string SanitizedText(const std::string& text, size_t maxLen);
+
+// True when any word of `text` (a run of letters, digits, '_', '@', '.', '#'
+// or '-') is a secret-like name (IsSecretLikeName): a body that names a
+// password anywhere is never quoted in a log.
+bool TextNamesSecret(const std::string& text);
 
 }  // namespace Orbel
 

@@ -13,6 +13,7 @@
 #include "ZJsonObject.h"
 #include "ZLogPrint.h"
 #include "ZObject.h"
+#include "ZObject_JsonStringTrans.h"
 #include "ZResource.h"
 #include "ZSchema.h"
 
@@ -62,6 +63,53 @@ const char* DataKindName(uint32_t kind) {
         default:
             return "Unknown";
     }
+}
+
+// A NUL would cut the text wherever it is handled as a C string.
+bool RefuseNul(const std::string& objName, const std::string& name, const std::string& text) {
+    if (text.find('\0') == std::string::npos) return false;
+    ZLOG(eZLogError, "Object[%s] property[%s]: a value holding a NUL byte is refused.\n",
+         objName.c_str(), SanitizedText(name, 64).c_str());
+    return true;
+}
+
+// A link text becomes the last word of a link field or element and the
+// "@odata.id" string a reader builds from it.
+bool IsLinkText(const std::string& text) {
+    if (text.empty()) return false;
+    for (char ch : text) {
+        const unsigned char b = static_cast<unsigned char>(ch);
+        if (b <= 0x20 || b >= 0x7F || ch == '"' || ch == '\\') return false;
+    }
+    return true;
+}
+
+// A property name is a hash field name that readers put between quotes, so
+// it holds no quote, backslash or control byte, and it never reads as one
+// of the link forms (only the library writes those, from the value). When
+// the name is embedded in a link field (a node or link value), it is one
+// word that cannot be taken for a path. A RawJson node quotes its names
+// itself, so only the link forms matter there.
+bool IsPropertyName(const std::string& name, bool embedded, bool rawJson) {
+    for (char ch : name) {
+        const unsigned char b = static_cast<unsigned char>(ch);
+        if (!rawJson && (b < 0x20 || b == 0x7F || ch == '"' || ch == '\\')) return false;
+        if (embedded && ch == ' ') return false;
+    }
+    if (IsACorvelMetaKey(name)) return false;
+    if (embedded && (name.empty() || name.rfind("&&", 0) == 0 || name[0] == '/')) return false;
+    return true;
+}
+
+// A string value that is not JSON string content would break the document
+// its quotes stand in: the bytes that would are escaped (see _ValueText).
+void WarnStringRepaired(const std::string& objName, const std::string& name,
+                        const std::string& value) {
+    if (IsJsonStringContent(StringRightStrip(value, " "))) return;
+    ZLOG(eZLogWarning,
+         "Object[%s] property[%s]: quotes, backslashes or control bytes of the string are "
+         "escaped.\n",
+         objName.c_str(), SanitizedText(name, 64).c_str());
 }
 
 }  // namespace
@@ -198,10 +246,20 @@ eRtCode ZObject::HashWrite(const std::string& name, const char* value, bool isLi
 }
 
 eRtCode ZObject::HashWrite(const std::string& name, const std::string& value, bool isLink) {
-    if (!IsPureString(value, true)) {
+    if (RefuseNul(_LogName(), name, value)) return RT_INVALID_ARG;
+    if (isLink && !IsLinkText(value)) {
+        ZLOG(eZLogError, "Object[%s] property[%s]: link text[%s] is refused.\n",
+             _LogName().c_str(), SanitizedText(name, 64).c_str(),
+             SanitizedText(value, 64).c_str());
+        return RT_INVALID_ARG;
+    }
+    // The byte listing of the verbose check would show a secret's bytes.
+    if (!IsPureString(value, !IsSecretLikeName(name))) {
         ZLOG(eZLogWarning, "Object[%s] write a non pure string to property[%s] !\n",
              _LogName().c_str(), name.c_str());
     }
+    // A RawJson node quotes every string whole (its own text format).
+    if (!isLink && !mIsRawJson) WarnStringRepaired(_LogName(), name, value);
     sObjectChange change;
     change.dataKind = eObjDataString;
     change.isLink = isLink;
@@ -218,6 +276,7 @@ eRtCode ZObject::HashWrite(const std::string& name, ZObject* value, bool isLink)
 }
 
 eRtCode ZObject::HashWriteRawString(const std::string& name, const std::string& text) {
+    if (RefuseNul(_LogName(), name, text)) return RT_INVALID_ARG;
     sObjectChange change;
     change.dataKind = eObjDataRawString;
     change.strValue = text;
@@ -228,6 +287,15 @@ eRtCode ZObject::_HashWrite(sObjectChange* change, eObjChgAction action, const s
     if (!_CheckWritable(true)) return RT_FAILURE;
     UseRelease release(this);
     if (!_IsHashTable("pptName", name)) return RT_FAILURE;
+    const bool embedded =
+        change->dataKind == eObjDataObject || (change->dataKind == eObjDataString && change->isLink);
+    if (!IsPropertyName(name, embedded, mIsRawJson)) {
+        ZLOG(eZLogError,
+             "Object[%s] property name[%s] is refused: it would read as a link field or break "
+             "the document.\n",
+             _LogName().c_str(), SanitizedText(name, 64).c_str());
+        return RT_INVALID_ARG;
+    }
 
     ZObject* value = nullptr;
     if (change->dataKind == eObjDataObject) {
@@ -319,6 +387,13 @@ eRtCode ZObject::ListWrite(int index, const char* value, bool isLink) {
 }
 
 eRtCode ZObject::ListWrite(int index, const std::string& value, bool isLink) {
+    if (RefuseNul(_LogName(), mId, value)) return RT_INVALID_ARG;
+    if (isLink && !IsLinkText(value)) {
+        ZLOG(eZLogError, "Object[%s] item[%d]: link text[%s] is refused.\n", _LogName().c_str(),
+             index, SanitizedText(value, 64).c_str());
+        return RT_INVALID_ARG;
+    }
+    if (!isLink && !mIsRawJson) WarnStringRepaired(_LogName(), mId, value);
     sObjectChange change;
     change.dataKind = eObjDataString;
     change.isLink = isLink;
@@ -335,6 +410,7 @@ eRtCode ZObject::ListWrite(int index, ZObject* value, bool isLink) {
 }
 
 eRtCode ZObject::ListWriteRawString(const std::string& text) {
+    if (RefuseNul(_LogName(), mId, text)) return RT_INVALID_ARG;
     sObjectChange change;
     change.dataKind = eObjDataRawString;
     change.strValue = text;
@@ -854,7 +930,10 @@ std::string ZObject::_ValueText(const sObjectChange* change) {
         case eObjDataUnsigned:
             return std::to_string(change->scalar.u);
         case eObjDataString:
-            return "\"" + StringRightStrip(change->strValue, " ") + "\"";
+            // Kept as given when it is JSON string content already (text
+            // from the front end, or escaped by the plug-in); otherwise the
+            // bytes that would break the document are escaped.
+            return "\"" + JsonStringContent(StringRightStrip(change->strValue, " ")) + "\"";
         case eObjDataObject:
             return change->objValue != nullptr
                        ? _NodeLinkText(change->objValue, change->isLink, std::string())
@@ -1024,35 +1103,29 @@ eRtCode ZObject::ApplyRedisChanges(bool recursive, redisContext* c) {
     return ObjData2RedisCache(recursive, conn.get());
 }
 
-void ZObject::_ApplyOneItem(redisContext* c, sRedisCmdItem* item) {
+eRtCode ZObject::_ApplyOneItem(redisContext* c, sRedisCmdItem* item) {
+    const bool array = mType == eJsonArray;
     switch (item->action) {
         case eObjChgCreate:
         case eObjChgUpdate:
-            if (mType == eJsonArray) {
-                auto* array = static_cast<ZJsonArray*>(this);
-                if (item->action == eObjChgUpdate) {
-                    array->UpdateItem(c, item->key, item->value);
-                } else {
-                    array->AppendItem(c, item->value);
-                }
-            } else if (mType == eJsonObject) {
-                static_cast<ZJsonObject*>(this)->AppendProperty(c, item->key, item->value);
-            } else {
-                static_cast<ZResource*>(this)->AppendProperty(c, item->key, item->value);
+            if (array) {
+                auto* list = static_cast<ZJsonArray*>(this);
+                return item->action == eObjChgUpdate ? list->UpdateItem(c, item->key, item->value)
+                                                     : list->AppendItem(c, item->value);
             }
-            break;
+            if (mType == eJsonObject) {
+                return static_cast<ZJsonObject*>(this)->AppendProperty(c, item->key, item->value);
+            }
+            return static_cast<ZResource*>(this)->AppendProperty(c, item->key, item->value);
         case eObjChgRemove:
-            if (mType == eJsonArray) {
-                static_cast<ZJsonArray*>(this)->RemoveItem(c, item->key);
-            } else if (mType == eJsonObject) {
-                static_cast<ZJsonObject*>(this)->RemoveProperty(c, item->key);
-            } else {
-                static_cast<ZResource*>(this)->RemoveProperty(c, item->key);
+            if (array) return static_cast<ZJsonArray*>(this)->RemoveItem(c, item->key);
+            if (mType == eJsonObject) {
+                return static_cast<ZJsonObject*>(this)->RemoveProperty(c, item->key);
             }
-            break;
+            return static_cast<ZResource*>(this)->RemoveProperty(c, item->key);
         default:
             ZLOG(eZLogError, "Unknown action type[%d]\n", static_cast<int>(item->action));
-            break;
+            return RT_FAILURE;
     }
 }
 
@@ -1063,13 +1136,16 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
     }
     // RawJson items are JSON texts for the root's document, not fields.
     if (mIsRawJson) return ApplyRedisChanges(recursive, c);
+    // A failed command is logged by the store client and dropped, not
+    // retried; the apply as a whole then reports failure.
+    eRtCode rt = RT_SUCCESS;
     {
         // Held for the whole queue: writes from other threads wait, so a
         // node's commands reach the store in call order.
         std::lock_guard<std::mutex> lock(mQueueMutex);
         if (mRedisCmdQueue != nullptr) {
             for (sRedisCmdItem* item : *mRedisCmdQueue) {
-                _ApplyOneItem(c, item);
+                if (_ApplyOneItem(c, item) != RT_SUCCESS) rt = RT_FAILURE;
                 delete item;
             }
             mRedisCmdQueue->clear();
@@ -1081,11 +1157,11 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
         // free a child that is retired meanwhile).
         std::vector<ZObject*> children = _UsedChildren();
         for (ZObject* child : children) {
-            child->ApplyRedisChanges(true, c);
+            if (child->ApplyRedisChanges(true, c) != RT_SUCCESS) rt = RT_FAILURE;
             child->DecreaseUsingCount();
         }
     }
-    return RT_SUCCESS;
+    return rt;
 }
 
 void ZObject::DiscardRedisChanges(bool recursive, redisContext* c) {
@@ -1127,8 +1203,10 @@ void ZObject::DumpRedisChanges(bool recursive) {
               _LogName().c_str());
         if (mRedisCmdQueue != nullptr) {
             for (sRedisCmdItem* item : *mRedisCmdQueue) {
+                // A list item is named by its list, a field by itself.
+                const std::string& owner = mType == eJsonArray ? mJPath : item->key;
                 ZLOGM("ZComLib", eZLogRaw, "    Act[%s] Key[%s] Value[%s]\n", ActName(item->action),
-                      item->key.c_str(), item->value.c_str());
+                      item->key.c_str(), MaskSecretValue(owner, item->value.c_str()));
             }
         }
     }
@@ -1174,7 +1252,9 @@ void ZObject::DumpObjectChange(sObjectChange* change) {
             break;
         case eObjDataString:
         case eObjDataRawString:
-            ZLOGM("ZComLib", eZLogRaw, "%s Value[%s]\n", head.c_str(), change->strValue.c_str());
+            ZLOGM("ZComLib", eZLogRaw, "%s Value[%s]\n", head.c_str(),
+                  MaskSecretValue(change->tableKind == eObjTableList ? mJPath : change->key,
+                                  change->strValue.c_str()));
             break;
         case eObjDataObject:
             ZLOGM("ZComLib", eZLogRaw, "%s Value[%s]\n", head.c_str(),
