@@ -169,8 +169,8 @@ eRtCode ZBackendImpl::RemoveTempWorkDir(const std::string& path) {
     // scratch space (the process runs as root on the controller).
     if (base.empty() || path.size() <= base.size() + 1 || path.compare(0, base.size(), base) != 0 ||
         path[base.size()] != '/' || HasDotDot(path)) {
-        ZLOG(eZLogError, "Refuse to remove [%s]: not inside the temp work dir[%s].\n",
-             path.c_str(), base.c_str());
+        ZLOG(eZLogError, "Refuse to remove [%s]: not inside the temp work dir[%s].\n", path.c_str(),
+             base.c_str());
         return RT_FAILURE;
     }
     return DelDirTree(path);

@@ -34,9 +34,9 @@ public:
     // The platform words this build matches (see the build options in
     // docs/events.md).
     struct sPlatformWords {
-        std::vector<std::string> codenames;       // whole-word match of TARN_CODENAME
-        std::string bladedFamily;                 // 8-character prefix of FEN_FAMILY
-        std::vector<std::string> denseFamilies;   // 9-character prefixes of FEN_FAMILY
+        std::vector<std::string> codenames;      // whole-word match of TARN_CODENAME
+        std::string bladedFamily;                // 8-character prefix of FEN_FAMILY
+        std::vector<std::string> denseFamilies;  // 9-character prefixes of FEN_FAMILY
     };
     static const sPlatformWords& ConfiguredWords();
 

@@ -303,7 +303,7 @@ void ZRedfishEvent::_SendEvent(ZRedfishEvent* event) {
         ZLOG(eZLogError, "NULL arg! event:%p\n", static_cast<void*>(event));
         return;
     }
-    std::unique_ptr<ZRedfishEvent> owned(event);  // deleted on every path
+    std::unique_ptr<ZRedfishEvent> owned(event);                       // deleted on every path
     if (event->mRoot == nullptr || event->mEvents == nullptr) return;  // logged when built
 
     std::optional<RedisConnectionScope> scope;

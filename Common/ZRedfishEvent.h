@@ -120,9 +120,9 @@ private:
     ZJsonObject* mRoot = nullptr;
     ZJsonArray* mEvents = nullptr;
 
-    uint32_t mNextRecord = 0;            // id of the next record under "Events"
-    bool mClearStoreOnDelete = false;    // the flag given to the root's Destroy
-    redisContext* mCtx = nullptr;        // the event's own connection, or null
+    uint32_t mNextRecord = 0;          // id of the next record under "Events"
+    bool mClearStoreOnDelete = false;  // the flag given to the root's Destroy
+    redisContext* mCtx = nullptr;      // the event's own connection, or null
 };
 
 }  // namespace Orbel

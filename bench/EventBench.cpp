@@ -60,9 +60,9 @@ ZResource* gOrigin = nullptr;
 // Raises one event the way a plug-in does; returns its id.
 std::string RaiseEvent(bool alert) {
     auto* ev = new ZRedfishEvent("Fan event");
-    ZJsonObject* rec = ev->CreateEventRecord("ResourceEvent.1.0", "ResourceErrorsDetected",
-                                             "Warning", "Fan 2 runs below its lower limit.",
-                                             gOrigin);
+    ZJsonObject* rec =
+        ev->CreateEventRecord("ResourceEvent.1.0", "ResourceErrorsDetected", "Warning",
+                              "Fan 2 runs below its lower limit.", gOrigin);
     ev->EventRecord_AppendMessageArgs(rec, "Fan 2");
     ev->EventRecord_AppendMessageArgs(rec, "1200");
     if (alert) ev->EventRecord_NewAlertOemObj(rec);
@@ -78,8 +78,7 @@ void CleanUp(const std::string& id) {
     const std::string rec = root + "/Events/0";
     redisReply* r = static_cast<redisReply*>(redisCommand(
         gCtx, "UNLINK %s %s/Events %s %s/MessageArgs %s/Oem %s/Oem/Veltra %s", root.c_str(),
-        root.c_str(), rec.c_str(), rec.c_str(), rec.c_str(), rec.c_str(),
-        OrbelTest::kEventQueue));
+        root.c_str(), rec.c_str(), rec.c_str(), rec.c_str(), rec.c_str(), OrbelTest::kEventQueue));
     if (r != nullptr) freeReplyObject(r);
     gApp->RecycleProcess();
 }
@@ -201,8 +200,9 @@ void PrintSummary() {
                     t.libraryNs / runs / 1000.0, t.openNs / runs / 1000.0, t.libraryNs / t.openNs,
                     t.connectNs / runs / 1000.0, t.libraryNs / t.connectNs);
     }
-    std::printf("  (floor: on an open connection; +connect: on one opened for the event;"
-                " goal <= 1.3x)\n");
+    std::printf(
+        "  (floor: on an open connection; +connect: on one opened for the event;"
+        " goal <= 1.3x)\n");
 }
 
 void PinToOneCpu() {

@@ -135,7 +135,11 @@ TEST_F(RedfishEventTest, EventsTheServiceRefusesAreRemovedFromTheStore) {
     };
     const std::vector<Case> cases = {
         {"no subscription (2)",
-         [] { RawCommand({"HSET", kEventServiceState, "EventSubscriptions", "0"}); }, true, {}},
+         [] {
+             RawCommand({"HSET", kEventServiceState, "EventSubscriptions", "0"});
+         },
+         true,
+         {}},
         {"no record (3)", [] {}, false, {}},
         {"queue full (4)",
          [] {
@@ -145,10 +149,16 @@ TEST_F(RedfishEventTest, EventsTheServiceRefusesAreRemovedFromTheStore) {
          true,
          {std::string(kSendFailed) + "4.\n"}},
         {"no digest",
-         [] { RawCommand({"HDEL", "redisSHAScripts", "enqueueEvent"}); },
+         [] {
+             RawCommand({"HDEL", "redisSHAScripts", "enqueueEvent"});
+         },
          true,
          {"Failed to get script[enqueueEvent] SHA value.\n", std::string(kSendFailed) + "-1.\n"}},
-        {"unknown digest", [] { RawCommand({"SCRIPT", "FLUSH"}); }, true,
+        {"unknown digest",
+         [] {
+             RawCommand({"SCRIPT", "FLUSH"});
+         },
+         true,
          {"reply type[6] is unexpected.\n", std::string(kSendFailed) + "-1.\n"}},
     };
     for (const Case& c : cases) {
@@ -186,12 +196,17 @@ TEST_F(RedfishEventTest, AnUnreadableMachineRecordLeavesTheAlertBlockWithNulls) 
         Fields veltra;
     };
     const std::vector<Case> cases = {
-        {"damaged", "short", "Failed to call vpdd_machine_vpd_read() res[2].\n",
-         {{"SystemUUID", "null"}, {"SystemSerialNumber", "null"},
+        {"damaged",
+         "short",
+         "Failed to call vpdd_machine_vpd_read() res[2].\n",
+         {{"SystemUUID", "null"},
+          {"SystemSerialNumber", "null"},
           {"SystemMachineTypeModel", "null"}}},
-        {"unprogrammed", std::string(1106, '\0'),
+        {"unprogrammed",
+         std::string(1106, '\0'),
          "The machine UUID in the vital product data is not 32 hex digits.\n",
-         {{"SystemUUID", "null"}, {"SystemSerialNumber", "\"\""},
+         {{"SystemUUID", "null"},
+          {"SystemSerialNumber", "\"\""},
           {"SystemMachineTypeModel", "\"\""}}},
     };
     for (const Case& c : cases) {
@@ -237,8 +252,8 @@ TEST_F(RedfishEventTest, EventsFromManyThreadsKeepUniqueIncreasingIdsAndAreAllQu
             for (int i = 0; i < kEach; ++i) {
                 auto* ev = new ZRedfishEvent("Load");
                 mine->push_back(ev->GetEventId());
-                ZJsonObject* rec = ev->CreateEventRecord("ResourceEvent.1.0.ResourceChanged",
-                                                         "Changed.", origin);
+                ZJsonObject* rec =
+                    ev->CreateEventRecord("ResourceEvent.1.0.ResourceChanged", "Changed.", origin);
                 ev->EventRecord_AppendMessageArgs(rec, std::to_string(i));
                 ZApplication::SendRedfishEvent(ev);
             }
@@ -287,9 +302,14 @@ TEST_F(RedfishEventTest, MetricReportsAreQueuedOrRefusedWithTheirTexts) {
     const std::vector<Case> cases = {
         {"queued", [] {}, nullptr},
         {"no subscription",
-         [] { RawCommand({"HSET", kEventServiceState, "MetricReportSubscriptions", "0"}); },
+         [] {
+             RawCommand({"HSET", kEventServiceState, "MetricReportSubscriptions", "0"});
+         },
          "RedisEvalEnqueueMetricReport() ignore this event due to no subscription.\n"},
-        {"not stored", [&key] { RawCommand({"DEL", key}); },
+        {"not stored",
+         [&key] {
+             RawCommand({"DEL", key});
+         },
          "Failed to call RedisEvalEnqueueMetricReport() errCode:3.\n"},
     };
     for (const Case& c : cases) {

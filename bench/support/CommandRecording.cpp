@@ -53,17 +53,29 @@ bool ParseMonitorLine(const std::string& line, std::string& client, Command& out
             }
             char esc = line[pos++];
             switch (esc) {
-                case 'n': arg += '\n'; break;
-                case 'r': arg += '\r'; break;
-                case 't': arg += '\t'; break;
-                case 'a': arg += '\a'; break;
-                case 'b': arg += '\b'; break;
+                case 'n':
+                    arg += '\n';
+                    break;
+                case 'r':
+                    arg += '\r';
+                    break;
+                case 't':
+                    arg += '\t';
+                    break;
+                case 'a':
+                    arg += '\a';
+                    break;
+                case 'b':
+                    arg += '\b';
+                    break;
                 case 'x':
                     if (pos + 2 > line.size()) return false;
                     arg += static_cast<char>(std::strtol(line.substr(pos, 2).c_str(), nullptr, 16));
                     pos += 2;
                     break;
-                default: arg += esc; break;  // \\ and \"
+                default:
+                    arg += esc;
+                    break;  // \\ and \"
             }
         }
         if (!closed) return false;
@@ -119,9 +131,9 @@ Replay::Replay(const Script& script) : mScript(script) {
 bool Replay::Run(redisContext* c) const {
     bool ok = true;
     for (const Prepared& p : mCommands) {
-        auto* r = static_cast<redisReply*>(redisCommandArgv(
-            c, static_cast<int>(p.argv.size()), const_cast<const char**>(p.argv.data()),
-            p.argvlen.data()));
+        auto* r = static_cast<redisReply*>(redisCommandArgv(c, static_cast<int>(p.argv.size()),
+                                                            const_cast<const char**>(p.argv.data()),
+                                                            p.argvlen.data()));
         if (r == nullptr || r->type == REDIS_REPLY_ERROR) ok = false;
         if (r != nullptr) freeReplyObject(r);
     }

@@ -37,8 +37,8 @@ bool ReadScript(const std::string& name, std::string& text, std::string* error) 
 bool LoadOne(redisContext* c, const char* name, const char* field, std::string* error) {
     std::string text;
     if (!ReadScript(name, text, error)) return false;
-    ReplyPtr sha(static_cast<redisReply*>(redisCommand(c, "SCRIPT LOAD %b", text.data(),
-                                                       text.size())));
+    ReplyPtr sha(
+        static_cast<redisReply*>(redisCommand(c, "SCRIPT LOAD %b", text.data(), text.size())));
     if (!sha || sha->type != REDIS_REPLY_STRING) {
         if (error != nullptr) {
             *error = std::string("SCRIPT LOAD ") + name + ": " +
@@ -46,8 +46,8 @@ bool LoadOne(redisContext* c, const char* name, const char* field, std::string* 
         }
         return false;
     }
-    ReplyPtr set(static_cast<redisReply*>(
-        redisCommand(c, "HSET redisSHAScripts %s %s", field, sha->str)));
+    ReplyPtr set(
+        static_cast<redisReply*>(redisCommand(c, "HSET redisSHAScripts %s %s", field, sha->str)));
     if (!set || set->type != REDIS_REPLY_INTEGER) {
         if (error != nullptr) *error = "HSET redisSHAScripts failed";
         return false;
