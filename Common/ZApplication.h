@@ -19,7 +19,8 @@
 //
 // Defined in: ZApplication.cpp (frame, options, VEX, stages, process loop),
 // ZApplication_Signals.cpp, ZApplication_Diagnostics.cpp,
-// ZApplication_Registry.cpp (schema list), ZApplication_ObjRegistry.cpp.
+// ZApplication_Registry.cpp (schema list), ZApplication_ObjRegistry.cpp,
+// ZApplication_Events.cpp.
 #ifndef ORBEL_ZAPPLICATION_H
 #define ORBEL_ZAPPLICATION_H
 
@@ -43,6 +44,7 @@ namespace Orbel {
 
 class ZLogPrint;
 class ZObject;
+class ZRedfishEvent;
 class ZResource;
 class ZSchema;
 class ZUserInputTemplate;
@@ -105,6 +107,10 @@ public:
     const std::string& WorkDir() const { return mWorkDir; }
     const std::string& GetDbgLvlVexName() const { return mDbgLvlVexName; }
     const std::string& GetDbgInfoVexName() const { return mDbgInfoVexName; }
+
+    // Stores and queues a Redfish event for the event service and deletes
+    // it (ZRedfishEvent::_SendEvent). Any thread.
+    static void SendRedfishEvent(ZRedfishEvent* event);
 
     // VEX events. Callbacks may be registered only at init steps 0 and 1
     // (before Exec registers with VEX): from main() or a schema factory.
