@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "ChildProcess.h"
 #include "ObjectModelFixture.h"
 #include "ZJsonArray.h"
 #include "ZJsonObject.h"
@@ -89,6 +90,9 @@ TEST_F(ObjectConcurrencyTest, DestroyingWhileOthersReadAndTheRecyclerRuns) {
         member->ApplyRedisChanges();
         member->ObjDestroy(ZObject::eDestroyDelete, true);
     }
+    // On a loaded machine the reader may not have been scheduled yet; the
+    // collection stays listed, so it gets something to see.
+    EXPECT_TRUE(WaitUntil([&] { return seen.load() > 0; }, 10000));
     stop = true;
     reader.join();
     recycler.join();
