@@ -172,12 +172,9 @@ void ZResource::UpdateOdataId() {
 // ---------------------------------------------------------------------------
 
 eRtCode ZResource::Lock(int timeoutMs, uint32_t flags) {
+    if (!Use(this)) return RT_FAILURE;
+    UseRelease release(this);
     ZApplication* app = zApp;
-    if (app == nullptr || !app->UseIfValid(this)) return RT_FAILURE;
-    struct Release {
-        ZObject* obj;
-        ~Release() { obj->DecreaseUsingCount(); }
-    } release{this};
     const unsigned long self = ThisThread();
     const uint32_t start = MiniTimeTick();
     bool reportedCorvel = false;
@@ -344,37 +341,18 @@ void ZResource::ResourceDestroy() {
 
 eRtCode ZResource::AppendProperty(redisContext* c, const std::string& key,
                                   const std::string& value) {
-    if ((GetAttribute() & ATTR_MultiBackend) != 0) {
-        std::lock_guard<std::mutex> lock(mWrittenMutex);
-        mWrittenFields.insert(key);
-    }
-    return RedisHashSet(c, mJPath.c_str(), key.c_str(), value.c_str());
+    return _HashFieldSet(c, key, value);
 }
 
 eRtCode ZResource::RemoveProperty(redisContext* c, const std::string& key) {
-    if ((GetAttribute() & ATTR_MultiBackend) != 0) {
-        std::lock_guard<std::mutex> lock(mWrittenMutex);
-        mWrittenFields.erase(key);
-    }
-    return RedisHashDel(c, mJPath.c_str(), key.c_str());
+    return _HashFieldDel(c, key);
 }
 
 eRtCode ZResource::CleanPropertiesFromRedis(redisContext* c) {
-    eRtCode rt = RT_SUCCESS;
-    if ((GetAttribute() & ATTR_MultiBackend) == 0) {
-        rt = RedisDelTable(c, mJPath.c_str());
-        // Content that is gone has nothing left to keep fresh.
-        RedisHashDel(c, kTtlTable, mJPath.c_str());
-        return rt;
-    }
-    std::set<std::string> fields;
-    {
-        std::lock_guard<std::mutex> lock(mWrittenMutex);
-        fields.swap(mWrittenFields);
-    }
-    for (const std::string& field : fields) {
-        if (RedisHashDel(c, mJPath.c_str(), field.c_str()) != RT_SUCCESS) rt = RT_FAILURE;
-    }
+    eRtCode rt = _HashClean(c);
+    // Content that is gone has nothing left to keep fresh (a MultiBackend
+    // resource's content is not all gone).
+    if ((GetAttribute() & ATTR_MultiBackend) == 0) RedisHashDel(c, kTtlTable, mJPath.c_str());
     return rt;
 }
 

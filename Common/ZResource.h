@@ -17,7 +17,6 @@
 
 #include <cstdint>
 #include <mutex>
-#include <set>
 #include <string>
 
 #include "ZObject.h"
@@ -105,7 +104,9 @@ public:
         multiExtInfo = mUserInTemplateMultiExtInfo;
     }
 
-    // Store side of the change queue (called while applying).
+    // Store side of the change queue (called while applying): ZObject's
+    // hash commands, shared with ZJsonObject; clearing also drops the
+    // resource's "&&TTL" entry.
     eRtCode AppendProperty(redisContext* c, const std::string& key, const std::string& value);
     eRtCode RemoveProperty(redisContext* c, const std::string& key);
     eRtCode CleanPropertiesFromRedis(redisContext* c);
@@ -144,8 +145,6 @@ private:
     std::string mUserInTemplatePath;
     bool mUserInTemplateMultiExtInfo = false;
 
-    std::mutex mWrittenMutex;  // guards mWrittenFields (MultiBackend)
-    std::set<std::string> mWrittenFields;
 };
 
 }  // namespace Orbel

@@ -117,6 +117,7 @@ ZObject::~ZObject() {
     }
     FreeNodeLists(mRedisCmdQueue, mChildList, mReferencedBy, mReferenceTo);
     delete mRawJson;
+    delete mWritten.load();
 }
 
 eRtCode ZObject::Initial() {
@@ -132,28 +133,19 @@ eRtCode ZObject::Initial() {
              mName.c_str());
         return RT_FAILURE;
     }
-    if (mChildList != nullptr) {
+    if (mListsOpen.exchange(true)) {
         ZLOG(eZLogError, "Object[%s] is already initialised.\n", mJPath.c_str());
         return RT_FAILURE;
     }
-    {
-        std::lock_guard<std::mutex> lock(mChildMutex);
-        mChildList = new std::map<std::string, ZObject*>();
-    }
-    {
+    if (mIsRawJson) {
         std::lock_guard<std::mutex> lock(mQueueMutex);
-        mRedisCmdQueue = new std::vector<sRedisCmdItem*>();
-        if (mIsRawJson && mRawJson == nullptr) mRawJson = new sRawJsonData();
-    }
-    {
-        std::lock_guard<std::mutex> lock(mRefMutex);
-        mReferencedBy = new std::map<ZObject*, std::string>();
-        mReferenceTo = new std::set<ZObject*>();
+        if (mRawJson == nullptr) mRawJson = new sRawJsonData();
     }
     if (_SetId(mId) != RT_SUCCESS) {
         // The JPath belongs to another node (or the parent is gone): leave
         // this one as constructed, so that retiring it touches nothing of
         // the other node, in the registry or in the store.
+        mListsOpen.store(false);
         std::map<std::string, ZObject*>* children = nullptr;
         std::vector<sRedisCmdItem*>* queue = nullptr;
         std::map<ZObject*, std::string>* refBy = nullptr;
@@ -241,18 +233,17 @@ eRtCode ZObject::_SetId(const std::string& id) {
     return RT_SUCCESS;
 }
 
+// The id, name and JPath are fixed once Initial() has run, so reading them
+// needs no lock; the caller's own hold on the node keeps it alive.
 std::string ZObject::GetId() {
-    ZObjectUseGuard guard(this);
     return mId;
 }
 
 std::string ZObject::GetName() {
-    ZObjectUseGuard guard(this);
     return mName;
 }
 
 std::string ZObject::GetJPath() {
-    ZObjectUseGuard guard(this);
     return mJPath;
 }
 
@@ -297,11 +288,12 @@ eRtCode ZObject::AppendChildObj(ZObject* child) {
     if (child == nullptr) return RT_INVALID_ARG;
     std::string key = child->GetId();
     std::lock_guard<std::mutex> lock(mChildMutex);
-    if (mChildList == nullptr) {
+    if (!_ListsOpen()) {
         ZLOG(eZLogError, "Obj[%s] try to append child[%s] but ChildList is NULL\n",
              _LogName().c_str(), key.c_str());
         return RT_FAILURE;
     }
+    if (mChildList == nullptr) mChildList = new std::map<std::string, ZObject*>();
     auto inserted = mChildList->emplace(std::move(key), child);
     if (!inserted.second) {
         ZLOG(eZLogError, "Try to overwrite an existing child object[%s].\n",
@@ -313,31 +305,38 @@ eRtCode ZObject::AppendChildObj(ZObject* child) {
 
 ZObject* ZObject::_GetChild(const std::string& id, bool silent) {
     std::lock_guard<std::mutex> lock(mChildMutex);
-    if (mChildList == nullptr) {
+    if (mChildList == nullptr && !_ListsOpen()) {
         ZLOG(eZLogError, "Obj[%s] try to get child[%s] but ChildList is NULL\n", _LogName().c_str(),
              id.c_str());
         return nullptr;
     }
-    auto it = mChildList->find(id);
-    if (it == mChildList->end()) {
+    ZObject* child = nullptr;
+    if (mChildList != nullptr) {
+        auto it = mChildList->find(id);
+        if (it != mChildList->end()) child = it->second;
+    }
+    if (child == nullptr) {
         if (!silent) {
             ZLOG(eZLogError, "Object[%s] doesn't have this child[%s]\n", _LogName().c_str(),
                  id.c_str());
         }
         return nullptr;
     }
-    if (it->second->IsDied()) {
+    if (child->IsDied()) {
         if (!silent) {
             ZLOG(eZLogError, "The child[%s] is died for this Object[%s]\n", id.c_str(),
                  _LogName().c_str());
         }
         return nullptr;
     }
-    return it->second;
+    return child;
 }
 
 ZObject* ZObject::GetChild(const std::string& id, bool silent) {
-    ZObjectUseGuard guard(this);
+    // Held while the child list is read: a retirement on another thread
+    // then cannot hand the node to the recycler meanwhile.
+    IncreaseUsingCount();
+    UseRelease release(this);
     return _GetChild(id, silent);
 }
 
@@ -428,7 +427,8 @@ void ZObject::DeleteAllChildObjs() {
 void ZObject::AppendReferencedBy(ZObject* referrer, const std::string& metaKey) {
     if (referrer == nullptr) return;
     std::lock_guard<std::mutex> lock(mRefMutex);
-    if (mReferencedBy == nullptr) return;
+    if (!_ListsOpen()) return;
+    if (mReferencedBy == nullptr) mReferencedBy = new std::map<ZObject*, std::string>();
     (*mReferencedBy)[referrer] = metaKey;
 }
 
@@ -469,7 +469,9 @@ void ZObject::DumpReferencedBy() {
 void ZObject::AppendReferenceTo(ZObject* target) {
     if (target == nullptr) return;
     std::lock_guard<std::mutex> lock(mRefMutex);
-    if (mReferenceTo != nullptr) mReferenceTo->insert(target);
+    if (!_ListsOpen()) return;
+    if (mReferenceTo == nullptr) mReferenceTo = new std::set<ZObject*>();
+    mReferenceTo->insert(target);
 }
 
 void ZObject::RemoveReferenceTo(ZObject* target) {

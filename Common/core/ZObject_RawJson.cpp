@@ -213,7 +213,8 @@ void ZObject::_RawJsonMerge() {
         }
         delete item;
     }
-    mRedisCmdQueue->clear();
+    delete mRedisCmdQueue;  // made again by the next write
+    mRedisCmdQueue = nullptr;
 }
 
 void ZObject::_RawJsonSetMember(const std::string& key, const std::string& text) {

@@ -980,12 +980,13 @@ void ZObject::AppendRedisChange(sRedisCmdItem* item) {
     ZApplication* app = zApp;
     uint32_t now = app != nullptr ? app->LastLoopProcTimetick() : MiniTimeTick();
     std::lock_guard<std::mutex> lock(mQueueMutex);
-    if (mRedisCmdQueue == nullptr) {
+    if (!_ListsOpen()) {
         ZLOG(eZLogError, "Object[%s] has no change queue; the change is dropped.\n",
              _LogName().c_str());
         delete item;
         return;
     }
+    if (mRedisCmdQueue == nullptr) mRedisCmdQueue = new std::vector<sRedisCmdItem*>();
     // Differences of the 32-bit tick stay right across its wrap.
     if (!mRedisCmdQueue->empty() &&
         static_cast<uint32_t>(now - mLastAppendTick) > kUnappliedWarnMs) {
@@ -1072,7 +1073,8 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
                 _ApplyOneItem(c, item);
                 delete item;
             }
-            mRedisCmdQueue->clear();
+            delete mRedisCmdQueue;  // made again by the next write
+            mRedisCmdQueue = nullptr;
         }
     }
     if (recursive) {
