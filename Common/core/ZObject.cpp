@@ -151,7 +151,7 @@ eRtCode ZObject::Initial() {
         std::map<ZObject*, std::string>* refBy = nullptr;
         std::set<ZObject*>* refTo = nullptr;
         {
-            std::lock_guard<std::mutex> lock(mChildMutex);
+            std::lock_guard<std::mutex> lock(mTreeMutex);
             std::swap(children, mChildList);
         }
         {
@@ -159,7 +159,7 @@ eRtCode ZObject::Initial() {
             std::swap(queue, mRedisCmdQueue);
         }
         {
-            std::lock_guard<std::mutex> lock(mRefMutex);
+            std::lock_guard<std::mutex> lock(mTreeMutex);
             std::swap(refBy, mReferencedBy);
             std::swap(refTo, mReferenceTo);
         }
@@ -287,7 +287,7 @@ ZSchema* ZObject::GetOwnedBySchema() {
 eRtCode ZObject::AppendChildObj(ZObject* child) {
     if (child == nullptr) return RT_INVALID_ARG;
     std::string key = child->GetId();
-    std::lock_guard<std::mutex> lock(mChildMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     if (!_ListsOpen()) {
         ZLOG(eZLogError, "Obj[%s] try to append child[%s] but ChildList is NULL\n",
              _LogName().c_str(), key.c_str());
@@ -304,7 +304,7 @@ eRtCode ZObject::AppendChildObj(ZObject* child) {
 }
 
 ZObject* ZObject::_GetChild(const std::string& id, bool silent) {
-    std::lock_guard<std::mutex> lock(mChildMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     if (mChildList == nullptr && !_ListsOpen()) {
         ZLOG(eZLogError, "Obj[%s] try to get child[%s] but ChildList is NULL\n", _LogName().c_str(),
              id.c_str());
@@ -363,7 +363,7 @@ ZObject* ZObject::GetChildByJPath(const std::string& relativePath) {
 
 std::vector<std::string> ZObject::GetChildIDs() {
     std::vector<std::string> ids;
-    std::lock_guard<std::mutex> lock(mChildMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     if (mChildList == nullptr) return ids;
     ids.reserve(mChildList->size());
     for (const auto& entry : *mChildList) ids.push_back(entry.first);
@@ -371,12 +371,12 @@ std::vector<std::string> ZObject::GetChildIDs() {
 }
 
 size_t ZObject::GetChildNum() {
-    std::lock_guard<std::mutex> lock(mChildMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     return mChildList != nullptr ? mChildList->size() : 0;
 }
 
 void ZObject::DumpChildObj() {
-    std::lock_guard<std::mutex> lock(mChildMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     ZLOGM("ZComLib", eZLogRaw, "Dump Resource[%s] childs ===>\n", _LogName().c_str());
     if (mChildList == nullptr) return;
     for (const auto& entry : *mChildList) {
@@ -387,7 +387,7 @@ void ZObject::DumpChildObj() {
 
 eRtCode ZObject::RemoveChildObj(ZObject* child) {
     if (child == nullptr) return RT_INVALID_ARG;
-    std::lock_guard<std::mutex> lock(mChildMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     if (mChildList != nullptr) {
         // By identity: a refused duplicate with the same id is not the child.
         auto it = mChildList->find(child->mId);
@@ -403,7 +403,7 @@ eRtCode ZObject::RemoveChildObj(ZObject* child) {
 
 std::vector<ZObject*> ZObject::_UsedChildren() {
     std::vector<ZObject*> children;
-    std::lock_guard<std::mutex> lock(mChildMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     if (mChildList == nullptr) return children;
     children.reserve(mChildList->size());
     for (const auto& entry : *mChildList) {
@@ -426,19 +426,19 @@ void ZObject::DeleteAllChildObjs() {
 
 void ZObject::AppendReferencedBy(ZObject* referrer, const std::string& metaKey) {
     if (referrer == nullptr) return;
-    std::lock_guard<std::mutex> lock(mRefMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     if (!_ListsOpen()) return;
     if (mReferencedBy == nullptr) mReferencedBy = new std::map<ZObject*, std::string>();
     (*mReferencedBy)[referrer] = metaKey;
 }
 
 void ZObject::RemoveReferencedBy(ZObject* referrer) {
-    std::lock_guard<std::mutex> lock(mRefMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     if (mReferencedBy != nullptr) mReferencedBy->erase(referrer);
 }
 
 bool ZObject::_MetaKeyOf(ZObject* referrer, std::string* metaKey) {
-    std::lock_guard<std::mutex> lock(mRefMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     if (mReferencedBy == nullptr) return false;
     auto it = mReferencedBy->find(referrer);
     if (it == mReferencedBy->end()) return false;
@@ -457,7 +457,7 @@ std::string ZObject::GetMetaKeyInReferencedBy(ZObject* referrer) {
 }
 
 void ZObject::DumpReferencedBy() {
-    std::lock_guard<std::mutex> lock(mRefMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     ZLOGM("ZComLib", eZLogRaw, "Dump Resource[%s] is ReferencedBy ===>\n", _LogName().c_str());
     if (mReferencedBy == nullptr) return;
     for (const auto& entry : *mReferencedBy) {
@@ -468,19 +468,19 @@ void ZObject::DumpReferencedBy() {
 
 void ZObject::AppendReferenceTo(ZObject* target) {
     if (target == nullptr) return;
-    std::lock_guard<std::mutex> lock(mRefMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     if (!_ListsOpen()) return;
     if (mReferenceTo == nullptr) mReferenceTo = new std::set<ZObject*>();
     mReferenceTo->insert(target);
 }
 
 void ZObject::RemoveReferenceTo(ZObject* target) {
-    std::lock_guard<std::mutex> lock(mRefMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     if (mReferenceTo != nullptr) mReferenceTo->erase(target);
 }
 
 void ZObject::DumpReferenceTo() {
-    std::lock_guard<std::mutex> lock(mRefMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     ZLOGM("ZComLib", eZLogRaw, "Dump Resource[%s] is ReferencedTo ===>\n", _LogName().c_str());
     if (mReferenceTo == nullptr) return;
     for (ZObject* target : *mReferenceTo) {
@@ -491,7 +491,7 @@ void ZObject::DumpReferenceTo() {
 void ZObject::UpdateReferencedBy(eDestroyMode mode) {
     std::vector<std::pair<ZObject*, std::string>> referrers;
     {
-        std::lock_guard<std::mutex> lock(mRefMutex);
+        std::lock_guard<std::mutex> lock(mTreeMutex);
         if (mReferencedBy == nullptr) return;
         referrers.assign(mReferencedBy->begin(), mReferencedBy->end());
     }
@@ -600,7 +600,7 @@ void ZObject::ObjDestroy(eDestroyMode mode, bool clearStore) {
     std::set<ZObject*>* refTo = nullptr;
     std::map<ZObject*, std::string>* refBy = nullptr;
     {
-        std::lock_guard<std::mutex> lock(mRefMutex);
+        std::lock_guard<std::mutex> lock(mTreeMutex);
         std::swap(refTo, mReferenceTo);
         std::swap(refBy, mReferencedBy);
     }
@@ -616,7 +616,7 @@ void ZObject::ObjDestroy(eDestroyMode mode, bool clearStore) {
 
     std::map<std::string, ZObject*>* children = nullptr;
     {
-        std::lock_guard<std::mutex> lock(mChildMutex);
+        std::lock_guard<std::mutex> lock(mTreeMutex);
         std::swap(children, mChildList);
     }
     if (children != nullptr) {

@@ -20,9 +20,10 @@
 // store, one command at a time. The tree's bookkeeping (children,
 // references) changes at once, the store only when applied.
 //
-// Threads. Any thread may work on any node. Each node has three locks (change
-// queue, children, references); no operation holds two of them at once or a
-// node's lock across a call into another node. Every public operation holds
+// Threads. Any thread may work on any node. Each node has two locks (the
+// change queue; the tree bookkeeping of children and references); no
+// operation holds both at once or a node's lock across a call into another
+// node. Every public operation holds
 // the using count for its duration. A store connection passed to an apply
 // call belongs to the calling thread.
 //
@@ -449,10 +450,11 @@ protected:
     // finds it.
     sRawJsonData* mRawJson = nullptr;
 
-    std::mutex mChildMutex;  // guards mChildList
+    // One lock for the tree's bookkeeping: the children and both reference
+    // lists (never held with the queue lock, nor across a call into
+    // another node).
+    std::mutex mTreeMutex;  // guards mChildList, mReferencedBy, mReferenceTo
     std::map<std::string, ZObject*>* mChildList = nullptr;
-
-    std::mutex mRefMutex;  // guards mReferencedBy and mReferenceTo
     std::map<ZObject*, std::string>* mReferencedBy = nullptr;
     std::set<ZObject*>* mReferenceTo = nullptr;
 

@@ -390,7 +390,7 @@ ZObject* ZObject::_FindNodeOfProperty(const std::string& name, bool* isLink, std
     // its links; each knows the text under which this node holds it.
     std::vector<ZObject*> candidates;
     {
-        std::lock_guard<std::mutex> lock(mChildMutex);
+        std::lock_guard<std::mutex> lock(mTreeMutex);
         if (mChildList != nullptr) {
             for (const auto& entry : *mChildList) {
                 if (Use(entry.second)) candidates.push_back(entry.second);
@@ -398,7 +398,7 @@ ZObject* ZObject::_FindNodeOfProperty(const std::string& name, bool* isLink, std
         }
     }
     {
-        std::lock_guard<std::mutex> lock(mRefMutex);
+        std::lock_guard<std::mutex> lock(mTreeMutex);
         if (mReferenceTo != nullptr) {
             for (ZObject* target : *mReferenceTo) {
                 if (Use(target)) candidates.push_back(target);
