@@ -51,16 +51,23 @@ uint32_t InheritAttribute(ZObject* parent, ZObject::eType type, unsigned long at
     return attr;
 }
 
-// Frees the lists Initial() allocates, pending commands included.
+// Frees the lists made on first use, pending commands included.
 void FreeNodeLists(std::vector<sRedisCmdItem*>* queue, std::map<std::string, ZObject*>* children,
-                   std::map<ZObject*, std::string>* refBy, std::set<ZObject*>* refTo) {
+                   std::set<ZObject*>* refTo) {
     if (queue != nullptr) {
         for (sRedisCmdItem* item : *queue) delete item;
     }
     delete queue;
     delete children;
-    delete refBy;
     delete refTo;
+}
+
+using ReferrerList = std::vector<std::pair<ZObject*, std::string>>;
+
+ReferrerList::iterator FindReferrer(ReferrerList& list, ZObject* referrer) {
+    auto it = list.begin();
+    while (it != list.end() && it->first != referrer) ++it;
+    return it;
 }
 
 }  // namespace
@@ -115,7 +122,7 @@ ZObject::~ZObject() {
             app->_ForgetObject(this);
         }
     }
-    FreeNodeLists(mRedisCmdQueue, mChildList, mReferencedBy, mReferenceTo);
+    FreeNodeLists(mRedisCmdQueue, mChildList, mReferenceTo);
     delete mRawJson;
     delete mWritten.load();
 }
@@ -148,7 +155,7 @@ eRtCode ZObject::Initial() {
         mListsOpen.store(false);
         std::map<std::string, ZObject*>* children = nullptr;
         std::vector<sRedisCmdItem*>* queue = nullptr;
-        std::map<ZObject*, std::string>* refBy = nullptr;
+        ReferrerList refBy;
         std::set<ZObject*>* refTo = nullptr;
         {
             std::lock_guard<std::mutex> lock(mTreeMutex);
@@ -160,10 +167,10 @@ eRtCode ZObject::Initial() {
         }
         {
             std::lock_guard<std::mutex> lock(mTreeMutex);
-            std::swap(refBy, mReferencedBy);
+            refBy.swap(mReferencedBy);
             std::swap(refTo, mReferenceTo);
         }
-        FreeNodeLists(queue, children, refBy, refTo);
+        FreeNodeLists(queue, children, refTo);
         return RT_FAILURE;
     }
     _ClearRedisCache();
@@ -428,20 +435,26 @@ void ZObject::AppendReferencedBy(ZObject* referrer, const std::string& metaKey) 
     if (referrer == nullptr) return;
     std::lock_guard<std::mutex> lock(mTreeMutex);
     if (!_ListsOpen()) return;
-    if (mReferencedBy == nullptr) mReferencedBy = new std::map<ZObject*, std::string>();
-    (*mReferencedBy)[referrer] = metaKey;
+    auto it = FindReferrer(mReferencedBy, referrer);
+    if (it != mReferencedBy.end()) {
+        it->second = metaKey;
+    } else {
+        mReferencedBy.emplace_back(referrer, metaKey);
+    }
 }
 
 void ZObject::RemoveReferencedBy(ZObject* referrer) {
     std::lock_guard<std::mutex> lock(mTreeMutex);
-    if (mReferencedBy != nullptr) mReferencedBy->erase(referrer);
+    auto it = FindReferrer(mReferencedBy, referrer);
+    if (it != mReferencedBy.end()) mReferencedBy.erase(it);
+    // A node that lost its last referrer gives the storage back.
+    if (mReferencedBy.empty()) ReferrerList().swap(mReferencedBy);
 }
 
 bool ZObject::_MetaKeyOf(ZObject* referrer, std::string* metaKey) {
     std::lock_guard<std::mutex> lock(mTreeMutex);
-    if (mReferencedBy == nullptr) return false;
-    auto it = mReferencedBy->find(referrer);
-    if (it == mReferencedBy->end()) return false;
+    auto it = FindReferrer(mReferencedBy, referrer);
+    if (it == mReferencedBy.end()) return false;
     if (metaKey != nullptr) *metaKey = it->second;
     return true;
 }
@@ -459,8 +472,7 @@ std::string ZObject::GetMetaKeyInReferencedBy(ZObject* referrer) {
 void ZObject::DumpReferencedBy() {
     std::lock_guard<std::mutex> lock(mTreeMutex);
     ZLOGM("ZComLib", eZLogRaw, "Dump Resource[%s] is ReferencedBy ===>\n", _LogName().c_str());
-    if (mReferencedBy == nullptr) return;
-    for (const auto& entry : *mReferencedBy) {
+    for (const auto& entry : mReferencedBy) {
         ZLOGM("ZComLib", eZLogRaw, "  ReferencedBy[%s], MetaKey[%s]\n",
               entry.first->_LogName().c_str(), entry.second.c_str());
     }
@@ -492,8 +504,8 @@ void ZObject::UpdateReferencedBy(eDestroyMode mode) {
     std::vector<std::pair<ZObject*, std::string>> referrers;
     {
         std::lock_guard<std::mutex> lock(mTreeMutex);
-        if (mReferencedBy == nullptr) return;
-        referrers.assign(mReferencedBy->begin(), mReferencedBy->end());
+        if (mReferencedBy.empty()) return;
+        referrers = mReferencedBy;
     }
 
     std::vector<ZObject*> collections;  // each held by a using count
@@ -598,11 +610,11 @@ void ZObject::ObjDestroy(eDestroyMode mode, bool clearStore) {
     UpdateReferencedBy(mode);
 
     std::set<ZObject*>* refTo = nullptr;
-    std::map<ZObject*, std::string>* refBy = nullptr;
+    ReferrerList refBy;  // freed at the end of this function
     {
         std::lock_guard<std::mutex> lock(mTreeMutex);
         std::swap(refTo, mReferenceTo);
-        std::swap(refBy, mReferencedBy);
+        refBy.swap(mReferencedBy);
     }
     if (refTo != nullptr) {
         for (ZObject* target : *refTo) {
@@ -612,7 +624,6 @@ void ZObject::ObjDestroy(eDestroyMode mode, bool clearStore) {
         }
     }
     delete refTo;
-    delete refBy;
 
     std::map<std::string, ZObject*>* children = nullptr;
     {

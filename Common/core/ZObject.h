@@ -47,6 +47,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "OrbelDefs.h"
@@ -455,7 +456,11 @@ protected:
     // another node).
     std::mutex mTreeMutex;  // guards mChildList, mReferencedBy, mReferenceTo
     std::map<std::string, ZObject*>* mChildList = nullptr;
-    std::map<ZObject*, std::string>* mReferencedBy = nullptr;
+    // Who links to this node, with the meta key under which each does. Kept
+    // in the node as a plain vector: nearly every node has exactly one
+    // referrer (the node that holds it as a property), for which a map cost
+    // a header and a tree node on the heap. Lookups scan it.
+    std::vector<std::pair<ZObject*, std::string>> mReferencedBy;
     std::set<ZObject*>* mReferenceTo = nullptr;
 
     std::atomic<int32_t> mUsingCount{0};
