@@ -34,6 +34,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -267,11 +268,12 @@ private:
     std::map<long, sThreadInfo> mThreadInfo;  // by kernel thread id
 
     // Registry containers; each guarded by its own mutex (ZApplication_ObjRegistry.cpp).
+    // Hashed: looked up on nearly every node operation, never walked in order.
     std::mutex mOIDMutex;
-    std::map<uint32_t, ZObject*> mOIDMap;
+    std::unordered_map<uint32_t, ZObject*> mOIDMap;
     uint32_t mOIDSeq = 0;
     std::mutex mValidObjMutex;
-    std::map<ZObject*, uint8_t> mValidObjMap;
+    std::unordered_map<ZObject*, uint8_t> mValidObjMap;
     std::mutex mObjectListMutex;
     std::map<std::string, ZObject*> mObjectList;
     std::mutex mResourceListMutex;

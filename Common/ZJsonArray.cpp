@@ -57,12 +57,11 @@ void ZJsonArray::_InitMultiBackendMembers() {
         }
         if (!IsACorvelMetaKey(item, nullptr, &target, nullptr)) continue;
         ZObject* obj = app->GetObject(target);
-        if (obj != nullptr && app->UseIfValid(obj)) {
-            if (!obj->IsDied()) {
-                std::lock_guard<std::mutex> lock(mMemberMutex);
-                if (!_IsMemberLocked(obj)) _AddMemberLocked(obj);
-            }
-            obj->DecreaseUsingCount();
+        if (!Use(obj)) continue;
+        UseRelease release(obj);
+        if (!obj->IsDied()) {
+            std::lock_guard<std::mutex> lock(mMemberMutex);
+            if (!_IsMemberLocked(obj)) _AddMemberLocked(obj);
         }
     }
 }
@@ -110,9 +109,8 @@ eRtCode ZJsonArray::DelObjectItem(ZObject* obj) {
         }
         it = mMembers.erase(it);
         if (mMemberIndex != nullptr) mMemberIndex->erase(obj);
-        ZApplication* app = zApp;
-        for (; it != mMembers.end() && app != nullptr; ++it) {
-            if ((*it)->IsResourceType() && app->UseIfValid(*it)) shifted.push_back(*it);
+        for (; it != mMembers.end(); ++it) {
+            if ((*it)->IsResourceType() && Use(*it)) shifted.push_back(*it);
         }
     }
     // An embedded resource's "@odata.id" holds its position.
@@ -170,10 +168,7 @@ unsigned int ZJsonArray::ItemNum() {
 }
 
 eRtCode ZJsonArray::AppendItem(redisContext* c, const std::string& value) {
-    if ((GetAttribute() & ATTR_MultiBackend) != 0) {
-        std::lock_guard<std::mutex> lock(mMemberMutex);
-        mWrittenItems.insert(value);
-    }
+    if ((GetAttribute() & ATTR_MultiBackend) != 0) _NoteWritten(value);
     eRtCode rt = RedisListPushBack(c, mJPath.c_str(), value.c_str());
     UpdateParentOdataCount(c);
     return rt;
@@ -187,13 +182,10 @@ eRtCode ZJsonArray::UpdateItem(redisContext* c, const std::string& index,
 }
 
 eRtCode ZJsonArray::RemoveItem(redisContext* c, const std::string& text) {
-    if ((GetAttribute() & ATTR_MultiBackend) != 0) {
-        std::lock_guard<std::mutex> lock(mMemberMutex);
-        // Another backend's elements are not this process's to remove.
-        if (mWrittenItems.erase(text) == 0) {
-            ZLOG(eZLogError, "Unknown item[%s] in Object[%s].\n", text.c_str(), mJPath.c_str());
-            return RT_FAILURE;
-        }
+    // Another backend's elements are not this process's to remove.
+    if ((GetAttribute() & ATTR_MultiBackend) != 0 && !_ForgetWritten(text)) {
+        ZLOG(eZLogError, "Unknown item[%s] in Object[%s].\n", text.c_str(), mJPath.c_str());
+        return RT_FAILURE;
     }
     eRtCode rt = IsACorvelMetaKey(text) ? RedisListDelAll(c, mJPath.c_str(), text)
                                         : RedisListDel(c, mJPath.c_str(), text);
@@ -206,15 +198,12 @@ eRtCode ZJsonArray::UpdateParentOdataCount(redisContext* c) {
     ZObject* parent = GetParent();
     if (parent == nullptr || parent->GetType() == eJsonArray) return RT_SUCCESS;
 
-    std::unique_ptr<RedisCallConnection> own;
-    if (c == nullptr) {
-        own.reset(new RedisCallConnection());
-        c = own->get();
-        if (c == nullptr) {
-            ZLOG(eZLogError, "Failed to call RedisConnect()\n");
-            return RT_FAILURE;
-        }
+    RedisCallConnection conn(c);
+    if (conn.get() == nullptr) {
+        ZLOG(eZLogError, "Failed to call RedisConnect()\n");
+        return RT_FAILURE;
     }
+    c = conn.get();
     eRtCode rt = RT_SUCCESS;
     int size = ListSize(c);
     if (size < 0) {
@@ -234,13 +223,8 @@ eRtCode ZJsonArray::UpdateParentOdataCount(redisContext* c) {
 
 eRtCode ZJsonArray::CleanItemsFromRedis(redisContext* c) {
     if ((GetAttribute() & ATTR_MultiBackend) == 0) return RedisDelTable(c, mJPath.c_str());
-    std::set<std::string> items;
-    {
-        std::lock_guard<std::mutex> lock(mMemberMutex);
-        items.swap(mWrittenItems);
-    }
     eRtCode rt = RT_SUCCESS;
-    for (const std::string& item : items) {
+    for (const std::string& item : _TakeWritten()) {
         if (RedisListDelAll(c, mJPath.c_str(), item) != RT_SUCCESS) rt = RT_FAILURE;
     }
     return rt;

@@ -78,7 +78,6 @@ private:
     std::vector<ZObject*> mMembers;
     std::unique_ptr<std::unordered_set<ZObject*>> mMemberIndex;  // null below kMemberIndexFrom
     int32_t mPublishedCount = -1;
-    std::set<std::string> mWrittenItems;  // MultiBackend: items this process wrote
 };
 
 }  // namespace Orbel

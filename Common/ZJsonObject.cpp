@@ -1,7 +1,6 @@
 // A nested JSON object: one Redis hash under its JPath.
 #include "ZJsonObject.h"
 
-#include "RedisCli.h"
 #include "ZLogPrint.h"
 
 namespace Orbel {
@@ -17,14 +16,14 @@ eRtCode ZJsonObject::SetOdataType(const std::string& a, const std::string& b) {
     std::string type = "#" + a + "." + b;
     eRtCode rt = HashWrite("@odata.type", type);
     if (rt == RT_SUCCESS) {
-        std::lock_guard<std::mutex> lock(mWrittenMutex);
+        std::lock_guard<std::mutex> lock(mQueueMutex);
         mOdataType = std::move(type);
     }
     return rt;
 }
 
 std::string ZJsonObject::GetOdataType() {
-    std::lock_guard<std::mutex> lock(mWrittenMutex);
+    std::lock_guard<std::mutex> lock(mQueueMutex);
     return mOdataType;
 }
 
@@ -45,34 +44,15 @@ void ZJsonObject::_Destroy(eDestroyMode mode, bool clearStore) {
 
 eRtCode ZJsonObject::AppendProperty(redisContext* c, const std::string& key,
                                     const std::string& value) {
-    if ((GetAttribute() & ATTR_MultiBackend) != 0) {
-        std::lock_guard<std::mutex> lock(mWrittenMutex);
-        mWrittenFields.insert(key);
-    }
-    return RedisHashSet(c, mJPath.c_str(), key.c_str(), value.c_str());
+    return _HashFieldSet(c, key, value);
 }
 
 eRtCode ZJsonObject::RemoveProperty(redisContext* c, const std::string& key) {
-    if ((GetAttribute() & ATTR_MultiBackend) != 0) {
-        std::lock_guard<std::mutex> lock(mWrittenMutex);
-        mWrittenFields.erase(key);
-    }
-    return RedisHashDel(c, mJPath.c_str(), key.c_str());
+    return _HashFieldDel(c, key);
 }
 
 eRtCode ZJsonObject::CleanPropertiesFromRedis(redisContext* c) {
-    if ((GetAttribute() & ATTR_MultiBackend) == 0) return RedisDelTable(c, mJPath.c_str());
-    // Other backends' fields in the same hash stay.
-    std::set<std::string> fields;
-    {
-        std::lock_guard<std::mutex> lock(mWrittenMutex);
-        fields.swap(mWrittenFields);
-    }
-    eRtCode rt = RT_SUCCESS;
-    for (const std::string& field : fields) {
-        if (RedisHashDel(c, mJPath.c_str(), field.c_str()) != RT_SUCCESS) rt = RT_FAILURE;
-    }
-    return rt;
+    return _HashClean(c);
 }
 
 }  // namespace Orbel

@@ -7,14 +7,11 @@
 // parent (response data, extended-info lists, events) is the root of its own
 // tree and is retired with Destroy.
 //
-// Threads: as ZObject. The list of fields written by this process (for
-// MultiBackend nodes) has its own lock.
+// Threads: as ZObject.
 #ifndef ORBEL_ZJSONOBJECT_H
 #define ORBEL_ZJSONOBJECT_H
 
 #include <cstdint>
-#include <mutex>
-#include <set>
 #include <string>
 
 #include "ZObject.h"
@@ -38,7 +35,8 @@ public:
     eRtCode Destroy(bool clearStore);
     void _Destroy(eDestroyMode mode, bool clearStore);
 
-    // Store side of the change queue (called while applying).
+    // Store side of the change queue (called while applying): ZObject's
+    // hash commands, shared with ZResource.
     eRtCode AppendProperty(redisContext* c, const std::string& key, const std::string& value);
     eRtCode RemoveProperty(redisContext* c, const std::string& key);
     // Deletes the hash; on a MultiBackend node only the fields this process wrote.
@@ -46,9 +44,7 @@ public:
 
 private:
     const uint32_t mClassAttributes;
-    std::mutex mWrittenMutex;  // guards mWrittenFields
-    std::set<std::string> mWrittenFields;
-    std::string mOdataType;
+    std::string mOdataType;  // guarded by mQueueMutex
 };
 
 }  // namespace Orbel

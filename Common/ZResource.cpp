@@ -65,7 +65,6 @@ ZResource::~ZResource() {
 
 bool ZResource::_InitResource() {
     if (Initial() != RT_SUCCESS) return false;
-    mLockKey = kLockKeyPrefix + mJPath;
     if (mSchema != nullptr) mSchema->AddResource(this);
     _InitFillDefaultContents();
     return true;
@@ -125,13 +124,17 @@ void ZResource::_InitFillCRUDChannel(ZJsonArray* channelArray, int method) {
 // ---------------------------------------------------------------------------
 
 std::string ZResource::GetOdataId() {
-    std::lock_guard<std::mutex> lock(mOdataIdMutex);
-    return mOdataId;
+    std::lock_guard<std::mutex> lock(mLockMutex);
+    return mOdataId.empty() ? mJPath : mOdataId;
 }
 
 void ZResource::SetOdataId(const std::string& odataId) {
-    std::lock_guard<std::mutex> lock(mOdataIdMutex);
-    mOdataId = odataId;
+    std::lock_guard<std::mutex> lock(mLockMutex);
+    if (odataId == mJPath) {
+        mOdataId.clear();
+    } else {
+        mOdataId = odataId;
+    }
 }
 
 void ZResource::UpdateOdataId() {
@@ -160,9 +163,9 @@ void ZResource::UpdateOdataId() {
     }
     bool changed = false;
     {
-        std::lock_guard<std::mutex> lock(mOdataIdMutex);
-        changed = odataId != mOdataId;
-        if (changed) mOdataId = odataId;
+        std::lock_guard<std::mutex> lock(mLockMutex);
+        changed = odataId != (mOdataId.empty() ? mJPath : mOdataId);
+        if (changed) mOdataId = odataId == mJPath ? std::string() : odataId;
     }
     if (changed) HashWrite("@odata.id", odataId);
 }
@@ -172,12 +175,9 @@ void ZResource::UpdateOdataId() {
 // ---------------------------------------------------------------------------
 
 eRtCode ZResource::Lock(int timeoutMs, uint32_t flags) {
+    if (!Use(this)) return RT_FAILURE;
+    UseRelease release(this);
     ZApplication* app = zApp;
-    if (app == nullptr || !app->UseIfValid(this)) return RT_FAILURE;
-    struct Release {
-        ZObject* obj;
-        ~Release() { obj->DecreaseUsingCount(); }
-    } release{this};
     const unsigned long self = ThisThread();
     const uint32_t start = MiniTimeTick();
     bool reportedCorvel = false;
@@ -264,28 +264,36 @@ void ZResource::GetStatus(eResStatus& status, bool& lockedByMe) {
     }
 }
 
+// Made when needed rather than kept: only resources that take requests
+// ever use it.
+std::string ZResource::GetCorvelLockKey() const {
+    return mJPath.empty() ? std::string() : kLockKeyPrefix + mJPath;
+}
+
 std::string ZResource::CreateCorvelLockKey(redisContext* c, const std::string& value) {
-    if (mLockKey.empty()) return std::string();
-    if (RedisSet(c, mLockKey.c_str(), value.c_str(), kCorvelLockKeySeconds) != RT_SUCCESS) {
-        ZLOG(eZLogError, "Failed to call RedisSet( %s %s ).\n", mLockKey.c_str(), value.c_str());
+    const std::string lockKey = GetCorvelLockKey();
+    if (lockKey.empty()) return std::string();
+    if (RedisSet(c, lockKey.c_str(), value.c_str(), kCorvelLockKeySeconds) != RT_SUCCESS) {
+        ZLOG(eZLogError, "Failed to call RedisSet( %s %s ).\n", lockKey.c_str(), value.c_str());
         return std::string();
     }
-    return mLockKey;
+    return lockKey;
 }
 
 bool ZResource::IsCorvelLockKeyExist() {
-    if (mLockKey.empty()) return false;
+    const std::string lockKey = GetCorvelLockKey();
+    if (lockKey.empty()) return false;
     static const unsigned int kRetrySleepMs[] = {100, 200};
     for (unsigned int attempt = 0;; ++attempt) {
         std::string value;
-        eRtCode rt = RedisGet(nullptr, mLockKey.c_str(), &value);
+        eRtCode rt = RedisGet(nullptr, lockKey.c_str(), &value);
         if (rt == RT_SUCCESS) return true;
         if (rt == RT_NO_SUCH_KEY) return false;
         if (attempt >= sizeof(kRetrySleepMs) / sizeof(kRetrySleepMs[0])) break;
         MyMSleep(kRetrySleepMs[attempt]);
     }
     // An unreadable key must not wedge every request: treat it as absent.
-    ZLOG(eZLogError, "Failed to call RedisGet( %s ).\n", mLockKey.c_str());
+    ZLOG(eZLogError, "Failed to call RedisGet( %s ).\n", lockKey.c_str());
     return false;
 }
 
@@ -344,37 +352,18 @@ void ZResource::ResourceDestroy() {
 
 eRtCode ZResource::AppendProperty(redisContext* c, const std::string& key,
                                   const std::string& value) {
-    if ((GetAttribute() & ATTR_MultiBackend) != 0) {
-        std::lock_guard<std::mutex> lock(mWrittenMutex);
-        mWrittenFields.insert(key);
-    }
-    return RedisHashSet(c, mJPath.c_str(), key.c_str(), value.c_str());
+    return _HashFieldSet(c, key, value);
 }
 
 eRtCode ZResource::RemoveProperty(redisContext* c, const std::string& key) {
-    if ((GetAttribute() & ATTR_MultiBackend) != 0) {
-        std::lock_guard<std::mutex> lock(mWrittenMutex);
-        mWrittenFields.erase(key);
-    }
-    return RedisHashDel(c, mJPath.c_str(), key.c_str());
+    return _HashFieldDel(c, key);
 }
 
 eRtCode ZResource::CleanPropertiesFromRedis(redisContext* c) {
-    eRtCode rt = RT_SUCCESS;
-    if ((GetAttribute() & ATTR_MultiBackend) == 0) {
-        rt = RedisDelTable(c, mJPath.c_str());
-        // Content that is gone has nothing left to keep fresh.
-        RedisHashDel(c, kTtlTable, mJPath.c_str());
-        return rt;
-    }
-    std::set<std::string> fields;
-    {
-        std::lock_guard<std::mutex> lock(mWrittenMutex);
-        fields.swap(mWrittenFields);
-    }
-    for (const std::string& field : fields) {
-        if (RedisHashDel(c, mJPath.c_str(), field.c_str()) != RT_SUCCESS) rt = RT_FAILURE;
-    }
+    eRtCode rt = _HashClean(c);
+    // Content that is gone has nothing left to keep fresh (a MultiBackend
+    // resource's content is not all gone).
+    if ((GetAttribute() & ATTR_MultiBackend) == 0) RedisHashDel(c, kTtlTable, mJPath.c_str());
     return rt;
 }
 

@@ -17,7 +17,6 @@
 
 #include <cstdint>
 #include <mutex>
-#include <set>
 #include <string>
 
 #include "ZObject.h"
@@ -80,7 +79,8 @@ public:
     // The front end's lock: "&&ResourceLock:<URI>" = `value`, 20 s expiry.
     // Returns the key, or "" on failure (logged).
     std::string CreateCorvelLockKey(redisContext* c, const std::string& value);
-    std::string GetCorvelLockKey() const { return mLockKey; }
+    // "" before the resource has its URI.
+    std::string GetCorvelLockKey() const;
     bool IsCorvelLockKeyExist();
 
     // Time-to-live of the stored content, seconds (0: none).
@@ -105,7 +105,9 @@ public:
         multiExtInfo = mUserInTemplateMultiExtInfo;
     }
 
-    // Store side of the change queue (called while applying).
+    // Store side of the change queue (called while applying): ZObject's
+    // hash commands, shared with ZJsonObject; clearing also drops the
+    // resource's "&&TTL" entry.
     eRtCode AppendProperty(redisContext* c, const std::string& key, const std::string& value);
     eRtCode RemoveProperty(redisContext* c, const std::string& key);
     eRtCode CleanPropertiesFromRedis(redisContext* c);
@@ -129,11 +131,11 @@ protected:
     const uint32_t mClassAttributes;
 
 private:
-    std::mutex mOdataIdMutex;  // guards mOdataId
+    // Short sections only; no call into another node or the store under it.
+    std::mutex mLockMutex;  // guards mOdataId, mLockOwner, mLockDepth
+    // Empty while "@odata.id" is the URI (nearly every resource): only an
+    // embedded resource keeps a text of its own.
     std::string mOdataId;
-    std::string mLockKey;
-
-    std::mutex mLockMutex;  // guards mLockOwner, mLockDepth
     unsigned long mLockOwner = 0;
     int mLockDepth = 0;
 
@@ -144,8 +146,6 @@ private:
     std::string mUserInTemplatePath;
     bool mUserInTemplateMultiExtInfo = false;
 
-    std::mutex mWrittenMutex;  // guards mWrittenFields (MultiBackend)
-    std::set<std::string> mWrittenFields;
 };
 
 }  // namespace Orbel

@@ -100,10 +100,8 @@ std::vector<std::string> ZResourceCollection::GetMemberObjIDs() {
 }
 
 int ZResourceCollection::GetFreeMemberId() {
-    ZApplication* app = zApp;
-    if (app == nullptr || !app->UseIfValid(this)) return -1;
-    ZObjectUseGuard guard(this);
-    DecreaseUsingCount();
+    if (!Use(this)) return -1;
+    UseRelease release(this);
     if (IsDied()) return -1;
     ZObject* members = GetChild(kMembers, true);
     if (members == nullptr) {

@@ -66,13 +66,11 @@ void ZSchema::DestroyAllResources() {
         std::lock_guard<std::mutex> lock(mMutex);
         for (const auto& entry : mResources) resources.push_back(entry.second);
     }
-    ZApplication* app = zApp;
-    if (app == nullptr) return;
     for (ZResource* resource : resources) {
         // One may already be gone with an ancestor retired just before.
-        if (!app->UseIfValid(resource)) continue;
+        if (!Use(resource)) continue;
+        UseRelease release(resource);
         resource->ObjDestroy(ZObject::eDestroyDelete, true);
-        resource->DecreaseUsingCount();
     }
 }
 
@@ -82,11 +80,11 @@ void ZSchema::_RetireOwnedResources() {
     if (app == nullptr) return;
     for (const std::string& jpath : app->GetObjectList()) {
         ZObject* obj = app->GetObject(jpath);
-        if (obj == nullptr || !obj->IsResourceType() || !app->UseIfValid(obj)) continue;
+        if (obj == nullptr || !obj->IsResourceType() || !Use(obj)) continue;
+        UseRelease release(obj);
         if (static_cast<ZResource*>(obj)->OwnedBySchema() == this) {
             obj->ObjDestroy(ZObject::eDestroyDelete, true);
         }
-        obj->DecreaseUsingCount();
     }
 }
 

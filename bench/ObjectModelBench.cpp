@@ -13,27 +13,37 @@
 //   OneResource           a resource with 20 scalar properties, 2 nested
 //                         objects and a counted array of 10 items, built in
 //                         a connection scope as every start-up stage and
-//                         request is (goal: <= 1.25x)
+//                         request is
 //   OneResource/unscoped  the same on a thread without a scope, where each
 //                         constructor and apply takes a connection of its own
 //   Members/N             a collection and N member resources, each with a
 //                         few properties and a nested object, in a scope
-//                         (goal: <= 1.25x at 1000; the cost per member flat
-//                         from 100 to 10000)
+//                         (the cost per member flat from 100 to 10000)
 //
-// The process and its server are kept on one CPU (see PinToOneCpu).
+// Goals for Members/100 and Members/1000: time ratio <= 1.15x, and
+// instruction ratio <= 1.5x, counted by callgrind in a second run of this
+// program under valgrind (see RunInstructionChild); the summary prints both
+// side by side. The process and its server are kept on one CPU (see
+// PinToOneCpu).
 //
 // After the runs it reports the heap held by live nodes (counted by the
-// replaced global operator new/delete of this program) and prints a summary.
+// replaced global operator new/delete of this program; goal for a member
+// resource: at most half of the 3760 bytes it held before the node lists
+// were made on first use) and prints a summary.
 #include <benchmark/benchmark.h>
 #include <hiredis/hiredis.h>
 #include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <valgrind/callgrind.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <new>
@@ -371,6 +381,10 @@ struct Totals {
     int64_t runs = 0;
     int64_t units = 0;    // resources built per run
     size_t commands = 0;  // store commands per run
+    // Per iteration: the library's time per resource and its ratio to the
+    // floor, so that the summary can show how far one iteration strays.
+    std::vector<double> perUnitNs;
+    std::vector<double> ratios;
 };
 std::map<std::string, Totals> gTotals;
 std::vector<std::string> gOrder;
@@ -383,53 +397,69 @@ double Since(Clock::time_point t0) {
 // every start-up stage; without it they run as on a thread of the
 // plug-in's own, where each constructor and apply takes a connection for
 // itself.
-void Compare(benchmark::State& state, const std::string& name,
-             const std::function<ZObject*()>& rawBuild, int64_t units, bool scoped) {
-    auto build = [&rawBuild, scoped]() -> ZObject* {
+std::function<ZObject*()> Scoped(const std::function<ZObject*()>& rawBuild, bool scoped) {
+    return [rawBuild, scoped]() -> ZObject* {
         if (!scoped) return rawBuild();
         Orbel::RedisConnectionScope stage;
         return rawBuild();
     };
-    // An unrecorded warm-up, then two recordings that must agree: the
-    // floor replays the second.
+}
+
+// An unrecorded warm-up, then two recordings that must agree; the floor
+// replays the second. Empty text on success, else why it failed.
+std::string RecordFloor(const std::function<ZObject*()>& build, Script& script) {
     Retire(build());
     Script first;
-    Script second;
     ZObject* root = nullptr;
     bool recorded = Record([&] { root = build(); }, first);
     Retire(root);
-    recorded = recorded && Record([&] { root = build(); }, second);
+    recorded = recorded && Record([&] { root = build(); }, script);
     Retire(root);
-    if (!recorded || second.empty()) {
-        state.SkipWithError("cannot record the library's commands");
+    if (!recorded || script.empty()) return "cannot record the library's commands";
+    if (first != script) return "the library's command sequence differs between two builds";
+    return std::string();
+}
+
+void Compare(benchmark::State& state, const std::string& name,
+             const std::function<ZObject*()>& rawBuild, int64_t units, bool scoped) {
+    const std::function<ZObject*()> build = Scoped(rawBuild, scoped);
+    Script script;
+    const std::string failure = RecordFloor(build, script);
+    if (!failure.empty()) {
+        state.SkipWithError(failure.c_str());
         return;
     }
-    if (first != second) {
-        state.SkipWithError("the library's command sequence differs between two builds");
-        return;
-    }
-    const Replay floor(second);
+    const Replay floor(script);
 
     double libraryNs = 0;
     double floorNs = 0;
     bool ok = true;
     int64_t n = 0;
+    std::vector<double> perUnitNs;
+    std::vector<double> ratios;
+    ZObject* root = nullptr;
     for (auto _ : state) {
         const bool libraryFirst = (n++ & 1) == 0;
+        double libNs = 0;
+        double floNs = 0;
         for (int turn = 0; turn < 2; ++turn) {
             if ((turn == 0) == libraryFirst) {
                 Clock::time_point t0 = Clock::now();
                 root = build();
-                libraryNs += Since(t0);
+                libNs = Since(t0);
                 state.PauseTiming();
                 Retire(root);
                 state.ResumeTiming();
             } else {
                 Clock::time_point t0 = Clock::now();
                 ok = floor.Run(gCtx) && ok;
-                floorNs += Since(t0);
+                floNs = Since(t0);
             }
         }
+        libraryNs += libNs;
+        floorNs += floNs;
+        perUnitNs.push_back(libNs / static_cast<double>(units));
+        ratios.push_back(libNs / floNs);
     }
     if (!ok) {
         state.SkipWithError("a replayed command failed");
@@ -447,6 +477,8 @@ void Compare(benchmark::State& state, const std::string& name,
     t.runs += n;
     t.units = units;
     t.commands = floor.Size();
+    t.perUnitNs.insert(t.perUnitNs.end(), perUnitNs.begin(), perUnitNs.end());
+    t.ratios.insert(t.ratios.end(), ratios.begin(), ratios.end());
 }
 
 void BM_OneResource(benchmark::State& state) {
@@ -479,6 +511,7 @@ struct HeapFigure {
     const char* what;
     double bytes;
     double blocks;
+    bool isMember = false;  // the figure the heap goal is about
 };
 
 // Heap bytes and blocks per node, averaged over `count` nodes made by `make`
@@ -524,6 +557,7 @@ std::vector<HeapFigure> MeasureHeap() {
             auto* systems = static_cast<ZResourceCollection*>(parent);
             new ZResource(systems, gSystemSchema, std::to_string(systems->GetFreeMemberId()));
         }));
+    figures.back().isMember = true;
     figures.push_back(HeapPer(
         "the OneResource tree (resource + 4 nodes)", 100, HeapParent, [](ZObject* parent, int i) {
             auto* res = new ZResource(parent, gChassisSchema, "Tree" + std::to_string(i));
@@ -545,36 +579,217 @@ std::vector<HeapFigure> MeasureHeap() {
 }
 
 // ---------------------------------------------------------------------------
+// Instructions (callgrind)
+// ---------------------------------------------------------------------------
+// On this host the socket round trip dominates the time of a command, so a
+// time ratio near 1 can hide a library that burns several times the floor's
+// CPU; on the 32-bit controller the CPU is the scarce part. The program
+// therefore starts itself once more under callgrind, which counts the
+// instructions of one build of Members/N (library) and of one replay of its
+// recorded commands (floor), each between a zeroing and a dump of the
+// counters. Instruction counts do not depend on the machine's load.
+
+const char kInstrFlag[] = "--orbel-instructions";
+constexpr int kInstrMembers[] = {100, 1000};
+constexpr double kInstrGoal = 1.5;
+constexpr double kTimeGoal = 1.15;
+// Half of what a member resource held before the nodes made their lists on
+// first use (3760 bytes, 64-bit).
+constexpr double kMemberHeapGoal = 3760.0 / 2;
+
+// The child's side, under callgrind started with --instr-atstart=no.
+int RunInstructionChild() {
+    CALLGRIND_START_INSTRUMENTATION;
+    for (int members : kInstrMembers) {
+        const std::function<ZObject*()> build =
+            Scoped([members] { return BuildCollection(members); }, true);
+        Script script;
+        const std::string failure = RecordFloor(build, script);
+        if (!failure.empty()) {
+            std::fprintf(stderr, "bench: %s\n", failure.c_str());
+            return 1;
+        }
+        const Replay floor(script);
+        const std::string libraryTag = "library/" + std::to_string(members);
+        const std::string floorTag = "floor/" + std::to_string(members);
+        CALLGRIND_ZERO_STATS;
+        ZObject* root = build();
+        CALLGRIND_DUMP_STATS_AT(libraryTag.c_str());
+        Retire(root);
+        CALLGRIND_ZERO_STATS;
+        const bool ok = floor.Run(gCtx);
+        CALLGRIND_DUMP_STATS_AT(floorTag.c_str());
+        if (!ok) {
+            std::fprintf(stderr, "bench: a replayed command failed under callgrind\n");
+            return 1;
+        }
+    }
+    return 0;
+}
+
+struct InstrFigure {
+    double library = 0;  // instructions of one build
+    double floor = 0;    // instructions of one replay
+};
+
+// "desc: Trigger: Client Request: <tag>" and "summary: <Ir>" of every dump
+// file that callgrind wrote into `dir`.
+std::map<std::string, double> ReadDumps(const std::string& dir) {
+    std::map<std::string, double> totals;
+    for (int i = 1; i <= 16; ++i) {
+        std::ifstream in(dir + "/cg.out." + std::to_string(i));
+        if (!in) continue;
+        std::string line;
+        std::string tag;
+        double ir = -1;
+        while (std::getline(in, line)) {
+            static const std::string kDesc = "desc: Trigger: Client Request: ";
+            if (line.compare(0, kDesc.size(), kDesc) == 0) tag = line.substr(kDesc.size());
+            // "summary:" is the dump's event total; "totals:" sums the cost
+            // lines, which count some calls twice.
+            if (line.compare(0, 9, "summary: ") == 0) ir = std::strtod(line.c_str() + 9, nullptr);
+        }
+        if (!tag.empty() && ir >= 0) totals[tag] = ir;
+    }
+    return totals;
+}
+
+// Runs this program under callgrind; the figures per member count, or an
+// empty map with the reason in `why`.
+std::map<int, InstrFigure> MeasureInstructions(std::string* why) {
+    std::map<int, InstrFigure> figures;
+    char exe[4096];
+    const ssize_t n = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
+    char dirTemplate[] = "/tmp/orbel-callgrind-XXXXXX";
+    if (n <= 0 || mkdtemp(dirTemplate) == nullptr) {
+        *why = "no scratch directory";
+        return figures;
+    }
+    exe[n] = '\0';
+    const std::string dir = dirTemplate;
+    const std::string outFile = "--callgrind-out-file=" + dir + "/cg.out";
+    const std::string logFile = dir + "/valgrind.log";
+    std::fflush(stdout);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        FILE* log = std::freopen(logFile.c_str(), "w", stderr);
+        if (log != nullptr) dup2(fileno(stderr), STDOUT_FILENO);
+        execlp("valgrind", "valgrind", "--tool=callgrind", "--instr-atstart=no",
+               outFile.c_str(), exe, kInstrFlag, static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status) ||
+        WEXITSTATUS(status) != 0) {
+        *why = pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 127
+                   ? "valgrind is not installed (./run deps)"
+                   : "the callgrind run failed, see " + logFile;
+        return figures;
+    }
+    const std::map<std::string, double> totals = ReadDumps(dir);
+    for (int members : kInstrMembers) {
+        auto lib = totals.find("library/" + std::to_string(members));
+        auto flo = totals.find("floor/" + std::to_string(members));
+        if (lib == totals.end() || flo == totals.end() || flo->second <= 0) continue;
+        figures[members] = {lib->second, flo->second};
+    }
+    if (figures.empty()) {
+        *why = "no counts in " + dir;
+        return figures;
+    }
+    const std::string cleanup = "rm -rf '" + dir + "'";
+    if (std::system(cleanup.c_str()) != 0) std::fprintf(stderr, "bench: %s stays\n", dir.c_str());
+    return figures;
+}
+
+// ---------------------------------------------------------------------------
 // Summary
 // ---------------------------------------------------------------------------
 
-void PrintSummary(const std::vector<HeapFigure>& heap) {
+const char* Verdict(bool met) {
+    return met ? "met" : "NOT met";
+}
+
+void MinMax(const std::vector<double>& v, double* lo, double* hi) {
+    *lo = v.empty() ? 0 : *std::min_element(v.begin(), v.end());
+    *hi = v.empty() ? 0 : *std::max_element(v.begin(), v.end());
+}
+
+void PrintSummary(const std::vector<HeapFigure>& heap, const std::map<int, InstrFigure>& instr,
+                  const std::string& instrWhy) {
     if (!gOrder.empty()) {
-        std::printf("\nObject model/plain hiredis (same commands, one connection):\n");
-        std::printf("  %-20s %9s %12s %12s %8s\n", "tree", "commands", "library/us", "floor/us",
-                    "ratio");
+        std::printf("\nObject model/plain hiredis (same commands, one connection), time:\n");
+        std::printf("  %-20s %9s %12s %12s %8s  %s\n", "tree", "commands", "library/us",
+                    "floor/us", "ratio", "ratio per iteration (min-max)");
         for (const std::string& name : gOrder) {
             const Totals& t = gTotals[name];
             const double units = static_cast<double>(t.runs * t.units);
-            std::printf("  %-20s %9zu %12.2f %12.2f %7.3fx\n", name.c_str(), t.commands,
-                        t.libraryNs / units / 1000.0, t.floorNs / units / 1000.0,
-                        t.libraryNs / t.floorNs);
+            double lo = 0;
+            double hi = 0;
+            MinMax(t.ratios, &lo, &hi);
+            std::printf("  %-20s %9zu %12.2f %12.2f %7.3fx  %.3f-%.3fx\n", name.c_str(),
+                        t.commands, t.libraryNs / units / 1000.0, t.floorNs / units / 1000.0,
+                        t.libraryNs / t.floorNs, lo, hi);
         }
-        std::printf("  (library/us and floor/us: per resource built; the goal is <= 1.25x)\n");
-        auto perMember = [](const char* name) {
-            auto it = gTotals.find(name);
-            if (it == gTotals.end() || it->second.runs == 0) return 0.0;
-            return it->second.libraryNs / static_cast<double>(it->second.runs * it->second.units);
-        };
-        const double small = perMember("Members/100");
-        const double large = perMember("Members/10000");
-        if (small > 0 && large > 0) {
-            std::printf("  per-member cost 10000/100: %.3fx (goal: flat)\n", large / small);
+        std::printf("  (library/us and floor/us: per resource built)\n");
+
+        // Flatness: the library's time per member at each size against the
+        // 100-member row, with the range that single iterations give.
+        auto row = gTotals.find("Members/100");
+        if (row != gTotals.end() && row->second.runs > 0) {
+            const Totals& base = row->second;
+            const double basePer = base.libraryNs / static_cast<double>(base.runs * base.units);
+            double baseLo = 0;
+            double baseHi = 0;
+            MinMax(base.perUnitNs, &baseLo, &baseHi);
+            std::printf("  per-member time against Members/100 (one run; range from single "
+                        "iterations):\n");
+            for (const char* name : {"Members/100", "Members/1000", "Members/10000"}) {
+                auto it = gTotals.find(name);
+                if (it == gTotals.end() || it->second.runs == 0) continue;
+                const Totals& t = it->second;
+                const double per = t.libraryNs / static_cast<double>(t.runs * t.units);
+                double lo = 0;
+                double hi = 0;
+                MinMax(t.perUnitNs, &lo, &hi);
+                std::printf("    %-14s %8.2f us/member (%.2f-%.2f)  %.3fx (%.3f-%.3fx)\n", name,
+                            per / 1000.0, lo / 1000.0, hi / 1000.0, per / basePer, lo / baseHi,
+                            hi / baseLo);
+            }
         }
     }
+
+    std::printf("\nObject model/plain hiredis, instructions (callgrind, one build of Members/N "
+                "against one replay of its commands):\n");
+    if (instr.empty()) {
+        std::printf("  not measured: %s\n", instrWhy.c_str());
+    }
+    for (const auto& entry : instr) {
+        const std::string name = "Members/" + std::to_string(entry.first);
+        const InstrFigure& f = entry.second;
+        const double ratio = f.library / f.floor;
+        std::printf("  %-14s library %7.2f M, floor %7.2f M, %6.0f instr/member: %.3fx "
+                    "(goal <= %.2fx: %s)",
+                    name.c_str(), f.library / 1e6, f.floor / 1e6,
+                    f.library / static_cast<double>(entry.first), ratio, kInstrGoal,
+                    Verdict(ratio <= kInstrGoal));
+        auto t = gTotals.find(name);
+        if (t != gTotals.end() && t->second.floorNs > 0) {
+            const double timeRatio = t->second.libraryNs / t->second.floorNs;
+            std::printf("; time %.3fx (goal <= %.2fx: %s)", timeRatio, kTimeGoal,
+                        Verdict(timeRatio <= kTimeGoal));
+        }
+        std::printf("\n");
+    }
+
     std::printf("\nHeap held per live node (64-bit build, operator new bytes, averaged):\n");
     for (const HeapFigure& f : heap) {
-        std::printf("  %-40s %8.1f bytes in %5.1f blocks\n", f.what, f.bytes, f.blocks);
+        std::printf("  %-40s %8.1f bytes in %5.1f blocks", f.what, f.bytes, f.blocks);
+        if (f.isMember) {
+            std::printf("  (goal <= %.0f: %s)", kMemberHeapGoal,
+                        Verdict(f.bytes <= kMemberHeapGoal));
+        }
+        std::printf("\n");
     }
 }
 
@@ -596,6 +811,9 @@ void PinToOneCpu() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // The callgrind child: the same set-up, then only the counted builds.
+    const bool instructionChild = argc == 2 && std::strcmp(argv[1], kInstrFlag) == 0;
+    if (instructionChild) argc = 1;
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     PinToOneCpu();  // before the server starts, which inherits it
@@ -617,8 +835,16 @@ int main(int argc, char** argv) {
     gSystemsSchema = &systems;
     gSystemSchema = &system;
 
+    if (instructionChild) {
+        const int rc = RunInstructionChild();
+        redisFree(gCtx);
+        return rc;
+    }
     benchmark::RunSpecifiedBenchmarks();
-    PrintSummary(MeasureHeap());
+    const std::vector<HeapFigure> heap = MeasureHeap();
+    std::string instrWhy;
+    const std::map<int, InstrFigure> instr = MeasureInstructions(&instrWhy);
+    PrintSummary(heap, instr, instrWhy);
 
     redisFree(gCtx);
     benchmark::Shutdown();

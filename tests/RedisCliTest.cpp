@@ -79,6 +79,12 @@ TEST_F(RedisCliTest, HashWrappersKeepAwkwardTextsByteExact) {
         EXPECT_EQ(HGetAll("my key").count(kAwkward[2]), 0u);
     }
 
+    // The protocol framing: an empty argument, and a text longer than the
+    // sender's stack buffer that looks like framing itself.
+    const std::string big = std::string(3000, 'x') + "\r\n$3\r\nend\r\n";
+    ASSERT_EQ(RedisHashSet(ctx(), "big", "", big.c_str()), RT_SUCCESS);
+    EXPECT_EQ(HGetAll("big"), (std::map<std::string, std::string>{{"", big}}));
+
     // An empty field and a missing one (or key) read alike, and clear the value.
     RawCommand({"HSET", "h", "empty", ""});
     for (const char* field : {"empty", "missing", "no such key"}) {

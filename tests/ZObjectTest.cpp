@@ -207,6 +207,15 @@ TEST_F(ZObjectTest, RetirementIsOnceAndTheRecyclerWaitsForUsers) {
     // A using count below zero is reported, and the node freed all the same.
     auto* loose = new ZJsonObject(nullptr, "Loose");
     loose->ObjDestroy(ZObject::eDestroyDelete, true);
+    // Lists are made on first use, but a retired node makes none again: it
+    // takes no child and no link.
+    auto* late = new ZJsonObject(nullptr, "Late");
+    size_t refused = LogMark();
+    EXPECT_EQ(loose->AppendChildObj(late), RT_FAILURE);
+    loose->AppendReferencedBy(late, "&&ObjectRef Late Loose");
+    EXPECT_EQ(loose->GetMetaKeyInReferencedBy(late), "");
+    EXPECT_TRUE(Logged(refused, "Obj[Loose] try to append child[Late] but ChildList is NULL\n"));
+    late->Destroy(false);
     loose->DecreaseUsingCount();
     size_t mark = LogMark();
     Recycle();

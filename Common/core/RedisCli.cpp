@@ -6,10 +6,9 @@
 // out. Replies and self-opened connections are owned by small RAII holders,
 // so every return path frees them.
 //
-// Caller texts never become part of a format: keys, fields and values are
-// passed as "%s"/"%b" arguments of hiredis (each one a single binary-safe
-// argument, blanks included) or through redisCommandArgv. In log lines they
-// are "%s" arguments as well.
+// Caller texts never become part of a format: every command goes out as an
+// argument vector (each key, field and value one binary-safe argument,
+// blanks included). In log lines they are "%s" arguments.
 //
 // Nothing is logged on success: the wrappers sit under every store write of
 // the object mirror and every request, so a success-path line would cost
@@ -18,10 +17,11 @@
 
 #include <signal.h>
 
-#include <cstdarg>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "FixedPaths.h"
 #include "Orbel.h"
@@ -85,69 +85,112 @@ ReplyPtr TakeReply(redisContext* c, void* raw) {
     return reply;
 }
 
-// Sends one command written in hiredis's format language (where "%s" and
-// "%b" each make one binary-safe argument). Not marked as printf-like:
-// "%b" takes a pointer and a length, which printf checking would refuse.
-// Every format passed here is a literal of this file.
-ReplyPtr Command(redisContext* c, const char* format, ...) {
+// One argument of a command: a text and its length. Caller texts travel
+// only this way, byte for byte, so none of them is ever read as a format.
+struct Arg {
+    Arg(const char* text) : data(text), size(std::strlen(text)) {}  // NOLINT: implicit on purpose
+    Arg(const std::string& text) : data(text.data()), size(text.size()) {}  // NOLINT
+    const char* data;
+    size_t size;
+};
+
+// An integer as the decimal text an argument carries ("-1", "20").
+class DecimalArg {
+public:
+    explicit DecimalArg(long long value) {
+        std::to_chars_result r = std::to_chars(mText, mText + sizeof(mText), value);
+        mSize = static_cast<size_t>(r.ptr - mText);
+        *r.ptr = '\0';  // for the log lines that show it
+    }
+    operator Arg() const {  // NOLINT: implicit on purpose
+        Arg a(mText);
+        a.size = mSize;
+        return a;
+    }
+    const char* c_str() const { return mText; }
+
+private:
+    char mText[24];
+    size_t mSize;
+};
+
+// Appends "<n>" and the protocol's line end to `out` ("*3\r\n", "$5\r\n").
+char* PutCount(char* out, char mark, size_t n) {
+    *out++ = mark;
+    out = std::to_chars(out, out + 20, static_cast<unsigned long long>(n)).ptr;
+    *out++ = '\r';
+    *out++ = '\n';
+    return out;
+}
+
+// Sends one command, given as an argument vector, and waits for its reply.
+//
+// The command is written in the protocol's own framing ("*<argc>", then
+// "$<len>" and the bytes of each argument) here, in one pass into a buffer
+// on the stack, and handed to hiredis ready-made. These are the bytes that
+// hiredis's own argument-vector call writes; building them through its
+// general formatter cost about as many client instructions as the whole
+// rest of a round trip, which is what the controller's CPU feels.
+ReplyPtr SendArgv(redisContext* c, size_t argc, const char* const* argv, const size_t* argvLen) {
     KeepSigPipeFromEndingTheProcess();
-    va_list args;
-    va_start(args, format);
-    void* raw = redisvCommand(c, format, args);
-    va_end(args);
+    // A context of the caller's that does not block would return before the
+    // reply; hiredis's own call gives no reply then either.
+    if ((c->flags & REDIS_BLOCK) == 0) return ReplyPtr();
+    constexpr size_t kFrame = 1 + 20 + 2;  // "*" or "$", a count, "\r\n"
+    size_t total = kFrame;
+    for (size_t i = 0; i < argc; ++i) total += kFrame + argvLen[i] + 2;
+    char stackBuf[1024];
+    std::unique_ptr<char[]> heapBuf;
+    char* buf = stackBuf;
+    if (total > sizeof(stackBuf)) {
+        heapBuf.reset(new (std::nothrow) char[total]);
+        if (!heapBuf) return ReplyPtr();
+        buf = heapBuf.get();
+    }
+    char* out = PutCount(buf, '*', argc);
+    for (size_t i = 0; i < argc; ++i) {
+        out = PutCount(out, '$', argvLen[i]);
+        if (argvLen[i] != 0) std::memcpy(out, argv[i], argvLen[i]);
+        out += argvLen[i];
+        *out++ = '\r';
+        *out++ = '\n';
+    }
+    if (redisAppendFormattedCommand(c, buf, static_cast<size_t>(out - buf)) != REDIS_OK) {
+        return ReplyPtr();
+    }
+    void* raw = nullptr;
+    if (redisGetReply(c, &raw) != REDIS_OK) {
+        if (raw != nullptr) freeReplyObject(raw);
+        raw = nullptr;
+    }
     return TakeReply(c, raw);
+}
+
+ReplyPtr Command(redisContext* c, std::initializer_list<Arg> args) {
+    constexpr size_t kMaxArgs = 8;  // the longest command sent here has 5
+    const char* argv[kMaxArgs];
+    size_t argvLen[kMaxArgs];
+    size_t argc = 0;
+    for (const Arg& a : args) {
+        if (argc == kMaxArgs) return ReplyPtr();
+        argv[argc] = a.data;
+        argvLen[argc] = a.size;
+        ++argc;
+    }
+    return SendArgv(c, argc, argv, argvLen);
 }
 
 ReplyPtr CommandArgv(redisContext* c, std::vector<const char*>& argv,
                      const std::vector<size_t>& argvLen) {
-    KeepSigPipeFromEndingTheProcess();
-    void* raw = redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), argvLen.data());
-    return TakeReply(c, raw);
+    return SendArgv(c, argv.size(), argv.data(), argvLen.data());
 }
 
-// The context a wrapper works with: the caller's (left open), or one opened
-// for this call and closed by the destructor on every path.
-class CallContext {
-public:
-    explicit CallContext(redisContext* c) : mCtx(c) {}
-    ~CallContext() {
-        if (mOwned) RedisDisconnect(mCtx);
-    }
-    CallContext(const CallContext&) = delete;
-    CallContext& operator=(const CallContext&) = delete;
-
-    // When the caller passed null: takes the thread's scoped connection, or
-    // connects; false when that failed.
-    bool Open() {
-        if (mCtx != nullptr) return true;
-        mCtx = UsableScopedConn();
-        if (mCtx != nullptr) return true;
-        return OpenNew();
-    }
-    // Always a new connection of its own (for one that outlives the call).
-    bool OpenNew() {
-        mCtx = RedisConnect();
-        mOwned = mCtx != nullptr;
-        return mOwned;
-    }
-    redisContext* get() const { return mCtx; }
-
-    // Hands a self-opened connection over to the caller.
-    redisContext* Release() {
-        mOwned = false;
-        return mCtx;
-    }
-
-private:
-    redisContext* mCtx;
-    bool mOwned = false;
-};
-
-// Opens the call's connection, or logs (under the calling wrapper's name)
-// and returns `failRt` from it.
+// Checks the call's connection (RedisCallConnection, opened when the
+// caller passed none), or logs (under the calling wrapper's name) and
+// returns `failRt` from it.
 #define ORBEL_OPEN_OR_RETURN(ctx, failRt)                        \
     do {                                                         \
-        if (!(ctx).Open()) {                                     \
+        if ((ctx).get() == nullptr) {                            \
             ZLOG(eZLogError, "Failed to call RedisConnect()\n"); \
             return (failRt);                                     \
         }                                                        \
@@ -272,7 +315,7 @@ void DumpReplyLines(const redisReply* r, const std::string& indent) {
 // nothing came back; `shown` is the word the log texts use for the command.
 ReplyPtr KeyCommand(const char* func, redisContext* c, const char* word, const char* key,
                     const char* shown) {
-    ReplyPtr reply = Command(c, "%s %s", word, key);
+    ReplyPtr reply = Command(c, {word, key});
     if (!reply) ZLOG_AS(func, eZLogError, "Command[%s %s] reply is NULL.\n", shown, key);
     return reply;
 }
@@ -298,7 +341,7 @@ eRtCode SetMemberCommand(const char* func, redisContext* c, const char* word, co
                 static_cast<const void*>(key), static_cast<const void*>(value));
         return RT_FAILURE;
     }
-    ReplyPtr reply = Command(c, "%s %s %s", word, key, value);
+    ReplyPtr reply = Command(c, {word, key, value});
     if (!reply) {
         ZLOG_AS(func, eZLogError, "Command[%s %s %s] reply is NULL. err[%s]\n", word, key,
                 MaskSecretValue(key, value), c->errstr);
@@ -317,7 +360,7 @@ eRtCode SetMemberCommand(const char* func, redisContext* c, const char* word, co
 // "0" every one. Removing nothing is a success.
 eRtCode ListRemove(const char* func, redisContext* c, const char* key, const char* count,
                    const std::string& value) {
-    ReplyPtr reply = Command(c, "LREM %s %s %b", key, count, value.data(), value.size());
+    ReplyPtr reply = Command(c, {"LREM", key, count, value});
     if (!reply) {
         ZLOG_AS(func, eZLogError, "Command[LREM %s %s %s] reply is NULL. err[%s]\n", key, count,
                 MaskSecretValue(key, value.c_str()), c->errstr);
@@ -331,6 +374,23 @@ eRtCode ListRemove(const char* func, redisContext* c, const char* key, const cha
     return RT_SUCCESS;
 }
 
+// RPUSH of one value.
+eRtCode PushOne(const char* func, redisContext* c, const char* key, Arg value) {
+    ReplyPtr reply = Command(c, {"RPUSH", key, value});
+    // Arg texts are NUL-terminated (a C string, or std::string's data()).
+    if (!reply) {
+        ZLOG_AS(func, eZLogError, "Command[RPUSH %s %s] reply is NULL. err[%s]\n", key,
+                MaskSecretValue(key, value.data), c->errstr);
+        return RT_FAILURE;
+    }
+    if (reply->type != REDIS_REPLY_INTEGER) {
+        ZLOG_AS(func, eZLogError, "Command[RPUSH %s %s] reply failed.\n", key,
+                MaskSecretValue(key, value.data));
+        return RT_FAILURE;
+    }
+    return RT_SUCCESS;
+}
+
 // EVALSHA of one of the event service's scripts, whose digest the service
 // keeps in the hash "redisSHAScripts" under `script`. `result` is the
 // script's integer result (-1 until one came back); success means 1.
@@ -339,8 +399,8 @@ eRtCode ListRemove(const char* func, redisContext* c, const char* key, const cha
 eRtCode EvalStoredScript(const char* func, redisContext* caller, const char* script,
                          const char* payload, int& result, const char* dumpAs) {
     result = -1;
-    CallContext ctx(caller);
-    if (!ctx.Open()) {
+    RedisCallConnection ctx(caller);
+    if (ctx.get() == nullptr) {
         ZLOG_AS(func, eZLogError, "Failed to call RedisConnect()\n");
         return RT_FAILURE;
     }
@@ -354,7 +414,7 @@ eRtCode EvalStoredScript(const char* func, redisContext* caller, const char* scr
         ZLOG_AS(func, eZLogError, "Failed to get script[%s] SHA value.\n", script);
         return RT_FAILURE;
     }
-    ReplyPtr reply = Command(c, "evalsha %s 1 %s", sha.c_str(), payload);
+    ReplyPtr reply = Command(c, {"evalsha", sha, "1", payload});
     if (!reply) {
         ZLOG_AS(func, eZLogError, "Command[evalsha %s 1 %s] reply is NULL.\n", sha.c_str(),
                 payload);
@@ -427,7 +487,9 @@ redisContext* RedisConnectionScope::Current() {
     return tScopedConn;
 }
 
-RedisCallConnection::RedisCallConnection() : mCtx(UsableScopedConn()) {
+RedisCallConnection::RedisCallConnection(redisContext* c) : mCtx(c) {
+    if (mCtx != nullptr) return;
+    mCtx = UsableScopedConn();
     if (mCtx != nullptr) return;
     mCtx = RedisConnect();
     mOwned = mCtx != nullptr;
@@ -443,7 +505,7 @@ eRtCode redisAuthentication(redisContext* c, const char* pass) {
              static_cast<const void*>(pass));
         return RT_FAILURE;
     }
-    ReplyPtr reply = Command(c, "AUTH %s", pass);
+    ReplyPtr reply = Command(c, {"AUTH", pass});
     // The password never goes into a log line.
     if (!reply) {
         ZLOG(eZLogError, "Command[AUTH] reply is NULL. err[%s]\n", c->errstr);
@@ -473,24 +535,24 @@ void RedisDumpReply(const char* cmd, redisReply* reply) {
 redisContext* RedisSubscribeFromChannel(std::string channel) {
     // The subscription outlives this call, so the connection is always a new
     // one that the listening thread owns afterwards, never a scoped one.
-    CallContext ctx(nullptr);
-    if (!ctx.OpenNew()) {
+    redisContext* c = RedisConnect();
+    if (c == nullptr) {
         ZLOG(eZLogError, "Failed to call RedisConnect().\n");
         return nullptr;
     }
-    ReplyPtr reply = Command(ctx.get(), "SUBSCRIBE %b", channel.data(), channel.size());
+    ReplyPtr reply = Command(c, {"SUBSCRIBE", channel});
     if (!reply) {
         ZLOG(eZLogError, "Command[SUBSCRIBE %s] reply is NULL.\n", channel.c_str());
+        RedisDisconnect(c);
         return nullptr;
     }
-    return ctx.Release();
+    return c;
 }
 
 eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string message) {
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
-    ReplyPtr reply = Command(ctx.get(), "PUBLISH %b %b", channel.data(), channel.size(),
-                             message.data(), message.size());
+    ReplyPtr reply = Command(ctx.get(), {"PUBLISH", channel, message});
     if (!reply) {
         ZLOG(eZLogError, "Command[PUBLISH %s %s] reply is NULL.\n", channel.c_str(),
              message.c_str());
@@ -509,7 +571,7 @@ eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string 
 // ---------------------------------------------------------------------------
 
 int RedisType(redisContext* c, const char* key) {
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, REDIS_TABLE_UNSUPPORTED);
     ReplyPtr reply = KeyCommand(__func__, ctx.get(), "TYPE", key, "TYPE");
     if (!reply) return REDIS_TABLE_UNSUPPORTED;
@@ -526,7 +588,7 @@ int RedisType(redisContext* c, const char* key) {
 }
 
 eRtCode RedisSet(redisContext* c, const char* key, const char* value, unsigned int seconds) {
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
     if (key == nullptr || value == nullptr) {
         ZLOG(eZLogError, "NULL arg! key:%p value:%p\n", static_cast<const void*>(key),
@@ -536,7 +598,7 @@ eRtCode RedisSet(redisContext* c, const char* key, const char* value, unsigned i
     // The log texts name an NX option the command does not send; both are
     // kept as they are because log readers and the command's behaviour (an
     // existing lock key is overwritten) rely on them separately.
-    ReplyPtr reply = Command(ctx.get(), "SET %s %s EX %u", key, value, seconds);
+    ReplyPtr reply = Command(ctx.get(), {"SET", key, value, "EX", DecimalArg(seconds)});
     if (!reply) {
         ZLOG(eZLogError, "Command[SET %s %s EX %u NX] reply is NULL.\n", key,
              MaskSecretValue(key, value), seconds);
@@ -555,7 +617,7 @@ eRtCode RedisSet(redisContext* c, const char* key, const char* value, unsigned i
 }
 
 eRtCode RedisGet(redisContext* c, const char* key, std::string* value) {
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
     ReplyPtr reply = KeyCommand(__func__, ctx.get(), "GET", key, "GET");
     if (!reply) return RT_FAILURE;
@@ -569,7 +631,7 @@ eRtCode RedisGet(redisContext* c, const char* key, std::string* value) {
 }
 
 eRtCode RedisTTL(redisContext* c, const char* key, int* seconds) {
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
     if (key == nullptr || seconds == nullptr) {
         ZLOG(eZLogError, "Invalid argument key:%p rtValue:%p\n", static_cast<const void*>(key),
@@ -588,7 +650,7 @@ eRtCode RedisTTL(redisContext* c, const char* key, int* seconds) {
 }
 
 eRtCode RedisKeys(redisContext* c, const char* pattern, std::vector<std::string>& out, bool dump) {
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
     if (pattern == nullptr) {
         ZLOG(eZLogError, "NULL arg! patten:%p\n", static_cast<const void*>(pattern));
@@ -607,7 +669,7 @@ eRtCode RedisKeys(redisContext* c, const char* pattern, std::vector<std::string>
 }
 
 eRtCode RedisDelTable(redisContext* c, const char* key) {
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
     if (key == nullptr) {
         // Deleting nothing is treated as done: callers tear down trees and
@@ -625,7 +687,7 @@ eRtCode RedisDelTable(redisContext* c, const char* key) {
     // large tree does not stall the front end. Replies are not checked: a
     // key that is already gone is as good as deleted.
     for (const std::string& k : keys) {
-        Command(ctx.get(), "UNLINK %b", k.data(), k.size());
+        Command(ctx.get(), {"UNLINK", k});
     }
     return RT_SUCCESS;
 }
@@ -635,21 +697,21 @@ eRtCode RedisDelTable(redisContext* c, const char* key) {
 // ---------------------------------------------------------------------------
 
 eRtCode RedisHashSize(redisContext* c, const char* key, int& size) {
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
     // The texts say LLEN although HLEN is sent (see KeyLength).
     return KeyLength(__func__, ctx.get(), "HLEN", key, size);
 }
 
 eRtCode RedisHashSet(redisContext* c, const char* key, const char* name, const char* value) {
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
     if (key == nullptr || name == nullptr || value == nullptr) {
         ZLOG(eZLogError, "NULL arg! key:%p pptName:%p pptValue:%p\n", static_cast<const void*>(key),
              static_cast<const void*>(name), static_cast<const void*>(value));
         return RT_FAILURE;
     }
-    ReplyPtr reply = Command(ctx.get(), "HSET %s %s %s", key, name, value);
+    ReplyPtr reply = Command(ctx.get(), {"HSET", key, name, value});
     if (!reply) {
         ZLOG(eZLogError, "Command[HSET %s %s %s] reply is NULL. err[%s]\n", key, name,
              MaskSecretValue(name, value), ctx.get()->errstr);
@@ -665,9 +727,9 @@ eRtCode RedisHashSet(redisContext* c, const char* key, const char* name, const c
 }
 
 eRtCode RedisHashGet(redisContext* c, const char* key, const char* name, std::string& value) {
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_WITH_FIELD_OR_RETURN(ctx, key, name);
-    ReplyPtr reply = Command(ctx.get(), "HGET %s %s", key, name);
+    ReplyPtr reply = Command(ctx.get(), {"HGET", key, name});
     if (!reply) {
         value.clear();
         ZLOG(eZLogError, "Command[HGET %s %s] reply is NULL.\n", key, name);
@@ -685,9 +747,9 @@ eRtCode RedisHashGet(redisContext* c, const char* key, const char* name, std::st
 }
 
 eRtCode RedisHashDel(redisContext* c, const char* key, const char* name) {
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_WITH_FIELD_OR_RETURN(ctx, key, name);
-    ReplyPtr reply = Command(ctx.get(), "HDEL %s %s", key, name);
+    ReplyPtr reply = Command(ctx.get(), {"HDEL", key, name});
     if (!reply) {
         ZLOG(eZLogError, "Command[HDEL %s %s] reply is NULL. err[%s]\n", key, name,
              ctx.get()->errstr);
@@ -702,7 +764,7 @@ eRtCode RedisHashDel(redisContext* c, const char* key, const char* name) {
 
 eRtCode RedisHashGetAll(redisContext* c, const char* key, std::map<std::string, std::string>& out,
                         bool dump) {
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
     ReplyPtr reply = KeyCommand(__func__, ctx.get(), "HGETALL", key, "HGETALL");
     if (!reply) return RT_FAILURE;
@@ -758,7 +820,7 @@ eRtCode RedisListSet(redisContext* c, const char* key, const char* index, const 
     // The index is not one of the checked arguments; a null one is sent as
     // an empty text, which the server refuses as "not an integer".
     const char* indexText = index != nullptr ? index : "";
-    ReplyPtr reply = Command(c, "LSET %s %s %s", key, indexText, value);
+    ReplyPtr reply = Command(c, {"LSET", key, indexText, value});
     if (!reply) {
         ZLOG(eZLogError, "Command[LSET %s %s %s] reply is NULL. err[%s]\n", key, indexText,
              MaskSecretValue(key, value), c->errstr);
@@ -778,7 +840,7 @@ eRtCode RedisListGet(redisContext* c, const char* key, int index, std::string& v
              static_cast<const void*>(key));
         return RT_FAILURE;
     }
-    ReplyPtr reply = Command(c, "LINDEX %s %d", key, index);
+    ReplyPtr reply = Command(c, {"LINDEX", key, DecimalArg(index)});
     if (!reply) {
         ZLOG(eZLogError, "Command[LINDEX %s %d] reply is NULL.\n", key, index);
         return RT_FAILURE;
@@ -794,7 +856,7 @@ eRtCode RedisListGet(redisContext* c, const char* key, int index, std::string& v
 
 eRtCode RedisListPushBack(redisContext* c, const char* key,
                           const std::vector<std::string>& values) {
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
     if (values.empty()) {
         // Redis keeps no empty list, so there is nothing to write; the
@@ -803,17 +865,8 @@ eRtCode RedisListPushBack(redisContext* c, const char* key,
         return RT_SUCCESS;
     }
     for (const std::string& v : values) {
-        ReplyPtr reply = Command(ctx.get(), "RPUSH %s %b", key, v.data(), v.size());
-        if (!reply) {
-            ZLOG(eZLogError, "Command[RPUSH %s %s] reply is NULL. err[%s]\n", key,
-                 MaskSecretValue(key, v.c_str()), ctx.get()->errstr);
-            return RT_FAILURE;
-        }
-        if (reply->type != REDIS_REPLY_INTEGER) {
-            ZLOG(eZLogError, "Command[RPUSH %s %s] reply failed.\n", key,
-                 MaskSecretValue(key, v.c_str()));
-            return RT_FAILURE;
-        }
+        eRtCode rt = PushOne(__func__, ctx.get(), key, v);
+        if (rt != RT_SUCCESS) return rt;
     }
     return RT_SUCCESS;
 }
@@ -824,7 +877,17 @@ eRtCode RedisListPushBack(redisContext* c, const char* key, const char* value) {
              static_cast<const void*>(value));
         return RT_FAILURE;
     }
-    eRtCode rt = RedisListPushBack(c, key, std::vector<std::string>{value});
+    // The vector form's steps for one value, without making a vector: this
+    // is the append of every applied list item.
+    eRtCode rt = RT_FAILURE;
+    {
+        RedisCallConnection ctx(c);
+        if (ctx.get() == nullptr) {
+            ZLOG(eZLogError, "Failed to call RedisConnect()\n");
+        } else {
+            rt = PushOne(__func__, ctx.get(), key, value);
+        }
+    }
     if (rt != RT_SUCCESS) {
         ZLOG(eZLogError, "Failed to call RedisListPushBack(). rt:%d\n", static_cast<int>(rt));
     }
@@ -832,19 +895,19 @@ eRtCode RedisListPushBack(redisContext* c, const char* key, const char* value) {
 }
 
 eRtCode RedisListDel(redisContext* c, const char* key, std::string value) {
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
     return ListRemove(__func__, ctx.get(), key, "1", value);
 }
 
 eRtCode RedisListDelAll(redisContext* c, const char* key, std::string value) {
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
     return ListRemove(__func__, ctx.get(), key, "0", value);
 }
 
 eRtCode RedisListDel(redisContext* c, const char* key, int index) {
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
     std::vector<std::string> elements;
     if (RedisListGetAll(ctx.get(), key, 0, -1, elements) != RT_SUCCESS) {
@@ -865,9 +928,9 @@ eRtCode RedisListDel(redisContext* c, const char* key, int index) {
 eRtCode RedisListGetAll(redisContext* c, const char* key, int start, int stop,
                         std::vector<std::string>& out, bool dump) {
     out.clear();
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
-    ReplyPtr reply = Command(ctx.get(), "LRANGE %s %d %d", key, start, stop);
+    ReplyPtr reply = Command(ctx.get(), {"LRANGE", key, DecimalArg(start), DecimalArg(stop)});
     if (!reply) {
         ZLOG(eZLogError, "Command[LRANGE %s %d %d] reply is NULL.\n", key, start, stop);
         return RT_FAILURE;
@@ -934,7 +997,7 @@ eRtCode RedisListWriteBinData(redisContext* c, const char* key, unsigned char* d
 
 eRtCode RedisListReadBinData(redisContext* c, const char* key, unsigned char** data,
                              unsigned int& len) {
-    CallContext ctx(c);
+    RedisCallConnection ctx(c);
     ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
     if (key == nullptr || data == nullptr) {
         ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key));
@@ -942,7 +1005,7 @@ eRtCode RedisListReadBinData(redisContext* c, const char* key, unsigned char** d
     }
     *data = nullptr;
     len = 0;
-    ReplyPtr reply = Command(ctx.get(), "LRANGE %s %d %d", key, 0, -1);
+    ReplyPtr reply = Command(ctx.get(), {"LRANGE", key, "0", "-1"});
     if (!reply) {
         ZLOG(eZLogError, "Command[LRANGE %s 0 -1] reply is NULL.\n", key);
         return RT_FAILURE;

@@ -94,13 +94,14 @@ private:
     bool mActive = false;            // this scope set the thread's connection
 };
 
-// A connection for one operation: the thread's scoped connection while it is
-// usable, else a new one that the destructor closes. get() is null when no
-// connection could be opened (logged by RedisConnect). Never keep get()
-// beyond the object's life, nor pass it to another thread.
+// A connection for one operation: `c` when the caller passed one (used and
+// left open), else the thread's scoped connection while it is usable, else a
+// new one that the destructor closes. get() is null when no connection could
+// be opened (logged by RedisConnect). Never keep get() beyond the object's
+// life, nor pass it to another thread.
 class RedisCallConnection {
 public:
-    RedisCallConnection();
+    explicit RedisCallConnection(redisContext* c = nullptr);
     ~RedisCallConnection();
     RedisCallConnection(const RedisCallConnection&) = delete;
     RedisCallConnection& operator=(const RedisCallConnection&) = delete;

@@ -51,16 +51,23 @@ uint32_t InheritAttribute(ZObject* parent, ZObject::eType type, unsigned long at
     return attr;
 }
 
-// Frees the lists Initial() allocates, pending commands included.
+// Frees the lists made on first use, pending commands included.
 void FreeNodeLists(std::vector<sRedisCmdItem*>* queue, std::map<std::string, ZObject*>* children,
-                   std::map<ZObject*, std::string>* refBy, std::set<ZObject*>* refTo) {
+                   std::set<ZObject*>* refTo) {
     if (queue != nullptr) {
         for (sRedisCmdItem* item : *queue) delete item;
     }
     delete queue;
     delete children;
-    delete refBy;
     delete refTo;
+}
+
+using ReferrerList = std::vector<std::pair<ZObject*, std::string>>;
+
+ReferrerList::iterator FindReferrer(ReferrerList& list, ZObject* referrer) {
+    auto it = list.begin();
+    while (it != list.end() && it->first != referrer) ++it;
+    return it;
 }
 
 }  // namespace
@@ -115,8 +122,9 @@ ZObject::~ZObject() {
             app->_ForgetObject(this);
         }
     }
-    FreeNodeLists(mRedisCmdQueue, mChildList, mReferencedBy, mReferenceTo);
+    FreeNodeLists(mRedisCmdQueue, mChildList, mReferenceTo);
     delete mRawJson;
+    delete mWritten.load();
 }
 
 eRtCode ZObject::Initial() {
@@ -137,34 +145,25 @@ eRtCode ZObject::Initial() {
              mName.c_str(), SanitizedText(mId, 64).c_str());
         return RT_FAILURE;
     }
-    if (mChildList != nullptr) {
+    if (mListsOpen.exchange(true)) {
         ZLOG(eZLogError, "Object[%s] is already initialised.\n", mJPath.c_str());
         return RT_FAILURE;
     }
-    {
-        std::lock_guard<std::mutex> lock(mChildMutex);
-        mChildList = new std::map<std::string, ZObject*>();
-    }
-    {
+    if (mIsRawJson) {
         std::lock_guard<std::mutex> lock(mQueueMutex);
-        mRedisCmdQueue = new std::vector<sRedisCmdItem*>();
-        if (mIsRawJson && mRawJson == nullptr) mRawJson = new sRawJsonData();
-    }
-    {
-        std::lock_guard<std::mutex> lock(mRefMutex);
-        mReferencedBy = new std::map<ZObject*, std::string>();
-        mReferenceTo = new std::set<ZObject*>();
+        if (mRawJson == nullptr) mRawJson = new sRawJsonData();
     }
     if (_SetId(mId) != RT_SUCCESS) {
         // The JPath belongs to another node (or the parent is gone): leave
         // this one as constructed, so that retiring it touches nothing of
         // the other node, in the registry or in the store.
+        mListsOpen.store(false);
         std::map<std::string, ZObject*>* children = nullptr;
         std::vector<sRedisCmdItem*>* queue = nullptr;
-        std::map<ZObject*, std::string>* refBy = nullptr;
+        ReferrerList refBy;
         std::set<ZObject*>* refTo = nullptr;
         {
-            std::lock_guard<std::mutex> lock(mChildMutex);
+            std::lock_guard<std::mutex> lock(mTreeMutex);
             std::swap(children, mChildList);
         }
         {
@@ -172,11 +171,11 @@ eRtCode ZObject::Initial() {
             std::swap(queue, mRedisCmdQueue);
         }
         {
-            std::lock_guard<std::mutex> lock(mRefMutex);
-            std::swap(refBy, mReferencedBy);
+            std::lock_guard<std::mutex> lock(mTreeMutex);
+            refBy.swap(mReferencedBy);
             std::swap(refTo, mReferenceTo);
         }
-        FreeNodeLists(queue, children, refBy, refTo);
+        FreeNodeLists(queue, children, refTo);
         return RT_FAILURE;
     }
     _ClearRedisCache();
@@ -246,18 +245,17 @@ eRtCode ZObject::_SetId(const std::string& id) {
     return RT_SUCCESS;
 }
 
+// The id, name and JPath are fixed once Initial() has run, so reading them
+// needs no lock; the caller's own hold on the node keeps it alive.
 std::string ZObject::GetId() {
-    ZObjectUseGuard guard(this);
     return mId;
 }
 
 std::string ZObject::GetName() {
-    ZObjectUseGuard guard(this);
     return mName;
 }
 
 std::string ZObject::GetJPath() {
-    ZObjectUseGuard guard(this);
     return mJPath;
 }
 
@@ -301,12 +299,13 @@ ZSchema* ZObject::GetOwnedBySchema() {
 eRtCode ZObject::AppendChildObj(ZObject* child) {
     if (child == nullptr) return RT_INVALID_ARG;
     std::string key = child->GetId();
-    std::lock_guard<std::mutex> lock(mChildMutex);
-    if (mChildList == nullptr) {
+    std::lock_guard<std::mutex> lock(mTreeMutex);
+    if (!_ListsOpen()) {
         ZLOG(eZLogError, "Obj[%s] try to append child[%s] but ChildList is NULL\n",
              _LogName().c_str(), key.c_str());
         return RT_FAILURE;
     }
+    if (mChildList == nullptr) mChildList = new std::map<std::string, ZObject*>();
     auto inserted = mChildList->emplace(std::move(key), child);
     if (!inserted.second) {
         ZLOG(eZLogError, "Try to overwrite an existing child object[%s].\n",
@@ -317,32 +316,39 @@ eRtCode ZObject::AppendChildObj(ZObject* child) {
 }
 
 ZObject* ZObject::_GetChild(const std::string& id, bool silent) {
-    std::lock_guard<std::mutex> lock(mChildMutex);
-    if (mChildList == nullptr) {
+    std::lock_guard<std::mutex> lock(mTreeMutex);
+    if (mChildList == nullptr && !_ListsOpen()) {
         ZLOG(eZLogError, "Obj[%s] try to get child[%s] but ChildList is NULL\n", _LogName().c_str(),
              id.c_str());
         return nullptr;
     }
-    auto it = mChildList->find(id);
-    if (it == mChildList->end()) {
+    ZObject* child = nullptr;
+    if (mChildList != nullptr) {
+        auto it = mChildList->find(id);
+        if (it != mChildList->end()) child = it->second;
+    }
+    if (child == nullptr) {
         if (!silent) {
             ZLOG(eZLogError, "Object[%s] doesn't have this child[%s]\n", _LogName().c_str(),
                  id.c_str());
         }
         return nullptr;
     }
-    if (it->second->IsDied()) {
+    if (child->IsDied()) {
         if (!silent) {
             ZLOG(eZLogError, "The child[%s] is died for this Object[%s]\n", id.c_str(),
                  _LogName().c_str());
         }
         return nullptr;
     }
-    return it->second;
+    return child;
 }
 
 ZObject* ZObject::GetChild(const std::string& id, bool silent) {
-    ZObjectUseGuard guard(this);
+    // Held while the child list is read: a retirement on another thread
+    // then cannot hand the node to the recycler meanwhile.
+    IncreaseUsingCount();
+    UseRelease release(this);
     return _GetChild(id, silent);
 }
 
@@ -369,7 +375,7 @@ ZObject* ZObject::GetChildByJPath(const std::string& relativePath) {
 
 std::vector<std::string> ZObject::GetChildIDs() {
     std::vector<std::string> ids;
-    std::lock_guard<std::mutex> lock(mChildMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     if (mChildList == nullptr) return ids;
     ids.reserve(mChildList->size());
     for (const auto& entry : *mChildList) ids.push_back(entry.first);
@@ -377,12 +383,12 @@ std::vector<std::string> ZObject::GetChildIDs() {
 }
 
 size_t ZObject::GetChildNum() {
-    std::lock_guard<std::mutex> lock(mChildMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     return mChildList != nullptr ? mChildList->size() : 0;
 }
 
 void ZObject::DumpChildObj() {
-    std::lock_guard<std::mutex> lock(mChildMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     ZLOGM("ZComLib", eZLogRaw, "Dump Resource[%s] childs ===>\n", _LogName().c_str());
     if (mChildList == nullptr) return;
     for (const auto& entry : *mChildList) {
@@ -393,7 +399,7 @@ void ZObject::DumpChildObj() {
 
 eRtCode ZObject::RemoveChildObj(ZObject* child) {
     if (child == nullptr) return RT_INVALID_ARG;
-    std::lock_guard<std::mutex> lock(mChildMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     if (mChildList != nullptr) {
         // By identity: a refused duplicate with the same id is not the child.
         auto it = mChildList->find(child->mId);
@@ -409,7 +415,7 @@ eRtCode ZObject::RemoveChildObj(ZObject* child) {
 
 std::vector<ZObject*> ZObject::_UsedChildren() {
     std::vector<ZObject*> children;
-    std::lock_guard<std::mutex> lock(mChildMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     if (mChildList == nullptr) return children;
     children.reserve(mChildList->size());
     for (const auto& entry : *mChildList) {
@@ -432,21 +438,28 @@ void ZObject::DeleteAllChildObjs() {
 
 void ZObject::AppendReferencedBy(ZObject* referrer, const std::string& metaKey) {
     if (referrer == nullptr) return;
-    std::lock_guard<std::mutex> lock(mRefMutex);
-    if (mReferencedBy == nullptr) return;
-    (*mReferencedBy)[referrer] = metaKey;
+    std::lock_guard<std::mutex> lock(mTreeMutex);
+    if (!_ListsOpen()) return;
+    auto it = FindReferrer(mReferencedBy, referrer);
+    if (it != mReferencedBy.end()) {
+        it->second = metaKey;
+    } else {
+        mReferencedBy.emplace_back(referrer, metaKey);
+    }
 }
 
 void ZObject::RemoveReferencedBy(ZObject* referrer) {
-    std::lock_guard<std::mutex> lock(mRefMutex);
-    if (mReferencedBy != nullptr) mReferencedBy->erase(referrer);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
+    auto it = FindReferrer(mReferencedBy, referrer);
+    if (it != mReferencedBy.end()) mReferencedBy.erase(it);
+    // A node that lost its last referrer gives the storage back.
+    if (mReferencedBy.empty()) ReferrerList().swap(mReferencedBy);
 }
 
 bool ZObject::_MetaKeyOf(ZObject* referrer, std::string* metaKey) {
-    std::lock_guard<std::mutex> lock(mRefMutex);
-    if (mReferencedBy == nullptr) return false;
-    auto it = mReferencedBy->find(referrer);
-    if (it == mReferencedBy->end()) return false;
+    std::lock_guard<std::mutex> lock(mTreeMutex);
+    auto it = FindReferrer(mReferencedBy, referrer);
+    if (it == mReferencedBy.end()) return false;
     if (metaKey != nullptr) *metaKey = it->second;
     return true;
 }
@@ -462,10 +475,9 @@ std::string ZObject::GetMetaKeyInReferencedBy(ZObject* referrer) {
 }
 
 void ZObject::DumpReferencedBy() {
-    std::lock_guard<std::mutex> lock(mRefMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     ZLOGM("ZComLib", eZLogRaw, "Dump Resource[%s] is ReferencedBy ===>\n", _LogName().c_str());
-    if (mReferencedBy == nullptr) return;
-    for (const auto& entry : *mReferencedBy) {
+    for (const auto& entry : mReferencedBy) {
         ZLOGM("ZComLib", eZLogRaw, "  ReferencedBy[%s], MetaKey[%s]\n",
               entry.first->_LogName().c_str(), entry.second.c_str());
     }
@@ -473,8 +485,10 @@ void ZObject::DumpReferencedBy() {
 
 void ZObject::AppendReferenceTo(ZObject* target) {
     if (target == nullptr) return;
-    std::lock_guard<std::mutex> lock(mRefMutex);
-    if (mReferenceTo != nullptr) mReferenceTo->insert(target);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
+    if (!_ListsOpen()) return;
+    if (mReferenceTo == nullptr) mReferenceTo = new std::set<ZObject*>();
+    mReferenceTo->insert(target);
 }
 
 size_t ZObject::GetPendingChangeNum() {
@@ -483,12 +497,12 @@ size_t ZObject::GetPendingChangeNum() {
 }
 
 void ZObject::RemoveReferenceTo(ZObject* target) {
-    std::lock_guard<std::mutex> lock(mRefMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     if (mReferenceTo != nullptr) mReferenceTo->erase(target);
 }
 
 void ZObject::DumpReferenceTo() {
-    std::lock_guard<std::mutex> lock(mRefMutex);
+    std::lock_guard<std::mutex> lock(mTreeMutex);
     ZLOGM("ZComLib", eZLogRaw, "Dump Resource[%s] is ReferencedTo ===>\n", _LogName().c_str());
     if (mReferenceTo == nullptr) return;
     for (ZObject* target : *mReferenceTo) {
@@ -499,9 +513,9 @@ void ZObject::DumpReferenceTo() {
 void ZObject::UpdateReferencedBy(eDestroyMode mode) {
     std::vector<std::pair<ZObject*, std::string>> referrers;
     {
-        std::lock_guard<std::mutex> lock(mRefMutex);
-        if (mReferencedBy == nullptr) return;
-        referrers.assign(mReferencedBy->begin(), mReferencedBy->end());
+        std::lock_guard<std::mutex> lock(mTreeMutex);
+        if (mReferencedBy.empty()) return;
+        referrers = mReferencedBy;
     }
 
     std::vector<ZObject*> collections;  // each held by a using count
@@ -606,11 +620,11 @@ void ZObject::ObjDestroy(eDestroyMode mode, bool clearStore) {
     UpdateReferencedBy(mode);
 
     std::set<ZObject*>* refTo = nullptr;
-    std::map<ZObject*, std::string>* refBy = nullptr;
+    ReferrerList refBy;  // freed at the end of this function
     {
-        std::lock_guard<std::mutex> lock(mRefMutex);
+        std::lock_guard<std::mutex> lock(mTreeMutex);
         std::swap(refTo, mReferenceTo);
-        std::swap(refBy, mReferencedBy);
+        refBy.swap(mReferencedBy);
     }
     if (refTo != nullptr) {
         for (ZObject* target : *refTo) {
@@ -620,11 +634,10 @@ void ZObject::ObjDestroy(eDestroyMode mode, bool clearStore) {
         }
     }
     delete refTo;
-    delete refBy;
 
     std::map<std::string, ZObject*>* children = nullptr;
     {
-        std::lock_guard<std::mutex> lock(mChildMutex);
+        std::lock_guard<std::mutex> lock(mTreeMutex);
         std::swap(children, mChildList);
     }
     if (children != nullptr) {

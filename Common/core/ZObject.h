@@ -20,11 +20,22 @@
 // store, one command at a time. The tree's bookkeeping (children,
 // references) changes at once, the store only when applied.
 //
-// Threads. Any thread may work on any node. Each node has three locks (change
-// queue, children, references); no operation holds two of them at once or a
-// node's lock across a call into another node. Every public operation holds
+// Threads. Any thread may work on any node. Each node has two locks (the
+// change queue; the tree bookkeeping of children and references); no
+// operation holds both at once or a node's lock across a call into another
+// node. Every public operation holds
 // the using count for its duration. A store connection passed to an apply
 // call belongs to the calling thread.
+//
+// Memory. The child list, the change queue and the two reference lists are
+// made on first use and the queue is given back after each apply: most nodes
+// are leaves that never hold a child or a link, and a tree of a thousand
+// resources is mostly such nodes. A null list reads as empty.
+//
+// Defined in: ZObject.cpp (nodes, children, references, retirement),
+// ZObject_RedisCache.cpp (writes and the change queue), ZObject_StoreSide.cpp
+// (the store commands of an applied item), ZObject_RawJson.cpp (RawJson
+// content).
 #ifndef ORBEL_ZOBJECT_H
 #define ORBEL_ZOBJECT_H
 
@@ -36,6 +47,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "OrbelDefs.h"
@@ -149,11 +161,11 @@ public:
     ZObject(const ZObject&) = delete;
     ZObject& operator=(const ZObject&) = delete;
 
-    // Allocates the lists, builds the JPath, registers the node (in its
-    // parent and in the application) and removes whatever a previous process
-    // left under the JPath. Refuses both attribute bits together and an
-    // empty id (the node then stays without lists; its owner must still
-    // retire it). Returns 0 or 2.
+    // Opens the node's lists (made on first use), builds the JPath,
+    // registers the node (in its parent and in the application) and removes
+    // whatever a previous process left under the JPath. Refuses both
+    // attribute bits together and an empty id (the node then takes no child,
+    // write or link; its owner must still retire it). Returns 0 or 2.
     virtual eRtCode Initial();
     // Retires the node (see the class comment). A second call does nothing.
     virtual void ObjDestroy(eDestroyMode mode, bool clearStore);
@@ -375,6 +387,26 @@ protected:
     std::string _RawJsonRender(unsigned depth);
     // Logs the refusal of a removal on a RawJson node.
     static eRtCode _RawJsonRemovalRefused();
+
+    // True while the node may gain children, queued changes and links:
+    // after Initial() opened it and until it is retired. Lists are made on
+    // first use only then. Read under the lock of the list concerned.
+    bool _ListsOpen() const { return mListsOpen.load() && !IsDied(); }
+
+    // The store side of the change queue for hash nodes (JSON objects,
+    // resources, collections): set or delete one field of the node's hash,
+    // and delete the hash. A MultiBackend node shares its hash with other
+    // backends: it notes the fields it writes and deletes only those.
+    eRtCode _HashFieldSet(redisContext* c, const std::string& key, const std::string& value);
+    eRtCode _HashFieldDel(redisContext* c, const std::string& key);
+    eRtCode _HashClean(redisContext* c);
+    // What this process wrote into a MultiBackend node's key (hash fields,
+    // or list items of an array). The set is made on the first note.
+    void _NoteWritten(const std::string& text);
+    // False when `text` was not noted (nothing changes then).
+    bool _ForgetWritten(const std::string& text);
+    // Hands over the noted texts and forgets them.
+    std::set<std::string> _TakeWritten();
     // The value text of a change (the layout's value column).
     std::string _ValueText(const sObjectChange* change);
     // The link text of a node value ("&&Object ...", "&&Array ...",
@@ -425,32 +457,30 @@ protected:
     // finds it.
     sRawJsonData* mRawJson = nullptr;
 
-    std::mutex mChildMutex;  // guards mChildList
+    // One lock for the tree's bookkeeping: the children and both reference
+    // lists (never held with the queue lock, nor across a call into
+    // another node).
+    std::mutex mTreeMutex;  // guards mChildList, mReferencedBy, mReferenceTo
     std::map<std::string, ZObject*>* mChildList = nullptr;
-
-    std::mutex mRefMutex;  // guards mReferencedBy and mReferenceTo
-    std::map<ZObject*, std::string>* mReferencedBy = nullptr;
+    // Who links to this node, with the meta key under which each does. Kept
+    // in the node as a plain vector: nearly every node has exactly one
+    // referrer (the node that holds it as a property), for which a map cost
+    // a header and a tree node on the heap. Lookups scan it.
+    std::vector<std::pair<ZObject*, std::string>> mReferencedBy;
     std::set<ZObject*>* mReferenceTo = nullptr;
 
     std::atomic<int32_t> mUsingCount{0};
+    std::atomic<bool> mListsOpen{false};  // see _ListsOpen()
+
+    // MultiBackend nodes only (null until the first write): see
+    // _NoteWritten. Made once, freed with the node.
+    struct sWrittenTexts {
+        std::mutex mutex;  // guards texts
+        std::set<std::string> texts;
+    };
+    std::atomic<sWrittenTexts*> mWritten{nullptr};
 
     friend class ZApplication;
-};
-
-// Holds a node's using count for a scope.
-class ZObjectUseGuard {
-public:
-    explicit ZObjectUseGuard(ZObject* obj) : mObj(obj) {
-        if (mObj != nullptr) mObj->IncreaseUsingCount();
-    }
-    ~ZObjectUseGuard() {
-        if (mObj != nullptr) mObj->DecreaseUsingCount();
-    }
-    ZObjectUseGuard(const ZObjectUseGuard&) = delete;
-    ZObjectUseGuard& operator=(const ZObjectUseGuard&) = delete;
-
-private:
-    ZObject* mObj;
 };
 
 // Takes a using count on `obj` when the application's registry knows it and
@@ -459,7 +489,12 @@ private:
 // without one is refused rather than crashing on the registry.
 bool Use(ZObject* obj);
 
-// Releases, at the end of a scope, a count taken with Use().
+// The one way to hold a node's using count for a scope: take the count with
+// Use() (or IncreaseUsingCount() on a node the caller already holds), then
+// let a UseRelease give it back on every path. Null releases nothing.
+//
+//     if (!Use(node)) return RT_FAILURE;
+//     UseRelease release(node);
 class UseRelease {
 public:
     explicit UseRelease(ZObject* obj) : mObj(obj) {}

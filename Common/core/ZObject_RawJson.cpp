@@ -212,7 +212,8 @@ void ZObject::_RawJsonMerge() {
         }
         delete item;
     }
-    mRedisCmdQueue->clear();
+    delete mRedisCmdQueue;  // made again by the next write
+    mRedisCmdQueue = nullptr;
 }
 
 void ZObject::_RawJsonSetMember(const std::string& key, const std::string& text) {
@@ -274,7 +275,7 @@ std::string ZObject::_RawJsonRender(unsigned depth) {
             blank == std::string::npos ? std::string() : entry.text.substr(blank + 1);
         ZObject* child = nullptr;
         {
-            std::lock_guard<std::mutex> lock(mChildMutex);
+            std::lock_guard<std::mutex> lock(mTreeMutex);
             if (mChildList != nullptr) {
                 auto it = mChildList->find(id);
                 if (it != mChildList->end() && Use(it->second)) child = it->second;

@@ -466,7 +466,7 @@ ZObject* ZObject::_FindNodeOfProperty(const std::string& name, bool* isLink, std
     // its links; each knows the text under which this node holds it.
     std::vector<ZObject*> candidates;
     {
-        std::lock_guard<std::mutex> lock(mChildMutex);
+        std::lock_guard<std::mutex> lock(mTreeMutex);
         if (mChildList != nullptr) {
             for (const auto& entry : *mChildList) {
                 if (Use(entry.second)) candidates.push_back(entry.second);
@@ -474,7 +474,7 @@ ZObject* ZObject::_FindNodeOfProperty(const std::string& name, bool* isLink, std
         }
     }
     {
-        std::lock_guard<std::mutex> lock(mRefMutex);
+        std::lock_guard<std::mutex> lock(mTreeMutex);
         if (mReferenceTo != nullptr) {
             for (ZObject* target : *mReferenceTo) {
                 if (Use(target)) candidates.push_back(target);
@@ -1059,12 +1059,13 @@ void ZObject::AppendRedisChange(sRedisCmdItem* item) {
     ZApplication* app = zApp;
     uint32_t now = app != nullptr ? app->LastLoopProcTimetick() : MiniTimeTick();
     std::lock_guard<std::mutex> lock(mQueueMutex);
-    if (mRedisCmdQueue == nullptr) {
+    if (!_ListsOpen()) {
         ZLOG(eZLogError, "Object[%s] has no change queue; the change is dropped.\n",
              _LogName().c_str());
         delete item;
         return;
     }
+    if (mRedisCmdQueue == nullptr) mRedisCmdQueue = new std::vector<sRedisCmdItem*>();
     // Differences of the 32-bit tick stay right across its wrap.
     if (!mRedisCmdQueue->empty() &&
         static_cast<uint32_t>(now - mLastAppendTick) > kUnappliedWarnMs) {
@@ -1148,7 +1149,8 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
                 if (_ApplyOneItem(c, item) != RT_SUCCESS) rt = RT_FAILURE;
                 delete item;
             }
-            mRedisCmdQueue->clear();
+            delete mRedisCmdQueue;  // made again by the next write
+            mRedisCmdQueue = nullptr;
         }
     }
     if (recursive) {
