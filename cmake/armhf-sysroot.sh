@@ -50,6 +50,7 @@ armhf=()
 for p in "${PACKAGES[@]}"; do armhf+=("$p:armhf"); done
 if ! (cd "$DEBS" && apt-get download -o APT::Sandbox::User=root "${armhf[@]}" >/dev/null 2>"$DEBS/apt.err"); then
   sed 's/^/armhf-sysroot: /' "$DEBS/apt.err" >&2
+  rm -rf "$DEBS" "$DEST"
   exit 1
 fi
 for deb in "$DEBS"/*.deb; do
