@@ -76,6 +76,39 @@ TEST_F(PlatformSimTest, VexValuesCrossBetweenToolAndLibraryAndVolatileHidesPersi
     EXPECT_EQ(Sim({}).output.rfind("Usage: orbel-sim COMMAND [ARGS]\n", 0), 0u);
 }
 
+// The front end's ready flag is read as a bool: the tool stores what a
+// bool set stores, and refuses text a bool reader would fail on (and keeps
+// the value it had).
+TEST_F(PlatformSimTest, TheReadyFlagTakesOnlyBoolValues) {
+    struct Case {
+        const char* given;
+        const char* expected;  // tool status and output, then the stored value
+        const char* stored;
+    };
+    const Case cases[] = {
+        {"1", "0:", "true"},
+        {"false", "0:", "false"},
+        {"true", "0:", "true"},
+        {"yes",
+         "2:orbel-sim: nginx_redfish_ready is a bool VEX variable: 'yes' is not one of true, "
+         "false, 1, 0\n",
+         "true"},
+        {"", "2:orbel-sim: nginx_redfish_ready is a bool VEX variable: '' is not one of true, "
+             "false, 1, 0\n",
+         "true"},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(Sim({"vex", "set", "nginx_redfish_ready", c.given}).Text(), c.expected) << c.given;
+        EXPECT_EQ(GetStr("nginx_redfish_ready"), c.stored) << c.given;
+    }
+    int ready = 0;
+    EXPECT_NE(vex_config_get_bool("nginx_redfish_ready", &ready), 0);
+    EXPECT_EQ(ready, 1);
+    // Other variables stay plain text.
+    EXPECT_EQ(Sim({"vex", "set", "sim_word", "yes"}).status, 0);
+    EXPECT_EQ(GetStr("sim_word"), "yes");
+}
+
 TEST_F(PlatformSimTest, KobaReportsItsErrorCodes) {
     // (Codes through the library's wrappers are checked in its settings suite.)
     int err = -1, s = 0;

@@ -5,7 +5,19 @@
 #ifndef ORBEL_ORBELDEFS_H
 #define ORBEL_ORBELDEFS_H
 
+#include <sys/types.h>
+
 #include <cstdint>
+#include <ctime>
+
+// The library and everything built against it agree on 64-bit time_t and
+// off_t (-D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64; the CMake target and the
+// pkg-config file pass them on). On the 32-bit controller the C library's
+// defaults are 32 bits: readdir fails on large inode numbers, dates after
+// 2038 break, and a mixed build disagrees on the layout of every structure
+// that holds them.
+static_assert(sizeof(time_t) == 8 && sizeof(off_t) == 8,
+              "build with -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64");
 
 // Marks a printf-like function so that a wrong conversion, or a format that
 // is not a literal, is a compile error. fmtIdx and argIdx count from 1; for a

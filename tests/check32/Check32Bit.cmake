@@ -16,7 +16,7 @@ separate_arguments(hiredis_flags UNIX_COMMAND "${hiredis_flags}")
 set(failed 0)
 foreach(src ${sources})
   execute_process(
-    COMMAND "${CXX}" -m32 -fsyntax-only -std=c++17 -D_FILE_OFFSET_BITS=64
+    COMMAND "${CXX}" -m32 -fsyntax-only -std=c++17 -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64
             -Wall -Wextra -Wformat=2 -Wformat-security -Werror
             -DORBEL_VERSION="check32"
             -I${SOURCE_DIR}/Common -I${SOURCE_DIR}/Common/core

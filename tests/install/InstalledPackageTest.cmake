@@ -64,9 +64,43 @@ foreach(f
   endif()
 endforeach()
 
-# The installed programs find their libraries through LD_LIBRARY_PATH only:
-# nothing may fall back on the build tree.
-set(RUN_ENV "${CMAKE_COMMAND}" -E env "LD_LIBRARY_PATH=${LIBDIR}")
+# Installed programs and libraries find each other through their run path
+# relative to their own location ($ORIGIN), never through the build tree or
+# LD_LIBRARY_PATH: every installed program below runs with it unset, and no
+# installed ELF file may name the build tree.
+set(RUN_ENV "${CMAKE_COMMAND}" -E env --unset=LD_LIBRARY_PATH
+  "ORBEL_SYSROOT=${WORK_DIR}/sysroot")
+file(MAKE_DIRECTORY "${WORK_DIR}/sysroot")
+file(GLOB installed_elves "${PREFIX}/bin/*" "${LIBDIR}/*.so.*")
+foreach(elf ${installed_elves})
+  if(IS_SYMLINK "${elf}")
+    continue()
+  endif()
+  run_step("readelf ${elf}" readelf -d "${elf}")
+  if(NOT STEP_OUTPUT MATCHES "RUNPATH[^\n]*\\$ORIGIN")
+    message(FATAL_ERROR "InstalledPackageTest: ${elf} has no $ORIGIN run path:\n${STEP_OUTPUT}")
+  endif()
+  string(FIND "${STEP_OUTPUT}" "${BUILD_DIR}" at)
+  if(NOT at EQUAL -1)
+    message(FATAL_ERROR "InstalledPackageTest: ${elf} names the build tree:\n${STEP_OUTPUT}")
+  endif()
+endforeach()
+foreach(lib PellCommon_Orbel OrbelPlatformSim)
+  if(NOT EXISTS "${LIBDIR}/lib${lib}.so.1")
+    message(FATAL_ERROR "InstalledPackageTest: lib${lib}.so.1 (the versioned name) was not installed")
+  endif()
+endforeach()
+
+# --- installed tools -------------------------------------------------------
+run_step(sim-set ${RUN_ENV} "${PREFIX}/bin/orbel-sim" vex set nginx_redfish_ready true)
+run_step(sim-get ${RUN_ENV} "${PREFIX}/bin/orbel-sim" vex get nginx_redfish_ready)
+if(NOT STEP_OUTPUT STREQUAL "true\n")
+  message(FATAL_ERROR "InstalledPackageTest: orbel-sim read back '${STEP_OUTPUT}'")
+endif()
+run_step(tree-help ${RUN_ENV} "${PREFIX}/bin/orbel-tree" --help)
+if(NOT STEP_OUTPUT MATCHES "^Usage: orbel-tree")
+  message(FATAL_ERROR "InstalledPackageTest: orbel-tree --help printed '${STEP_OUTPUT}'")
+endif()
 
 # --- find_package --------------------------------------------------------
 set(CMAKE_CONSUMER "${WORK_DIR}/cmake-consumer")
@@ -116,8 +150,11 @@ foreach(expected "${want_include}" "${want_lib}")
   endif()
 endforeach()
 set(PC_CONSUMER "${WORK_DIR}/pkgconfig-consumer")
+# A pkg-config user names the library directory as the program's run path
+# (or installs into a directory the loader searches); the library finds its
+# own dependencies from there.
 run_step(pkgconfig-build "${CXX}" -std=c++17 -Wall -Wextra -Werror "${CONSUMER_SRC}/main.cpp"
-  ${pc_flags} -o "${PC_CONSUMER}")
+  ${pc_flags} "-Wl,-rpath,${LIBDIR}" -o "${PC_CONSUMER}")
 run_step(pkgconfig-run ${RUN_ENV} "${PC_CONSUMER}")
 if(NOT STEP_OUTPUT MATCHES "consumer: all checks passed")
   message(FATAL_ERROR "InstalledPackageTest: consumer output: ${STEP_OUTPUT}")

@@ -18,8 +18,30 @@ extern char** environ;
 namespace OrbelTest {
 
 namespace {
+
 int gChildSeq = 0;
+
+// The words of ORBEL_TEST_LAUNCHER (blank-separated), put before every child's
+// command line: a cross build's tests run their child programs under the
+// same emulator that runs the test itself (e.g. "qemu-arm -L <sysroot>").
+std::vector<std::string> LauncherWords() {
+    std::vector<std::string> words;
+    const char* launcher = std::getenv("ORBEL_TEST_LAUNCHER");
+    if (launcher == nullptr) return words;
+    std::string word;
+    for (const char* p = launcher;; ++p) {
+        if (*p == ' ' || *p == '\0') {
+            if (!word.empty()) words.push_back(word);
+            word.clear();
+            if (*p == '\0') break;
+        } else {
+            word += *p;
+        }
+    }
+    return words;
 }
+
+}  // namespace
 
 ChildProcess::ChildProcess(std::vector<std::string> argv, std::map<std::string, std::string> env)
     : mArgv(std::move(argv)), mEnv(std::move(env)) {
@@ -38,8 +60,10 @@ ChildProcess::~ChildProcess() {
 bool ChildProcess::Start() {
     // Build argv and envp before fork: the child only calls async-signal-safe
     // functions.
+    std::vector<std::string> words = LauncherWords();
+    words.insert(words.end(), mArgv.begin(), mArgv.end());
     std::vector<char*> argv;
-    for (auto& a : mArgv) argv.push_back(const_cast<char*>(a.c_str()));
+    for (auto& a : words) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
     std::map<std::string, std::string> merged;
     for (char** e = environ; *e != nullptr; ++e) {

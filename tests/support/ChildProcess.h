@@ -16,7 +16,9 @@ namespace OrbelTest {
 class ChildProcess {
 public:
     // argv[0] is the program path. `env` entries are added to (or replace
-    // those of) the test's own environment.
+    // those of) the test's own environment. The words of the environment
+    // variable ORBEL_TEST_LAUNCHER, when set, go before argv (an emulator
+    // for a cross build's child programs).
     explicit ChildProcess(std::vector<std::string> argv,
                           std::map<std::string, std::string> env = {});
     ~ChildProcess();  // SIGKILLs a child that is still running

@@ -24,10 +24,19 @@
 #ifndef ORBEL_SIM_SIMSTORE_H
 #define ORBEL_SIM_SIMSTORE_H
 
+#include <sys/types.h>
+
+#include <ctime>
 #include <string>
 #include <vector>
 
 #include "vex.h"
+
+// Directory listings and file sizes need 64-bit offsets on the 32-bit
+// controller (readdir fails with EOVERFLOW otherwise); the build sets them
+// for every target.
+static_assert(sizeof(time_t) == 8 && sizeof(off_t) == 8,
+              "build with -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64");
 
 namespace OrbelSim {
 

@@ -34,7 +34,8 @@ const char kUsage[] =
     "\n"
     "Commands:\n"
     "  vex get NAME                    print a VEX variable\n"
-    "  vex set NAME VALUE [--persist]  set a VEX variable (volatile unless --persist)\n"
+    "  vex set NAME VALUE [--persist]  set a VEX variable (volatile unless --persist);\n"
+    "                                  a bool one (nginx_redfish_ready) takes true|false|1|0\n"
     "  vex list                        list VEX variables: name, persist|volatile, value\n"
     "  event raise NAME [PAYLOAD]      raise a VEX event in every listening process\n"
     "  koba get NAME                   print a KOBA variable\n"
@@ -97,6 +98,52 @@ int VexGet(const std::string& name) {
     return kExitOk;
 }
 
+// VEX variables are stored as text, but the controller's service knows their
+// types: a variable that the system reads with a typed getter cannot hold
+// a value of another type. The tool refuses such a value instead of storing
+// text that every reader would then fail to parse (a plug-in waiting for
+// "nginx_redfish_ready" would wait forever on "yes").
+enum class VexType { kBool, kString };
+
+struct TypedVex {
+    const char* name;
+    VexType type;
+};
+
+const TypedVex kTypedVex[] = {
+    {"nginx_redfish_ready", VexType::kBool},
+};
+
+VexType TypeOfVex(const std::string& name) {
+    for (const TypedVex& v : kTypedVex) {
+        if (name == v.name) return v.type;
+    }
+    return VexType::kString;
+}
+
+// Stores `value` through the setter of the variable's type, so a bool is
+// written the way a plug-in's own set writes it. Returns the exit status.
+int VexSetTyped(const std::string& name, const std::string& value, int persist) {
+    const char* n = name.c_str();
+    int done = 0;
+    switch (TypeOfVex(name)) {
+        case VexType::kBool: {
+            bool v = false;
+            if (!OrbelSim::ParseBool(value, v)) {
+                return Complain(kExitUsage,
+                                "%s is a bool VEX variable: '%s' is not one of true, false, 1, 0",
+                                n, value.c_str());
+            }
+            done = vex_config_set_bool(n, v ? 1 : 0, persist);
+            break;
+        }
+        case VexType::kString:
+            done = vex_config_set_str_n(n, value.c_str(), static_cast<int>(value.size()), persist);
+            break;
+    }
+    return done != 0 ? kExitOk : Complain(kExitFailed, "cannot set VEX variable %s", n);
+}
+
 int VexSet(std::vector<std::string> args) {
     bool persist = false;
     for (auto it = args.begin(); it != args.end();) {
@@ -108,12 +155,7 @@ int VexSet(std::vector<std::string> args) {
         }
     }
     if (args.size() != 2) return Usage();
-    const std::string& value = args[1];
-    if (vex_config_set_str_n(args[0].c_str(), value.c_str(), static_cast<int>(value.size()),
-                             persist ? 1 : 0) == 0) {
-        return Complain(kExitFailed, "cannot set VEX variable %s", args[0].c_str());
-    }
-    return kExitOk;
+    return VexSetTyped(args[0], args[1], persist ? 1 : 0);
 }
 
 int VexList() {

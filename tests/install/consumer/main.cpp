@@ -17,6 +17,15 @@
 #include "ZLogPrint.h"
 #include "ZSchema.h"
 
+// The package hands its consumers the library's 64-bit file offset and time
+// widths (both the CMake target and the pkg-config flags): on the 32-bit
+// controller a consumer built without them disagrees with the library on
+// the size of every time_t and off_t it passes.
+#if !defined(_FILE_OFFSET_BITS) || _FILE_OFFSET_BITS != 64 || !defined(_TIME_BITS) || \
+    _TIME_BITS != 64
+#error "the installed package did not pass _FILE_OFFSET_BITS=64 and _TIME_BITS=64"
+#endif
+
 namespace {
 
 int ConsumerFactory(void*) {
