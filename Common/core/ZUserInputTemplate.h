@@ -1,0 +1,215 @@
+// User-input templates: which properties a client may send to one schema,
+// with which JSON types, in which methods, which are required, and within
+// which limits.
+//
+// A template is read from "<template dir><name>.dat" when it is constructed
+// (docs/templates.md gives the file format and the choices made for it) and
+// kept as a cache: an ordered map from the property's template JPath ("/",
+// "/Boot", "/Boot/Order/{}") to its attribute record. The request path
+// checks every request body against that cache.
+//
+// Sharing and release. A cache is owned by the templates that serve it (one
+// after loading; more after AttachCache from another template). Readers (a
+// verification in flight) pin it through AttachCache(GetCache()) and give the
+// pin back with DetachCache(). A template retired while requests may still
+// hold it goes to the application's recycle queue (Recycle); after
+// kRecycleDelayMs the process loop calls FreeCache, which waits while pins
+// remain, and then deletes the template.
+//
+// Threads: construction and loading on one thread; afterwards every public
+// member may be called from any thread (the cache itself is read-only once
+// loaded; pins and ownership are counted under mutexes).
+//
+// Defined in: ZUserInputTemplate.cpp (file format, cache, sharing, dumps).
+#ifndef ORBEL_ZUSERINPUTTEMPLATE_H
+#define ORBEL_ZUSERINPUTTEMPLATE_H
+
+#include <regex.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "OrbelDefs.h"
+
+namespace Orbel {
+
+class ZSchema;
+
+// Allowed JSON data types of a property (bit mask, 16 bits).
+enum : uint16_t {
+    UIT_TYPE_NULL = 0x001,
+    UIT_TYPE_BOOL = 0x002,
+    UIT_TYPE_FLOAT = 0x004,
+    UIT_TYPE_SIGNED = 0x008,
+    UIT_TYPE_UNSIGNED = 0x010,
+    UIT_TYPE_STRING = 0x020,
+    UIT_TYPE_IGNORE = 0x040,  // accepted and not checked
+    UIT_TYPE_OBJECT = 0x080,
+    UIT_TYPE_ARRAY = 0x100,
+};
+
+// Methods in which a property may be written (bit mask).
+enum : uint8_t {
+    UIT_METHOD_ReadOnly = 0x01,  // an empty method section
+    UIT_METHOD_CreateOption = 0x02,
+    UIT_METHOD_CreateRequired = 0x04,
+    UIT_METHOD_PatchOption = 0x08,
+    UIT_METHOD_PatchRequired = 0x10,
+    UIT_METHOD_ActionOption = 0x20,
+    UIT_METHOD_ActionRequired = 0x40,
+};
+
+// Property flags (bit mask).
+enum : uint8_t {
+    UIT_FLAG_LifeCycleEvent = 0x1,
+    UIT_FLAG_SecureProperty = 0x2,  // the value never reaches a log line
+};
+
+// Which limits are given, and the array type.
+enum : uint8_t {
+    UIT_LIMIT_MIN = 0x01,
+    UIT_LIMIT_MAX = 0x02,
+    UIT_ARRAY_VariableLength = 0x00,
+    UIT_ARRAY_FixedLength = 0x10,
+    UIT_ARRAY_Rigid = 0x20,
+};
+
+// A compiled POSIX extended regular expression, freed with regfree.
+struct sCompiledPattern {
+    regex_t re;
+    bool compiled = false;  // set once regcomp succeeded
+    ~sCompiledPattern() {
+        if (compiled) regfree(&re);
+    }
+};
+
+// The attributes of one property, read from its attribute string.
+struct sPropertyAttrTag {
+    uint16_t dataTypes = 0;      // UIT_TYPE_*
+    uint8_t supportMethods = 0;  // UIT_METHOD_*
+    uint8_t flags = 0;           // UIT_FLAG_*
+    struct {
+        uint8_t presence = 0;  // UIT_LIMIT_MIN | UIT_LIMIT_MAX
+        uint8_t arrayType = UIT_ARRAY_VariableLength;
+        // Numbers: the value; strings: the length; arrays: the item count.
+        double min = 0;
+        double max = 0;
+        std::vector<std::string> enumStrings;              // in file order
+        std::set<double> enumValues;                       // when a numeric type is allowed
+        std::string pattern;                               // POSIX extended, unanchored
+        std::shared_ptr<const sCompiledPattern> compiled;  // null without pattern
+    } limits;
+};
+
+using UsrInTemplateCache = std::map<std::string, sPropertyAttrTag*>;
+
+class ZUserInputTemplate {
+public:
+    // Result of AttachCache for a template that asks for no verification.
+    static constexpr eRtCode RT_NO_VERIFY = static_cast<eRtCode>(7);
+    // How long a retired template waits in the recycle queue before its cache
+    // is freed: ten passes of the process loop, far beyond any request.
+    static constexpr unsigned long kRecycleDelayMs = 30000;
+    // Limits of the file format.
+    static constexpr unsigned kMaxTokenLength = 4096;  // quoted token, refused from here
+    static constexpr unsigned kMaxDepth = 32;          // nested object and array blocks
+    // The template JPath of the root, and the attribute it always gets.
+    static constexpr const char* kRootJPath = "/";
+    static constexpr const char* kFixedObjectAttr = "o@p,c,a@@";
+    // The index wildcard of array items in template JPaths.
+    static constexpr const char* kIndexWildcard = "{}";
+
+    // Records the owner and the name and loads "<dir><name>.dat". A null or
+    // empty name makes a template that asks for no verification
+    // (AttachCache answers RT_NO_VERIFY). `multiExtInfoMode`: verification
+    // reports every fault instead of stopping at the first.
+    ZUserInputTemplate(ZSchema* owner, std::string* name, bool multiExtInfoMode);
+    // Frees the cache when this was its last owner. A template that readers
+    // may still pin goes through Recycle instead.
+    ~ZUserInputTemplate();
+
+    ZUserInputTemplate(const ZUserInputTemplate&) = delete;
+    ZUserInputTemplate& operator=(const ZUserInputTemplate&) = delete;
+
+    ZSchema* GetOwnedBySchema() const { return mOwner; }
+    const std::string& GetName() const { return mName; }
+    // "<template dir><name>.dat"; empty for a template without a name.
+    const std::string& GetTemplateFilePath() const { return mFilePath; }
+    bool IsMultiExtInfoMode() const { return mMultiExtInfoMode; }
+    // 0 when the file was loaded; otherwise the code of the failed load (the
+    // template then has no cache and verification against it fails).
+    eRtCode GetLoadResult() const { return mLoadResult; }
+
+    // The cache this template serves; null when none. Valid while the
+    // caller holds a pin (AttachCache) or owns the template.
+    UsrInTemplateCache* GetCache();
+    // With the template's own cache: one pin for a reader (0). With another
+    // live cache: the template gives up its own cache and serves that one
+    // (0; 9 while readers pin the present one). 7 for a template that asks
+    // for no verification, 13 for a cache that is not live, 2 without cache.
+    eRtCode AttachCache(UsrInTemplateCache* cache);
+    // Gives back one reader pin. 13 when none is held.
+    eRtCode DetachCache();
+    // Gives up the template's ownership of its cache and frees the cache
+    // when no other template serves it. 9 (nothing done) while readers pin
+    // it; 0 otherwise, also when there was no cache.
+    eRtCode FreeCache();
+    // Hands `tmpl` to the application's recycle queue, which frees its
+    // cache and deletes it after kRecycleDelayMs. Deletes it at once when no
+    // application exists.
+    static void Recycle(ZUserInputTemplate* tmpl);
+
+    // The attribute of a template JPath; null when absent. Valid while the
+    // caller holds a pin.
+    const sPropertyAttrTag* FindAttr(const std::string& jpath);
+    // Template JPaths of the properties that carry CreateRequired,
+    // PatchRequired or ActionRequired, in file order.
+    std::vector<std::string> GetRequiredList(eReqMethod method);
+
+    // The cache and the required lists as log text (raw lines under the
+    // module "ZComLib"); the text is returned as well.
+    std::string DumpTemplateCache();
+    std::string DumpMethodRequiredList();
+
+    // Parses one attribute string into `attr`. Returns 0, or 2 with the
+    // message of the fault logged (not the PropertyAttr line, which names the
+    // file and line and is the caller's).
+    static eRtCode ParsePropertyAttr(const std::string& text, sPropertyAttrTag& attr);
+
+    // Parses a whole template text into a fresh cache and required lists.
+    // `name` and `path` only appear in messages. On failure nothing is kept.
+    struct sCacheDeleter {
+        void operator()(UsrInTemplateCache* cache) const;  // the records, then the map
+    };
+    struct sParsed {
+        std::unique_ptr<UsrInTemplateCache, sCacheDeleter> cache;
+        std::vector<std::string> required[3];  // create, patch, action
+    };
+    static eRtCode ParseTemplateText(const std::string& text, const std::string& name,
+                                     const std::string& path, sParsed& out);
+
+private:
+    eRtCode _LoadUsrInTemplateFile();
+    // Gives up ownership of mCache; mMutex held.
+    void _ReleaseOwnCache();
+
+    // Constant after construction.
+    ZSchema* const mOwner;
+    const std::string mName;
+    const std::string mFilePath;
+    const bool mMultiExtInfoMode;
+    eRtCode mLoadResult = RT_SUCCESS;
+
+    std::mutex mMutex;  // guards everything below
+    UsrInTemplateCache* mCache = nullptr;
+    uint32_t mPins = 0;
+};
+
+}  // namespace Orbel
+
+#endif  // ORBEL_ZUSERINPUTTEMPLATE_H
