@@ -38,7 +38,9 @@
 
 namespace Orbel {
 
+class ResponseExtendedInfo;
 class ZSchema;
+enum eRespMsg : int32_t;
 
 // Allowed JSON data types of a property (bit mask, 16 bits).
 enum : uint16_t {
@@ -107,6 +109,55 @@ struct sPropertyAttrTag {
 };
 
 using UsrInTemplateCache = std::map<std::string, sPropertyAttrTag*>;
+
+// ---------------------------------------------------------------------------
+// User input: the request body as a flat map, checked against a template.
+// ---------------------------------------------------------------------------
+
+// The type of a user-input value; the dump words are "null", "bool", "sNum",
+// "uNum", "string", "object", "rawStr", "double", "array".
+enum eUsrInValueType : uint8_t {
+    USRIN_NULL = 0,
+    USRIN_BOOL = 1,
+    USRIN_SNUM = 2,  // a negative integer
+    USRIN_UNUM = 3,  // a non-negative integer
+    USRIN_STRING = 4,
+    USRIN_OBJECT = 5,
+    USRIN_RAWSTR = 6,  // a string kept as raw JSON text
+    USRIN_DOUBLE = 7,
+    USRIN_ARRAY = 8,
+};
+const char* UsrInValueTypeWord(eUsrInValueType type);  // "?" for no type
+
+// One user-input value. Objects and arrays are entries too; their members
+// and items follow as "<jpath>/<name>" and "<jpath>/<index>".
+struct sUsrInCacheItem {
+    eUsrInValueType type = USRIN_NULL;
+    std::string value;  // "true"/"false", decimal numbers, the text; empty for containers
+    uint8_t flags = 0;  // UIT_FLAG_*, copied from the template
+};
+// Keyed by user-input JPath: "/" joined names from the body's root
+// ("/Boot/BootOrder/0"); an action's parameters from the action's body root.
+using UsrInCache = std::map<std::string, sUsrInCacheItem>;
+
+// One fault of a verification: the message, its arguments in order (the
+// value masked for a SecureProperty) and the related property (a body path
+// without the leading "/").
+struct sUsrInFault {
+    eRespMsg msg;
+    std::vector<std::string> args;
+    std::string property;
+};
+
+// What a verification needs from its request.
+struct sUsrInVerifyArgs {
+    eReqMethod method = eReqUpdate;
+    std::string actionName;  // an action's name as in "Actions", e.g. "#ComputerSystem.Reset"
+    UsrInCache* input = nullptr;
+    // Where the messages go (may be null: the faults are only returned).
+    ResponseExtendedInfo* extInfo = nullptr;
+    std::string schemaName;  // for the log lines
+};
 
 class ZUserInputTemplate {
 public:
@@ -192,6 +243,29 @@ public:
     };
     static eRtCode ParseTemplateText(const std::string& text, const std::string& name,
                                      const std::string& path, sParsed& out);
+
+    // Checks `args.input` against the template's cache (ZUserInputTemplate_Verify.cpp;
+    // docs/templates.md gives the order of the checks and the messages).
+    // Every fault becomes a message in `args.extInfo` and an entry of
+    // `faults` (either may be null). Returns 0 when the input passes (also
+    // for a template that asks for no verification), 2 when a fault was
+    // found, 13 for a null template or input, or the code of a failed
+    // AttachCache. The caller sets the response status on a non-zero result.
+    static eRtCode VerifyUserInputData(ZUserInputTemplate* tmpl, const sUsrInVerifyArgs& args,
+                                       std::vector<sUsrInFault>* faults);
+    // Copies each property's flags (SecureProperty, LifeCycleEvent) from the
+    // template into the input's items.
+    void AssignUsrInPptFlagFromUsrInTemplate(UsrInCache& input, eReqMethod method,
+                                             const std::string& actionName);
+    // The template JPath of a user-input JPath: array indexes become "{}",
+    // an action's parameters go under "/Actions/<action>". Empty when the
+    // path is malformed.
+    static std::string UsrInJPath2TemplateJPath(const UsrInCache& input, const std::string& jpath,
+                                                eReqMethod method, const std::string& actionName);
+    // True for a null text, or when every byte is printable ASCII or white space.
+    static bool _IsAllowedString(const char* text, unsigned int length);
+    // Longest user-input JPath accepted (longer: "ExtendedError.1.2.BadRequest").
+    static constexpr size_t kMaxUsrInJPathLength = 1024;
 
 private:
     eRtCode _LoadUsrInTemplateFile();
