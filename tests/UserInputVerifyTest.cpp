@@ -323,6 +323,14 @@ TEST_F(UserInputVerifyTest, MultiModeReportsEveryFaultAndFlagsComeFromTheTemplat
     args.input = &input;
     EXPECT_EQ(ZUserInputTemplate::VerifyUserInputData(&ignore, args, nullptr), RT_SUCCESS);
     EXPECT_EQ(ZUserInputTemplate::VerifyUserInputData(nullptr, args, nullptr), RT_INVALID_ARG);
+    // A template that did not load lets nothing through.
+    WriteFile(UserInputTemplateDir() + "Broken.dat", "{'A':'x@p@@'}");
+    std::string broken = "Broken";
+    ZUserInputTemplate failed(nullptr, &broken, false);
+    std::vector<sUsrInFault> faults;
+    EXPECT_EQ(ZUserInputTemplate::VerifyUserInputData(&failed, args, &faults), RT_FAILURE);
+    ASSERT_EQ(faults.size(), 1u);
+    EXPECT_EQ(faults[0].msg, RESP_Base_InternalError);
     // Nothing stays pinned after a verification.
     EXPECT_EQ(mTmpl->FreeCache(), RT_SUCCESS);
 }

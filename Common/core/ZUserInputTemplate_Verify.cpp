@@ -427,6 +427,10 @@ eRtCode ZUserInputTemplate::VerifyUserInputData(ZUserInputTemplate* tmpl,
     if (attached != RT_SUCCESS) {
         ZLOG(eZLogError, "Failed to call usrInTemp->AttachCache(). res:%d\n",
              static_cast<int>(attached));
+        // A template that did not load: the input is not let through unchecked,
+        // and the client learns that the fault is the service's.
+        if (args.extInfo != nullptr) args.extInfo->NewExtendedInfo(RESP_Base_InternalError);
+        if (faults != nullptr) faults->push_back(sUsrInFault{RESP_Base_InternalError, {}, ""});
         return attached;
     }
     Verifier verifier(*tmpl, *cache, args, faults);
