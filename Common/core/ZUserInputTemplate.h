@@ -20,7 +20,8 @@
 // member may be called from any thread (the cache itself is read-only once
 // loaded; pins and ownership are counted under mutexes).
 //
-// Defined in: ZUserInputTemplate.cpp (file format, cache, sharing, dumps).
+// Defined in: ZUserInputTemplate.cpp (loading, cache, sharing, dumps),
+// ZUserInputTemplate_Parse.cpp (file format), ZUserInputTemplate_Verify.cpp.
 #ifndef ORBEL_ZUSERINPUTTEMPLATE_H
 #define ORBEL_ZUSERINPUTTEMPLATE_H
 
