@@ -2,8 +2,10 @@
 // non-action and an action request, as the messages land in the store;
 // limits, array types, required lists per method, annotations, malformed
 // paths, the stop-at-first rule and the flags copied from the template.
+#include <atomic>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "FixedPaths.h"
@@ -333,6 +335,43 @@ TEST_F(UserInputVerifyTest, MultiModeReportsEveryFaultAndFlagsComeFromTheTemplat
     EXPECT_EQ(faults[0].msg, RESP_Base_InternalError);
     // Nothing stays pinned after a verification.
     EXPECT_EQ(mTmpl->FreeCache(), RT_SUCCESS);
+}
+
+// Dispatcher threads verify while the template's cache is freed: a pinned
+// cache is never freed under a reader, and once freed every verification
+// answers with an internal error instead of reading freed memory.
+TEST_F(UserInputVerifyTest, FreeingWaitsForReadersOnOtherThreads) {
+    std::atomic<bool> freed{false};
+    std::atomic<int> wrong{0};
+    std::atomic<int> passed{0};
+    std::atomic<int> running{4};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 300; ++i) {
+                UsrInCache body = Body({{"/Mode", USRIN_STRING, "A"}, {"/Count", USRIN_UNUM, "2"}});
+                sUsrInVerifyArgs args;
+                args.input = &body;
+                std::vector<sUsrInFault> faults;
+                const bool freedBefore = freed.load();
+                const eRtCode rt =
+                    ZUserInputTemplate::VerifyUserInputData(mTmpl.get(), args, &faults);
+                const bool internal =
+                    faults.size() == 1 && faults[0].msg == RESP_Base_InternalError;
+                if (rt == RT_SUCCESS) ++passed;
+                if (!(rt == RT_SUCCESS && faults.empty() && !freedBefore) && !internal) ++wrong;
+            }
+            --running;
+        });
+    }
+    // Free while the readers are at work, not before they start.
+    while (passed.load() < 40 && running.load() > 0) std::this_thread::yield();
+    while (mTmpl->FreeCache() != RT_SUCCESS) std::this_thread::yield();
+    freed = true;
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_GE(passed.load(), 40);
+    EXPECT_EQ(mTmpl->GetCache(), nullptr);
 }
 
 }  // namespace
