@@ -374,4 +374,83 @@ TEST_F(UserInputVerifyTest, FreeingWaitsForReadersOnOtherThreads) {
     EXPECT_EQ(mTmpl->GetCache(), nullptr);
 }
 
+// The body as the front end leaves it in the store: a hash of value texts
+// with link fields to nested hashes and lists, read into the cache and then
+// verified.
+TEST_F(UserInputVerifyTest, BodyTreeFromTheStoreIsReadAndVerified) {
+    const std::string root = "RF_Test:Request:5:Data";
+    RawCommand({"HSET",
+                root,
+                "AssetTag",
+                "\"say \\\"hi\\\"\"",
+                "Count",
+                "4",
+                "Level",
+                "-1",
+                "Ratio",
+                "2.500000",
+                "Enabled",
+                "true",
+                "Id",
+                "null",
+                "Raw",
+                "{\"a\":1}",
+                "&&Object Boot " + root + "/Boot",
+                "",
+                "&&Array Tags " + root + "/Tags",
+                "",
+                "&&Array Slots " + root + "/Slots",
+                "",
+                "&&ObjectRef Link /redfish/v1/Chassis/1",
+                "",
+                "&&RequestMethod",
+                "PATCH"});
+    RawCommand({"HSET", root + "/Boot", "Target", "\"Pxe\""});
+    RawCommand({"RPUSH", root + "/Tags", "\"a\"", "&&Object " + root + "/Tags/1"});
+    RawCommand({"HSET", root + "/Tags/1", "N", "1"});
+    UsrInCache body;
+    ASSERT_EQ(ZUserInputTemplate::ParserUserInputData(nullptr, root, body, "ComputerSystem"),
+              RT_SUCCESS);
+    std::vector<std::string> seen;
+    for (const auto& entry : body) {
+        seen.push_back(entry.first + " " + UsrInValueTypeWord(entry.second.type) + " " +
+                       entry.second.value);
+    }
+    // A list the store does not keep is an empty array; a link is an object
+    // with its @odata.id; the front end's own fields stay out.
+    EXPECT_EQ(seen,
+              (std::vector<std::string>{
+                  "/AssetTag string say \"hi\"", "/Boot object ", "/Boot/Target string Pxe",
+                  "/Count uNum 4", "/Enabled bool true", "/Id null ", "/Level sNum -1",
+                  "/Link object ", "/Link/@odata.id string /redfish/v1/Chassis/1",
+                  "/Ratio double 2.500000", "/Raw rawStr {\"a\":1}", "/Slots array ",
+                  "/Tags array ", "/Tags/0 string a", "/Tags/1 object ", "/Tags/1/N uNum 1"}));
+    std::vector<Msg> stored;
+    EXPECT_EQ(Verify(eReqUpdate, body, &stored, true), RT_FAILURE);
+    EXPECT_TRUE(
+        Same(stored, {{"Base.1.12.PropertyNotWritable", {"\"Id\""}, "Id"},
+                      {"Base.1.12.PropertyUnknown", {"\"Link\""}, "Link"},
+                      {"Base.1.12.PropertyUnknown", {"\"Ratio\""}, "Ratio"},
+                      {"Base.1.12.PropertyValueTypeError", {"\"{\\\"a\\\":1}\"", "\"Raw\""}, "Raw"},
+                      {"Base.1.12.PropertyValueTypeError", {"\"{}\"", "\"Tags/1\""}, "Tags/1"}}));
+
+    // A property twice, a link of the wrong kind, no body at all.
+    RawCommand({"HSET", root, "&&Object Count " + root + "/Boot", ""});
+    UsrInCache twice;
+    size_t mark = LogMark();
+    EXPECT_EQ(ZUserInputTemplate::ParserUserInputData(nullptr, root, twice, "ComputerSystem"),
+              RT_FAILURE);
+    EXPECT_NE(LogSince(mark).find("Duplicate JPath[/Count]. schema[ComputerSystem]"),
+              std::string::npos);
+    RawCommand({"HDEL", root, "&&Object Count " + root + "/Boot"});
+    RawCommand({"HSET", root, "&&Object Tags2 " + root + "/Tags", ""});
+    UsrInCache wrongKind;
+    EXPECT_EQ(ZUserInputTemplate::ParserUserInputData(nullptr, root, wrongKind, "ComputerSystem"),
+              RT_FAILURE);
+    UsrInCache none;
+    EXPECT_EQ(ZUserInputTemplate::ParserUserInputData(nullptr, "RF_Test:Nothing", none, "X"),
+              RT_SUCCESS);
+    EXPECT_TRUE(none.empty());
+}
+
 }  // namespace

@@ -21,7 +21,8 @@
 // loaded; pins and ownership are counted under mutexes).
 //
 // Defined in: ZUserInputTemplate.cpp (loading, cache, sharing, dumps),
-// ZUserInputTemplate_Parse.cpp (file format), ZUserInputTemplate_Verify.cpp.
+// ZUserInputTemplate_Parse.cpp (file format), ZUserInputTemplate_Verify.cpp,
+// ZUserInputTemplate_Input.cpp (reading a body from the store).
 #ifndef ORBEL_ZUSERINPUTTEMPLATE_H
 #define ORBEL_ZUSERINPUTTEMPLATE_H
 
@@ -36,6 +37,8 @@
 #include <vector>
 
 #include "OrbelDefs.h"
+
+struct redisContext;
 
 namespace Orbel {
 
@@ -265,6 +268,20 @@ public:
                                                 eReqMethod method, const std::string& actionName);
     // True for a null text, or when every byte is printable ASCII or white space.
     static bool _IsAllowedString(const char* text, unsigned int length);
+    // Reads the request-data tree under `rootKey` (the front end's hash of a
+    // body, or its list for an array body) into `out`, following the link
+    // fields and elements ("&&Object", "&&Array", "&&ArraySimple",
+    // "&&ObjectRef") and classifying each value text
+    // (ZUserInputTemplate_Input.cpp; docs/templates.md, "Reading the body").
+    // `c` is a store connection of the calling thread (null: one per call).
+    // Returns 0 (an absent or empty root leaves `out` empty), 2 for a read
+    // failure, a duplicate property, a malformed link or a tree deeper than
+    // kMaxDepth; `out` then holds what was read before the fault.
+    static eRtCode ParserUserInputData(redisContext* c, const std::string& rootKey, UsrInCache& out,
+                                       const std::string& schemaName);
+    // The type and value of one value text of the store ("null", "true",
+    // "\"text\"", "-5", "2.500000", anything else: raw text).
+    static sUsrInCacheItem ClassifyValueText(const std::string& text);
     // Longest user-input JPath accepted (longer: "ExtendedError.1.2.BadRequest").
     static constexpr size_t kMaxUsrInJPathLength = 1024;
 
