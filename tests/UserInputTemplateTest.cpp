@@ -168,8 +168,6 @@ TEST(UserInputTemplateAttr, FaultsNameTheirCause) {
         {"S@p@@m", "Unknown limitTitle[m ].\n"},
         {"S@p@@p:", "The limit pattern is empty.\n"},
         {"S@p@@m:1x", ""},  // a number takes digits, '.' and a leading '-' only
-        {"S@p@@m:1-2", ""},
-        {"S@p@@M:", ""},
         {"S@p@@m:1,m:2", ""},  // a limit given twice
         {"S@p@@m:5,M:2", ""},  // nothing could pass
         {"S@p@@m:1,", ""},     // a separator without an item
@@ -212,7 +210,6 @@ TEST(UserInputTemplateFile, FaultsAreReportedWithTheirLine) {
         {"{'A':'a@p@@'[\n'S@p@@'\n'x']}", {"Template[Bad]: Format error at line[3].\n"}},
         // A block needs the matching type.
         {"{'A':'S@p@@'{'B':'S@p@@'}}", {"Template[Bad]: Format error at line[1].\n"}},
-        {"{'A':'o@p@@'['S@p@@']}", {"Template[Bad]: Format error at line[1].\n"}},
         {"{'" + longName + "':'S@p@@'}",
          {"String[" + longName.substr(0, 64) + "...] too long ( >= 4096 ).\n",
           "Template[Bad]: Cannot fetch propertyName from line[1].\n"}},
