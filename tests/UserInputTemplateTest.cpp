@@ -167,7 +167,7 @@ TEST(UserInputTemplateAttr, FaultsNameTheirCause) {
         {"S@p@@x:1", "Unknown limitTitle[x:].\n"},
         {"S@p@@m", "Unknown limitTitle[m ].\n"},
         {"S@p@@p:", "The limit pattern is empty.\n"},
-        {"S@p@@m:1x", ""},  // a number takes digits, '.' and a leading '-' only
+        {"S@p@@m:1x", ""},     // a number takes digits, '.' and a leading '-' only
         {"S@p@@m:1,m:2", ""},  // a limit given twice
         {"S@p@@m:5,M:2", ""},  // nothing could pass
         {"S@p@@m:1,", ""},     // a separator without an item
@@ -176,6 +176,10 @@ TEST(UserInputTemplateAttr, FaultsNameTheirCause) {
         {"S@p@@m:R,M:2", ""},   // Rigid is for arrays
         {"S@p@@p:(a", ""},      // does not compile
         {"S@p@@p:(a)\\1", ""},  // back-references are refused
+        // Repetitions the compiler would copy without bound.
+        {"S@p@@p:a++", ""},
+        {"S@p@@p:a{,9}{,9}", ""},
+        {"S@p@@p:((a{200}){200})", ""},
         {"S@p@", ""},           // four sections
         {"@p@@", ""},           // at least one type
     };

@@ -1,6 +1,7 @@
 // User-input template files: the attribute strings and the file grammar,
 // read by a bounded recursive descent. docs/templates.md gives the format
 // and the decisions taken for it.
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <memory>
@@ -125,16 +126,85 @@ bool ParseLetters(const std::string& sec, const char* kind, const char* unknownW
     return true;
 }
 
-// Back-references make matching exponential in the worst case; templates
-// are read by a server that matches client text against them.
-bool HasBackReference(const std::string& pattern) {
-    for (size_t i = 0; i + 1 < pattern.size(); ++i) {
-        if (pattern[i] == '\\') {
-            if (pattern[i + 1] >= '1' && pattern[i + 1] <= '9') return true;
-            ++i;
+// Whether compiling `pattern` stays small. The regular-expression compiler
+// copies a repeated part once per repetition (and once for "+"), so stacked
+// or nested repetitions grow it exponentially; back-references make matching
+// exponential. The weight counts the copies: each atom 1, a group the sum of
+// its parts, "x+" twice x, "x{m,n}" max(m,n) times x.
+bool PatternIsBounded(const std::string& pattern) {
+    constexpr uint64_t kMaxWeight = 4096;
+    constexpr uint64_t kMaxRepeat = 255;
+    std::vector<uint64_t> groups(1, 0);  // the weight of each open group
+    uint64_t last = 0;                   // the weight of the last atom or group
+    bool lastWasQuantifier = true;       // nothing to repeat at the start
+    for (size_t i = 0; i < pattern.size(); ++i) {
+        const char c = pattern[i];
+        uint64_t copies = 0;  // extra copies a quantifier adds
+        bool quantifier = true;
+        if (c == '*' || c == '?') {
+            copies = 0;
+        } else if (c == '+') {
+            copies = 1;
+        } else if (c == '{' && i + 1 < pattern.size() &&
+                   ((pattern[i + 1] >= '0' && pattern[i + 1] <= '9') || pattern[i + 1] == ',')) {
+            const size_t close = pattern.find('}', i);
+            if (close == std::string::npos) return false;
+            uint64_t bound = 0, number = 0;
+            for (size_t k = i + 1; k < close; ++k) {
+                if (pattern[k] == ',') {
+                    number = 0;
+                    continue;
+                }
+                if (pattern[k] < '0' || pattern[k] > '9') return false;
+                number = number * 10 + static_cast<uint64_t>(pattern[k] - '0');
+                if (number > kMaxRepeat) return false;
+                bound = std::max(bound, number);
+            }
+            copies = bound == 0 ? 0 : bound - 1;
+            i = close;
+        } else {
+            quantifier = false;
         }
+        if (quantifier) {
+            if (lastWasQuantifier) return false;
+            groups.back() += last * copies;
+            lastWasQuantifier = true;
+        } else {
+            lastWasQuantifier = false;
+            if (c == '\\') {
+                if (i + 1 < pattern.size() && pattern[i + 1] >= '1' && pattern[i + 1] <= '9') {
+                    return false;  // a back-reference
+                }
+                ++i;
+                last = 1;
+            } else if (c == '[') {
+                // A bracket expression is one atom; "]" right after "[" or "[^" is a member.
+                size_t k = i + 1;
+                if (k < pattern.size() && pattern[k] == '^') ++k;
+                if (k < pattern.size() && pattern[k] == ']') ++k;
+                k = pattern.find(']', k);
+                if (k == std::string::npos) return false;
+                i = k;
+                last = 1;
+            } else if (c == '(') {
+                groups.push_back(0);
+                lastWasQuantifier = true;  // "(*" repeats nothing
+                continue;
+            } else if (c == ')') {
+                if (groups.size() < 2) return false;
+                last = groups.back();
+                groups.pop_back();
+            } else if (c == '|') {
+                lastWasQuantifier = true;
+                continue;
+            } else {
+                last = 1;
+            }
+            groups.back() += last;
+        }
+        if (groups.back() > kMaxWeight || last > kMaxWeight) return false;
     }
-    return false;
+    return true;
 }
 
 bool ParseLimits(const std::string& sec, sPropertyAttrTag& attr, bool& rigid) {
@@ -158,7 +228,7 @@ bool ParseLimits(const std::string& sec, sPropertyAttrTag& attr, bool& rigid) {
             }
             lim.pattern = sec.substr(i);
             i = sec.size();
-            if (HasBackReference(lim.pattern)) return false;
+            if (!PatternIsBounded(lim.pattern)) return false;
             auto compiled = std::make_shared<sCompiledPattern>();
             if (regcomp(&compiled->re, lim.pattern.c_str(), REG_EXTENDED | REG_NOSUB) != 0) {
                 return false;
