@@ -15,6 +15,7 @@
 #include "ZObject.h"
 #include "ZResource.h"
 #include "ZSchema.h"
+#include "ZUserInputTemplate.h"
 
 namespace Orbel {
 
@@ -255,6 +256,7 @@ size_t ZApplication::RecycledListSize() {
 
 void ZApplication::RecycleProcess() {
     std::vector<ZObject*> freeList;
+    std::vector<ZUserInputTemplate*> tmplFreeList;
     {
         std::lock_guard<std::mutex> lock(mRecycleMutex);
         const uint32_t now = MiniTimeTick();
@@ -292,14 +294,19 @@ void ZApplication::RecycleProcess() {
                     ++it;
                     continue;
                 }
-                // The template's caches are freed here (FreeCache) once the
-                // user-input templates exist; the entry only waits its delay.
+                // A template some request still pins waits for the next pass.
+                if (it->tmpl->FreeCache() == RT_BUSY) {
+                    ++it;
+                    continue;
+                }
+                tmplFreeList.push_back(it->tmpl);
                 it = mRecycleList.erase(it);
             }
         }
     }
     // Freed outside the queue's lock: destructors log.
     for (ZObject* obj : freeList) delete obj;
+    for (ZUserInputTemplate* tmpl : tmplFreeList) delete tmpl;
 }
 
 // ---------------------------------------------------------------------------
@@ -464,13 +471,23 @@ void ZApplication::_ReleaseObjRegistry() {
         }
     }
     RecycleProcess();
+    std::vector<ZUserInputTemplate*> templates;  // no request is left to wait for
     {
         std::lock_guard<std::mutex> lock(mRecycleMutex);
+        for (auto it = mRecycleList.begin(); it != mRecycleList.end();) {
+            if (it->tmpl == nullptr) {
+                ++it;
+                continue;
+            }
+            templates.push_back(it->tmpl);
+            it = mRecycleList.erase(it);
+        }
         if (!mRecycleList.empty()) {
             ZLOG(eZLogWarning, "%u recycled objects are still in use at exit.\n",
                  static_cast<unsigned>(mRecycleList.size()));
         }
     }
+    for (ZUserInputTemplate* tmpl : templates) delete tmpl;
     std::lock_guard<std::mutex> lock(mMonitorMutex);
     for (sOMItem* item : mMonitorList) {
         delete item->pattern;

@@ -29,6 +29,9 @@ namespace OrbelTest {
 // Called by the common main() before the tests run.
 void RegisterEnvironment();
 
+// The source tree, without a trailing "/" (SourceDir.cpp).
+const std::string& SourceDir();
+
 // The binary's sysroot, without a trailing "/".
 const std::string& SysrootDir();
 

@@ -1,0 +1,220 @@
+// orbel-template: templates written from Redfish JSON schemas load in the
+// library's parser and say what the schema says; the sample plug-in's
+// templates are the tool's output and load when installed.
+#include <gtest/gtest.h>
+#include <regex.h>
+
+#include <string>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "FixedPaths.h"
+#include "TestEnv.h"
+#include "TestFiles.h"
+#include "ZUserInputTemplate.h"
+
+using namespace Orbel;
+using namespace OrbelTest;
+
+namespace {
+
+const std::string kSchemaDir = SourceDir() + "/tests/data/dmtf";
+
+// Runs the tool; returns its exit status, output in `log`.
+int RunTool(const std::vector<std::string>& args, std::string* log = nullptr) {
+    std::vector<std::string> argv = {BuiltProgram("tools/template/orbel-template")};
+    argv.insert(argv.end(), args.begin(), args.end());
+    ChildProcess tool(argv);
+    if (!tool.Start()) return -1;
+    const int status = tool.Wait(60000);
+    if (log != nullptr) *log = tool.Output();
+    return status;
+}
+
+// Writes the template for `schemaFile` into the template directory as
+// `name` and loads it.
+std::unique_ptr<ZUserInputTemplate> Generate(const std::string& schemaFile, const std::string& name,
+                                             const std::string& dir = kSchemaDir) {
+    const std::string out = UserInputTemplateDir() + name + ".dat";
+    std::string log;
+    EXPECT_EQ(RunTool({"-d", dir, "-o", out, dir + "/" + schemaFile}, &log), 0) << log;
+    std::string n = name;
+    return std::make_unique<ZUserInputTemplate>(nullptr, &n, false);
+}
+
+struct Expect {
+    const char* jpath;
+    uint16_t types;
+    uint8_t methods;
+    uint8_t flags;
+    const char* enumItem;  // one value the enumeration holds, or ""
+};
+
+void CheckRows(ZUserInputTemplate& tmpl, const std::vector<Expect>& rows) {
+    for (const Expect& row : rows) {
+        const sPropertyAttrTag* attr = tmpl.FindAttr(row.jpath);
+        ASSERT_NE(attr, nullptr) << row.jpath;
+        EXPECT_EQ(attr->dataTypes, row.types) << row.jpath;
+        EXPECT_EQ(attr->supportMethods, row.methods) << row.jpath;
+        EXPECT_EQ(attr->flags, row.flags) << row.jpath;
+        if (*row.enumItem != '\0') {
+            const auto& items = attr->limits.enumStrings;
+            EXPECT_NE(std::find(items.begin(), items.end(), row.enumItem), items.end())
+                << row.jpath;
+        }
+    }
+}
+
+constexpr uint8_t kWritable = UIT_METHOD_PatchOption | UIT_METHOD_CreateOption;
+constexpr uint16_t kStrNull = UIT_TYPE_STRING | UIT_TYPE_NULL;
+
+TEST(TemplateGenerator, ComputerSystemSaysWhatTheSchemaSays) {
+    auto tmpl = Generate("ComputerSystem.v1_20_0.json", "GenComputerSystem");
+    ASSERT_EQ(tmpl->GetLoadResult(), RT_SUCCESS);
+    CheckRows(
+        *tmpl,
+        {
+            {"/AssetTag", kStrNull, kWritable, 0, ""},
+            {"/Boot", UIT_TYPE_OBJECT, kWritable, 0, ""},
+            {"/Boot/BootSourceOverrideTarget", kStrNull, kWritable, 0, "Pxe"},
+            {"/Boot/BootOrder/{}", kStrNull, kWritable, 0, ""},
+            {"/Id", UIT_TYPE_STRING, UIT_METHOD_ReadOnly, 0, ""},
+            {"/PowerState", kStrNull, UIT_METHOD_ReadOnly, 0, "Paused"},
+            // Objects whose members are all read-only, and Oem.
+            {"/Status", UIT_TYPE_OBJECT, UIT_METHOD_ReadOnly, 0, ""},
+            {"/Oem", UIT_TYPE_OBJECT, UIT_METHOD_ReadOnly, 0, ""},
+            // Links: read-only unless the schema makes the array writable.
+            {"/Bios/@odata.id", UIT_TYPE_STRING, UIT_METHOD_ReadOnly, 0, ""},
+            {"/Links/Chassis/{}/@odata.id", UIT_TYPE_STRING, UIT_METHOD_ReadOnly, 0, ""},
+            {"/Links/ResourceBlocks/{}/@odata.id", UIT_TYPE_STRING, kWritable, 0, ""},
+            {"/Actions/#ComputerSystem.Reset/ResetType", UIT_TYPE_STRING, UIT_METHOD_ActionOption,
+             0, "ForceOff"},
+            {"/Actions/#ComputerSystem.AddResourceBlock/ResourceBlock", UIT_TYPE_OBJECT,
+             UIT_METHOD_ActionRequired, 0, ""},
+            {"/KeyManagement/KMIPServers/{}/Password", kStrNull, kWritable, UIT_FLAG_SecureProperty,
+             ""},
+            {"/Boot/AutomaticRetryAttempts", UIT_TYPE_UNSIGNED | UIT_TYPE_NULL, kWritable, 0, ""},
+        });
+    // The schema's pattern arrives in POSIX form and still matches what it should.
+    const sPropertyAttrTag* uuid = tmpl->FindAttr("/UUID");
+    ASSERT_NE(uuid, nullptr);
+    ASSERT_NE(uuid->limits.compiled, nullptr);
+    EXPECT_EQ(
+        regexec(&uuid->limits.compiled->re, "38947555-7742-3448-3784-823347823834", 0, nullptr, 0),
+        0);
+    EXPECT_NE(regexec(&uuid->limits.compiled->re, "3894-x", 0, nullptr, 0), 0);
+    EXPECT_EQ(tmpl->FindAttr("/Boot/AutomaticRetryAttempts")->limits.min, 0);
+
+    // A realistic PATCH passes; a read-only property and a value outside an
+    // enumeration are refused with their messages.
+    const auto verify = [&](UsrInCache body) {
+        sUsrInVerifyArgs args;
+        args.input = &body;
+        std::vector<sUsrInFault> faults;
+        ZUserInputTemplate::VerifyUserInputData(tmpl.get(), args, &faults);
+        std::vector<std::string> seen;
+        for (const sUsrInFault& f : faults) {
+            seen.push_back(std::to_string(f.msg) + " " + f.property);
+        }
+        return seen;
+    };
+    EXPECT_EQ(verify({{"/Boot", {USRIN_OBJECT, "", 0}},
+                      {"/Boot/BootSourceOverrideTarget", {USRIN_STRING, "Pxe", 0}},
+                      {"/AssetTag", {USRIN_STRING, "x", 0}}}),
+              std::vector<std::string>{});
+    EXPECT_EQ(verify({{"/PowerState", {USRIN_STRING, "On", 0}}}),
+              std::vector<std::string>{"19 PowerState"});
+    EXPECT_EQ(verify({{"/Boot", {USRIN_OBJECT, "", 0}},
+                      {"/Boot/BootSourceOverrideTarget", {USRIN_STRING, "Tape", 0}}}),
+              std::vector<std::string>{"33 Boot/BootSourceOverrideTarget"});
+}
+
+// What the published ComputerSystem does not exercise: create-required
+// members, string and number bounds, required action parameters, writable
+// link arrays, a recursive definition and a reference to a missing file.
+TEST(TemplateGenerator, BoundsRequiredMembersAndRecursion) {
+    const std::string dir = FreshTestDir("gen");
+    WriteFile(dir + "/Widget.v1_0_0.json", R"({
+      "$ref": "#/definitions/Widget",
+      "definitions": {
+        "Widget": {
+          "type": "object", "requiredOnCreate": ["Name"],
+          "properties": {
+            "Name": {"type": "string", "maxLength": 16, "minLength": 1, "readonly": true},
+            "Level": {"anyOf": [{"$ref": "#/definitions/Level"}, {"type": "null"}],
+                      "readonly": false},
+            "Offset": {"type": "integer", "minimum": -5, "maximum": 5, "readonly": false},
+            "Parts": {"type": "array", "readonly": false, "maxItems": 4,
+                      "items": {"$ref": "Part.json#/definitions/Part"}},
+            "Self": {"$ref": "#/definitions/Tree"},
+            "Gadget": {"$ref": "Gadget.json#/definitions/Dial", "readonly": false},
+            "Actions": {"type": "object", "properties": {
+              "#Widget.Spin": {"$ref": "#/definitions/Spin"}}}
+          }
+        },
+        "Level": {"type": "number", "minimum": 0.5, "maximum": 9.25},
+        "Tree": {"type": "object", "properties": {
+          "Next": {"$ref": "#/definitions/Tree"},
+          "Label": {"type": "string", "readonly": false}}},
+        "Spin": {"type": "object", "parameters": {
+          "Speed": {"type": "integer", "minimum": 0, "requiredParameter": true}},
+          "properties": {"target": {"type": "string"}}}
+      }
+    })");
+    auto tmpl = Generate("Widget.v1_0_0.json", "GenWidget", dir);
+    ASSERT_EQ(tmpl->GetLoadResult(), RT_SUCCESS);
+    CheckRows(*tmpl, {
+                         {"/Name", UIT_TYPE_STRING, UIT_METHOD_CreateRequired, 0, ""},
+                         {"/Level", UIT_TYPE_FLOAT | UIT_TYPE_NULL, kWritable, 0, ""},
+                         {"/Offset", UIT_TYPE_SIGNED, kWritable, 0, ""},
+                         {"/Parts/{}/@odata.id", UIT_TYPE_STRING, kWritable, 0, ""},
+                         {"/Self/Label", UIT_TYPE_STRING, kWritable, 0, ""},
+                         {"/Self/Next", UIT_TYPE_OBJECT, UIT_METHOD_ReadOnly, 0, ""},
+                         {"/Gadget", UIT_TYPE_OBJECT, UIT_METHOD_ReadOnly, 0, ""},
+                         {"/Actions/#Widget.Spin/Speed", UIT_TYPE_UNSIGNED,
+                          UIT_METHOD_ActionRequired, 0, ""},
+                     });
+    EXPECT_EQ(tmpl->FindAttr("/Actions/#Widget.Spin/target"), nullptr);
+    const sPropertyAttrTag* name = tmpl->FindAttr("/Name");
+    EXPECT_EQ(name->limits.min, 1);
+    EXPECT_EQ(name->limits.max, 16);
+    const sPropertyAttrTag* level = tmpl->FindAttr("/Level");
+    EXPECT_EQ(level->limits.min, 0.5);
+    EXPECT_EQ(level->limits.max, 9.25);
+    EXPECT_EQ(tmpl->FindAttr("/Offset")->limits.min, -5);
+    EXPECT_EQ(tmpl->FindAttr("/Parts")->limits.max, 4);
+    EXPECT_EQ(tmpl->GetRequiredList(eReqCreate), std::vector<std::string>{"/Name"});
+    EXPECT_EQ(tmpl->GetRequiredList(eReqAction),
+              std::vector<std::string>{"/Actions/#Widget.Spin/Speed"});
+
+    std::string log;
+    EXPECT_EQ(RunTool({dir + "/Missing.json"}, &log), 1);
+    EXPECT_NE(log.find("cannot read JSON schema"), std::string::npos) << log;
+    EXPECT_EQ(RunTool({"-t", "Nope", dir + "/Widget.v1_0_0.json"}, &log), 1);
+    EXPECT_EQ(RunTool({}, &log), 2);
+}
+
+TEST(TemplateGenerator, SampleTemplatesAreTheToolsOutputAndLoadWhenInstalled) {
+    const std::string samples = SourceDir() + "/examples/RF_Root/templates/";
+    const std::pair<const char*, const char*> schemas[] = {
+        {"ComputerSystem", "ComputerSystem.v1_20_0.json"},
+        {"ComputerSystemCollection", "ComputerSystemCollection.json"},
+        {"ServiceRoot", "ServiceRoot.v1_15_0.json"},
+    };
+    for (const auto& schema : schemas) {
+        const std::string committed = ReadFile(samples + schema.first + ".dat");
+        ASSERT_FALSE(committed.empty()) << schema.first;
+        std::string written;
+        EXPECT_EQ(RunTool({kSchemaDir + "/" + schema.second}, &written), 0);
+        // The tool's warnings go to standard error, which the child shares.
+        EXPECT_NE(written.find(committed), std::string::npos) << schema.first;
+
+        WriteFile(UserInputTemplateDir() + schema.first + ".dat", committed);
+        std::string name = schema.first;
+        ZUserInputTemplate tmpl(nullptr, &name, false);
+        EXPECT_EQ(tmpl.GetLoadResult(), RT_SUCCESS) << schema.first;
+        EXPECT_NE(tmpl.FindAttr("/@odata.id"), nullptr) << schema.first;
+    }
+}
+
+}  // namespace

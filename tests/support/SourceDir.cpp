@@ -1,0 +1,18 @@
+// The source tree's path, for suites that read files kept in it (scripts,
+// schemas, sample templates). Only this file carries the path in its
+// compile flags, so the compiler cache still serves every other file to a
+// clone at another path.
+#include "TestEnv.h"
+
+#ifndef ORBEL_SOURCE_DIR
+#error "ORBEL_SOURCE_DIR names the source tree"
+#endif
+
+namespace OrbelTest {
+
+const std::string& SourceDir() {
+    static const std::string dir = ORBEL_SOURCE_DIR;
+    return dir;
+}
+
+}  // namespace OrbelTest
