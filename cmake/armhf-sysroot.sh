@@ -18,6 +18,8 @@ PACKAGES=(
   libc6 libc6-dev linux-libc-dev libgcc-s1 libgcc-12-dev libstdc++6 libstdc++-12-dev
   libhiredis0.14 libhiredis-dev libgtest-dev libgmock-dev
 )
+# Architecture-independent packages (headers only), fetched as they are.
+ALL_PACKAGES=(nlohmann-json3-dev)
 STAMP="$DEST/.orbel-sysroot"
 # Any change of this script (its package list, its layout) makes a new one.
 WANT="$(sha1sum <"${BASH_SOURCE[0]}")"
@@ -48,6 +50,7 @@ rm -rf "$DEBS" "$DEST"
 mkdir -p "$DEBS" "$DEST"
 armhf=()
 for p in "${PACKAGES[@]}"; do armhf+=("$p:armhf"); done
+armhf+=("${ALL_PACKAGES[@]}")
 if ! (cd "$DEBS" && apt-get download -o APT::Sandbox::User=root "${armhf[@]}" >/dev/null 2>"$DEBS/apt.err"); then
   sed 's/^/armhf-sysroot: /' "$DEBS/apt.err" >&2
   rm -rf "$DEBS" "$DEST"

@@ -21,9 +21,10 @@ namespace {
 
 int gChildSeq = 0;
 
-// The words of ORBEL_TEST_LAUNCHER (blank-separated), put before every child's
-// command line: a cross build's tests run their child programs under the
-// same emulator that runs the test itself (e.g. "qemu-arm -L <sysroot>").
+// The words of ORBEL_TEST_LAUNCHER (blank-separated), put before the command
+// line of every child built here: a cross build's tests run their child
+// programs under the same emulator that runs the test itself (e.g.
+// "qemu-arm -L <sysroot>").
 std::vector<std::string> LauncherWords() {
     std::vector<std::string> words;
     const char* launcher = std::getenv("ORBEL_TEST_LAUNCHER");
@@ -60,7 +61,13 @@ ChildProcess::~ChildProcess() {
 bool ChildProcess::Start() {
     // Build argv and envp before fork: the child only calls async-signal-safe
     // functions.
-    std::vector<std::string> words = LauncherWords();
+    // Only programs of this build are target binaries; host tools the tests
+    // run (python3, grep, redis-cli) run as they are.
+    const std::string buildDir = std::string(ORBEL_BUILD_DIR) + "/";
+    std::vector<std::string> words;
+    if (!mArgv.empty() && mArgv[0].compare(0, buildDir.size(), buildDir) == 0) {
+        words = LauncherWords();
+    }
     words.insert(words.end(), mArgv.begin(), mArgv.end());
     std::vector<char*> argv;
     for (auto& a : words) argv.push_back(const_cast<char*>(a.c_str()));
