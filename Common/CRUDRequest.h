@@ -58,6 +58,7 @@ enum : uint32_t {
 // One request. Texts are the meta keys' values as the front end wrote them.
 struct sCRUD_ReqData {
     std::string reqKey;          // the announced key: the request hash, where the answer goes
+    std::string channel;         // the channel it came on (set by the dispatcher)
     int32_t method = -1;         // eReqMethod; -1 when missing or unknown
     std::string methodText;      // "&&RequestMethod" as written
     std::string targetUri;       // "&&TargetURI"
