@@ -38,6 +38,7 @@
 #include <hiredis/hiredis.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -194,6 +195,8 @@ public:
     // Starts the dispatcher threads of the roles the schema serves (once;
     // the application calls it after the pre-ready stage). Each thread opens
     // its own connections, retrying every 500 ms until the store answers.
+    // Returns once every thread listens (a request published earlier would
+    // be lost), or after kSubscribeWaitMs when the store does not answer.
     void _InitCRUDqDispather();
     // Publishes "QUIT" on each of the schema's channels and joins its
     // dispatcher threads.
@@ -204,6 +207,7 @@ public:
     // The thread function of one role (an eReqMethod: read, update, or
     // create for the create/action/delete role).
     static void CRUDRequestDispatcher(int role, ZSchema* schema);
+    static constexpr int kSubscribeWaitMs = 2000;
 
 protected:
     // Constant after construction.
@@ -242,8 +246,10 @@ private:
     ZBackendImpl* mBackendImpl = nullptr;
 
     // Dispatcher threads: started and joined by the application's thread.
-    std::mutex mDispatchMutex;  // guards mDispatchers
+    std::mutex mDispatchMutex;  // guards mDispatchers, mListening
+    std::condition_variable mDispatchCv;  // a thread listens for the first time
     std::vector<std::thread> mDispatchers;
+    size_t mListening = 0;
     std::atomic<bool> mDispatchStop{false};
 };
 

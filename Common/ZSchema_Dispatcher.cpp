@@ -6,6 +6,7 @@
 // connection can send nothing else). A connection that fails (the store
 // went away or restarted) is dropped with its partner; the thread connects
 // and subscribes anew, retrying every 500 ms, and serves the next request.
+#include <chrono>
 #include <exception>
 
 #include "CRUDRequest.h"
@@ -93,9 +94,10 @@ std::vector<std::string> ZSchema::_RoleChannels(int role) {
 }
 
 void ZSchema::_InitCRUDqDispather() {
-    std::lock_guard<std::mutex> lock(mDispatchMutex);
+    std::unique_lock<std::mutex> lock(mDispatchMutex);
     if (!mDispatchers.empty()) return;
     mDispatchStop.store(false);
+    mListening = 0;
     for (int role : kRoles) {
         if (_RoleChannels(role).empty()) continue;
         try {
@@ -105,6 +107,9 @@ void ZSchema::_InitCRUDqDispather() {
                  RoleName(role), e.what());
         }
     }
+    const size_t started = mDispatchers.size();
+    mDispatchCv.wait_for(lock, std::chrono::milliseconds(kSubscribeWaitMs),
+                         [this, started]() { return mListening >= started; });
 }
 
 size_t ZSchema::GetDispatcherNum() {
@@ -145,6 +150,7 @@ void ZSchema::_DispatchLoop(int role) {
 
     redisContext* listen = nullptr;
     redisContext* command = nullptr;
+    bool listened = false;
     auto drop = [&listen, &command]() {
         RedisDisconnect(listen);
         RedisDisconnect(command);
@@ -167,6 +173,12 @@ void ZSchema::_DispatchLoop(int role) {
                 MyMSleep(kRetrySleepMs);
                 ZLOG(eZLogWarning, "Retry to subscribe channel[%s].\n", channels[0].c_str());
                 continue;
+            }
+            if (!listened) {
+                listened = true;
+                std::lock_guard<std::mutex> lock(mDispatchMutex);
+                ++mListening;
+                mDispatchCv.notify_all();
             }
         }
         std::string channel, message;
