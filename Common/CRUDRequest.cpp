@@ -110,8 +110,9 @@ bool ParseSessionId(const std::string& uri, std::string& id) {
 void SetTarget(sCRUD_ReqData& out, const std::string& uri) {
     static const std::string kActions = "/Actions/";
     out.targetUri = uri;
+    // "/Actions/" with nothing behind it names no action.
     size_t pos = uri.find(kActions);
-    if (pos == std::string::npos) {
+    if (pos == std::string::npos || pos + kActions.size() == uri.size()) {
         out.resourceUri = uri;
         out.targetAction.clear();
     } else {

@@ -76,6 +76,11 @@ TEST(CRUDRequestTest, MethodTextsAndAuthForms) {
         {{{"&&RequestMethod", "get"}}, -1, eReqAuthNone},
         {{{"&&TargetURI", "/redfish/v1/"}}, -1, eReqAuthNone},
     };
+    // Found by the fuzz target: "/Actions/" alone names no action.
+    sCRUD_ReqData bare;
+    CRUDParseReqFields("k", {{"&&TargetURI", "/redfish/v1/Systems/1/Actions/"}}, bare);
+    EXPECT_EQ(bare.resourceUri, "/redfish/v1/Systems/1/Actions/");
+    EXPECT_EQ(bare.targetAction, "");
     for (const Row& row : rows) {
         sCRUD_ReqData req;
         EXPECT_EQ(CRUDParseReqFields("k", row.extra, req), RT_SUCCESS);
