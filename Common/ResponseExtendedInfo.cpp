@@ -308,6 +308,10 @@ ResponseExtendedInfo::ResponseExtendedInfo(ZSchema* schema, ZResource* tgtResour
     if (mExtInfoCtx == nullptr) ZLOG(eZLogError, "Failed to connect to Redis.\n");
 }
 
+ResponseExtendedInfo::ResponseExtendedInfo(ZSchema* schema, ZResource* tgtResource,
+                                           redisContext* borrowed)
+    : mSchema(schema), mTgtResource(tgtResource), mExtInfoCtx(borrowed), mExtInfoCtxOwned(false) {}
+
 ResponseExtendedInfo::~ResponseExtendedInfo() {
     // The store keeps the messages: the front end may read them after the
     // context that wrote them is gone. The next array made under the same
@@ -316,15 +320,16 @@ ResponseExtendedInfo::~ResponseExtendedInfo() {
     mExtInfosObj = nullptr;
     for (sExtendedInfo* info : mExtInfos) delete info;
     mExtInfos.clear();
-    if (mExtInfoCtx != nullptr) RedisDisconnect(mExtInfoCtx);
+    if (mExtInfoCtx != nullptr && mExtInfoCtxOwned) RedisDisconnect(mExtInfoCtx);
     mExtInfoCtx = nullptr;
 }
 
 redisContext* ResponseExtendedInfo::_ExtInfoContext() {
     // A context is never reused after an error; a fresh one is tried instead.
     if (mExtInfoCtx != nullptr && mExtInfoCtx->err != 0) {
-        RedisDisconnect(mExtInfoCtx);
+        if (mExtInfoCtxOwned) RedisDisconnect(mExtInfoCtx);
         mExtInfoCtx = nullptr;
+        mExtInfoCtxOwned = true;
     }
     if (mExtInfoCtx == nullptr) {
         mExtInfoCtx = RedisConnect();

@@ -242,6 +242,11 @@ public:
     // `schema` (used in log texts) and `tgtResource` (the base of related
     // property pointers) may be null.
     ResponseExtendedInfo(ZSchema* schema, ZResource* tgtResource);
+    // As above, but writes on `borrowed` (the caller's connection, which must
+    // outlive this instance and belong to the same thread) instead of opening
+    // one: a request context writes on its dispatcher's connection. A
+    // borrowed connection that fails is replaced by one of the instance's own.
+    ResponseExtendedInfo(ZSchema* schema, ZResource* tgtResource, redisContext* borrowed);
     // Retires every message node and the message array without touching the
     // store (the front end may still be reading the response), frees the
     // records and closes the connection.
@@ -370,7 +375,8 @@ protected:
     ZJsonArray* mExtInfosObj = nullptr;     // owned; null until NewExtInfoObj
     std::vector<sExtendedInfo*> mExtInfos;  // owned, in creation (list) order
     uint32_t mExtInfoCounter = 0;           // messages made so far; names the nodes
-    redisContext* mExtInfoCtx = nullptr;    // owned; see _ExtInfoContext
+    redisContext* mExtInfoCtx = nullptr;    // see _ExtInfoContext
+    bool mExtInfoCtxOwned = true;           // false while mExtInfoCtx is borrowed
 };
 
 }  // namespace Orbel

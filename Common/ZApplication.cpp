@@ -254,6 +254,9 @@ int ZApplication::Exec(sExecParams& params) {
 
     // 7. Resources that need no front end.
     _PreCorvelReady_InitAllSchemaResources();
+    // Listening before the front end is ready: its first request finds the
+    // resources built and a dispatcher subscribed.
+    for (ZSchema* schema : GetSchemaList()) schema->_InitCRUDqDispather();
     mInitStep.store(3);
 
     // 8. Wait for the front end, without a time limit. A missing variable

@@ -3,6 +3,8 @@
 // resource lifecycle join this file with the object model.
 #include "ZSchema.h"
 
+#include "CRUDRequest.h"
+#include "HTTP_MethodContext.h"
 #include "ZApplication.h"
 #include "ZLogPrint.h"
 
@@ -35,6 +37,8 @@ ZSchema::ZSchema(const std::string& name, const std::string& version, uint32_t c
     : mName(name), mVersion(version), mMemberSchemaName(memberSchemaName), mCRUDqFlag(crudqFlag) {}
 
 ZSchema::~ZSchema() {
+    // No dispatcher may serve a request of a schema that is going.
+    WaitThreadsExit();
     // A resource keeps a pointer to its schema until it is retired.
     _RetireOwnedResources();
     // The application deletes its schemas in list order; a schema deleted
@@ -104,9 +108,68 @@ size_t ZSchema::GetResourceNum() {
     return mResources.size();
 }
 
-void ZSchema::WaitThreadsExit() {
-    // No dispatcher threads exist yet: they come with the request queues,
-    // which will publish "QUIT" on the schema's channels and join them here.
+// ---------------------------------------------------------------------------
+// Handlers' defaults
+// ---------------------------------------------------------------------------
+
+eRtCode ZSchema::HttpMethod_CREATE_CheckPrivileges(HTTP_MethodContext* ctx) {
+    return CRUDPrivilegesGranted(*ctx->GetReqData()) ? RT_SUCCESS : RT_FAILURE;
+}
+eRtCode ZSchema::HttpMethod_READ_CheckPrivileges(HTTP_MethodContext* ctx) {
+    return CRUDPrivilegesGranted(*ctx->GetReqData()) ? RT_SUCCESS : RT_FAILURE;
+}
+eRtCode ZSchema::HttpMethod_UPDATE_CheckPrivileges(HTTP_MethodContext* ctx) {
+    return CRUDPrivilegesGranted(*ctx->GetReqData()) ? RT_SUCCESS : RT_FAILURE;
+}
+eRtCode ZSchema::HttpMethod_DELETE_CheckPrivileges(HTTP_MethodContext* ctx) {
+    return CRUDPrivilegesGranted(*ctx->GetReqData()) ? RT_SUCCESS : RT_FAILURE;
+}
+eRtCode ZSchema::HttpMethod_ACTION_CheckPrivileges(HTTP_MethodContext* ctx) {
+    return CRUDPrivilegesGranted(*ctx->GetReqData()) ? RT_SUCCESS : RT_FAILURE;
+}
+
+// The common validation has nothing to add yet to what the template checks.
+eRtCode ZSchema::HttpMethod_CREATE_Validation(HTTP_MethodContext*) {
+    ZLOGM("ZComLib", eZLogDebug, "Schema[%s] is using common validation function for CREATE method !!\n",
+          mName.c_str());
+    return RT_SUCCESS;
+}
+eRtCode ZSchema::HttpMethod_UPDATE_Validation(HTTP_MethodContext*) {
+    ZLOGM("ZComLib", eZLogDebug, "Schema[%s] is using common validation function for PATCH method !!\n",
+          mName.c_str());
+    return RT_SUCCESS;
+}
+
+namespace {
+eRtCode NotAllowed(HTTP_MethodContext* ctx, const char* word) {
+    ctx->SetReturnStatus(HTTP_RT_NOT_ALLOWED, ctx->InsertReturnExtendedInfo_NotAllowMethod(word));
+    return RT_FAILURE;
+}
+}  // namespace
+
+eRtCode ZSchema::HttpMethod_CREATE(HTTP_MethodContext* ctx) {
+    return NotAllowed(ctx, "Create");
+}
+// The stored content is the answer of a read; a schema with dynamic content
+// refreshes it here.
+eRtCode ZSchema::HttpMethod_READ(HTTP_MethodContext*) {
+    return RT_SUCCESS;
+}
+eRtCode ZSchema::HttpMethod_UPDATE(HTTP_MethodContext* ctx) {
+    return NotAllowed(ctx, "Update");
+}
+eRtCode ZSchema::HttpMethod_DELETE(HTTP_MethodContext* ctx) {
+    return NotAllowed(ctx, "Delete");
+}
+
+ZSchema::FillRetStatusWhenLocked_t ZSchema::GetCallBack_FillRetStatusWhenLocked(ZResource*,
+                                                                                int& waitBudgetMs) {
+    waitBudgetMs = kLockWaitBudgetMs;
+    return &ZSchema::FillRetStatusWhenLocked;
+}
+
+void ZSchema::FillRetStatusWhenLocked(HTTP_MethodContext* ctx, ZResource*) {
+    ctx->SetReturnStatus(HTTP_RT_UNAVAILABLE, ctx->NewExtendedInfo(RESP_Base_ResourceInUse));
 }
 
 }  // namespace Orbel

@@ -14,22 +14,48 @@
 // and PreCorvelReady_* before the front end is ready, PostCorvelReady_* and
 // PostCorvelReady_AfterTreatment after.
 //
-// Threads: the staged hooks run on the main thread; the resource map has its
-// own mutex and may be used from any thread.
+// Requests. Each schema runs up to three dispatcher threads, one per role
+// whose methods it serves: "CRUDQ:Read" (GETQ), "CRUDQ:Update" (PATCHQ) and
+// "CRUDQ:Create/Action/Delete" (POSTCREATEQ, DELETEQ, POSTACTIONQ). A
+// dispatcher takes a request hash off its channels, builds an
+// HTTP_MethodContext, finds and locks the target and runs the request path
+// of the method (DoHttpMethod*), which calls the virtual handlers below; then
+// it sends the answer. docs/wire-protocol.md gives the request side.
+//
+// Defined in: ZSchema.cpp (construction, hooks, handlers' defaults),
+// ZSchema_Resources.cpp (the resource map), ZSchema_Dispatcher.cpp (threads,
+// parsing, access log), ZSchema_RequestPaths.cpp (request paths, target
+// resolution, action callbacks).
+//
+// Threads: the staged hooks run on the main thread; the handlers, privilege
+// checks and action callbacks on the schema's dispatcher threads (reads,
+// updates and the rest in parallel, one request per resource at a time). The
+// resource map and the action map have their own mutexes and may be used
+// from any thread.
 #ifndef ORBEL_ZSCHEMA_H
 #define ORBEL_ZSCHEMA_H
 
+#include <hiredis/hiredis.h>
+
+#include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "OrbelDefs.h"
 
 namespace Orbel {
 
+class HTTP_MethodContext;
 class ZApplication;
+class ZBackendImpl;
+class ZObject;
 class ZResource;
+struct sCRUD_ReqData;
 
 class ZSchema {
 public:
@@ -40,6 +66,12 @@ public:
     static constexpr uint32_t CRUDQ_DELETE = 1u << eReqDelete;
     static constexpr uint32_t CRUDQ_ACTION = 1u << eReqAction;
     static constexpr uint32_t CRUDQ_ALL = 0x1Fu;
+
+    // An action's handler, registered by action name (the part of the target
+    // URI behind "/Actions/", e.g. "ComputerSystem.Reset").
+    typedef eRtCode (*ActionCallback_t)(HTTP_MethodContext* ctx);
+    // Fills the answer of a request whose resource stayed locked.
+    typedef void (*FillRetStatusWhenLocked_t)(HTTP_MethodContext* ctx, ZResource* resource);
 
     // `name` is the Redfish type name (e.g. "ComputerSystem"), `version` its
     // schema version (e.g. "v1_20_0", may be empty), `crudqFlag` the methods
@@ -64,6 +96,35 @@ public:
     virtual eRtCode PreCorvelReady_InitResourceData(ZResource* resource);
     virtual eRtCode PostCorvelReady_InitResourceData(ZResource* resource);
     virtual eRtCode PostCorvelReady_AfterTreatment();
+
+    // Request handlers, called on a dispatcher thread with the target
+    // resource locked. A result other than 0 is a failure: unless the handler
+    // set an error status itself, the answer becomes "EXCEPTION" with
+    // "Base.1.12.InternalError". The privilege checks default to the common
+    // rule (CRUDPrivilegesGranted); a refusal answers "FORBIDDEN" with
+    // "Base.1.12.InsufficientPrivilege". READ defaults to success (the stored
+    // content is the answer); CREATE, UPDATE and DELETE default to
+    // "NOT_ALLOWED" with "ExtendedError.1.2.MethodNotAllowed".
+    virtual eRtCode HttpMethod_CREATE_CheckPrivileges(HTTP_MethodContext* ctx);
+    virtual eRtCode HttpMethod_READ_CheckPrivileges(HTTP_MethodContext* ctx);
+    virtual eRtCode HttpMethod_UPDATE_CheckPrivileges(HTTP_MethodContext* ctx);
+    virtual eRtCode HttpMethod_DELETE_CheckPrivileges(HTTP_MethodContext* ctx);
+    virtual eRtCode HttpMethod_ACTION_CheckPrivileges(HTTP_MethodContext* ctx);
+    virtual eRtCode HttpMethod_CREATE_Validation(HTTP_MethodContext* ctx);
+    virtual eRtCode HttpMethod_UPDATE_Validation(HTTP_MethodContext* ctx);
+    virtual eRtCode HttpMethod_CREATE(HTTP_MethodContext* ctx);
+    virtual eRtCode HttpMethod_READ(HTTP_MethodContext* ctx);
+    virtual eRtCode HttpMethod_UPDATE(HTTP_MethodContext* ctx);
+    virtual eRtCode HttpMethod_DELETE(HTTP_MethodContext* ctx);
+
+    // The answer for a resource that stays locked by another request, and
+    // how long (ms) to keep retrying after the first 3 s: by default
+    // FillRetStatusWhenLocked ("UNAVAILABLE" with "Base.1.12.ResourceInUse")
+    // and kLockWaitBudgetMs.
+    virtual FillRetStatusWhenLocked_t GetCallBack_FillRetStatusWhenLocked(ZResource* resource,
+                                                                         int& waitBudgetMs);
+    static void FillRetStatusWhenLocked(HTTP_MethodContext* ctx, ZResource* resource);
+    static constexpr int kLockWaitBudgetMs = 2000;
 
     const std::string& GetName() const { return mName; }
     const std::string& GetVersion() const { return mVersion; }
@@ -95,9 +156,58 @@ public:
     void DestroyAllResources();
     std::string DumpResources();
 
+    // Action callbacks by action name. Add refuses a null callback and a name
+    // already present (2).
+    eRtCode AddActionCallback(const std::string& actionName, ActionCallback_t callback);
+    eRtCode DelActionCallback(const std::string& actionName);
+    ActionCallback_t GetActionCallback(const std::string& actionName);
+
+    ZBackendImpl* GetBackendImpl() const { return mBackendImpl; }
+    void SetBackendImpl(ZBackendImpl* impl) { mBackendImpl = impl; }
+
+    // ---------------------------------------------------------------------
+    // Request paths (dispatcher threads). Each returns 0, or 2 when the path
+    // ended early or the handler failed; the answer is in the context.
+    // ---------------------------------------------------------------------
+    eRtCode DoHttpMethodRead(HTTP_MethodContext* ctx);
+    eRtCode DoHttpMethodCreate(HTTP_MethodContext* ctx);
+    eRtCode DoHttpMethodUpdate(HTTP_MethodContext* ctx);
+    eRtCode DoHttpMethodDelete(HTTP_MethodContext* ctx);
+    eRtCode DoHttpMethodAction(HTTP_MethodContext* ctx);
+    // Assigns the request's target schema and resource to `ctx`, `target`
+    // being the node found at the request's resource URI: a resource serves
+    // itself, except that a create on a collection goes to the schema of its
+    // members; a JSON object is served by the resource that holds it.
+    // Returns 0; 5 when the target cannot be served (no such resource);
+    // 13 for a create on a resource that is not a collection (target
+    // assigned, nothing is created there); 2 when a schema is missing (a
+    // fault of the plug-in). Logged.
+    eRtCode CRUDRequest_GetTargetResource(sCRUD_ReqData* req, HTTP_MethodContext* ctx,
+                                          ZObject* target);
+
+    // ---------------------------------------------------------------------
+    // Dispatch (ZSchema_Dispatcher.cpp).
+    // ---------------------------------------------------------------------
+    // HGETALL of `key` and the pure parse (CRUDParseReqFields), with the
+    // record's dump logged. 0; 3 for a missing or empty hash; 2 when the
+    // store cannot be read ("Failed to call RedisHashGetAll( %s )\n").
+    eRtCode CRUDParserReqMessage(redisContext* c, const std::string& key, sCRUD_ReqData& req);
+    // Starts the dispatcher threads of the roles the schema serves (once;
+    // the application calls it after the pre-ready stage). Each thread opens
+    // its own connections, retrying every 500 ms until the store answers.
+    // Returns once every thread listens (a request published earlier would
+    // be lost), or after kSubscribeWaitMs when the store does not answer.
+    void _InitCRUDqDispather();
     // Publishes "QUIT" on each of the schema's channels and joins its
-    // dispatcher threads (none yet: request dispatch comes with the queues).
+    // dispatcher threads.
     void WaitThreadsExit();
+    size_t GetDispatcherNum();
+    // One access-log line for a request (isResponse false) or its answer.
+    void PrintAccessLog(bool isResponse, const sCRUD_ReqData* req, HTTP_MethodContext* ctx);
+    // The thread function of one role (an eReqMethod: read, update, or
+    // create for the create/action/delete role).
+    static void CRUDRequestDispatcher(int role, ZSchema* schema);
+    static constexpr int kSubscribeWaitMs = 2000;
 
 protected:
     // Constant after construction.
@@ -110,6 +220,15 @@ protected:
     bool mEtagEnabled = false;
 
 private:
+    // Dispatch internals (ZSchema_Dispatcher.cpp).
+    std::vector<std::string> _RoleChannels(int role);
+    void _DispatchLoop(int role);
+    void _ServeRequest(redisContext* c, const std::string& channel, const std::string& key);
+    void _RunHandler(HTTP_MethodContext& ctx, sCRUD_ReqData& req, ZResource* target);
+    // The template step of create, update and action (see ZSchema_RequestPaths.cpp).
+    eRtCode _CheckUserInput(HTTP_MethodContext* ctx, const char* method);
+    eRtCode _RefusePrivileges(HTTP_MethodContext* ctx);
+
     // Retires every resource that names this schema as owner (the mapped
     // ones and any refused for a duplicate name), so none outlives it.
     void _RetireOwnedResources();
@@ -121,6 +240,17 @@ private:
     std::mutex mMutex;  // guards mOdataPrintName and mResources
     std::string mOdataPrintName;
     std::map<std::string, ZResource*> mResources;
+
+    std::mutex mActionMutex;  // guards mActionCallbacks
+    std::map<std::string, ActionCallback_t> mActionCallbacks;
+    ZBackendImpl* mBackendImpl = nullptr;
+
+    // Dispatcher threads: started and joined by the application's thread.
+    std::mutex mDispatchMutex;  // guards mDispatchers, mListening
+    std::condition_variable mDispatchCv;  // a thread listens for the first time
+    std::vector<std::thread> mDispatchers;
+    size_t mListening = 0;
+    std::atomic<bool> mDispatchStop{false};
 };
 
 }  // namespace Orbel

@@ -49,6 +49,7 @@ SYSROOT="$(mktemp -d /tmp/orbel-demo-XXXXXX)"
 export ORBEL_SYSROOT="$SYSROOT"
 REDIS_PID=""
 PLUGIN_PID=""
+LISTEN_PID=""
 cleanup() {
   local rc=$?
   if [ "$KEEP" -eq 1 ] && [ "$rc" -eq 0 ]; then
@@ -141,14 +142,68 @@ note "\$ orbel-tree --keys '*'"
 tree --keys '*' | head -n 8 | show
 note "..."
 
-step "7. Diagnostics through the debug-info variable"
+step "7. Requests, as the front end sends them"
+note "The front end writes a request hash of && meta keys (and, for a body, a request-data"
+note "hash), publishes its key on the schema's channel and waits on its return channel;"
+note "the plug-in answers in the same hash. Here redis-cli plays the front end"
+note "(docs/wire-protocol.md, section 8, gives the whole exchange)."
+RET="Corvel:Return:demo"
+redis-cli -s "$SOCK" SUBSCRIBE "$RET" >"$SYSROOT/return.out" 2>&1 &
+LISTEN_PID=$!
+wait_for 5 grep -q subscribe "$SYSROOT/return.out" || fail "cannot listen on $RET"
+REQ_N=0
+# request CHANNEL METHOD URI [BODY_FIELD VALUE]...: sends one request, waits for
+# its key on the return channel, shows the answered hash and releases the lock.
+request() {
+  local channel="$1" method="$2" uri="$3"; shift 3
+  REQ_N=$((REQ_N + 1))
+  local key="Corvel:Req:$REQ_N" data="&&Corvel:Req:$REQ_N/RequestData"
+  if [ "$#" -gt 0 ]; then
+    rcli HSET "$data" "$@" >/dev/null
+    rcli HSET "$key" "&&RequestData" "$data" >/dev/null
+  fi
+  rcli HSET "$key" "&&RequestMethod" "$method" "&&TargetURI" "$uri" "&&ReturnChannel" "$RET" \
+    "&&RemoteIP" "127.0.0.1" "&&Username" "admin" "&&AuthHeader" "BasicAuth" \
+    "&&UserPrivNumber" "0x18" "&&OperationPrivileges" "Login" >/dev/null
+  note "\$ $method $uri $*   (HSET $key ...; PUBLISH $channel $key)"
+  rcli PUBLISH "$channel" "$key" >/dev/null
+  wait_for 10 grep -qx "$key" "$SYSROOT/return.out" || fail "no answer to $key"
+  note "answered on $RET; the hash now holds:"
+  rcli HGETALL "$key" | paste - - | grep -E '^&&(ReturnStatus|Location|ResponseData|ResourceLock|ExtendedInfo)' | show
+  local lock
+  lock="$(rcli HGET "$key" "&&ResourceLock")"
+  [ -z "$lock" ] || rcli DEL "$lock" >/dev/null
+}
+status_of() { rcli HGET "Corvel:Req:$REQ_N" "&&ReturnStatus"; }
+
+request RF_Root:ComputerSystem:POSTACTIONQ POSTACTION \
+  /redfish/v1/Systems/1/Actions/ComputerSystem.Reset ResetType '"ForceOff"'
+[ "$(status_of)" = OK_RES ] || fail "reset not answered OK_RES"
+note "The action's response data:"
+tree --compact "$(rcli HGET "Corvel:Req:$REQ_N" "&&ResponseData")" | show
+request RF_Root:ComputerSystem:GETQ GET /redfish/v1/Systems/1
+note "The read refreshed PowerState from the backend: $(rcli HGET /redfish/v1/Systems/1 PowerState)"
+request RF_Root:ComputerSystem:PATCHQ PATCH /redfish/v1/Systems/1 AssetTag '"R7-U12"'
+note "AssetTag is now $(rcli HGET /redfish/v1/Systems/1 AssetTag)"
+request RF_Root:ComputerSystem:PATCHQ PATCH /redfish/v1/Systems/1 Color '"blue"'
+note "An unknown property is refused; the message the front end shows:"
+tree --compact "$(rcli HGET "Corvel:Req:$REQ_N" "&&ExtendedInfo")" | show
+request RF_Root:ComputerSystemCollection:POSTCREATEQ POSTCREATE /redfish/v1/Systems Name '"Lab VM"'
+[ "$(rcli HGET "Corvel:Req:$REQ_N" "&&Location")" = /redfish/v1/Systems/3 ] || fail "no new member"
+tree --compact /redfish/v1/Systems | show
+request RF_Root:ComputerSystem:DELETEQ DELETE /redfish/v1/Systems/3
+[ "$(status_of)" = OK_EMPTY ] || fail "delete not answered OK_EMPTY"
+note "Each request and its answer left one line in RF_Root.accesslog:"
+tail -n 4 "$RD/RF_Root.accesslog" | show
+
+step "8. Diagnostics through the debug-info variable"
 note "\$ orbel-sim vex set RF_Root_dbg_Info ru     (resource usage; '?' lists the requests)"
 "$SIM" vex set RF_Root_dbg_Info ru >/dev/null
 wait_for 10 test -e "$RD/RF_Root.dbginfo" || fail "no answer to the debug-info request"
 note "The process loop (every 3 s) answered in RF_Root.dbginfo:"
 show <"$RD/RF_Root.dbginfo"
 
-step "8. Logs"
+step "9. Logs"
 note "Files in $RD:"
 ls -1 "$RD" | show
 note "RF_Root.loginit.gz keeps the start-up phase (set aside once start-up was over);"
@@ -160,6 +215,7 @@ note "and of the running log:"
 tail -n 2 "$RD/RF_Root.log" | show
 
 if [ "$KEEP" -eq 1 ]; then
+  [ -n "$LISTEN_PID" ] && kill -TERM "$LISTEN_PID" 2>/dev/null || true
   cat >"$SYSROOT/stop.sh" <<STOP
 #!/bin/sh
 # Ends what 'run demo --keep' left running and removes its sysroot.
@@ -188,7 +244,7 @@ STOP
   exit 0
 fi
 
-step "9. SIGTERM: the orderly exit"
+step "10. SIGTERM: the orderly exit"
 note "\$ kill -TERM $PLUGIN_PID"
 kill -TERM "$PLUGIN_PID"
 wait_for 15 sh -c "! kill -0 $PLUGIN_PID 2>/dev/null" || fail "RF_Root did not exit"
@@ -201,7 +257,7 @@ PLUGIN_PID=""
 note "RF_Root exited with status 0. Its last lines:"
 tail -n 5 "$OUT" | show
 
-step "10. The store after the exit"
+step "11. The store after the exit"
 note "What the plug-in wrote stays in the store after it ended: the keys are"
 note "$(rcli DBSIZE) now, among them:"
 rcli --scan --pattern '/redfish/v1/*' | sort | head -n 6 | show

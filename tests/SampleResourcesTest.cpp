@@ -1,14 +1,16 @@
 // The sample plug-in's resources, as the front end would read them.
 //
 // RF_Root runs as a child process against the suite's store; one test
-// follows its life (before the front end is ready, ready, stopped) and
-// compares whole documents, assembled from the store by the tree reader.
+// follows its life (before the front end is ready, ready, serving requests
+// from a front-end driver, stopped) and compares whole documents, assembled
+// from the store by the tree reader.
 #include <signal.h>
 #include <unistd.h>
 
 #include <string>
 
 #include "ChildProcess.h"
+#include "FrontEnd.h"
 #include "TestEnv.h"
 #include "vex.h"
 
@@ -27,6 +29,9 @@ const char* const kSystem1 =
     R"({"@odata.context":"/redfish/v1/$metadata#ComputerSystem",)"
     R"("@odata.id":"/redfish/v1/Systems/1",)"
     R"("@odata.type":"#ComputerSystem.v1_20_0.ComputerSystem",)"
+    R"("Actions":{"#ComputerSystem.Reset":{)"
+    R"("ResetType@Redfish.AllowableValues":["On","ForceOff","GracefulShutdown","ForceRestart"],)"
+    R"("target":"/redfish/v1/Systems/1/Actions/ComputerSystem.Reset","title":"Reset"}},)"
     R"("AssetTag":null,)"
     R"("Boot":{"BootOrder":["Pxe","Hdd","Usb"],)"
     R"("BootSourceOverrideEnabled":"Disabled","BootSourceOverrideTarget":"None"},)"
@@ -94,6 +99,40 @@ TEST_F(SampleResourcesTest, TheSamplePluginThroughItsLife) {
     // The request queue lists name the plug-in, its schemas and the method.
     EXPECT_EQ(LRange("&&/redfish/v1/GETQ"), (Items{"RF_Root:ServiceRoot:GETQ"}));
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/2/PATCHQ"), (Items{"RF_Root:ComputerSystem:PATCHQ"}));
+
+    // Requests, as the front end sends them.
+    const std::string sys1 = "/redfish/v1/Systems/1";
+    FrontEnd fe;
+    FrontEnd::Body reset;
+    reset.top = {{"ResetType", "\"ForceOff\""}};
+    FrontEnd::Answer a = fe.Send("RF_Root:ComputerSystem:POSTACTIONQ", "POSTACTION",
+                                 sys1 + "/Actions/ComputerSystem.Reset", &reset);
+    EXPECT_EQ(a.status, "OK_RES");
+    EXPECT_EQ(a.responseData, R"({"PowerState":"Off","ResetType":"ForceOff"})");
+    // The stored document keeps its value until a read refreshes it.
+    EXPECT_EQ(HGetAll(sys1)["PowerState"], "\"On\"");
+    EXPECT_EQ(fe.Send("RF_Root:ComputerSystem:GETQ", "GET", sys1).status, "OK");
+    EXPECT_EQ(HGetAll(sys1)["PowerState"], "\"Off\"");
+
+    FrontEnd::Body patch;
+    const std::string bootKey = "&&" + fe.NextKey() + "/Boot";
+    patch.top = {{"AssetTag", "\"R7-U12\""}, {"&&Object Boot " + bootKey, ""}};
+    patch.hashes[bootKey] = {{"BootSourceOverrideTarget", "\"Pxe\""}};
+    EXPECT_EQ(fe.Send("RF_Root:ComputerSystem:PATCHQ", "PATCH", sys1, &patch).status, "OK");
+    EXPECT_EQ(StoreDoc("&&/redfish/v1/Systems/1/Boot"),
+              R"({"BootOrder":["Pxe","Hdd","Usb"],"BootSourceOverrideEnabled":"Disabled",)"
+              R"("BootSourceOverrideTarget":"Pxe"})");
+    EXPECT_EQ(HGetAll(sys1)["AssetTag"], "\"R7-U12\"");
+
+    FrontEnd::Answer made = fe.Send("RF_Root:ComputerSystemCollection:POSTCREATEQ", "POSTCREATE",
+                                    "/redfish/v1/Systems");
+    EXPECT_EQ(made.status, "OK");
+    EXPECT_EQ(made.hash["&&Location"], "/redfish/v1/Systems/3");
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems")["Members@odata.count"], "3");
+    EXPECT_EQ(fe.Send("RF_Root:ComputerSystem:DELETEQ", "DELETE", "/redfish/v1/Systems/3").status,
+              "OK_EMPTY");
+    EXPECT_FALSE(Exists("/redfish/v1/Systems/3"));
+    EXPECT_EQ(StoreDoc("/redfish/v1/Systems"), kSystems);
 
     ASSERT_TRUE(plugin.Signal(SIGTERM));
     EXPECT_EQ(plugin.Wait(kTimeoutMs), 0);

@@ -122,6 +122,16 @@ void RedisDumpReply(const char* cmd, redisReply* reply);
 // or null.
 redisContext* RedisSubscribeFromChannel(std::string channel);
 eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string message);
+// Listening on several channels with one connection (RedisCli_PubSub.cpp).
+// RedisSubscribeChannels sends one "SUBSCRIBE <ch>..." on `c` (which must
+// not be null and is a listening connection from then on) and reads every
+// confirmation: 0, or 2 (logged) when the connection failed or a channel was
+// not confirmed. RedisGetChannelMessage waits, without a time limit, for the
+// next message: 0 with its channel and text; 5 for a nil reply or a reply
+// that is no message (skipped by the caller); 2 when the connection failed
+// (it must not be used again; reconnect and subscribe anew).
+eRtCode RedisSubscribeChannels(redisContext* c, const std::vector<std::string>& channels);
+eRtCode RedisGetChannelMessage(redisContext* c, std::string& channel, std::string& message);
 
 int RedisType(redisContext* c, const char* key);  // eRedisTableType
 

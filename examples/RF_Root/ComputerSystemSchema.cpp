@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "SampleSystemData.h"
 #include "SystemsSchema.h"
 #include "ZApplication.h"
 #include "ZJsonArray.h"
@@ -38,16 +39,6 @@ const sSampleSystem kSampleSystems[] = {
 };
 constexpr int kSampleSystemNum = sizeof(kSampleSystems) / sizeof(kSampleSystems[0]);
 
-// A member's private data: the library hands it back with GetPrivateData()
-// and frees it through RecycleSystemData when the member is retired.
-struct sSystemData {
-    int record;  // index into kSampleSystems
-};
-
-void RecycleSystemData(void* data) {
-    delete static_cast<sSystemData*>(data);
-}
-
 // A nested object written into `owner` as owned content ("&&Object ...").
 // Null when the library refused it (logged), e.g. for a name already used.
 ZJsonObject* AddObject(ZObject* owner, const char* name) {
@@ -74,8 +65,17 @@ ZJsonArray* AddArray(ZObject* owner, const char* name, uint32_t attributes) {
 
 }  // namespace
 
+void RecycleSystemData(void* data) {
+    delete static_cast<sSystemData*>(data);
+}
+
+// Creates arrive on the collection's channel and are handed to this schema,
+// the collection's member schema.
 ComputerSystemSchema::ComputerSystemSchema()
-    : ZSchema("ComputerSystem", "v1_20_0", CRUDQ_READ | CRUDQ_UPDATE) {}
+    : ZSchema("ComputerSystem", "v1_20_0",
+              CRUDQ_READ | CRUDQ_UPDATE | CRUDQ_DELETE | CRUDQ_ACTION) {
+    AddActionCallback("ComputerSystem.Reset", ActionReset);
+}
 
 eRtCode ComputerSystemSchema::PreCorvelReady_InitialResources() {
     ZResource* found = Orbel::zApp->GetResource(SystemsSchema::kUri);
@@ -96,26 +96,31 @@ eRtCode ComputerSystemSchema::PreCorvelReady_InitialResources() {
             system->ObjDestroy(ZObject::eDestroyDelete, false);
             continue;
         }
-        system->SetPrivateData(new sSystemData{i}, RecycleSystemData);
+        system->SetPrivateData(new sSystemData{i, "On", kSampleSystems[i].name, false},
+                               RecycleSystemData);
         mSystemUris[i] = system->GetJPath();
     }
     return Orbel::RT_SUCCESS;
 }
 
 eRtCode ComputerSystemSchema::PreCorvelReady_InitResourceData(ZResource* system) {
+    return _FillSystem(system);
+}
+
+eRtCode ComputerSystemSchema::_FillSystem(ZResource* system) {
     const auto* data = static_cast<const sSystemData*>(system->GetPrivateData());
     if (data == nullptr) return Orbel::RT_FAILURE;
     const sSampleSystem& sample = kSampleSystems[data->record];
 
     // Scalars: the overload chosen decides the stored text.
     system->HashWrite("Id", system->GetId());  // string: "1"
-    system->HashWrite("Name", sample.name);
+    system->HashWrite("Name", data->name);
     system->HashWrite("SystemType", sample.systemType);
     system->HashWrite("Manufacturer", "Orbel Samples");
     system->HashWrite("Model", sample.model);
     system->HashWrite("SerialNumber", sample.serialNumber);
     system->HashWrite("AssetTag");  // null
-    system->HashWrite("PowerState", "On");
+    system->HashWrite("PowerState", data->powerState);
     system->HashWrite("LocationIndicatorActive", false);  // boolean
 
     ZJsonObject* status = AddObject(system, "Status");
@@ -140,12 +145,24 @@ eRtCode ComputerSystemSchema::PreCorvelReady_InitResourceData(ZResource* system)
         if (device != nullptr) bootOrder->ListWrite(-1, device);  // -1 appends
     }
 
+    // The actions a client may call: the entry names its target URI and
+    // the values its parameter accepts.
+    ZJsonObject* actions = AddObject(system, "Actions");
+    if (actions == nullptr) return Orbel::RT_FAILURE;
+    actions->HashAppendAction(this, "#ComputerSystem.Reset",
+                              system->GetJPath() + "/Actions/ComputerSystem.Reset",
+                              "Reset");
+    ZObject* reset = actions->GetChild("#ComputerSystem.Reset", true);
+    if (reset == nullptr) return Orbel::RT_FAILURE;
+    for (const sResetType& type : kResetTypes) reset->HashAppendAllowableValues("ResetType", type.type);
+
     // Links between members, each array with its count. A link records
     // itself on both nodes: retiring a linked member removes it from here.
+    // A member added by a client links to nothing.
     ZJsonObject* links = AddObject(system, "Links");
     if (links == nullptr) return Orbel::RT_FAILURE;
-    const int self = data->record;
-    for (int i = 0; i < kSampleSystemNum; ++i) {
+    const int self = data->created ? -2 : data->record;
+    for (int i = 0; i < kSampleSystemNum && self >= 0; ++i) {
         const char* relation = nullptr;
         if (kSampleSystems[i].suppliedBy == self) relation = "ConsumingComputerSystems";
         if (sample.suppliedBy == i) relation = "SupplyingComputerSystems";

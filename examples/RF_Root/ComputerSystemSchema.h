@@ -9,7 +9,16 @@
 // with "@odata.count" holding links to other members (Links), and a
 // property changed once the front end is ready (Status.State).
 //
-// Threads: the staged hooks run on the application's main thread.
+// It also serves requests (ComputerSystemSchema_Requests.cpp): a GET
+// refreshes PowerState from the backend record, a PATCH changes AssetTag,
+// LocationIndicatorActive and the boot override, a POST into the Systems
+// collection adds a member, a DELETE removes one that a POST added, and the
+// action ComputerSystem.Reset changes the power state and answers with
+// response data.
+//
+// Threads: the staged hooks run on the application's main thread; the
+// request handlers on the schema's dispatcher threads, one request per
+// member at a time (the library locks the member around a handler).
 #ifndef RF_ROOT_COMPUTERSYSTEMSCHEMA_H
 #define RF_ROOT_COMPUTERSYSTEMSCHEMA_H
 
@@ -33,7 +42,17 @@ public:
     Orbel::eRtCode PostCorvelReady_InitResourceData(Orbel::ZResource* system) override;
     Orbel::eRtCode PostCorvelReady_AfterTreatment() override;
 
+    Orbel::eRtCode HttpMethod_READ(Orbel::HTTP_MethodContext* ctx) override;
+    Orbel::eRtCode HttpMethod_UPDATE(Orbel::HTTP_MethodContext* ctx) override;
+    Orbel::eRtCode HttpMethod_CREATE(Orbel::HTTP_MethodContext* ctx) override;
+    Orbel::eRtCode HttpMethod_DELETE(Orbel::HTTP_MethodContext* ctx) override;
+    // The handler of "ComputerSystem.Reset" (an action callback).
+    static Orbel::eRtCode ActionReset(Orbel::HTTP_MethodContext* ctx);
+
 private:
+    // Writes a member's content from its private data and applies it.
+    Orbel::eRtCode _FillSystem(Orbel::ZResource* system);
+
     // The member URI of each sample record, by record index ("" when the
     // member could not be made). Written in the pre-ready stage only.
     std::vector<std::string> mSystemUris;

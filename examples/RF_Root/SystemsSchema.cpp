@@ -11,8 +11,10 @@ using Orbel::ZResource;
 
 // A collection schema names the schema of its members; it has no version of
 // its own, so "@odata.type" reads "#ComputerSystemCollection.ComputerSystemCollection".
+// It listens for creates (POST to the collection); the library hands each
+// one to the member schema, which makes the new member.
 SystemsSchema::SystemsSchema()
-    : ZSchema("ComputerSystemCollection", "", CRUDQ_READ, "ComputerSystem") {}
+    : ZSchema("ComputerSystemCollection", "", CRUDQ_READ | CRUDQ_CREATE, "ComputerSystem") {}
 
 eRtCode SystemsSchema::PreCorvelReady_InitialResources() {
     // Schemas run their stages in table order, so the root exists by now

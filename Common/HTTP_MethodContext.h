@@ -1,0 +1,213 @@
+// The context one front-end request lives in while a plug-in serves it.
+//
+// The dispatcher (ZSchema_Dispatcher.cpp) builds one per request hash it
+// takes off a channel, finds and assigns the target, hands it to the
+// schema's handler, and finally calls SendResponseToCorvel, which writes the
+// answer into the request hash in a fixed order and announces it on the
+// request's return channel (docs/wire-protocol.md, "Requests").
+//
+// It carries the parsed request (sCRUD_ReqData, not owned), the request body
+// read into the user-input cache, the handler's choices (target schema and
+// resource, new instance, response data), the return status, and through
+// its base ResponseExtendedInfo the Redfish messages of the answer.
+//
+// Defined in: HTTP_MethodContext.cpp (construction, assignments, response
+// data, user input), HTTP_MethodContext_Response.cpp (the answer).
+//
+// Threads: used only by the dispatcher thread that made it, with that
+// thread's store connection; it takes no locks of its own. Misuse (a null
+// assignment, a wrong method, a second response data object) is logged and
+// leaves the context as it was.
+#ifndef ORBEL_HTTP_METHODCONTEXT_H
+#define ORBEL_HTTP_METHODCONTEXT_H
+
+#include <hiredis/hiredis.h>
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+
+#include "CRUDRequest.h"
+#include "ResponseExtendedInfo.h"
+
+namespace Orbel {
+
+class ZBackendImpl;
+class ZObject;
+class ZResource;
+class ZSchema;
+
+// The status of an answer: the word written into "&&ReturnStatus" and the
+// HTTP code a caller may want. 0 to 2 are successes, above 2 errors.
+enum eHttpRtStatus : int32_t {
+    HTTP_RT_OK = 0,              // "OK", 200
+    HTTP_RT_OK_RES = 1,          // "OK_RES", 201
+    HTTP_RT_OK_EMPTY = 2,        // "OK_EMPTY", 204
+    HTTP_RT_PROCESSING = 3,      // "PROCESSING", 202
+    HTTP_RT_AUTH_FAILED = 4,     // "AUTH_FAILED", 401
+    HTTP_RT_FORBIDDEN = 5,       // "FORBIDDEN", 403
+    HTTP_RT_NOT_FOUND = 6,       // "NOT_FOUND", 404
+    HTTP_RT_NOT_ALLOWED = 7,     // "NOT_ALLOWED", 405
+    HTTP_RT_CONFLICT = 8,        // "CONFLICT", 409
+    HTTP_RT_FAILURE = 9,         // "FAILURE", 400
+    HTTP_RT_EXCEPTION = 10,      // "EXCEPTION", 500
+    HTTP_RT_NOT_SUPPORTED = 11,  // "NOT_SUPPORTED", 501
+    HTTP_RT_UNAVAILABLE = 12,    // "UNAVAILABLE", 503
+    HTTP_RT_IGNORE = 13,         // "IGNORE", no HTTP code (0)
+};
+// The status word ("" for a value outside the table) and the HTTP code (0
+// for "IGNORE" and for values outside the table).
+const char* HttpRtStatusWord(eHttpRtStatus status);
+int HttpRtStatusCode(eHttpRtStatus status);
+
+// One value of the request body, by its JPath ("/Boot/BootSourceOverrideTarget",
+// array items by index: "/Names/0").
+enum eUsrInType : uint8_t {
+    USRIN_NULL = 0,
+    USRIN_BOOL = 1,
+    USRIN_SNUM = 2,    // a negative integer
+    USRIN_UNUM = 3,    // a non-negative integer
+    USRIN_STRING = 4,  // decoded text
+    USRIN_OBJECT = 5,
+    USRIN_RAWSTR = 6,  // a value text that is none of the others, kept as written
+    USRIN_DOUBLE = 7,
+    USRIN_ARRAY = 8,   // value: the item count
+};
+const char* UsrInTypeWord(eUsrInType type);  // "null", "bool", "sNum", ...
+
+struct sUsrInItem {
+    eUsrInType type = USRIN_NULL;
+    std::string value;   // the value as text (decoded for strings)
+    uint32_t flags = 0;  // USRIN_FLAG_* copied from the template
+};
+constexpr uint32_t USRIN_FLAG_LifeCycleEvent = 0x1;
+constexpr uint32_t USRIN_FLAG_SecureProperty = 0x2;
+
+class HTTP_MethodContext : public ResponseExtendedInfo {
+public:
+    typedef void (*ResponsedCallback_t)(void* arg);
+
+    // Opens the answer's message array under <target URI>/<owner's channel
+    // for the method>/ExtendedInfo (naming it in the request hash at once),
+    // then reads the request body and the checklist when the request names
+    // them. `ctx` is the dispatcher thread's connection (not owned, used for
+    // every write of the context); `req` must outlive the context.
+    HTTP_MethodContext(ZSchema* owner, redisContext* ctx, sCRUD_ReqData* req);
+    // Retires the response data node (its store keys stay for the front
+    // end) and the messages.
+    ~HTTP_MethodContext() override;
+
+    // Null is refused ("Assign a NULL pointer! schema[%s]\n").
+    void AssignTargetSchema(ZSchema* schema);
+    void AssignTargetResource(ZResource* resource);
+    void AssignUserInputTemplate(ZObject* tmpl);
+    // Only for a create request ("This is not a CREATE request! schema[%s]\n");
+    // null clears.
+    void AssignNewInstance(ZResource* instance);
+
+    ZResource* GetNewInstance() const { return mNewInstance; }
+    redisContext* GetRedisContext() const { return mRedisCtx; }
+    ZSchema* GetOwnerSchema() const { return mOwnerSchema; }
+    ZSchema* GetTargetSchema() const { return mTargetSchema; }
+    ZResource* GetTargetResource() const { return mTargetResource; }
+    ZObject* GetUserInputTemplate() const { return mUserInputTemplate; }
+    ZObject* GetResponseDataObject() const { return mResponseData; }
+    const sCRUD_ReqData* GetReqData() const { return mReqData; }
+    int32_t GetReqMethod() const;
+    std::string GetTargetActionName() const;  // the part of the URI behind "/Actions/"
+    std::string GetSessionId() const;
+    std::string GetOrigin() const;
+    std::string GetRemoteIP() const;
+    std::string GetUserName() const;
+    uint32_t GetPrivileges() const;
+    bool GetAsyncUploadMethod() const { return mAsyncUploadMethod; }
+    // The target schema's backend; null (logged) without a target schema.
+    ZBackendImpl* GetBackendImpl();
+
+    eHttpRtStatus GetReturnStatus() const { return mReturnStatus; }
+    // Sets the status; a non-null `info` (one of this context's messages)
+    // becomes the answer's leading message.
+    void SetReturnStatus(eHttpRtStatus status, sExtendedInfo* info = nullptr);
+    int GetHttpRtCode() const { return HttpRtStatusCode(mReturnStatus); }
+
+    void RegisterResponsedCallback(ResponsedCallback_t fn, void* arg);
+    // Written into the request hash with the answer, in name order.
+    void AppendAdditionalReturnData(const std::string& name, const std::string& value);
+    // Deleted from the request-data hash when the answer is sent.
+    void AppendRequestDataFieldToDelete(const std::string& name);
+
+    // The response data of an action: type 0 a JSON object, 1 a JSON array,
+    // under <target URI>/ResponseData, owned by the context. Null (logged)
+    // for other methods, resource types and unknown types; a second call
+    // returns the first node (warning).
+    ZObject* NewResponseDataObject(unsigned char type);
+
+    // Every user value as "<JPath>:<value>" joined by ",", objects and arrays
+    // left out, secret-like values (by flag or by name) as "******".
+    std::string GetAllUsrParams() const;
+
+    // The user-input cache, read from the request-data tree.
+    const std::map<std::string, sUsrInItem>& GetUserInCache() const { return mUserInCache; }
+    const std::map<std::string, std::string>& GetChecklist() const { return mChecklist; }
+    // Typed reads of one user value. 0; 5 when the JPath is not in the
+    // cache ("Cannot find [%s] in user input cache.\n"); 13 when the value
+    // does not fit the type asked for. `out` is unchanged on failure. A
+    // string may be read from any scalar (numbers as written).
+    eRtCode GetUserInputData(const std::string& jpath, bool& out) const;
+    eRtCode GetUserInputData(const std::string& jpath, long long& out) const;
+    eRtCode GetUserInputData(const std::string& jpath, unsigned long long& out) const;
+    eRtCode GetUserInputData(const std::string& jpath, int& out) const;
+    eRtCode GetUserInputData(const std::string& jpath, unsigned int& out) const;
+    eRtCode GetUserInputData(const std::string& jpath, double& out) const;
+    eRtCode GetUserInputData(const std::string& jpath, std::string& out) const;
+    bool HasUserInputData(const std::string& jpath) const { return mUserInCache.count(jpath) != 0; }
+
+    // Writes the answer into the request hash and publishes it (see
+    // HTTP_MethodContext_Response.cpp for the order). Called once, by the
+    // dispatcher, after the handler. Returns 0, or 2 when the publish failed.
+    eRtCode SendResponseToCorvel();
+
+    // Bounds of the request-body reader: deeper trees and more values than
+    // these are cut (logged).
+    static constexpr unsigned kMaxUserInDepth = 32;
+    static constexpr size_t kMaxUserInItems = 4096;
+
+private:
+    // Reads the request-data tree (hash or list) into mUserInCache.
+    void _ParserUserInputData();
+    void _ParserUserInputTable(const std::string& key, const std::string& jpath, unsigned depth);
+    void _ParserUserInputValue(const std::string& jpath, const std::string& text, unsigned depth);
+    // An object, array or link value at `jpath`; `target` names its table.
+    void _ParserUserInputNode(const std::string& jpath, bool isArray, bool isLink,
+                              const std::string& target, unsigned depth);
+    void _ParserChecklistData();
+    const sUsrInItem* _FindUserInput(const std::string& jpath) const;
+    // Step 2 of the answer: error answers drop "not writable" notes that are
+    // not their only messages.
+    void _DropNotWritableNotes();
+    // Step 9 of the answer: waits for the front end to release `lockKey`.
+    void _WaitLockReleaseThenCallback(const std::string& lockKey);
+    const char* _OwnerName() const;
+
+    redisContext* const mRedisCtx;
+    sCRUD_ReqData* const mReqData;
+    ZSchema* const mOwnerSchema;
+    ZSchema* mTargetSchema = nullptr;
+    ZResource* mTargetResource = nullptr;
+    ZResource* mNewInstance = nullptr;
+    ZObject* mUserInputTemplate = nullptr;
+    ZObject* mResponseData = nullptr;  // owned
+    eHttpRtStatus mReturnStatus = HTTP_RT_OK;
+    std::map<std::string, sUsrInItem> mUserInCache;
+    std::map<std::string, std::string> mChecklist;
+    std::set<std::string> mRequestDataFieldsToDelete;
+    std::map<std::string, std::string> mAdditionalReturnData;
+    ResponsedCallback_t mResponsedCallback = nullptr;
+    void* mResponsedCallbackArg = nullptr;
+    bool mAsyncUploadMethod = false;
+};
+
+}  // namespace Orbel
+
+#endif  // ORBEL_HTTP_METHODCONTEXT_H

@@ -1,0 +1,114 @@
+// The answer to a request: what SendResponseToCorvel writes into the request
+// hash, in which order, and how it is announced (docs/wire-protocol.md,
+// "Requests").
+#include <algorithm>
+
+#include "HTTP_MethodContext.h"
+#include "Orbel.h"
+#include "RedisCli.h"
+#include "ZLogPrint.h"
+#include "ZObject.h"
+#include "ZResource.h"
+
+namespace Orbel {
+
+namespace {
+
+constexpr unsigned kLockPollMs = 100;
+
+void HashSetLogged(redisContext* c, const std::string& key, const std::string& field,
+                   const std::string& value) {
+    if (RedisHashSet(c, key.c_str(), field.c_str(), value.c_str()) != RT_SUCCESS) {
+        ZLOG(eZLogError, "Failed to call RedisHashSet( %s %s %s ).\n", key.c_str(), field.c_str(),
+             MaskSecretValue(field, value.c_str()));
+    }
+}
+
+}  // namespace
+
+void HTTP_MethodContext::_DropNotWritableNotes() {
+    // Notes about read-only properties the client also sent belong to a
+    // success; an error answer keeps them only when they are all it has.
+    const size_t notes = GetExtendedInfoNum(RESP_Base_PropertyNotWritable);
+    if (notes != 0 && GetExtendedInfoNum() > notes) RemoveExtendedInfo(RESP_Base_PropertyNotWritable);
+}
+
+eRtCode HTTP_MethodContext::SendResponseToCorvel() {
+    if (mReqData == nullptr) return RT_FAILURE;
+    const std::string& key = mReqData->reqKey;
+    redisContext* c = mRedisCtx;
+
+    // 1. The status word; an action's success says whether it has content.
+    if (mReqData->method == eReqAction && mReturnStatus <= HTTP_RT_OK_EMPTY &&
+        mReturnStatus >= HTTP_RT_OK) {
+        mReturnStatus = (mResponseData != nullptr || GetExtendedInfoNum() != 0) ? HTTP_RT_OK_RES
+                                                                              : HTTP_RT_OK_EMPTY;
+    }
+    HashSetLogged(c, key, "&&ReturnStatus", HttpRtStatusWord(mReturnStatus));
+
+    // 2. The messages.
+    if (mReturnStatus > HTTP_RT_OK_EMPTY) _DropNotWritableNotes();
+    if (mExtInfosObj != nullptr) ApplyExtInfoToRedis();
+
+    // 3. Where the result is: the task monitor of a running task, or the new instance.
+    if (mReturnStatus == HTTP_RT_PROCESSING) {
+        HashSetLogged(c, key, "&&Location", mReqData->taskMonitorUrl);
+    } else if (mNewInstance != nullptr) {
+        HashSetLogged(c, key, "&&Location", mNewInstance->GetJPath());
+    }
+
+    // 4. The response data tree.
+    if (mResponseData != nullptr) {
+        HashSetLogged(c, key, "&&ResponseData", mResponseData->GetJPath());
+        mResponseData->ApplyRedisChanges(true, c);
+    }
+
+    // 5. Additional fields, in name order.
+    for (const auto& pair : mAdditionalReturnData) HashSetLogged(c, key, pair.first, pair.second);
+
+    // 6. Request-data fields the handler asked to drop.
+    for (const std::string& field : mRequestDataFieldsToDelete) {
+        RedisHashDel(c, mReqData->requestDataKey.c_str(), field.c_str());
+    }
+
+    // 7. The front end's lock on the resource, held until it has taken the answer.
+    std::string lockKey;
+    if (mTargetSchema != nullptr && mTargetResource != nullptr) {
+        ZResource* locked = mNewInstance != nullptr ? mNewInstance : mTargetResource;
+        lockKey = locked->CreateCorvelLockKey(c, mReqData->targetUri);
+        if (!lockKey.empty()) HashSetLogged(c, key, "&&ResourceLock", lockKey);
+    }
+
+    // 8. The announcement. Without it the front end never releases the lock.
+    if (RedisPublishToChannel(c, mReqData->returnChannel, key) != RT_SUCCESS) {
+        ZLOG(eZLogError, "Failed to call RedisPublishToChannel( %s, %s ).\n",
+             mReqData->returnChannel.c_str(), key.c_str());
+        if (!lockKey.empty() && RedisDelTable(c, lockKey.c_str()) != RT_SUCCESS) {
+            ZLOG(eZLogError, "Failed to remove resource lock key( %s ).\n", lockKey.c_str());
+        }
+        return RT_FAILURE;
+    }
+
+    // 9. The handler asked to hear when the front end has taken the answer.
+    if (mResponsedCallback != nullptr) _WaitLockReleaseThenCallback(lockKey);
+    return RT_SUCCESS;
+}
+
+void HTTP_MethodContext::_WaitLockReleaseThenCallback(const std::string& lockKey) {
+    // No upper bound: the key's own expiry ends the wait when the front end
+    // has gone.
+    for (;;) {
+        MyMSleep(kLockPollMs);
+        int type = lockKey.empty() ? REDIS_TABLE_NONE : RedisType(mRedisCtx, lockKey.c_str());
+        if (type == REDIS_TABLE_STRING) continue;
+        if (type == REDIS_TABLE_NONE) {
+            mResponsedCallback(mResponsedCallbackArg);
+        } else {
+            ZLOG(eZLogError, "Unexpected resource lock key( %s ) type( %d ).\n", lockKey.c_str(),
+                 type);
+        }
+        return;
+    }
+}
+
+}  // namespace Orbel

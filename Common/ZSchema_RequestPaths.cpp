@@ -1,0 +1,206 @@
+// ZSchema: the request paths that a dispatcher runs for each method, the
+// return-status rule, target resolution and the action callbacks.
+#include "CRUDRequest.h"
+#include "HTTP_MethodContext.h"
+#include "ZApplication.h"
+#include "ZLogPrint.h"
+#include "ZResource.h"
+#include "ZResourceCollection.h"
+#include "ZSchema.h"
+
+namespace Orbel {
+
+namespace {
+
+// The return-status rule: a failed handler that did not answer with an
+// error itself answers "EXCEPTION" with "Base.1.12.InternalError".
+void AutoSet500(HTTP_MethodContext* ctx, const char* handler) {
+    if (ctx->GetReturnStatus() > HTTP_RT_OK_EMPTY) return;
+    ZLOGM("ZComLib", eZLogDebug,
+          "Auto set Http returnStatus to '500' due to get failed from %s() function.\n", handler);
+    ctx->SetReturnStatus(HTTP_RT_EXCEPTION, ctx->NewExtendedInfo(RESP_Base_InternalError));
+}
+
+}  // namespace
+
+eRtCode ZSchema::_RefusePrivileges(HTTP_MethodContext* ctx) {
+    if (ctx->GetReturnStatus() <= HTTP_RT_OK_EMPTY) {
+        ctx->SetReturnStatus(HTTP_RT_FORBIDDEN,
+                             ctx->NewExtendedInfo(RESP_Base_InsufficientPrivilege));
+    }
+    return RT_FAILURE;
+}
+
+eRtCode ZSchema::_CheckUserInput(HTTP_MethodContext* ctx, const char* method) {
+    // The template step: user-input templates (GetUserInputTemplate) and
+    // their verification (VerifyUserInputData) plug in here. Until a schema
+    // has a template, its bodies reach the handler as the front end sent
+    // them, and the handler reads them through the typed getters.
+    ZLOGM("ZComLib", eZLogDebug, "Schema[%s]: no user input template; %s body[%s] not verified.\n",
+          mName.c_str(), method, ctx->GetReqData()->requestDataKey.c_str());
+    return RT_SUCCESS;
+}
+
+eRtCode ZSchema::DoHttpMethodRead(HTTP_MethodContext* ctx) {
+    if (HttpMethod_READ_CheckPrivileges(ctx) != RT_SUCCESS) return _RefusePrivileges(ctx);
+    eRtCode rt = HttpMethod_READ(ctx);
+    if (rt != RT_SUCCESS) AutoSet500(ctx, "HttpMethod_READ");
+    ZResource* target = ctx->GetTargetResource();
+    if (target != nullptr) {
+        target->UpdateTtlTable();
+        if (target->GetType() == ZObject::eResourceCollection &&
+            (target->Attributes() & ZResource::RES_ATTR_MemberCount) != 0) {
+            static_cast<ZResourceCollection*>(target)->UpdateMemberCount();
+        }
+    }
+    return rt == RT_SUCCESS ? RT_SUCCESS : RT_FAILURE;
+}
+
+eRtCode ZSchema::DoHttpMethodCreate(HTTP_MethodContext* ctx) {
+    if (HttpMethod_CREATE_CheckPrivileges(ctx) != RT_SUCCESS) return _RefusePrivileges(ctx);
+    if (_CheckUserInput(ctx, "CREATE") != RT_SUCCESS) return RT_FAILURE;
+    if (HttpMethod_CREATE_Validation(ctx) != RT_SUCCESS) {
+        if (ctx->GetReturnStatus() <= HTTP_RT_OK_EMPTY) {
+            ctx->SetReturnStatus(HTTP_RT_FAILURE, ctx->NewExtendedInfo(RESP_ExtErr_BadRequest));
+        }
+        return RT_FAILURE;
+    }
+    if (HttpMethod_CREATE(ctx) != RT_SUCCESS) {
+        AutoSet500(ctx, "HttpMethod_CREATE");
+        return RT_FAILURE;
+    }
+    if (ctx->GetReturnStatus() <= HTTP_RT_OK_EMPTY) ctx->SetReturnStatus(HTTP_RT_OK);
+    return RT_SUCCESS;
+}
+
+eRtCode ZSchema::DoHttpMethodUpdate(HTTP_MethodContext* ctx) {
+    if (HttpMethod_UPDATE_CheckPrivileges(ctx) != RT_SUCCESS) return _RefusePrivileges(ctx);
+    if (_CheckUserInput(ctx, "UPDATE") != RT_SUCCESS) return RT_FAILURE;
+    if (HttpMethod_UPDATE_Validation(ctx) != RT_SUCCESS) {
+        if (ctx->GetReturnStatus() <= HTTP_RT_OK_EMPTY) {
+            ctx->SetReturnStatus(HTTP_RT_FAILURE, ctx->NewExtendedInfo(RESP_ExtErr_BadRequest));
+        }
+        return RT_FAILURE;
+    }
+    eRtCode rt = HttpMethod_UPDATE(ctx);
+    if (rt != RT_SUCCESS) {
+        AutoSet500(ctx, "HttpMethod_UPDATE");
+    } else if (ctx->GetReturnStatus() <= HTTP_RT_OK_EMPTY) {
+        ctx->SetReturnStatus(HTTP_RT_OK);
+    }
+    if (ctx->GetTargetResource() != nullptr) ctx->GetTargetResource()->UpdateTtlTable();
+    return rt == RT_SUCCESS ? RT_SUCCESS : RT_FAILURE;
+}
+
+eRtCode ZSchema::DoHttpMethodDelete(HTTP_MethodContext* ctx) {
+    if (HttpMethod_DELETE_CheckPrivileges(ctx) != RT_SUCCESS) return _RefusePrivileges(ctx);
+    if (HttpMethod_DELETE(ctx) != RT_SUCCESS) {
+        // One text for update and delete.
+        AutoSet500(ctx, "HttpMethod_UPDATE");
+        return RT_FAILURE;
+    }
+    return RT_SUCCESS;
+}
+
+eRtCode ZSchema::DoHttpMethodAction(HTTP_MethodContext* ctx) {
+    if (HttpMethod_ACTION_CheckPrivileges(ctx) != RT_SUCCESS) return _RefusePrivileges(ctx);
+    if (_CheckUserInput(ctx, "ACTION") != RT_SUCCESS) return RT_FAILURE;
+    const std::string action = ctx->GetTargetActionName();
+    ActionCallback_t callback = GetActionCallback(action);
+    if (callback == nullptr) {
+        ZLOG(eZLogError, "Failed to get action callback by ActionName[%s].\n", action.c_str());
+        ctx->SetReturnStatus(HTTP_RT_FAILURE,
+                             ctx->NewExtendedInfo(RESP_Base_ActionNotSupported, action.c_str()));
+        return RT_FAILURE;
+    }
+    if (callback(ctx) != RT_SUCCESS) {
+        AutoSet500(ctx, "ActionCallback");
+        return RT_FAILURE;
+    }
+    return RT_SUCCESS;
+}
+
+// ---------------------------------------------------------------------------
+// Target resolution
+// ---------------------------------------------------------------------------
+
+eRtCode ZSchema::CRUDRequest_GetTargetResource(sCRUD_ReqData* req, HTTP_MethodContext* ctx,
+                                               ZObject* target) {
+    if (req == nullptr || ctx == nullptr || target == nullptr) return RT_FAILURE;
+    ZApplication* app = zApp;
+    const std::string jpath = target->GetJPath();
+    ZResource* resource = nullptr;
+    if (target->IsResourceType()) {
+        resource = static_cast<ZResource*>(target);
+    } else if (target->GetType() == ZObject::eJsonObject) {
+        resource = target->GetOwnedByResource();
+        if (resource == nullptr) {
+            ZLOG(eZLogError, "Failed to get parent resource by JPath[%s].\n", jpath.c_str());
+            return RT_NO_SUCH_KEY;
+        }
+    } else {
+        ZLOG(eZLogError, "Target[%s] is not a ZResource or ZJsonObject.\n", jpath.c_str());
+        return RT_NO_SUCH_KEY;
+    }
+
+    ZSchema* schema = resource->OwnedBySchema();
+    if (schema == nullptr) {
+        ZLOG(eZLogError, "Get targetSchema from resource[%s] is NULL.\n", jpath.c_str());
+        return RT_FAILURE;
+    }
+    if (req->method == eReqCreate) {
+        // A new member is made by the schema of the members.
+        if (resource->GetType() != ZObject::eResourceCollection) {
+            ZLOG(eZLogError, "Resource[%s] is not a Collection.\n", jpath.c_str());
+            ctx->AssignTargetSchema(schema);
+            ctx->AssignTargetResource(resource);
+            return RT_INVALID_ARG;
+        } else {
+            const std::string& memberName = schema->GetMemberSchemaName();
+            ZSchema* member = app != nullptr ? app->GetSchemaObj(memberName) : nullptr;
+            if (member == nullptr) {
+                ZLOG(eZLogError, "Failed to GetSchemaObj by MemberSchemaName[%s]\n",
+                     memberName.c_str());
+                ZLOG(eZLogError, "Failed to get target Schema object from Resource[%s].\n",
+                     jpath.c_str());
+                return RT_FAILURE;
+            }
+            schema = member;
+        }
+    }
+    ctx->AssignTargetSchema(schema);
+    ctx->AssignTargetResource(resource);
+    return RT_SUCCESS;
+}
+
+// ---------------------------------------------------------------------------
+// Action callbacks
+// ---------------------------------------------------------------------------
+
+eRtCode ZSchema::AddActionCallback(const std::string& actionName, ActionCallback_t callback) {
+    if (callback == nullptr || actionName.empty()) {
+        ZLOG(eZLogError, "Schema[%s]: action[%s] needs a name and a callback.\n", mName.c_str(),
+             actionName.c_str());
+        return RT_INVALID_ARG;
+    }
+    std::lock_guard<std::mutex> lock(mActionMutex);
+    if (!mActionCallbacks.emplace(actionName, callback).second) {
+        ZLOG(eZLogError, "Schema[%s]: action[%s] has a callback already.\n", mName.c_str(),
+             actionName.c_str());
+        return RT_FAILURE;
+    }
+    return RT_SUCCESS;
+}
+
+eRtCode ZSchema::DelActionCallback(const std::string& actionName) {
+    std::lock_guard<std::mutex> lock(mActionMutex);
+    return mActionCallbacks.erase(actionName) != 0 ? RT_SUCCESS : RT_FAILURE;
+}
+
+ZSchema::ActionCallback_t ZSchema::GetActionCallback(const std::string& actionName) {
+    std::lock_guard<std::mutex> lock(mActionMutex);
+    auto it = mActionCallbacks.find(actionName);
+    return it != mActionCallbacks.end() ? it->second : nullptr;
+}
+
+}  // namespace Orbel

@@ -1,0 +1,487 @@
+// Requests through dispatcher threads, against the protocol's floor.
+//
+// A plug-in (an application run by Exec on a thread of this program, with
+// one schema of 1000 members) serves requests that front-end clients send
+// the way the front end does: HSET of 8 request fields, PUBLISH of the key
+// on the schema's channel, wait for the key on the client's return channel
+// (then, untimed, DEL of the lock key the answer names). Measured, in one
+// run:
+//
+//   floor        the minimal protocol: a plain-hiredis plug-in thread
+//                answers with HGETALL, 3 HSETs and a PUBLISH; 1 client, then
+//                8 clients
+//   GET          one client's reads through the schema's read dispatcher,
+//                against a plain-hiredis thread that replays, per request,
+//                the very commands the dispatcher sent for one read
+//                (recorded with MONITOR, the request key substituted);
+//                request by request in turn (goal: <= 1.3x)
+//   concurrent   10 000 requests (GET, PATCH, action in turn) from 8
+//                clients over the schema's three dispatchers: none lost,
+//                p50/p99, requests/s against the single-client floor
+//                (goal: >= 0.8x)
+//   first        the time from the plug-in becoming ready (init step 5) to
+//                the answer of its first request (goal: < 1 s)
+//
+// Latency is from the HSET to the answer's arrival. By default nothing is
+// pinned (the dispatchers and clients run in parallel). With --pin the
+// program and its server stay on one CPU: each round trip is then a hand-over
+// instead of a wake-up of an idle CPU, whose cost on the development VM
+// varies several-fold from run to run, so the GET/replay ratio measures the
+// work done rather than the wake-ups (the concurrent figures then show one
+// CPU's capacity).
+#include <hiredis/hiredis.h>
+#include <sched.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "BenchStore.h"
+#include "HTTP_MethodContext.h"
+#include "MonitorScript.h"
+#include "ZApplication.h"
+#include "ZLogPrint.h"
+#include "ZResource.h"
+#include "ZResourceCollection.h"
+#include "ZSchema.h"
+#include "vex.h"
+
+using namespace Orbel;
+using OrbelBench::Command;
+using OrbelBench::Script;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr int kMembers = 1000;
+constexpr int kClients = 8;
+constexpr int kConcurrentTotal = 10000;
+constexpr int kSingleN = 3000;
+constexpr int kTimeoutMs = 8000;  // above the busy answer's 3 s + 2 s
+
+// Every client of the run has its own id, so request keys never repeat.
+std::atomic<int> gNextClientId{1};
+
+struct CtxFree {
+    void operator()(redisContext* c) const {
+        if (c != nullptr) redisFree(c);
+    }
+};
+using ContextPtr = std::unique_ptr<redisContext, CtxFree>;
+struct ReplyFree {
+    void operator()(redisReply* r) const {
+        if (r != nullptr) freeReplyObject(r);
+    }
+};
+using ReplyPtr = std::unique_ptr<redisReply, ReplyFree>;
+
+ContextPtr Connect() {
+    ContextPtr c(redisConnectUnix(OrbelBench::BenchSocketPath().c_str()));
+    if (!c || c->err != 0) {
+        std::fprintf(stderr, "bench: cannot connect to the store\n");
+        std::exit(1);
+    }
+    return c;
+}
+
+ReplyPtr Argv(redisContext* c, const std::vector<std::string>& args) {
+    std::vector<const char*> argv;
+    std::vector<size_t> lens;
+    for (const auto& a : args) {
+        argv.push_back(a.data());
+        lens.push_back(a.size());
+    }
+    return ReplyPtr(static_cast<redisReply*>(
+        redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lens.data())));
+}
+
+std::string MemberUri(int n) {
+    return "/redfish/v1/Systems/" + std::to_string(n);
+}
+
+// ---------------------------------------------------------------------------
+// A front-end client
+// ---------------------------------------------------------------------------
+
+class Client {
+public:
+    Client()
+        : mId(gNextClientId++), mReturn("Bench:Return:" + std::to_string(mId)), mCmd(Connect()) {
+        Listen();
+    }
+
+    // A time-out leaves the listening connection unusable: listen anew.
+    void Listen() {
+        mListen = Connect();
+        Argv(mListen.get(), {"SUBSCRIBE", mReturn});
+        struct timeval tv = {kTimeoutMs / 1000, 0};
+        redisSetTimeout(mListen.get(), tv);
+    }
+    const std::string& Return() const { return mReturn; }
+
+    // One request; its latency in microseconds, or a negative value when no
+    // answer came in time.
+    double Send(const std::string& channel, const char* method, const std::string& uri) {
+        const std::string key = "Bench:Req:" + std::to_string(mId) + ":" + std::to_string(++mSeq);
+        const auto start = Clock::now();
+        Argv(mCmd.get(), {"HSET", key, "&&RequestMethod", method, "&&TargetURI", uri,
+                          "&&ReturnChannel", mReturn, "&&RemoteIP", "10.0.0.1", "&&Username",
+                          "admin", "&&AuthHeader", "BasicAuth", "&&UserPrivNumber", "0x18",
+                          "&&OperationPrivileges", "Login"});
+        Argv(mCmd.get(), {"PUBLISH", channel, key});
+        bool answered = false;
+        while (!answered) {
+            void* raw = nullptr;
+            if (redisGetReply(mListen.get(), &raw) != REDIS_OK) {
+                Listen();
+                return -1;
+            }
+            ReplyPtr r(static_cast<redisReply*>(raw));
+            answered = r->type == REDIS_REPLY_ARRAY && r->elements == 3 &&
+                       std::string(r->element[2]->str, r->element[2]->len) == key;
+        }
+        const double us = std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+        std::string resource = uri.substr(0, uri.find("/Actions/"));
+        Argv(mCmd.get(), {"DEL", "&&ResourceLock:" + resource});
+        return us;
+    }
+
+    std::string KeyOf(unsigned seq) const {
+        return "Bench:Req:" + std::to_string(mId) + ":" + std::to_string(seq);
+    }
+    unsigned Seq() const { return mSeq; }
+
+private:
+    int mId;
+    std::string mReturn;
+    ContextPtr mCmd;
+    ContextPtr mListen;
+    unsigned mSeq = 0;
+};
+
+// ---------------------------------------------------------------------------
+// Plain-hiredis plug-ins: the minimal protocol, and a replay of the
+// dispatcher's own commands
+// ---------------------------------------------------------------------------
+
+class PlainPlugin {
+public:
+    // An empty script answers with the minimal protocol.
+    // A script is replayed with `recordedKey` replaced by each request's key.
+    PlainPlugin(const std::string& channel, Script script, std::string recordedKey)
+        : mChannel(channel), mScript(std::move(script)), mRecordedKey(std::move(recordedKey)) {
+        mThread = std::thread([this]() { Run(); });
+        // Subscribed before the first request.
+        ContextPtr c = Connect();
+        for (;;) {
+            ReplyPtr r = Argv(c.get(), {"PUBSUB", "NUMSUB", mChannel});
+            if (r && r->elements == 2 && r->element[1]->integer > 0) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+    ~PlainPlugin() {
+        ContextPtr c = Connect();
+        Argv(c.get(), {"PUBLISH", mChannel, "QUIT"});
+        mThread.join();
+    }
+
+private:
+    void Run() {
+        ContextPtr listen = Connect();
+        ContextPtr cmd = Connect();
+        Argv(listen.get(), {"SUBSCRIBE", mChannel});
+        for (;;) {
+            void* raw = nullptr;
+            if (redisGetReply(listen.get(), &raw) != REDIS_OK) return;
+            ReplyPtr r(static_cast<redisReply*>(raw));
+            if (r->type != REDIS_REPLY_ARRAY || r->elements != 3) continue;
+            const std::string key(r->element[2]->str, r->element[2]->len);
+            if (key == "QUIT") return;
+            if (mScript.empty()) {
+                Minimal(cmd.get(), key);
+            } else {
+                Replay(cmd.get(), key);
+            }
+        }
+    }
+    static void Minimal(redisContext* c, const std::string& key) {
+        ReplyPtr all = Argv(c, {"HGETALL", key});
+        std::string ret;
+        for (size_t i = 0; all && i + 1 < all->elements; i += 2) {
+            if (std::string(all->element[i]->str) == "&&ReturnChannel") ret = all->element[i + 1]->str;
+        }
+        Argv(c, {"HSET", key, "&&ReturnStatus", "OK"});
+        Argv(c, {"HSET", key, "&&ExtendedInfo", "/redfish/v1/Systems/1/Bench:GETQ/ExtendedInfo"});
+        Argv(c, {"HSET", key, "&&ResourceLock", "&&ResourceLock:/redfish/v1/Systems/1"});
+        Argv(c, {"PUBLISH", ret, key});
+    }
+    // The recorded commands with the request's key, and its return channel
+    // (read from the HGETALL reply, as the dispatcher does) for the recorded one.
+    void Replay(redisContext* c, const std::string& key) {
+        std::string ret;
+        for (Command cmd : mScript) {
+            for (std::string& arg : cmd) {
+                size_t pos = arg.find(mRecordedKey);
+                if (pos != std::string::npos) arg.replace(pos, mRecordedKey.size(), key);
+            }
+            if (cmd[0] == "PUBLISH" && !ret.empty()) cmd[1] = ret;
+            ReplyPtr r = Argv(c, cmd);
+            if (cmd[0] == "HGETALL" && r && r->type == REDIS_REPLY_ARRAY) {
+                for (size_t i = 0; i + 1 < r->elements; i += 2) {
+                    if (std::string(r->element[i]->str) == "&&ReturnChannel") {
+                        ret = r->element[i + 1]->str;
+                    }
+                }
+            }
+        }
+    }
+
+    std::string mChannel;
+    Script mScript;
+    std::string mRecordedKey;
+    std::thread mThread;
+};
+
+// ---------------------------------------------------------------------------
+// The plug-in under test
+// ---------------------------------------------------------------------------
+
+eRtCode ResetAction(HTTP_MethodContext*) {
+    return RT_SUCCESS;
+}
+
+class BenchSystems : public ZSchema {
+public:
+    BenchSystems() : ZSchema("ComputerSystem", "v1_20_0", CRUDQ_ALL, "ComputerSystem") {
+        AddActionCallback("ComputerSystem.Reset", ResetAction);
+    }
+    eRtCode PreCorvelReady_InitialResources() override {
+        auto* coll = new ZResourceCollection(nullptr, this, "/redfish/v1/Systems");
+        for (int i = 1; i <= kMembers; ++i) {
+            auto* member = new ZResource(coll, this, std::to_string(i));
+            member->HashWrite("PowerState", "On");
+            member->ApplyRedisChanges(false);
+        }
+        return RT_SUCCESS;
+    }
+    // The read answers from the store; an update has nothing to change.
+    eRtCode HttpMethod_UPDATE(HTTP_MethodContext*) override { return RT_SUCCESS; }
+};
+
+int BenchFactory(void*) {
+    auto* schema = new BenchSystems();
+    if (schema->Init() != RT_SUCCESS) {
+        delete schema;
+        return -1;
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Statistics
+// ---------------------------------------------------------------------------
+
+struct Stats {
+    size_t n = 0;
+    size_t lost = 0;
+    double p50 = 0, p99 = 0, mean = 0;
+};
+
+Stats Summarise(std::vector<double> us) {
+    Stats s;
+    std::vector<double> ok;
+    for (double v : us) {
+        if (v < 0) {
+            ++s.lost;
+        } else {
+            ok.push_back(v);
+        }
+    }
+    s.n = us.size();
+    if (ok.empty()) return s;
+    std::sort(ok.begin(), ok.end());
+    s.p50 = ok[ok.size() / 2];
+    s.p99 = ok[std::min(ok.size() - 1, ok.size() * 99 / 100)];
+    double sum = 0;
+    for (double v : ok) sum += v;
+    s.mean = sum / ok.size();
+    return s;
+}
+
+void Print(const char* what, const Stats& s, double perSecond) {
+    std::printf("%-44s n=%5zu lost=%zu  p50 %7.1f us  p99 %7.1f us  mean %7.1f us  %8.0f req/s\n",
+                what, s.n, s.lost, s.p50, s.p99, s.mean, perSecond);
+}
+
+// `clients` threads send `total` requests between them; each request is
+// made by `next(client, i)`.
+template <class Next>
+std::pair<Stats, double> RunClients(int clients, int total, Next next) {
+    std::vector<std::vector<double>> lat(clients);
+    std::vector<std::thread> threads;
+    std::atomic<int> ready{0};
+    std::atomic<bool> go{false};
+    for (int c = 0; c < clients; ++c) {
+        threads.emplace_back([&, c]() {
+            Client client;
+            ++ready;
+            while (!go) std::this_thread::yield();
+            for (int i = c; i < total; i += clients) lat[c].push_back(next(client, c, i));
+        });
+    }
+    while (ready < clients) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const auto start = Clock::now();
+    go = true;
+    for (auto& t : threads) t.join();
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    std::vector<double> all;
+    for (auto& v : lat) all.insert(all.end(), v.begin(), v.end());
+    return {Summarise(all), total / seconds};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc > 1 && std::strcmp(argv[1], "--pin") == 0) {
+        // Before the server starts, which inherits it.
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        const int cpu = sched_getcpu();
+        CPU_SET(cpu >= 0 ? cpu : 0, &set);
+        if (sched_setaffinity(0, sizeof(set), &set) != 0) std::perror("bench: sched_setaffinity");
+    }
+    if (!OrbelBench::StartBenchStore()) return 1;
+    ContextPtr ctl = Connect();
+
+    // 1. The floor.
+    double floorPerSecond = 0;
+    {
+        PlainPlugin floor("Bench:Floor:GETQ", Script(), std::string());
+        auto one = RunClients(1, kSingleN, [](Client& c, int, int) {
+            return c.Send("Bench:Floor:GETQ", "GET", MemberUri(1));
+        });
+        floorPerSecond = one.second;
+        Print("floor, 1 client", one.first, one.second);
+        auto eight = RunClients(kClients, kConcurrentTotal, [](Client& c, int, int) {
+            return c.Send("Bench:Floor:GETQ", "GET", MemberUri(1));
+        });
+        Print("floor, 8 clients", eight.first, eight.second);
+    }
+
+    // The plug-in: Exec on its own thread; ready when the front end is.
+    vex_config_set_bool("nginx_redfish_ready", 0, 0);
+    auto* app = new ZApplication("RF_Bench");
+    zLogPrint->SetDebugLevel(0);
+    static const ZApplication::sSchemaFactory kTable[] = {{"ComputerSystem", BenchFactory}};
+    static char arg0[] = "RF_Bench";
+    static char* execArgv[] = {arg0, nullptr};
+    ZApplication::sExecParams params{1, execArgv, kTable, 1};
+    std::thread exec([&]() { app->Exec(params); });
+    while (app->GetInitStep() < 3) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    vex_config_set_bool("nginx_redfish_ready", 1, 0);
+    while (!app->isAppInitDone()) std::this_thread::yield();
+    const auto readyAt = Clock::now();
+
+    // 4 (measured first, as it must be the first request). 
+    {
+        Client first;
+        const double us = first.Send("RF_Bench:ComputerSystem:GETQ", "GET", MemberUri(kMembers));
+        const double sinceReady =
+            std::chrono::duration<double, std::micro>(Clock::now() - readyAt).count();
+        std::printf("%-44s answered=%s  %.0f us after ready (round trip %.0f us; goal < 1 s)\n",
+                    "first request, 1000 members", us >= 0 ? "yes" : "NO", sinceReady, us);
+    }
+
+    // 2. GET through the dispatcher against a replay of its commands.
+    Script script;
+    std::string recordedKey;
+    Client rec;  // records, then measures: the script answers on its return channel
+    {
+        rec.Send("RF_Bench:ComputerSystem:GETQ", "GET", MemberUri(1));  // warm
+        ContextPtr monitor = Connect();
+        Argv(monitor.get(), {"MONITOR"});
+        rec.Send("RF_Bench:ComputerSystem:GETQ", "GET", MemberUri(1));
+        recordedKey = rec.KeyOf(rec.Seq());
+        Argv(ctl.get(), {"ECHO", "bench-recording-ends"});
+        Script all;
+        if (!OrbelBench::ReadMonitorUntil(monitor.get(), "bench-recording-ends", all)) {
+            std::fprintf(stderr, "bench: recording failed\n");
+            return 1;
+        }
+        // The plug-in's part: after the client's PUBLISH, up to and with the
+        // answer's PUBLISH.
+        bool in = false;
+        for (const Command& cmd : all) {
+            if (!in) {
+                in = cmd.size() == 3 && cmd[0] == "PUBLISH" && cmd[2] == recordedKey;
+                continue;
+            }
+            script.push_back(cmd);
+            if (cmd[0] == "PUBLISH") break;
+        }
+        std::printf("%-44s %zu commands:", "a dispatched GET sends", script.size());
+        for (const Command& cmd : script) std::printf(" %s", cmd[0].c_str());
+        std::printf("\n");
+    }
+    {
+        PlainPlugin replay("Bench:Replay:GETQ", script, recordedKey);
+        std::vector<double> lib, rep;
+        Client& c = rec;
+        double libSeconds = 0, repSeconds = 0;
+        // Alternating request by request, so that the load of the machine
+        // weighs on both alike.
+        for (int i = 0; i < kSingleN; ++i) {
+            auto t0 = Clock::now();
+            lib.push_back(c.Send("RF_Bench:ComputerSystem:GETQ", "GET", MemberUri(1)));
+            auto t1 = Clock::now();
+            rep.push_back(c.Send("Bench:Replay:GETQ", "GET", MemberUri(1)));
+            auto t2 = Clock::now();
+            libSeconds += std::chrono::duration<double>(t1 - t0).count();
+            repSeconds += std::chrono::duration<double>(t2 - t1).count();
+        }
+        Stats l = Summarise(lib), r = Summarise(rep);
+        Print("GET through the dispatcher", l, lib.size() / libSeconds);
+        Print("replay of its commands (plain hiredis)", r, rep.size() / repSeconds);
+        std::printf("%-44s p50 %.2fx  p99 %.2fx  mean %.2fx  (goal <= 1.3x)\n", "GET / replay",
+                    l.p50 / r.p50, l.p99 / r.p99, l.mean / r.mean);
+        // What the store allows for this traffic: eight clients on the
+        // replay, each on its own resource's key.
+        auto eight = RunClients(kClients, kConcurrentTotal, [](Client& cl, int, int) {
+            return cl.Send("Bench:Replay:GETQ", "GET", MemberUri(1));
+        });
+        Print("replay, 8 clients", eight.first, eight.second);
+        std::printf("%-44s %.2fx of the 1-client floor\n", "replay throughput",
+                    eight.second / floorPerSecond);
+    }
+
+    // 3. Eight clients over the three dispatchers.
+    {
+        auto res = RunClients(kClients, kConcurrentTotal, [](Client& c, int client, int i) {
+            const std::string uri = MemberUri(client + 1);
+            switch (i % 3) {
+                case 0:
+                    return c.Send("RF_Bench:ComputerSystem:GETQ", "GET", uri);
+                case 1:
+                    return c.Send("RF_Bench:ComputerSystem:PATCHQ", "PATCH", uri);
+                default:
+                    return c.Send("RF_Bench:ComputerSystem:POSTACTIONQ", "POSTACTION",
+                                  uri + "/Actions/ComputerSystem.Reset");
+            }
+        });
+        Print("8 clients, GET/PATCH/action", res.first, res.second);
+        std::printf("%-44s %.2fx of the 1-client floor (goal >= 0.8x), %zu lost\n", "throughput",
+                    res.second / floorPerSecond, res.first.lost);
+    }
+
+    app->Exit();
+    exec.join();
+    delete app;
+    return 0;
+}

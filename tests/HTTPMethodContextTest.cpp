@@ -1,0 +1,190 @@
+// The request context without dispatcher threads: assignments and their
+// refusals, response data rules, the status table, the request body read
+// into typed values, masking, the location rule and the return-status rule.
+#include <string>
+
+#include "CRUDRequest.h"
+#include "HTTP_MethodContext.h"
+#include "ObjectModelFixture.h"
+#include "RedisCli.h"
+#include "ZResource.h"
+#include "ZSchema.h"
+
+using namespace Orbel;
+using namespace OrbelTest;
+
+namespace {
+
+const std::string kSys = "/redfish/v1/Systems/1";
+
+class HTTPMethodContextTest : public ObjectModelTest {
+protected:
+    void SetUp() override {
+        ObjectModelTest::SetUp();
+        mSchema = new ZSchema("ComputerSystem", "v1_20_0", ZSchema::CRUDQ_ALL);
+        ASSERT_EQ(mSchema->Init(), RT_SUCCESS);
+        mSys = new ZResource(nullptr, mSchema, kSys);
+        mConn = RedisConnect();
+    }
+    void TearDown() override {
+        RedisDisconnect(mConn);
+        ObjectModelTest::TearDown();
+    }
+    sCRUD_ReqData Request(const char* method, const std::string& uri,
+                          const std::string& dataKey = std::string()) {
+        sCRUD_ReqData req;
+        CRUDParseReqFields("Corvel:Req:1",
+                           {{"&&RequestMethod", method},
+                            {"&&TargetURI", uri},
+                            {"&&ReturnChannel", "Corvel:Return"},
+                            {"&&Task", "/redfish/v1/TaskService/TaskMonitors/5"},
+                            {"&&RequestData", dataKey}},
+                           req);
+        if (dataKey.empty()) req.requestDataKey.clear();
+        return req;
+    }
+
+    ZSchema* mSchema = nullptr;
+    ZResource* mSys = nullptr;
+    redisContext* mConn = nullptr;
+};
+
+TEST_F(HTTPMethodContextTest, StatusWordsAndCodes) {
+    const struct {
+        eHttpRtStatus status;
+        const char* word;
+        int code;
+    } rows[] = {{HTTP_RT_OK, "OK", 200},          {HTTP_RT_OK_RES, "OK_RES", 201},
+                {HTTP_RT_OK_EMPTY, "OK_EMPTY", 204}, {HTTP_RT_PROCESSING, "PROCESSING", 202},
+                {HTTP_RT_AUTH_FAILED, "AUTH_FAILED", 401}, {HTTP_RT_FORBIDDEN, "FORBIDDEN", 403},
+                {HTTP_RT_NOT_FOUND, "NOT_FOUND", 404}, {HTTP_RT_NOT_ALLOWED, "NOT_ALLOWED", 405},
+                {HTTP_RT_CONFLICT, "CONFLICT", 409}, {HTTP_RT_FAILURE, "FAILURE", 400},
+                {HTTP_RT_EXCEPTION, "EXCEPTION", 500}, {HTTP_RT_NOT_SUPPORTED, "NOT_SUPPORTED", 501},
+                {HTTP_RT_UNAVAILABLE, "UNAVAILABLE", 503}, {HTTP_RT_IGNORE, "IGNORE", 0},
+                {static_cast<eHttpRtStatus>(14), "", 0}};
+    for (const auto& row : rows) {
+        EXPECT_STREQ(HttpRtStatusWord(row.status), row.word);
+        EXPECT_EQ(HttpRtStatusCode(row.status), row.code) << row.word;
+    }
+}
+
+TEST_F(HTTPMethodContextTest, MisuseIsRefusedAndLogged) {
+    sCRUD_ReqData req = Request("GET", kSys);
+    HTTP_MethodContext ctx(mSchema, mConn, &req);
+    EXPECT_EQ(HGetAll("Corvel:Req:1")["&&ExtendedInfo"],
+              kSys + "/RF_Test:ComputerSystem:GETQ/ExtendedInfo");
+    size_t mark = LogMark();
+    ctx.AssignTargetSchema(nullptr);
+    ctx.AssignTargetResource(mSys);
+    ctx.AssignNewInstance(mSys);
+    EXPECT_EQ(ctx.NewResponseDataObject(ZObject::eJsonObject), nullptr);
+    EXPECT_EQ(ctx.GetBackendImpl(), nullptr);
+    EXPECT_TRUE(Logged(mark, {"Assign a NULL pointer! schema[ComputerSystem]\n",
+                              "This is not a CREATE request! schema[ComputerSystem]\n",
+                              "Only Action request can create response data.\n",
+                              "Target schema is NULL! schema[ComputerSystem]\n"}));
+    EXPECT_EQ(ctx.GetTargetSchema(), nullptr);
+    EXPECT_EQ(ctx.GetTargetResource(), mSys);
+    EXPECT_EQ(ctx.GetNewInstance(), nullptr);
+
+    sCRUD_ReqData act = Request("POSTACTION", kSys + "/Actions/ComputerSystem.Reset");
+    HTTP_MethodContext actx(mSchema, mConn, &act);
+    mark = LogMark();
+    EXPECT_EQ(actx.NewResponseDataObject(ZObject::eResource), nullptr);
+    EXPECT_EQ(actx.NewResponseDataObject(7), nullptr);
+    ZObject* data = actx.NewResponseDataObject(ZObject::eJsonArray);
+    ASSERT_NE(data, nullptr);
+    EXPECT_EQ(data->GetJPath(), kSys + "/Actions/ComputerSystem.Reset/ResponseData");
+    EXPECT_EQ(actx.NewResponseDataObject(ZObject::eJsonObject), data);
+    EXPECT_TRUE(Logged(mark, {"Shouldn't create a resource for HTTP response data object.\n",
+                              "Unknown type[7].\n", "Shouldn't new response data object twice.\n"}));
+}
+
+TEST_F(HTTPMethodContextTest, BodyValuesAreTypedAndSecretsMasked) {
+    const std::string data = "&&Corvel:Req:1/RequestData";
+    RawCommand({"HSET", data, "Name", "\"a\\u00e9\\n\"", "Neg", "-12", "Big", "18446744073709551615",
+                "Ratio", "0.5", "On", "true", "Nothing", "null", "Odd", "{bad", "UserPassword",
+                "\"x\"", "PasswordName", "\"shown\"", "AuthKey", "\"k\"", "KeyType", "\"RSA\"",
+                "&&Array Names &&Names", "", "&&ObjectRef Mgr /redfish/v1/Managers/1", "",
+                "&&Checklist", "ignored"});
+    RawCommand({"RPUSH", "&&Names", "\"p\"", "\"q\""});
+    sCRUD_ReqData req = Request("PATCH", kSys, data);
+    HTTP_MethodContext ctx(mSchema, mConn, &req);
+    const auto& cache = ctx.GetUserInCache();
+    const struct {
+        const char* jpath;
+        eUsrInType type;
+        const char* value;
+    } rows[] = {{"/Name", USRIN_STRING, "a\xc3\xa9\n"}, {"/Neg", USRIN_SNUM, "-12"},
+                {"/Big", USRIN_UNUM, "18446744073709551615"}, {"/Ratio", USRIN_DOUBLE, "0.5"},
+                {"/On", USRIN_BOOL, "true"},             {"/Nothing", USRIN_NULL, "null"},
+                {"/Odd", USRIN_RAWSTR, "{bad"},          {"/Names", USRIN_ARRAY, "2"},
+                {"/Names/1", USRIN_STRING, "q"},         {"/Mgr", USRIN_OBJECT, ""},
+                {"/Mgr/@odata.id", USRIN_STRING, "/redfish/v1/Managers/1"}};
+    for (const auto& row : rows) {
+        auto it = cache.find(row.jpath);
+        ASSERT_NE(it, cache.end()) << row.jpath;
+        EXPECT_EQ(it->second.type, row.type) << row.jpath;
+        EXPECT_EQ(it->second.value, row.value) << row.jpath;
+    }
+    EXPECT_EQ(cache.size(), 16u);  // the "&&" field is not user input
+    long long neg = 0;
+    unsigned int u = 0;
+    double ratio = 0;
+    std::string text;
+    EXPECT_EQ(ctx.GetUserInputData("/Neg", neg), RT_SUCCESS);
+    EXPECT_EQ(neg, -12);
+    EXPECT_EQ(ctx.GetUserInputData("/Neg", u), RT_INVALID_ARG);
+    EXPECT_EQ(ctx.GetUserInputData("/Big", u), RT_INVALID_ARG);  // over 32 bits
+    EXPECT_EQ(ctx.GetUserInputData("/Ratio", ratio), RT_SUCCESS);
+    EXPECT_EQ(ratio, 0.5);
+    EXPECT_EQ(ctx.GetUserInputData("/Names", text), RT_INVALID_ARG);
+    size_t mark = LogMark();
+    EXPECT_EQ(ctx.GetUserInputData("/Missing", text), RT_NO_SUCH_KEY);
+    EXPECT_TRUE(Logged(mark, "Cannot find [/Missing] in user input cache.\n"));
+
+    EXPECT_EQ(ctx.GetAllUsrParams(),
+              "/AuthKey:******,/Big:18446744073709551615,/KeyType:RSA,/Mgr/@odata.id:/redfish/v1/"
+              "Managers/1,/Name:a\xc3\xa9\n,/Names/0:p,/Names/1:q,/Neg:-12,/Nothing:null,/Odd:{bad,"
+              "/On:true,/PasswordName:shown,/Ratio:0.5,/UserPassword:******");
+}
+
+TEST_F(HTTPMethodContextTest, LocationIsTheTaskMonitorWhileProcessingElseTheNewInstance) {
+    for (eHttpRtStatus status : {HTTP_RT_OK, HTTP_RT_PROCESSING}) {
+        sCRUD_ReqData req = Request("POSTCREATE", kSys);
+        HTTP_MethodContext ctx(mSchema, mConn, &req);
+        ctx.AssignNewInstance(mSys);
+        ctx.SetReturnStatus(status);
+        EXPECT_EQ(ctx.SendResponseToCorvel(), RT_SUCCESS);
+        EXPECT_EQ(HGetAll("Corvel:Req:1")["&&Location"],
+                  status == HTTP_RT_OK ? kSys : "/redfish/v1/TaskService/TaskMonitors/5");
+        // No target assigned: no lock key.
+        EXPECT_EQ(HGetAll("Corvel:Req:1").count("&&ResourceLock"), 0u);
+    }
+}
+
+TEST_F(HTTPMethodContextTest, AFailedHandlerAnswers500UnlessItSetAnError) {
+    struct FailingSchema : ZSchema {
+        FailingSchema() : ZSchema("Failing", "", CRUDQ_ALL) {}
+        eHttpRtStatus preset = HTTP_RT_OK;
+        eRtCode HttpMethod_READ(HTTP_MethodContext* ctx) override {
+            ctx->SetReturnStatus(preset);
+            return RT_FAILURE;
+        }
+    } schema;
+    for (eHttpRtStatus preset : {HTTP_RT_OK_EMPTY, HTTP_RT_CONFLICT}) {
+        schema.preset = preset;
+        sCRUD_ReqData req = Request("GET", kSys);
+        HTTP_MethodContext ctx(&schema, mConn, &req);
+        size_t mark = LogMark();
+        EXPECT_EQ(schema.DoHttpMethodRead(&ctx), RT_FAILURE);
+        const bool auto500 = preset == HTTP_RT_OK_EMPTY;
+        EXPECT_EQ(ctx.GetReturnStatus(), auto500 ? HTTP_RT_EXCEPTION : HTTP_RT_CONFLICT);
+        EXPECT_EQ(ctx.GetExtendedInfoNum(RESP_Base_InternalError), auto500 ? 1u : 0u);
+        EXPECT_EQ(Logged(mark, "Auto set Http returnStatus to '500' due to get failed from "
+                               "HttpMethod_READ() function.\n"),
+                  auto500);
+    }
+}
+
+}  // namespace
