@@ -33,9 +33,11 @@
 // resources is mostly such nodes. A null list reads as empty.
 //
 // Defined in: ZObject.cpp (nodes, children, references, retirement),
-// ZObject_RedisCache.cpp (writes and the change queue), ZObject_StoreSide.cpp
-// (the store commands of an applied item), ZObject_RawJson.cpp (RawJson
-// content).
+// ZObject_Writes.cpp (hash, list and compound writes), ZObject_Removal.cpp
+// (removals), ZObject_RedisCache.cpp (the change queue, apply and discard),
+// ZObject_StoreSide.cpp (the store commands of an applied item),
+// ZObject_RawJson.cpp (RawJson content), ZObject_JsonStringTrans*.cpp
+// (bodies as text).
 #ifndef ORBEL_ZOBJECT_H
 #define ORBEL_ZOBJECT_H
 

@@ -18,6 +18,7 @@ set(ALLOWED
   # node <-> registry: OIDs, validity, the object list and the recycle queue
   ZObject.cpp:ZApplication.h
   ZObject_RedisCache.cpp:ZApplication.h
+  ZObject_Removal.cpp:ZApplication.h
   ZJsonArray.cpp:ZApplication.h
   ZResource.cpp:ZApplication.h
   ZResourceCollection.cpp:ZApplication.h
@@ -25,7 +26,7 @@ set(ALLOWED
   ZResource.cpp:ZSchema.h
   ZResourceCollection.cpp:ZSchema.h
   # the action writer asks the owning schema's task flag
-  ZObject_RedisCache.cpp:ZSchema.h
+  ZObject_Writes.cpp:ZSchema.h
 )
 
 function(layer_of name out)
