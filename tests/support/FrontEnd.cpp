@@ -1,9 +1,11 @@
 // The front-end driver: request hashes, bodies, the return channel.
 #include "FrontEnd.h"
 
+#include <poll.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -169,18 +171,25 @@ bool FrontEnd::PublishAndWait(const std::string& channel, const std::string& mes
 }
 
 bool FrontEnd::_Wait(const std::string& key, int timeoutMs) {
-    struct timeval tv;
-    tv.tv_sec = timeoutMs / 1000;
-    tv.tv_usec = (timeoutMs % 1000) * 1000;
-    redisSetTimeout(mListen, tv);
+    // The bound is kept with poll() rather than a socket receive time-out:
+    // a 32-bit build with 64-bit time sets that option in a form the user
+    // emulator the ARM suites run under does not know, and the wait would
+    // never end there.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
         void* raw = nullptr;
-        if (redisGetReply(mListen, &raw) != REDIS_OK) {
-            // A time-out leaves the connection unusable: listen anew.
-            redisFree(mListen);
-            mListen = nullptr;
-            _Connect();
-            return false;
+        if (redisGetReplyFromReader(mListen, &raw) != REDIS_OK) return _Relisten();
+        if (raw == nullptr) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                  deadline - std::chrono::steady_clock::now())
+                                  .count();
+            if (left <= 0) return false;
+            struct pollfd pfd = {mListen->fd, POLLIN, 0};
+            const int n = poll(&pfd, 1, static_cast<int>(left));
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) return false;  // time-out: the connection stays usable
+            if (redisBufferRead(mListen) != REDIS_OK) return _Relisten();
+            continue;
         }
         ReplyPtr reply(static_cast<redisReply*>(raw));
         if (reply->type != REDIS_REPLY_ARRAY || reply->elements != 3) continue;
@@ -188,6 +197,14 @@ bool FrontEnd::_Wait(const std::string& key, int timeoutMs) {
                                reply->element[2]->len);
         if (key.empty() || text == key) return true;
     }
+}
+
+bool FrontEnd::_Relisten() {
+    // A broken connection (the store went away) is replaced.
+    redisFree(mListen);
+    mListen = nullptr;
+    _Connect();
+    return false;
 }
 
 std::string FrontEnd::_Doc(const std::string& jpath) {

@@ -76,6 +76,7 @@ public:
 
 private:
     bool _Connect();
+    bool _Relisten();
     bool _Wait(const std::string& key, int timeoutMs);
     std::string _Doc(const std::string& jpath);
 
