@@ -154,10 +154,15 @@ void LogPrintf(const char* module, eZLogType type, const char* file, const char*
 }  // namespace Orbel
 
 // The library's own lines: empty module name (the "Default" destination).
+// The file named in a line: the source file, unless a unit spread over
+// several files names itself once (see RedisCli_Internal.h).
+#ifndef ORBEL_LOG_FILE_NAME
+#define ORBEL_LOG_FILE_NAME __FILE_NAME__
+#endif
 #define ZLOG(type, ...) \
-    ::Orbel::LogPrintf("", ::Orbel::type, __FILE_NAME__, __func__, __LINE__, __VA_ARGS__)
+    ::Orbel::LogPrintf("", ::Orbel::type, ORBEL_LOG_FILE_NAME, __func__, __LINE__, __VA_ARGS__)
 // Lines under a module name, e.g. ZLOGM("ZComLib", eZLogRaw, ...).
 #define ZLOGM(module, type, ...) \
-    ::Orbel::LogPrintf(module, ::Orbel::type, __FILE_NAME__, __func__, __LINE__, __VA_ARGS__)
+    ::Orbel::LogPrintf(module, ::Orbel::type, ORBEL_LOG_FILE_NAME, __func__, __LINE__, __VA_ARGS__)
 
 #endif  // ORBEL_ZLOGPRINT_H

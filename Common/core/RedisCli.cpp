@@ -14,6 +14,7 @@
 // the object mirror and every request, so a success-path line would cost
 // more than the command itself.
 #include "RedisCli.h"
+#include "RedisCli_Internal.h"
 
 #include <signal.h>
 
@@ -35,18 +36,19 @@ namespace {
 // null. Only this thread reads or writes it.
 thread_local redisContext* tScopedConn = nullptr;
 
+}  // namespace
+
+namespace cli {
+
+
+
 // The scoped connection while it can still carry commands; null otherwise.
 redisContext* UsableScopedConn() {
     redisContext* c = tScopedConn;
     return c != nullptr && c->err == 0 ? c : nullptr;
 }
 
-struct ReplyDeleter {
-    void operator()(redisReply* r) const {
-        if (r != nullptr) freeReplyObject(r);
-    }
-};
-using ReplyPtr = std::unique_ptr<redisReply, ReplyDeleter>;
+
 
 // A write on a connection whose server has gone raises SIGPIPE, and its
 // default action ends the process; a plug-in must outlive a restart of the
@@ -85,34 +87,9 @@ ReplyPtr TakeReply(redisContext* c, void* raw) {
     return reply;
 }
 
-// One argument of a command: a text and its length. Caller texts travel
-// only this way, byte for byte, so none of them is ever read as a format.
-struct Arg {
-    Arg(const char* text) : data(text), size(std::strlen(text)) {}  // NOLINT: implicit on purpose
-    Arg(const std::string& text) : data(text.data()), size(text.size()) {}  // NOLINT
-    const char* data;
-    size_t size;
-};
 
-// An integer as the decimal text an argument carries ("-1", "20").
-class DecimalArg {
-public:
-    explicit DecimalArg(long long value) {
-        std::to_chars_result r = std::to_chars(mText, mText + sizeof(mText), value);
-        mSize = static_cast<size_t>(r.ptr - mText);
-        *r.ptr = '\0';  // for the log lines that show it
-    }
-    operator Arg() const {  // NOLINT: implicit on purpose
-        Arg a(mText);
-        a.size = mSize;
-        return a;
-    }
-    const char* c_str() const { return mText; }
 
-private:
-    char mText[24];
-    size_t mSize;
-};
+
 
 // Appends "<n>" and the protocol's line end to `out` ("*3\r\n", "$5\r\n").
 char* PutCount(char* out, char mark, size_t n) {
@@ -185,43 +162,7 @@ ReplyPtr CommandArgv(redisContext* c, std::vector<const char*>& argv,
     return SendArgv(c, argv.size(), argv.data(), argvLen.data());
 }
 
-// Checks the call's connection (RedisCallConnection, opened when the
-// caller passed none), or logs (under the calling wrapper's name) and
-// returns `failRt` from it.
-#define ORBEL_OPEN_OR_RETURN(ctx, failRt)                        \
-    do {                                                         \
-        if ((ctx).get() == nullptr) {                            \
-            ZLOG(eZLogError, "Failed to call RedisConnect()\n"); \
-            return (failRt);                                     \
-        }                                                        \
-    } while (0)
 
-// The same, then refuses a null key with the wrappers' common text.
-#define ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, failRt)                            \
-    do {                                                                           \
-        ORBEL_OPEN_OR_RETURN(ctx, failRt);                                         \
-        if ((key) == nullptr) {                                                    \
-            ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key)); \
-            return (failRt);                                                       \
-        }                                                                          \
-    } while (0)
-
-// The same for a hash field: refuses a null key or field name.
-#define ORBEL_OPEN_WITH_FIELD_OR_RETURN(ctx, key, name)                                      \
-    do {                                                                                     \
-        ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);                                               \
-        if ((key) == nullptr || (name) == nullptr) {                                         \
-            ZLOG(eZLogError, "NULL arg! key:%p pptName:%p\n", static_cast<const void*>(key), \
-                 static_cast<const void*>(name));                                            \
-            return RT_FAILURE;                                                               \
-        }                                                                                    \
-    } while (0)
-
-// For the steps several wrappers share: the line is logged under the name of
-// the wrapper that called the helper (`func`), so log readers see the same
-// function name whichever wrapper failed.
-#define ZLOG_AS(func, type, ...) \
-    ::Orbel::LogPrintf("", ::Orbel::type, __FILE_NAME__, func, __LINE__, __VA_ARGS__)
 
 bool IsStatus(const redisReply* r, const char* text) {
     return r->type == REDIS_REPLY_STATUS && r->str != nullptr && std::strcmp(r->str, text) == 0;
@@ -240,15 +181,7 @@ std::string ElementText(const redisReply* r, size_t i) {
 
 // "0".."255": the list elements that stand for the bytes of a binary value.
 // Built once, so a write of a large buffer does no number formatting.
-struct ByteTexts {
-    char text[256][4];
-    size_t len[256];
-    ByteTexts() {
-        for (int i = 0; i < 256; ++i) {
-            len[i] = static_cast<size_t>(std::snprintf(text[i], sizeof(text[i]), "%d", i));
-        }
-    }
-};
+
 const ByteTexts& ByteTextTable() {
     static const ByteTexts table;
     return table;
@@ -335,7 +268,7 @@ eRtCode KeyLength(const char* func, redisContext* c, const char* word, const cha
 
 // SADD or SREM of one member, on the caller's connection only.
 eRtCode SetMemberCommand(const char* func, redisContext* c, const char* word, const char* key,
-                         const char* value, long long* changed = nullptr) {
+                         const char* value, long long* changed) {
     if (c == nullptr || key == nullptr || value == nullptr) {
         ZLOG_AS(func, eZLogError, "NULL arg! c:%p key:%p value:%p!\n", static_cast<void*>(c),
                 static_cast<const void*>(key), static_cast<const void*>(value));
@@ -430,7 +363,9 @@ eRtCode EvalStoredScript(const char* func, redisContext* caller, const char* scr
     return result == 1 ? RT_SUCCESS : RT_FAILURE;
 }
 
-}  // namespace
+}  // namespace cli
+
+using namespace cli;
 
 // ---------------------------------------------------------------------------
 // Connection and low level
@@ -783,245 +718,6 @@ eRtCode RedisHashGetAll(redisContext* c, const char* key, std::map<std::string, 
         // The store's value wins over anything the caller left in `out`.
         out.insert_or_assign(std::move(name), std::move(value));
     }
-    return RT_SUCCESS;
-}
-
-// ---------------------------------------------------------------------------
-// Sets (caller's connection only)
-// ---------------------------------------------------------------------------
-
-eRtCode RedisSetAdd(redisContext* c, const char* key, const char* value, long long* added) {
-    return SetMemberCommand(__func__, c, "SADD", key, value, added);
-}
-
-eRtCode RedisSetRem(redisContext* c, const char* key, const char* value) {
-    return SetMemberCommand(__func__, c, "SREM", key, value);
-}
-
-// ---------------------------------------------------------------------------
-// Lists
-// ---------------------------------------------------------------------------
-
-eRtCode RedisListSize(redisContext* c, const char* key, int& size) {
-    if (c == nullptr || key == nullptr) {
-        ZLOG(eZLogError, "NULL arg! c:%p key:%p\n", static_cast<void*>(c),
-             static_cast<const void*>(key));
-        return RT_FAILURE;
-    }
-    return KeyLength(__func__, c, "LLEN", key, size);
-}
-
-eRtCode RedisListSet(redisContext* c, const char* key, const char* index, const char* value) {
-    if (c == nullptr || key == nullptr || value == nullptr) {
-        ZLOG(eZLogError, "NULL arg! c:%p key:%p value:%p\n", static_cast<void*>(c),
-             static_cast<const void*>(key), static_cast<const void*>(value));
-        return RT_FAILURE;
-    }
-    // The index is not one of the checked arguments; a null one is sent as
-    // an empty text, which the server refuses as "not an integer".
-    const char* indexText = index != nullptr ? index : "";
-    ReplyPtr reply = Command(c, {"LSET", key, indexText, value});
-    if (!reply) {
-        ZLOG(eZLogError, "Command[LSET %s %s %s] reply is NULL. err[%s]\n", key, indexText,
-             MaskSecretValue(key, value), c->errstr);
-        return RT_FAILURE;
-    }
-    if (!IsStatus(reply.get(), "OK")) {
-        ZLOG(eZLogError, "Command[LSET %s %s %s] reply failed.\n", key, indexText,
-             MaskSecretValue(key, value));
-        return RT_FAILURE;
-    }
-    return RT_SUCCESS;
-}
-
-eRtCode RedisListGet(redisContext* c, const char* key, int index, std::string& value) {
-    if (c == nullptr || key == nullptr) {
-        ZLOG(eZLogError, "NULL arg! c:%p key:%p\n", static_cast<void*>(c),
-             static_cast<const void*>(key));
-        return RT_FAILURE;
-    }
-    ReplyPtr reply = Command(c, {"LINDEX", key, DecimalArg(index)});
-    if (!reply) {
-        ZLOG(eZLogError, "Command[LINDEX %s %d] reply is NULL.\n", key, index);
-        return RT_FAILURE;
-    }
-    if (reply->type == REDIS_REPLY_NIL) return RT_NO_SUCH_KEY;
-    if (reply->type != REDIS_REPLY_STRING) {
-        ZLOG(eZLogError, "Command[LINDEX %s %d] reply failed.\n", key, index);
-        return RT_FAILURE;
-    }
-    value = ReplyText(reply.get());
-    return RT_SUCCESS;
-}
-
-eRtCode RedisListPushBack(redisContext* c, const char* key,
-                          const std::vector<std::string>& values) {
-    RedisCallConnection ctx(c);
-    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
-    if (values.empty()) {
-        // Redis keeps no empty list, so there is nothing to write; the
-        // caller's array simply has no key yet.
-        ZLOG(eZLogWarning, "Empty data\n");
-        return RT_SUCCESS;
-    }
-    for (const std::string& v : values) {
-        eRtCode rt = PushOne(__func__, ctx.get(), key, v);
-        if (rt != RT_SUCCESS) return rt;
-    }
-    return RT_SUCCESS;
-}
-
-eRtCode RedisListPushBack(redisContext* c, const char* key, const char* value) {
-    if (key == nullptr || value == nullptr) {
-        ZLOG(eZLogError, "NULL arg! key:%p value:%p\n", static_cast<const void*>(key),
-             static_cast<const void*>(value));
-        return RT_FAILURE;
-    }
-    // The vector form's steps for one value, without making a vector: this
-    // is the append of every applied list item.
-    eRtCode rt = RT_FAILURE;
-    {
-        RedisCallConnection ctx(c);
-        if (ctx.get() == nullptr) {
-            ZLOG(eZLogError, "Failed to call RedisConnect()\n");
-        } else {
-            rt = PushOne(__func__, ctx.get(), key, value);
-        }
-    }
-    if (rt != RT_SUCCESS) {
-        ZLOG(eZLogError, "Failed to call RedisListPushBack(). rt:%d\n", static_cast<int>(rt));
-    }
-    return rt;
-}
-
-eRtCode RedisListDel(redisContext* c, const char* key, std::string value) {
-    RedisCallConnection ctx(c);
-    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
-    return ListRemove(__func__, ctx.get(), key, "1", value);
-}
-
-eRtCode RedisListDelAll(redisContext* c, const char* key, std::string value) {
-    RedisCallConnection ctx(c);
-    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
-    return ListRemove(__func__, ctx.get(), key, "0", value);
-}
-
-eRtCode RedisListDel(redisContext* c, const char* key, int index) {
-    RedisCallConnection ctx(c);
-    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
-    std::vector<std::string> elements;
-    if (RedisListGetAll(ctx.get(), key, 0, -1, elements) != RT_SUCCESS) {
-        ZLOG(eZLogError, "Failed to call RedisListGetAll( %s )\n", key);
-        return RT_FAILURE;
-    }
-    int size = static_cast<int>(elements.size());
-    if (index < 0 || index >= size) {
-        ZLOG(eZLogError, "Index[%d] out of LIST[%s] size[%d]\n", index, key, size);
-        return RT_FAILURE;
-    }
-    // Removal goes by value (LREM count 1), so an equal element earlier in
-    // the list is the one removed; arrays of the mirror hold distinct
-    // values, which makes this the same element there.
-    return RedisListDel(ctx.get(), key, elements[static_cast<size_t>(index)]);
-}
-
-eRtCode RedisListGetAll(redisContext* c, const char* key, int start, int stop,
-                        std::vector<std::string>& out, bool dump) {
-    out.clear();
-    RedisCallConnection ctx(c);
-    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
-    ReplyPtr reply = Command(ctx.get(), {"LRANGE", key, DecimalArg(start), DecimalArg(stop)});
-    if (!reply) {
-        ZLOG(eZLogError, "Command[LRANGE %s %d %d] reply is NULL.\n", key, start, stop);
-        return RT_FAILURE;
-    }
-    if (reply->type != REDIS_REPLY_ARRAY) {
-        ZLOG(eZLogError, "[%s] is not a list. type[%d]\n", key, reply->type);
-        return RT_FAILURE;
-    }
-    if (dump) {
-        ZLOGM("ZComLib", eZLogRaw, "Command[LRANGE %s %d %d] elementNum[%d].\n", key, start, stop,
-              static_cast<int>(reply->elements));
-    }
-    out.reserve(reply->elements);
-    for (size_t i = 0; i < reply->elements; ++i) {
-        out.push_back(ElementText(reply.get(), i));
-        if (dump) {
-            ZLOGM("ZComLib", eZLogRaw, "    |-- element_%d[%s].\n", static_cast<int>(i),
-                  MaskSecretValue(key, out.back().c_str()));
-        }
-    }
-    return RT_SUCCESS;
-}
-
-eRtCode RedisListWriteBinData(redisContext* c, const char* key, unsigned char* data,
-                              unsigned int len) {
-    if (c == nullptr || key == nullptr || (data == nullptr && len != 0)) {
-        ZLOG(eZLogError, "NULL arg! c:%p key:%p data:%p\n", static_cast<void*>(c),
-             static_cast<const void*>(key), static_cast<void*>(data));
-        return RT_FAILURE;
-    }
-    // One RPUSH with every byte as its own argument. An argument vector keeps
-    // a key with blanks one argument, where a joined command text would split
-    // it.
-    const ByteTexts& table = ByteTextTable();
-    std::vector<const char*> argv;
-    std::vector<size_t> argvLen;
-    argv.reserve(static_cast<size_t>(len) + 2);
-    argvLen.reserve(static_cast<size_t>(len) + 2);
-    argv.push_back("RPUSH");
-    argvLen.push_back(5);
-    argv.push_back(key);
-    argvLen.push_back(std::strlen(key));
-    for (unsigned int i = 0; i < len; ++i) {
-        argv.push_back(table.text[data[i]]);
-        argvLen.push_back(table.len[data[i]]);
-    }
-    ReplyPtr reply = CommandArgv(c, argv, argvLen);
-    if (reply && reply->type == REDIS_REPLY_INTEGER) return RT_SUCCESS;
-
-    // The log shows the command the way a person would type it.
-    std::string command = "RPUSH ";
-    command += key;
-    for (unsigned int i = 0; i < len; ++i) {
-        command += ' ';
-        command += table.text[data[i]];
-    }
-    if (!reply) {
-        ZLOG(eZLogError, "Command[%s] reply is NULL.\n", MaskSecretValue(key, command.c_str()));
-    } else {
-        ZLOG(eZLogError, "Command[%s] reply failed.\n", MaskSecretValue(key, command.c_str()));
-    }
-    return RT_FAILURE;
-}
-
-eRtCode RedisListReadBinData(redisContext* c, const char* key, unsigned char** data,
-                             unsigned int& len) {
-    RedisCallConnection ctx(c);
-    ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
-    if (key == nullptr || data == nullptr) {
-        ZLOG(eZLogError, "NULL arg! key:%p\n", static_cast<const void*>(key));
-        return RT_FAILURE;
-    }
-    *data = nullptr;
-    len = 0;
-    ReplyPtr reply = Command(ctx.get(), {"LRANGE", key, "0", "-1"});
-    if (!reply) {
-        ZLOG(eZLogError, "Command[LRANGE %s 0 -1] reply is NULL.\n", key);
-        return RT_FAILURE;
-    }
-    if (reply->type != REDIS_REPLY_ARRAY || reply->elements == 0) return RT_SUCCESS;
-
-    std::unique_ptr<unsigned char[]> buffer(new unsigned char[reply->elements]);
-    for (size_t i = 0; i < reply->elements; ++i) {
-        if (!ParseByteText(reply->element[i], buffer[i])) {
-            ZLOG(eZLogError, "[%s] element_%d[%s] is not a byte value.\n", key, static_cast<int>(i),
-                 ElementText(reply.get(), i).c_str());
-            return RT_FAILURE;
-        }
-    }
-    len = static_cast<unsigned int>(reply->elements);
-    *data = buffer.release();
     return RT_SUCCESS;
 }
 
