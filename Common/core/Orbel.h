@@ -10,6 +10,10 @@
 // 2 failure) and log their failures through zLogPrint. On failure no partial
 // value is written to an out-argument (GetVEX of a bool resets it to false
 // first).
+//
+// Defined in: Orbel.cpp (text, numbers, secrets, regular expressions, meta
+// keys, files), Orbel_Settings.cpp (VEX, KOBA, clock, run state),
+// Orbel_Process.cpp (threads, whole-file writes).
 #ifndef ORBEL_ORBEL_H
 #define ORBEL_ORBEL_H
 
