@@ -25,7 +25,6 @@
 #include "tarn_clock.h"
 #include "vex.h"
 
-
 #undef ORBEL_LOG_FILE_NAME
 #define ORBEL_LOG_FILE_NAME "Orbel.cpp"
 
@@ -42,7 +41,7 @@ namespace {
 eRtCode VexGetResult(int rc, const char* func, const std::string& name, bool quiet) {
     if (rc != 0) return RT_SUCCESS;
     if (!quiet) {
-        LogPrintf("", eZLogError, __FILE_NAME__, func, __LINE__, "Get vex[%s] variable failed\n",
+        LogPrintf("", eZLogError, ORBEL_LOG_FILE_NAME, func, __LINE__, "Get vex[%s] variable failed\n",
                   name.c_str());
     }
     return RT_FAILURE;
@@ -51,7 +50,7 @@ eRtCode VexGetResult(int rc, const char* func, const std::string& name, bool qui
 eRtCode VexSetResult(int rc, const char* func, const std::string& name, bool quiet) {
     if (rc != 0) return RT_SUCCESS;
     if (!quiet) {
-        LogPrintf("", eZLogError, __FILE_NAME__, func, __LINE__, "Set vex[%s] variable failed\n",
+        LogPrintf("", eZLogError, ORBEL_LOG_FILE_NAME, func, __LINE__, "Set vex[%s] variable failed\n",
                   name.c_str());
     }
     return RT_FAILURE;
@@ -69,7 +68,7 @@ constexpr size_t kKobaStringWriteSize = 512;
 // word `err` under the wrapper's name `func`.
 eRtCode KobaGetResult(int rc, int err, const char* func, const std::string& name) {
     if (rc == 0) return RT_SUCCESS;
-    LogPrintf("", eZLogError, __FILE_NAME__, func, __LINE__,
+    LogPrintf("", eZLogError, ORBEL_LOG_FILE_NAME, func, __LINE__,
               "Get kobaName[%s] failed!! ErrCode=%d.\n", name.c_str(), err);
     return RT_FAILURE;
 }
@@ -79,10 +78,10 @@ eRtCode KobaGetResult(int rc, int err, const char* func, const std::string& name
 eRtCode KobaSetResult(int rc, int err, const char* func, const std::string& name, bool formatLine) {
     if (rc == 0) return RT_SUCCESS;
     if (formatLine && err == KOBA_ERR_FORMAT) {
-        LogPrintf("", eZLogError, __FILE_NAME__, func, __LINE__, "Set kobaName[%s] format error.\n",
+        LogPrintf("", eZLogError, ORBEL_LOG_FILE_NAME, func, __LINE__, "Set kobaName[%s] format error.\n",
                   name.c_str());
     } else {
-        LogPrintf("", eZLogError, __FILE_NAME__, func, __LINE__,
+        LogPrintf("", eZLogError, ORBEL_LOG_FILE_NAME, func, __LINE__,
                   "Set kobaName[%s] failed!! ErrCode=%d.\n", name.c_str(), err);
     }
     return RT_FAILURE;
