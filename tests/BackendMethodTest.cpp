@@ -107,8 +107,8 @@ TEST_F(BackendMethodTest, ContextRefusalsAndTexts) {
 TEST_F(BackendMethodTest, CreateUpdateDeleteReachTheStore) {
     Act ok = Act::Ok;
     ASSERT_EQ(mSys->DoBackend_Create(&ok), RT_SUCCESS);
-    EXPECT_EQ(Members(), (Items{"&&ObjectRef /redfish/v1/Systems/1",
-                                "&&ObjectRef /redfish/v1/Systems/2"}));
+    EXPECT_EQ(Members(),
+              (Items{"&&ObjectRef /redfish/v1/Systems/1", "&&ObjectRef /redfish/v1/Systems/2"}));
     EXPECT_EQ(HGetAll(kSystems + "/2")["Name"], "\"Hot 2\"");
     for (const char* uri : {"/redfish/v1/Systems/1", "/redfish/v1/Systems/2"}) {
         ZResource* sys = mApp->GetResource(uri);
@@ -129,8 +129,9 @@ TEST_F(BackendMethodTest, CreateUpdateDeleteReachTheStore) {
 
     size_t mark = LogMark();
     EXPECT_EQ(mSys->DoBackend_Update(kSystems + "/1", &ok), RT_NO_SUCH_KEY);
-    EXPECT_TRUE(Logged(mark, "Schema[ComputerSystem]: no resource[/redfish/v1/Systems/1] for a "
-                             "backend UPDATE.\n"));
+    EXPECT_TRUE(Logged(mark,
+                       "Schema[ComputerSystem]: no resource[/redfish/v1/Systems/1] for a "
+                       "backend UPDATE.\n"));
 }
 
 TEST_F(BackendMethodTest, FailingHandlersAreReportedAndLeaveNothingLocked) {
@@ -191,7 +192,8 @@ TEST_F(BackendMethodTest, BackendPathsWaitForARequestHoldingTheResource) {
         sys->Unlock();
     });
     while (!locked) std::this_thread::yield();
-    std::thread backend([&] { EXPECT_EQ(mSys->DoBackend_Update(kSystems + "/1", &ok), RT_SUCCESS); });
+    std::thread backend(
+        [&] { EXPECT_EQ(mSys->DoBackend_Update(kSystems + "/1", &ok), RT_SUCCESS); });
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     release = true;
     request.join();
