@@ -64,22 +64,12 @@ TEST_F(SampleBackendTest, ASystemPluggedInAndPulledOutRaisesAnAlert) {
     // The alert: queued once, its tree left for the event service.
     const Items queued = LRange(kEventQueue);
     ASSERT_EQ(queued.size(), 1u);
-    const std::string root = queued[0];
-    const std::string id = root.substr(2);
-    EXPECT_EQ(HGetAll(root), (Fields{{"Id", "\"" + id + "\""},
-                                     {"Name", "\"System removed\""},
-                                     {"&&Events", root + "/Events"}}));
-    const std::string rec = root + "/Events/0";
-    EXPECT_EQ(LRange(root + "/Events"), (Items{rec}));
-    EXPECT_EQ(
-        HGetAll(rec),
-        (Fields{{"MessageId", "\"ResourceEvent.1.0.ResourceRemoved\""},
-                {"&&OriginOfCondition", kSys3},
-                {"&&ResourceType", "LogService"},
-                {"MessageSeverity", "\"Warning\""},
-                {"Message", "\"The system /redfish/v1/Systems/3 was removed from the platform.\""},
-                {"&&MessageArgs", rec + "/MessageArgs"},
-                {"&&Oem", rec + "/Oem"}}));
+    // (The layout as a whole is RedfishEventTest's; here what the sample chose.)
+    const std::string rec = queued[0] + "/Events/0";
+    Fields record = HGetAll(rec);
+    EXPECT_EQ(record["MessageId"], "\"ResourceEvent.1.0.ResourceRemoved\"");
+    EXPECT_EQ(record["MessageSeverity"], "\"Warning\"");
+    EXPECT_EQ(record["&&OriginOfCondition"], kSys3);
     EXPECT_EQ(HGetAll(rec + "/Oem/Veltra"),
               (Fields{{"SystemUUID", "\"6E2B8F14-A09C-4D3B-8F5A-1C7D2E9B0A63\""},
                       {"SystemSerialNumber", "\"SIM0000001\""},
