@@ -127,6 +127,8 @@ public:
     // Runtime diagnostics: the list of the process's threads, rewritten into
     // WorkDir() + ".threads" by the process loop.
     void RegisterThreadInfo(const std::string& owner, const std::string& threadName);
+    // As RegisterThreadInfo for a thread not listed yet; true when it listed it.
+    bool RegisterThreadInfoIfAbsent(const std::string& owner, const std::string& threadName);
     void UnregisterThreadInfo();
     void UpdateThreadInfoProcess();
 

@@ -147,6 +147,12 @@ void ZApplication::RegisterThreadInfo(const std::string& owner, const std::strin
     mThreadInfo[CurrentThreadId()] = sThreadInfo{owner, threadName};
 }
 
+bool ZApplication::RegisterThreadInfoIfAbsent(const std::string& owner,
+                                              const std::string& threadName) {
+    std::lock_guard<std::mutex> lock(mThreadInfoMutex);
+    return mThreadInfo.emplace(CurrentThreadId(), sThreadInfo{owner, threadName}).second;
+}
+
 void ZApplication::UnregisterThreadInfo() {
     std::lock_guard<std::mutex> lock(mThreadInfoMutex);
     mThreadInfo.erase(CurrentThreadId());

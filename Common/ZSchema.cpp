@@ -6,6 +6,7 @@
 #include "CRUDRequest.h"
 #include "HTTP_MethodContext.h"
 #include "ZApplication.h"
+#include "ZBackendImpl.h"
 #include "ZLogPrint.h"
 
 namespace Orbel {
@@ -44,6 +45,7 @@ ZSchema::~ZSchema() {
     // The application deletes its schemas in list order; a schema deleted
     // any other way must not stay listed as a dangling pointer.
     if (mOwnerApp != nullptr) mOwnerApp->SchemaListRemove(this);
+    delete mBackendImpl.exchange(nullptr);
 }
 
 eRtCode ZSchema::Init() {
@@ -58,7 +60,13 @@ eRtCode ZSchema::Init() {
 }
 
 eRtCode ZSchema::InitialBackendImpl() {
+    if (mBackendImpl.load() == nullptr) SetBackendImpl(new ZBackendImpl(this));
     return RT_SUCCESS;
+}
+
+void ZSchema::SetBackendImpl(ZBackendImpl* impl) {
+    ZBackendImpl* old = mBackendImpl.exchange(impl);
+    if (old != impl) delete old;
 }
 eRtCode ZSchema::PreCorvelReady_InitialResources() {
     return RT_SUCCESS;

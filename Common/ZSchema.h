@@ -25,13 +25,15 @@
 // Defined in: ZSchema.cpp (construction, hooks, handlers' defaults),
 // ZSchema_Resources.cpp (the resource map), ZSchema_Dispatcher.cpp (threads,
 // parsing, access log), ZSchema_RequestPaths.cpp (request paths, target
-// resolution, action callbacks).
+// resolution, action callbacks), ZSchema_Backend.cpp (backend-originated
+// changes).
 //
 // Threads: the staged hooks run on the main thread; the handlers, privilege
 // checks and action callbacks on the schema's dispatcher threads (reads,
 // updates and the rest in parallel, one request per resource at a time). The
 // resource map and the action map have their own mutexes and may be used
-// from any thread.
+// from any thread. The backend paths (DoBackend_*) run on the caller's
+// thread, any thread, each change under the lock of its resource.
 #ifndef ORBEL_ZSCHEMA_H
 #define ORBEL_ZSCHEMA_H
 
@@ -50,6 +52,7 @@
 
 namespace Orbel {
 
+class Backend_MethodContext;
 class HTTP_MethodContext;
 class ZApplication;
 class ZBackendImpl;
@@ -89,7 +92,9 @@ public:
     // caller then still owns the object and must delete it.
     eRtCode Init();
 
-    // Staged initialisation, driven by the application. Base versions do nothing.
+    // Staged initialisation, driven by the application. The base
+    // InitialBackendImpl gives the schema a plain ZBackendImpl unless it has
+    // one; the other base versions do nothing.
     virtual eRtCode InitialBackendImpl();
     virtual eRtCode PreCorvelReady_InitialResources();
     virtual eRtCode PostCorvelReady_InitialResources();
@@ -116,6 +121,15 @@ public:
     virtual eRtCode HttpMethod_READ(HTTP_MethodContext* ctx);
     virtual eRtCode HttpMethod_UPDATE(HTTP_MethodContext* ctx);
     virtual eRtCode HttpMethod_DELETE(HTTP_MethodContext* ctx);
+
+    // Backend-originated changes, run by DoBackend_* on the caller's thread
+    // with `arg` passed through. A create records its new resources in the
+    // context, each locked by the handler until the path unlocks it; an
+    // update or delete finds its resource locked in GetTargetResource().
+    // The base versions change nothing and fail (2).
+    virtual eRtCode BackendMethod_CREATE(Backend_MethodContext* ctx, void* arg);
+    virtual eRtCode BackendMethod_UPDATE(Backend_MethodContext* ctx, void* arg);
+    virtual eRtCode BackendMethod_DELETE(Backend_MethodContext* ctx, void* arg);
 
     // The answer for a resource that stays locked by another request, and
     // how long (ms) to keep retrying after the first 3 s: by default
@@ -162,8 +176,13 @@ public:
     eRtCode DelActionCallback(const std::string& actionName);
     ActionCallback_t GetActionCallback(const std::string& actionName);
 
-    ZBackendImpl* GetBackendImpl() const { return mBackendImpl; }
-    void SetBackendImpl(ZBackendImpl* impl) { mBackendImpl = impl; }
+    // The schema's backend: made by the base InitialBackendImpl (a schema
+    // with a backend class of its own sets one there instead), owned by the
+    // schema and deleted with it. Null before the pre-ready stage.
+    ZBackendImpl* GetBackendImpl() const { return mBackendImpl.load(); }
+    // Takes `impl` over and deletes the backend it replaces. Meant for
+    // InitialBackendImpl, before requests and backend changes run.
+    void SetBackendImpl(ZBackendImpl* impl);
 
     // ---------------------------------------------------------------------
     // Request paths (dispatcher threads). Each returns 0, or 2 when the path
@@ -184,6 +203,21 @@ public:
     // fault of the plug-in). Logged.
     eRtCode CRUDRequest_GetTargetResource(sCRUD_ReqData* req, HTTP_MethodContext* ctx,
                                           ZObject* target);
+
+    // ---------------------------------------------------------------------
+    // Backend paths (ZSchema_Backend.cpp), any thread. Each builds a
+    // Backend_MethodContext, runs the handler and destroys the context.
+    // Create: 0; 2 when the handler failed or threw, or made nothing. The
+    // new instances are unlocked (one thrown out of the handler is retired
+    // as well: it was never finished). Update and delete: the resource of
+    // that name in this schema, locked around the handler (waiting up to
+    // kBackendLockWaitMs): 0; 5 when there is no such resource; RT_BUSY
+    // when it stays locked; 2 when the handler failed or threw. Logged.
+    // ---------------------------------------------------------------------
+    eRtCode DoBackend_Create(void* arg);
+    eRtCode DoBackend_Update(const std::string& name, void* arg);
+    eRtCode DoBackend_Delete(const std::string& name, void* arg);
+    static constexpr int kBackendLockWaitMs = 5000;
 
     // ---------------------------------------------------------------------
     // Dispatch (ZSchema_Dispatcher.cpp).
@@ -229,6 +263,9 @@ private:
     eRtCode _CheckUserInput(HTTP_MethodContext* ctx, const char* method);
     eRtCode _RefusePrivileges(HTTP_MethodContext* ctx);
 
+    // The common part of DoBackend_Update and DoBackend_Delete.
+    eRtCode _DoBackendOnResource(int method, const std::string& name, void* arg);
+
     // Retires every resource that names this schema as owner (the mapped
     // ones and any refused for a duplicate name), so none outlives it.
     void _RetireOwnedResources();
@@ -243,7 +280,7 @@ private:
 
     std::mutex mActionMutex;  // guards mActionCallbacks
     std::map<std::string, ActionCallback_t> mActionCallbacks;
-    ZBackendImpl* mBackendImpl = nullptr;
+    std::atomic<ZBackendImpl*> mBackendImpl{nullptr};  // owned
 
     // Dispatcher threads: started and joined by the application's thread.
     std::mutex mDispatchMutex;  // guards mDispatchers, mListening

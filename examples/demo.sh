@@ -47,6 +47,9 @@ wait_for() {
 
 SYSROOT="$(mktemp -d /tmp/orbel-demo-XXXXXX)"
 export ORBEL_SYSROOT="$SYSROOT"
+# On the controller its start scripts give every plug-in the platform flags.
+export PLATFLAGS=0x0
+SCRIPTS="$(cd "$(dirname "${BASH_SOURCE[0]}")/../tests/support/scripts" && pwd)"
 REDIS_PID=""
 PLUGIN_PID=""
 LISTEN_PID=""
@@ -214,6 +217,41 @@ gzip -dc "$RD/RF_Root.loginit.gz" | tail -n 3 | show
 note "and of the running log:"
 tail -n 2 "$RD/RF_Root.log" | show
 
+step "10. The platform changes: a system is plugged in, then pulled out"
+note "Nobody sends a request here: the platform announces the change with a VEX event,"
+note "and ComputerSystemSchema's backend handlers change the tree (DoBackend_Create,"
+note "DoBackend_Delete). Pulling a system out raises a Redfish alert event, which the"
+note "library stores and queues with the controller's event service script. That"
+note "service is not running here, so its two scripts are loaded as it would load them:"
+for s in enqueueEvent enqueueMetricReport; do
+  sha="$(rcli SCRIPT LOAD "$(cat "$SCRIPTS/$s.lua")")"
+  rcli HSET redisSHAScripts "$s" "$sha" >/dev/null
+done
+rcli HSET redisEventService EventSubscriptions 1 MetricReportSubscriptions 1 QueueLimit 0 >/dev/null
+note "\$ redis-cli HGETALL redisSHAScripts"
+rcli HGETALL redisSHAScripts | paste - - | show
+note "\$ orbel-sim event raise SampleSystemPresence present"
+"$SIM" event raise SampleSystemPresence present
+wait_for 10 sh -c "[ \"\$(redis-cli -s '$SOCK' EXISTS /redfish/v1/Systems/3)\" = 1 ]" ||
+  fail "no system plugged in"
+tree --compact /redfish/v1/Systems | show
+note "\$ orbel-sim event raise SampleSystemPresence absent"
+"$SIM" event raise SampleSystemPresence absent
+wait_for 10 sh -c "[ \"\$(redis-cli -s '$SOCK' LLEN redisEventQueue)\" = 1 ]" ||
+  fail "no event queued"
+[ "$(rcli EXISTS /redfish/v1/Systems/3)" = 0 ] || fail "system 3 is still there"
+tree --compact /redfish/v1/Systems | show
+EVENT="$(rcli LINDEX redisEventQueue 0)"
+note "The alert, queued in redisEventQueue as $EVENT. The event service builds its"
+note "body from these keys (docs/events.md) and removes them; the OEM block carries the"
+note "machine's identity from its vital product data:"
+REC="$EVENT/Events/0"
+for key in "$EVENT" "$REC" "$REC/Oem/Veltra"; do
+  note "\$ redis-cli HGETALL '$key'"
+  rcli HGETALL "$key" | paste - - | show
+done
+[ "$(rcli HGET "$REC/Oem/Veltra" SystemSerialNumber)" = '"SIM0000001"' ] || fail "no alert block"
+
 if [ "$KEEP" -eq 1 ]; then
   [ -n "$LISTEN_PID" ] && kill -TERM "$LISTEN_PID" 2>/dev/null || true
   cat >"$SYSROOT/stop.sh" <<STOP
@@ -244,7 +282,7 @@ STOP
   exit 0
 fi
 
-step "10. SIGTERM: the orderly exit"
+step "11. SIGTERM: the orderly exit"
 note "\$ kill -TERM $PLUGIN_PID"
 kill -TERM "$PLUGIN_PID"
 wait_for 15 sh -c "! kill -0 $PLUGIN_PID 2>/dev/null" || fail "RF_Root did not exit"
@@ -257,7 +295,7 @@ PLUGIN_PID=""
 note "RF_Root exited with status 0. Its last lines:"
 tail -n 5 "$OUT" | show
 
-step "11. The store after the exit"
+step "12. The store after the exit"
 note "What the plug-in wrote stays in the store after it ended: the keys are"
 note "$(rcli DBSIZE) now, among them:"
 rcli --scan --pattern '/redfish/v1/*' | sort | head -n 6 | show

@@ -73,7 +73,8 @@ TEST_F(SampleResourcesTest, TheSamplePluginThroughItsLife) {
     RawCommand({"RPUSH", "&&/redfish/v1/Systems/1/Boot/BootOrder", "\"Cd\""});
     ASSERT_NE(vex_config_set_bool("nginx_redfish_ready", 0, 0), 0);
     unlink(ReadyFile().c_str());
-    ChildProcess plugin({BuiltProgram("examples/RF_Root/RF_Root")});
+    // The controller's start scripts give every plug-in its platform flags.
+    ChildProcess plugin({BuiltProgram("examples/RF_Root/RF_Root")}, {{"PLATFLAGS", "0x0"}});
     ASSERT_TRUE(plugin.Start());
     ASSERT_TRUE(plugin.WaitForOutput("PreCorvelReady_InitAllSchemaResources done!\n", kTimeoutMs))
         << plugin.Output();

@@ -75,6 +75,8 @@ ComputerSystemSchema::ComputerSystemSchema()
     : ZSchema("ComputerSystem", "v1_20_0",
               CRUDQ_READ | CRUDQ_UPDATE | CRUDQ_DELETE | CRUDQ_ACTION) {
     AddActionCallback("ComputerSystem.Reset", ActionReset);
+    // Event callbacks are taken only while the schemas are created.
+    Orbel::zApp->RegisterVexEventCallback(kPresenceEvent, OnPresenceEvent);
 }
 
 eRtCode ComputerSystemSchema::PreCorvelReady_InitialResources() {
@@ -158,10 +160,10 @@ eRtCode ComputerSystemSchema::_FillSystem(ZResource* system) {
 
     // Links between members, each array with its count. A link records
     // itself on both nodes: retiring a linked member removes it from here.
-    // A member added by a client links to nothing.
+    // A member added by a client or plugged in later links to nothing.
     ZJsonObject* links = AddObject(system, "Links");
     if (links == nullptr) return Orbel::RT_FAILURE;
-    const int self = data->created ? -2 : data->record;
+    const int self = data->created || data->hotPlugged ? -2 : data->record;
     for (int i = 0; i < kSampleSystemNum && self >= 0; ++i) {
         const char* relation = nullptr;
         if (kSampleSystems[i].suppliedBy == self) relation = "ConsumingComputerSystems";

@@ -16,16 +16,24 @@
 // action ComputerSystem.Reset changes the power state and answers with
 // response data.
 //
+// And it follows the platform (ComputerSystemSchema_Backend.cpp): a system
+// plugged in or pulled out, announced by the VEX event "SampleSystemPresence"
+// ("present" or "absent"), appears in or leaves the collection through the
+// backend paths, and its removal raises an alert event.
+//
 // Threads: the staged hooks run on the application's main thread; the
 // request handlers on the schema's dispatcher threads, one request per
-// member at a time (the library locks the member around a handler).
+// member at a time (the library locks the member around a handler); the
+// backend handlers on the VEX event thread, under the same lock.
 #ifndef RF_ROOT_COMPUTERSYSTEMSCHEMA_H
 #define RF_ROOT_COMPUTERSYSTEMSCHEMA_H
 
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "ZSchema.h"
+#include "vex.h"
 
 class ComputerSystemSchema : public Orbel::ZSchema {
 public:
@@ -49,6 +57,13 @@ public:
     // The handler of "ComputerSystem.Reset" (an action callback).
     static Orbel::eRtCode ActionReset(Orbel::HTTP_MethodContext* ctx);
 
+    // The platform's side (ComputerSystemSchema_Backend.cpp): a plugged-in
+    // system joins the collection, a pulled one leaves it with an alert.
+    static constexpr const char* kPresenceEvent = "SampleSystemPresence";
+    static void OnPresenceEvent(EVENT_TYPE type, char* eventName, int dataLen, void* data);
+    Orbel::eRtCode BackendMethod_CREATE(Orbel::Backend_MethodContext* ctx, void* arg) override;
+    Orbel::eRtCode BackendMethod_DELETE(Orbel::Backend_MethodContext* ctx, void* arg) override;
+
 private:
     // Writes a member's content from its private data and applies it.
     Orbel::eRtCode _FillSystem(Orbel::ZResource* system);
@@ -56,6 +71,10 @@ private:
     // The member URI of each sample record, by record index ("" when the
     // member could not be made). Written in the pre-ready stage only.
     std::vector<std::string> mSystemUris;
+
+    // The URI of the plugged-in system, "" while there is none.
+    std::mutex mHotPlugMutex;  // guards mHotPlugUri
+    std::string mHotPlugUri;
 };
 
 #endif  // RF_ROOT_COMPUTERSYSTEMSCHEMA_H

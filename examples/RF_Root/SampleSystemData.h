@@ -14,6 +14,7 @@ struct sSystemData {
     std::string powerState;  // "On" or "Off"; changed by ComputerSystem.Reset
     std::string name;
     bool created;            // added by a client's POST (may be deleted)
+    bool hotPlugged = false; // plugged in after start-up; only the platform removes it
 };
 
 // Frees an sSystemData; the library calls it when the member is retired.
