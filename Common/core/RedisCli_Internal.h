@@ -24,7 +24,7 @@
 #define ORBEL_LOG_FILE_NAME "RedisCli.cpp"
 
 namespace Orbel {
-namespace __attribute__((visibility("hidden"))) cli {
+namespace cli __attribute__((visibility("hidden"))) {
 
 struct ReplyDeleter {
     void operator()(redisReply* r) const {
