@@ -113,7 +113,7 @@ TEST_F(HTTPMethodContextTest, BodyValuesAreTypedAndSecretsMasked) {
     const auto& cache = ctx.GetUserInCache();
     const struct {
         const char* jpath;
-        eUsrInType type;
+        eUsrInValueType type;
         const char* value;
     } rows[] = {{"/Name", USRIN_STRING, "a\xc3\xa9\n"}, {"/Neg", USRIN_SNUM, "-12"},
                 {"/Big", USRIN_UNUM, "18446744073709551615"}, {"/Ratio", USRIN_DOUBLE, "0.5"},

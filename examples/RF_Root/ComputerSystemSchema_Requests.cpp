@@ -54,7 +54,7 @@ eRtCode ComputerSystemSchema::HttpMethod_UPDATE(HTTP_MethodContext* ctx) {
     // Check everything first: a PATCH changes all it asks for or nothing.
     for (const auto& entry : ctx->GetUserInCache()) {
         const std::string& jpath = entry.first;
-        const Orbel::sUsrInItem& item = entry.second;
+        const Orbel::sUsrInCacheItem& item = entry.second;
         const std::string name = jpath.substr(jpath.rfind('/') + 1);
         if (jpath == "/Boot" && item.type == Orbel::USRIN_OBJECT) continue;
         if (jpath == "/AssetTag" && item.type == Orbel::USRIN_STRING) continue;
