@@ -75,6 +75,9 @@ ComputerSystemSchema::ComputerSystemSchema()
     : ZSchema("ComputerSystem", "v1_20_0",
               CRUDQ_READ | CRUDQ_UPDATE | CRUDQ_DELETE | CRUDQ_ACTION) {
     AddActionCallback("ComputerSystem.Reset", ActionReset);
+    // Every resource of the schema checks its bodies against this template
+    // (installed as ComputerSystem.dat in the template directory).
+    LoadUserInputTemplate("default", "ComputerSystem");
 }
 
 eRtCode ComputerSystemSchema::PreCorvelReady_InitialResources() {
