@@ -12,7 +12,8 @@
 // its base ResponseExtendedInfo the Redfish messages of the answer.
 //
 // Defined in: HTTP_MethodContext.cpp (construction, assignments, response
-// data, user input), HTTP_MethodContext_Response.cpp (the answer).
+// data), HTTP_MethodContext_UserInput.cpp (the body, its verification and
+// the typed getters), HTTP_MethodContext_Response.cpp (the answer).
 //
 // Threads: used only by the dispatcher thread that made it, with that
 // thread's store connection; it takes no locks of its own. Misuse (a null
@@ -27,9 +28,11 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "CRUDRequest.h"
 #include "ResponseExtendedInfo.h"
+#include "ZUserInputTemplate.h"
 
 namespace Orbel {
 
@@ -60,29 +63,6 @@ enum eHttpRtStatus : int32_t {
 // for "IGNORE" and for values outside the table).
 const char* HttpRtStatusWord(eHttpRtStatus status);
 int HttpRtStatusCode(eHttpRtStatus status);
-
-// One value of the request body, by its JPath ("/Boot/BootSourceOverrideTarget",
-// array items by index: "/Names/0").
-enum eUsrInType : uint8_t {
-    USRIN_NULL = 0,
-    USRIN_BOOL = 1,
-    USRIN_SNUM = 2,    // a negative integer
-    USRIN_UNUM = 3,    // a non-negative integer
-    USRIN_STRING = 4,  // decoded text
-    USRIN_OBJECT = 5,
-    USRIN_RAWSTR = 6,  // a value text that is none of the others, kept as written
-    USRIN_DOUBLE = 7,
-    USRIN_ARRAY = 8,   // value: the item count
-};
-const char* UsrInTypeWord(eUsrInType type);  // "null", "bool", "sNum", ...
-
-struct sUsrInItem {
-    eUsrInType type = USRIN_NULL;
-    std::string value;   // the value as text (decoded for strings)
-    uint32_t flags = 0;  // USRIN_FLAG_* copied from the template
-};
-constexpr uint32_t USRIN_FLAG_LifeCycleEvent = 0x1;
-constexpr uint32_t USRIN_FLAG_SecureProperty = 0x2;
 
 class HTTP_MethodContext : public ResponseExtendedInfo {
 public:
@@ -147,42 +127,89 @@ public:
     // left out, secret-like values (by flag or by name) as "******".
     std::string GetAllUsrParams() const;
 
-    // The user-input cache, read from the request-data tree.
-    const std::map<std::string, sUsrInItem>& GetUserInCache() const { return mUserInCache; }
+    // ---------------------------------------------------------------------
+    // User input (HTTP_MethodContext_UserInput.cpp): the request body read
+    // into one cache at construction (ZUserInputTemplate::ParserUserInputData;
+    // keys "/Boot/BootSourceOverrideTarget", "/Names/0"), checked against a
+    // template, and read back by the handler.
+    // ---------------------------------------------------------------------
+    const UsrInCache& GetUserInCache() const { return mUserInCache; }
     const std::map<std::string, std::string>& GetChecklist() const { return mChecklist; }
+    // Checks the body against `tmpl` for this request's method (an action's
+    // parameters under "/Actions/#<action>"), after copying the template's
+    // property flags into the cache. Every fault becomes a message of this
+    // context; a refused body sets "FAILURE", a template that did not load
+    // "EXCEPTION". Returns 0 when the body passes (or the template asks for no
+    // verification), else the verifier's code (2, 13, or AttachCache's).
+    eRtCode VerifyUserInputData(ZUserInputTemplate* tmpl);
+    // Copies the template's property flags (SecureProperty, LifeCycleEvent)
+    // into the cache, so that GetAllUsrParams masks SecureProperty values.
+    void AssignUsrInPptFlagFromUsrInTemplate(ZUserInputTemplate* tmpl);
+
     // Typed reads of one user value. 0; 5 when the JPath is not in the
     // cache ("Cannot find [%s] in user input cache.\n"); 13 when the value
-    // does not fit the type asked for. `out` is unchanged on failure. A
-    // string may be read from any scalar (numbers as written).
+    // does not fit the type asked for (a negative number into an unsigned
+    // type, a number out of the type's range, a container into a scalar).
+    // `out` is unchanged on failure. A string may be read from any scalar
+    // (numbers and booleans as written, null as "null").
     eRtCode GetUserInputData(const std::string& jpath, bool& out) const;
-    eRtCode GetUserInputData(const std::string& jpath, long long& out) const;
-    eRtCode GetUserInputData(const std::string& jpath, unsigned long long& out) const;
     eRtCode GetUserInputData(const std::string& jpath, int& out) const;
+    eRtCode GetUserInputData(const std::string& jpath, long& out) const;
+    eRtCode GetUserInputData(const std::string& jpath, long long& out) const;
     eRtCode GetUserInputData(const std::string& jpath, unsigned int& out) const;
+    eRtCode GetUserInputData(const std::string& jpath, unsigned long& out) const;
+    eRtCode GetUserInputData(const std::string& jpath, unsigned long long& out) const;
     eRtCode GetUserInputData(const std::string& jpath, double& out) const;
     eRtCode GetUserInputData(const std::string& jpath, std::string& out) const;
+    // Into a caller's buffer of `size` bytes, always terminated; 13 when the
+    // text (with its terminator) does not fit (nothing is written then).
+    eRtCode GetUserInputData(const std::string& jpath, char* buf, unsigned int size) const;
     bool HasUserInputData(const std::string& jpath) const { return mUserInCache.count(jpath) != 0; }
+    // The item count of an array value; 13 for any other type.
+    eRtCode GetUserInputListSize(const std::string& jpath, unsigned int& size) const;
+    // The bytes of a string value in a new[] buffer the caller frees with
+    // delete[] (`*len` its length; a string may hold any byte the client
+    // escaped, "\u0000" included). 13 for any other type.
+    eRtCode GetUserInputBinData(const std::string& jpath, unsigned char** data,
+                                unsigned int* len) const;
+    // The direct members of an object (or the items of an array) by their
+    // last JPath component. 13 for a scalar.
+    eRtCode GetUserInputDatas(const std::string& jpath, UsrInCache& out) const;
+    // The items of an array as texts: scalars as their value, a link object
+    // as its "@odata.id". A container item without a link fails the call
+    // ("Item jPath[%s] is not found in the user input cache.\n"); so does a
+    // missing or non-array `jpath` (logged). `out` is replaced on success.
+    eRtCode TranslateArray(const std::string& jpath, std::vector<std::string>& out) const;
+
+    // A user value as the argument of a message: strings as text (masked
+    // for a SecureProperty or secret-like name), numbers and booleans as
+    // numbers and booleans, null "null", an object "{}", an array "[]".
+    // 5 when the JPath is not in the cache ("Cannot find [%s] in mUserInCache!.\n").
+    eRtCode ExtendedInfo_AppendMsgArgOfUserInData(sExtendedInfo* info, const std::string& jpath);
+    // The same value as text ("" when not in the cache, logged).
+    std::string GetExtInfoArgByUserInDataJPath(const std::string& jpath) const;
+
+    // Log text of the cache (values masked as in GetAllUsrParams), of one
+    // object's members, and of the checklist; raw lines under "ZComLib",
+    // returned as well.
+    std::string DumpUserInputCache() const;
+    std::string DumpUserInputDatas(const std::string& jpath) const;
+    std::string DumpChecklistDatas() const;
 
     // Writes the answer into the request hash and publishes it (see
     // HTTP_MethodContext_Response.cpp for the order). Called once, by the
     // dispatcher, after the handler. Returns 0, or 2 when the publish failed.
     eRtCode SendResponseToCorvel();
 
-    // Bounds of the request-body reader: deeper trees and more values than
-    // these are cut (logged).
-    static constexpr unsigned kMaxUserInDepth = 32;
-    static constexpr size_t kMaxUserInItems = 4096;
-
 private:
-    // Reads the request-data tree (hash or list) into mUserInCache.
+    // Reads the request-data tree into mUserInCache (a fault is logged and
+    // keeps what was read before it).
     void _ParserUserInputData();
-    void _ParserUserInputTable(const std::string& key, const std::string& jpath, unsigned depth);
-    void _ParserUserInputValue(const std::string& jpath, const std::string& text, unsigned depth);
-    // An object, array or link value at `jpath`; `target` names its table.
-    void _ParserUserInputNode(const std::string& jpath, bool isArray, bool isLink,
-                              const std::string& target, unsigned depth);
+    // Reads the request's checklist hash into mChecklist.
     void _ParserChecklistData();
-    const sUsrInItem* _FindUserInput(const std::string& jpath) const;
+    const sUsrInCacheItem* _FindUserInput(const std::string& jpath) const;
+    // The value text of an item as logs and arguments show it (masked).
+    std::string _ShownValue(const std::string& jpath, const sUsrInCacheItem& item) const;
     // Step 2 of the answer: error answers drop "not writable" notes that are
     // not their only messages.
     void _DropNotWritableNotes();
@@ -199,7 +226,7 @@ private:
     ZObject* mUserInputTemplate = nullptr;
     ZObject* mResponseData = nullptr;  // owned
     eHttpRtStatus mReturnStatus = HTTP_RT_OK;
-    std::map<std::string, sUsrInItem> mUserInCache;
+    UsrInCache mUserInCache;
     std::map<std::string, std::string> mChecklist;
     std::set<std::string> mRequestDataFieldsToDelete;
     std::map<std::string, std::string> mAdditionalReturnData;

@@ -43,6 +43,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -58,6 +59,7 @@ class ZApplication;
 class ZBackendImpl;
 class ZObject;
 class ZResource;
+class ZUserInputTemplate;
 struct sCRUD_ReqData;
 
 class ZSchema {
@@ -176,6 +178,20 @@ public:
     eRtCode DelActionCallback(const std::string& actionName);
     ActionCallback_t GetActionCallback(const std::string& actionName);
 
+    // User-input templates by name: a resource's name, or "default" for
+    // every resource without its own (ZSchema_RequestPaths.cpp). The schema
+    // owns them; a replaced template lives on until the last request that
+    // checks a body against it is done. Add refuses null (13).
+    eRtCode AddUserInputTemplate(const std::string& name, ZUserInputTemplate* tmpl);
+    // Loads "<template dir><fileName>.dat" as the template `name`. 0, or
+    // the load's code (logged by the loader; nothing is added then).
+    eRtCode LoadUserInputTemplate(const std::string& name, const std::string& fileName,
+                                  bool multiExtInfoMode = false);
+    // The template of `resource` (by its name), else "default"; null when
+    // neither exists. Valid while the template stays registered.
+    ZUserInputTemplate* GetUserInputTemplate(ZResource* resource);
+    std::string DumpUserInputTemplate();
+
     // The schema's backend: made by the base InitialBackendImpl (a schema
     // with a backend class of its own sets one there instead), owned by the
     // schema and deleted with it. Null before the pre-ready stage.
@@ -261,6 +277,9 @@ private:
     void _RunHandler(HTTP_MethodContext& ctx, sCRUD_ReqData& req, ZResource* target);
     // The template step of create, update and action (see ZSchema_RequestPaths.cpp).
     eRtCode _CheckUserInput(HTTP_MethodContext* ctx, const char* method);
+    // Marks the request's SecureProperty values (for the access line) once
+    // its target is known.
+    void _AssignUserInputFlags(HTTP_MethodContext* ctx);
     eRtCode _RefusePrivileges(HTTP_MethodContext* ctx);
 
     // The common part of DoBackend_Update and DoBackend_Delete.
@@ -281,6 +300,10 @@ private:
     std::mutex mActionMutex;  // guards mActionCallbacks
     std::map<std::string, ActionCallback_t> mActionCallbacks;
     std::atomic<ZBackendImpl*> mBackendImpl{nullptr};  // owned
+
+    std::mutex mTemplateMutex;  // guards mUserInputTemplates
+    std::map<std::string, std::shared_ptr<ZUserInputTemplate>> mUserInputTemplates;
+    std::shared_ptr<ZUserInputTemplate> _FindUserInputTemplate(ZResource* resource);
 
     // Dispatcher threads: started and joined by the application's thread.
     std::mutex mDispatchMutex;  // guards mDispatchers, mListening

@@ -243,20 +243,24 @@ void ZSchema::_ServeRequest(redisContext* c, const std::string& channel, const s
     req.channel = channel;
 
     HTTP_MethodContext ctx(this, c, &req);
-    PrintAccessLog(false, &req, &ctx);
     ZApplication* app = zApp;
     ZObject* obj = nullptr;
-    if (req.method < 0 || req.method >= eReqMethodNum) {
+    const bool known = req.method >= 0 && req.method < eReqMethodNum;
+    if (known) {
+        obj = app != nullptr ? app->GetObject(req.resourceUri) : nullptr;
+        if (obj != nullptr && !app->UseIfValid(obj)) obj = nullptr;
+        rt = obj != nullptr ? CRUDRequest_GetTargetResource(&req, &ctx, obj) : RT_NO_SUCH_KEY;
+        if (rt == RT_SUCCESS) _AssignUserInputFlags(&ctx);  // before the access line
+    }
+    PrintAccessLog(false, &req, &ctx);
+    if (!known) {
         ZLOG(eZLogError, "Unknown Http method[%d].\n", static_cast<int>(req.method));
         AnswerInternalError(ctx);
     } else {
-        obj = app != nullptr ? app->GetObject(req.resourceUri) : nullptr;
-        if (obj != nullptr && !app->UseIfValid(obj)) obj = nullptr;
         if (obj == nullptr) {
             ZLOG(eZLogError, "Failed to get targetObj by JPath[%s].\n", req.resourceUri.c_str());
             AnswerNotFound(ctx, req.targetUri);
         } else {
-            rt = CRUDRequest_GetTargetResource(&req, &ctx, obj);
             if (rt == RT_NO_SUCH_KEY) {
                 AnswerNotFound(ctx, req.targetUri);
             } else if (rt == RT_INVALID_ARG) {

@@ -1,5 +1,6 @@
 // ZSchema: the request paths that a dispatcher runs for each method, the
-// return-status rule, target resolution and the action callbacks.
+// return-status rule, the user-input templates and their check, target
+// resolution and the action callbacks.
 #include "CRUDRequest.h"
 #include "HTTP_MethodContext.h"
 #include "ZApplication.h"
@@ -7,6 +8,7 @@
 #include "ZResource.h"
 #include "ZResourceCollection.h"
 #include "ZSchema.h"
+#include "ZUserInputTemplate.h"
 
 namespace Orbel {
 
@@ -32,13 +34,24 @@ eRtCode ZSchema::_RefusePrivileges(HTTP_MethodContext* ctx) {
 }
 
 eRtCode ZSchema::_CheckUserInput(HTTP_MethodContext* ctx, const char* method) {
-    // The template step: user-input templates (GetUserInputTemplate) and
-    // their verification (VerifyUserInputData) plug in here. Until a schema
-    // has a template, its bodies reach the handler as the front end sent
-    // them, and the handler reads them through the typed getters.
-    ZLOGM("ZComLib", eZLogDebug, "Schema[%s]: no user input template; %s body[%s] not verified.\n",
-          mName.c_str(), method, ctx->GetReqData()->requestDataKey.c_str());
-    return RT_SUCCESS;
+    // The body is checked against the template of the schema that serves
+    // the request (for a create, the members' schema) and of its resource.
+    ZSchema* schema = ctx->GetTargetSchema() != nullptr ? ctx->GetTargetSchema() : this;
+    std::shared_ptr<ZUserInputTemplate> tmpl =
+        schema->_FindUserInputTemplate(ctx->GetTargetResource());
+    if (tmpl == nullptr) {
+        // A plug-in fault: without a template no body is let through.
+        ZLOG(eZLogError, "Schema[%s]: no user input template for %s on [%s].\n",
+             schema->GetName().c_str(), method, ctx->GetReqData()->targetUri.c_str());
+    }
+    return ctx->VerifyUserInputData(tmpl.get()) == RT_SUCCESS ? RT_SUCCESS : RT_FAILURE;
+}
+
+void ZSchema::_AssignUserInputFlags(HTTP_MethodContext* ctx) {
+    if (ctx->GetUserInCache().empty() || ctx->GetTargetSchema() == nullptr) return;
+    std::shared_ptr<ZUserInputTemplate> tmpl =
+        ctx->GetTargetSchema()->_FindUserInputTemplate(ctx->GetTargetResource());
+    ctx->AssignUsrInPptFlagFromUsrInTemplate(tmpl.get());
 }
 
 eRtCode ZSchema::DoHttpMethodRead(HTTP_MethodContext* ctx) {
@@ -118,6 +131,69 @@ eRtCode ZSchema::DoHttpMethodAction(HTTP_MethodContext* ctx) {
         return RT_FAILURE;
     }
     return RT_SUCCESS;
+}
+
+// ---------------------------------------------------------------------------
+// User-input templates
+// ---------------------------------------------------------------------------
+
+eRtCode ZSchema::AddUserInputTemplate(const std::string& name, ZUserInputTemplate* tmpl) {
+    if (tmpl == nullptr || name.empty()) {
+        ZLOG(eZLogError, "Schema[%s]: template[%s] needs a name and a template.\n", mName.c_str(),
+             name.c_str());
+        return RT_INVALID_ARG;
+    }
+    std::shared_ptr<ZUserInputTemplate> added(tmpl);
+    std::shared_ptr<ZUserInputTemplate> replaced;
+    {
+        std::lock_guard<std::mutex> lock(mTemplateMutex);
+        replaced.swap(mUserInputTemplates[name]);
+        mUserInputTemplates[name] = added;
+    }
+    // `replaced` goes here, or with the last request still checking a body
+    // against it.
+    return RT_SUCCESS;
+}
+
+eRtCode ZSchema::LoadUserInputTemplate(const std::string& name, const std::string& fileName,
+                                       bool multiExtInfoMode) {
+    std::string file = fileName;
+    auto* tmpl = new ZUserInputTemplate(this, &file, multiExtInfoMode);
+    const eRtCode rt = tmpl->GetLoadResult();
+    if (rt != RT_SUCCESS) {
+        delete tmpl;
+        return rt;
+    }
+    return AddUserInputTemplate(name, tmpl);
+}
+
+std::shared_ptr<ZUserInputTemplate> ZSchema::_FindUserInputTemplate(ZResource* resource) {
+    std::lock_guard<std::mutex> lock(mTemplateMutex);
+    if (resource != nullptr) {
+        auto it = mUserInputTemplates.find(resource->GetName());
+        if (it != mUserInputTemplates.end()) return it->second;
+    }
+    auto it = mUserInputTemplates.find("default");
+    return it != mUserInputTemplates.end() ? it->second : nullptr;
+}
+
+ZUserInputTemplate* ZSchema::GetUserInputTemplate(ZResource* resource) {
+    if (resource == nullptr) {
+        ZLOG(eZLogError, "[%s]: resource obj is NULL.\n", mName.c_str());
+    }
+    return _FindUserInputTemplate(resource).get();
+}
+
+std::string ZSchema::DumpUserInputTemplate() {
+    std::string text = "Dump " + mName + " user input template list:\n";
+    std::lock_guard<std::mutex> lock(mTemplateMutex);
+    for (const auto& entry : mUserInputTemplates) {
+        char line[64];
+        snprintf(line, sizeof(line), "  %p = ", static_cast<void*>(entry.second.get()));
+        text += line + entry.first + "\n";
+    }
+    ZLOGM("ZComLib", eZLogRaw, "%s", text.c_str());
+    return text;
 }
 
 // ---------------------------------------------------------------------------

@@ -16,6 +16,7 @@ set -euo pipefail
 
 BUILD="${1:?usage: demo.sh BUILD_DIR [--keep]}"
 BUILD="$(cd "$BUILD" && pwd)"
+HERE="$(cd "$(dirname "$0")" && pwd)"
 KEEP=0
 case "${2:-}" in
   --keep) KEEP=1 ;;
@@ -91,6 +92,11 @@ wait_for 10 sh -c "redis-cli -s '$SOCK' ping 2>/dev/null | grep -q PONG" ||
 note "redis-server (pid $REDIS_PID) answers PING on $SOCK"
 
 step "3. Start the sample plug-in RF_Root; the front end is not ready yet"
+TEMPLATES="$SYSROOT/var/PellPlugin/UserInputTemplate"
+mkdir -p "$TEMPLATES"
+cp "$HERE"/RF_Root/templates/*.dat "$TEMPLATES/"
+note "Its user-input templates (what a client may write, generated from the standard's"
+note "schemas) are installed in $TEMPLATES/."
 "$SIM" vex set nginx_redfish_ready false >/dev/null
 note "orbel-sim vex set nginx_redfish_ready false"
 note "\$ RF_Root -d 1     (debug output on, so its waiting shows; output in $OUT)"
@@ -188,10 +194,12 @@ request RF_Root:ComputerSystem:GETQ GET /redfish/v1/Systems/1
 note "The read refreshed PowerState from the backend: $(rcli HGET /redfish/v1/Systems/1 PowerState)"
 request RF_Root:ComputerSystem:PATCHQ PATCH /redfish/v1/Systems/1 AssetTag '"R7-U12"'
 note "AssetTag is now $(rcli HGET /redfish/v1/Systems/1 AssetTag)"
-request RF_Root:ComputerSystem:PATCHQ PATCH /redfish/v1/Systems/1 Color '"blue"'
-note "An unknown property is refused; the message the front end shows:"
+request RF_Root:ComputerSystem:PATCHQ PATCH /redfish/v1/Systems/1 PowerState '"Off"'
+[ "$(status_of)" = FAILURE ] || fail "a read-only property was not refused"
+note "The schema's template (ComputerSystem.dat) says PowerState is read-only: the"
+note "body never reached the handler, and the message the front end shows is:"
 tree --compact "$(rcli HGET "Corvel:Req:$REQ_N" "&&ExtendedInfo")" | show
-request RF_Root:ComputerSystemCollection:POSTCREATEQ POSTCREATE /redfish/v1/Systems Name '"Lab VM"'
+request RF_Root:ComputerSystemCollection:POSTCREATEQ POSTCREATE /redfish/v1/Systems AssetTag '"Lab VM"'
 [ "$(rcli HGET "Corvel:Req:$REQ_N" "&&Location")" = /redfish/v1/Systems/3 ] || fail "no new member"
 tree --compact /redfish/v1/Systems | show
 request RF_Root:ComputerSystem:DELETEQ DELETE /redfish/v1/Systems/3

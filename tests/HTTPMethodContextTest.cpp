@@ -7,6 +7,7 @@
 #include "HTTP_MethodContext.h"
 #include "ObjectModelFixture.h"
 #include "RedisCli.h"
+#include "ZJsonObject.h"
 #include "ZResource.h"
 #include "ZSchema.h"
 
@@ -113,7 +114,7 @@ TEST_F(HTTPMethodContextTest, BodyValuesAreTypedAndSecretsMasked) {
     const auto& cache = ctx.GetUserInCache();
     const struct {
         const char* jpath;
-        eUsrInType type;
+        eUsrInValueType type;
         const char* value;
     } rows[] = {{"/Name", USRIN_STRING, "a\xc3\xa9\n"}, {"/Neg", USRIN_SNUM, "-12"},
                 {"/Big", USRIN_UNUM, "18446744073709551615"}, {"/Ratio", USRIN_DOUBLE, "0.5"},
@@ -147,6 +148,69 @@ TEST_F(HTTPMethodContextTest, BodyValuesAreTypedAndSecretsMasked) {
               "/AuthKey:******,/Big:18446744073709551615,/KeyType:RSA,/Mgr/@odata.id:/redfish/v1/"
               "Managers/1,/Name:a\xc3\xa9\n,/Names/0:p,/Names/1:q,/Neg:-12,/Nothing:null,/Odd:{bad,"
               "/On:true,/PasswordName:shown,/Ratio:0.5,/UserPassword:******");
+}
+
+// The getters beyond single scalars: lists, links, members, raw bytes, a
+// caller's buffer, and user values as typed message arguments.
+TEST_F(HTTPMethodContextTest, ListsMembersBytesAndMessageArgumentsFromTheBody) {
+    const std::string data = "&&Corvel:Req:1/RequestData";
+    RawCommand({"HSET", data, "Key", "\"a\\u0000b\"", "Port", "-2147483649", "Tag", "\"abcdef\"",
+                "&&Array Links &&Links", "", "&&Array Mixed &&Mixed", "", "&&Object Boot &&Boot", ""});
+    RawCommand({"RPUSH", "&&Links", "&&ObjectRef /redfish/v1/Chassis/1", "\"/redfish/v1/Chassis/2\""});
+    RawCommand({"RPUSH", "&&Mixed", "1", "&&Object &&MixedObj"});
+    RawCommand({"HSET", "&&MixedObj", "N", "1"});
+    RawCommand({"HSET", "&&Boot", "Mode", "\"UEFI\"", "Retries", "3"});
+    sCRUD_ReqData req = Request("PATCH", kSys, data);
+    HTTP_MethodContext ctx(mSchema, mConn, &req);
+
+    unsigned int size = 0;
+    EXPECT_EQ(ctx.GetUserInputListSize("/Links", size), RT_SUCCESS);
+    EXPECT_EQ(size, 2u);
+    EXPECT_EQ(ctx.GetUserInputListSize("/Boot", size), RT_INVALID_ARG);
+    std::vector<std::string> items;
+    EXPECT_EQ(ctx.TranslateArray("/Links", items), RT_SUCCESS);
+    EXPECT_EQ(items, (std::vector<std::string>{"/redfish/v1/Chassis/1", "/redfish/v1/Chassis/2"}));
+    size_t mark = LogMark();
+    EXPECT_EQ(ctx.TranslateArray("/Mixed", items), RT_NO_SUCH_KEY);
+    EXPECT_EQ(ctx.TranslateArray("/Boot", items), RT_INVALID_ARG);
+    EXPECT_TRUE(Logged(mark, {"Item jPath[/Mixed/1] is not found in the user input cache.\n",
+                              "jPath[/Boot] is not an array.\n"}));
+    EXPECT_EQ(items.size(), 2u);  // untouched by the failures
+
+    UsrInCache members;
+    EXPECT_EQ(ctx.GetUserInputDatas("/Boot", members), RT_SUCCESS);
+    ASSERT_EQ(members.size(), 2u);
+    EXPECT_EQ(members["Mode"].value, "UEFI");
+    EXPECT_EQ(members["Retries"].type, USRIN_UNUM);
+
+    // An escaped NUL survives in the bytes, not in a C string.
+    unsigned char* bytes = nullptr;
+    unsigned int len = 0;
+    ASSERT_EQ(ctx.GetUserInputBinData("/Key", &bytes, &len), RT_SUCCESS);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(bytes), len), std::string("a\0b", 3));
+    delete[] bytes;
+    char buf[6] = "xxxxx";
+    EXPECT_EQ(ctx.GetUserInputData("/Tag", buf, sizeof(buf)), RT_INVALID_ARG);  // 6 + 1 bytes
+    EXPECT_STREQ(buf, "xxxxx");
+    int port = 7;
+    long long wide = 0;
+    EXPECT_EQ(ctx.GetUserInputData("/Port", port), RT_INVALID_ARG);  // below INT32_MIN
+    EXPECT_EQ(port, 7);
+    EXPECT_EQ(ctx.GetUserInputData("/Port", wide), RT_SUCCESS);
+    EXPECT_EQ(wide, -2147483649LL);
+
+    // Typed arguments; a secret-like name is masked; a missing path is refused.
+    ctx.AssignTargetResource(mSys);
+    sExtendedInfo* info = ctx.NewExtendedInfo(RESP_Base_PropertyValueError);
+    for (const char* path : {"/Port", "/Boot/Mode", "/Key", "/Links"}) {
+        EXPECT_EQ(ctx.ExtendedInfo_AppendMsgArgOfUserInData(info, path), RT_SUCCESS) << path;
+    }
+    mark = LogMark();
+    EXPECT_EQ(ctx.ExtendedInfo_AppendMsgArgOfUserInData(info, "/Nope"), RT_NO_SUCH_KEY);
+    EXPECT_TRUE(Logged(mark, {"Cannot find [/Nope] in mUserInCache!.\n"}));
+    ASSERT_EQ(info->msgObj->ApplyRedisChanges(true), RT_SUCCESS);
+    EXPECT_EQ(StoreDoc(info->msgObj->GetJPath() + "/MessageArgs"),
+              R"([-2147483649,"UEFI","******","[]"])");
 }
 
 TEST_F(HTTPMethodContextTest, LocationIsTheTaskMonitorWhileProcessingElseTheNewInstance) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include "FixedPaths.h"
 #include "FrontEnd.h"
 #include "HTTP_MethodContext.h"
 #include "ObjectModelFixture.h"
@@ -16,6 +17,7 @@
 #include "ZResource.h"
 #include "ZResourceCollection.h"
 #include "ZSchema.h"
+#include "ZUserInputTemplate.h"
 
 using namespace Orbel;
 using namespace OrbelTest;
@@ -130,6 +132,12 @@ protected:
         mSys = new SystemSchema();
         ASSERT_EQ(mColl->Init(), RT_SUCCESS);
         ASSERT_EQ(mSys->Init(), RT_SUCCESS);
+        // Templates without a file: these tests look at the request paths,
+        // not at verification (the last test installs a real one).
+        for (ZSchema* schema : {mColl, static_cast<ZSchema*>(mSys)}) {
+            ASSERT_EQ(schema->AddUserInputTemplate("default", new ZUserInputTemplate(schema, nullptr, false)),
+                      RT_SUCCESS);
+        }
         mSys->AddActionCallback("ComputerSystem.Reset", Reset);
         mSys->AddActionCallback("ComputerSystem.Nothing", Nothing);
         auto* coll = new ZResourceCollection(nullptr, mColl, kSystems);
@@ -372,6 +380,94 @@ TEST_F(RequestDispatchTest, DispatchersListenAgainAfterAStoreRestart) {
         served = fe.Send(kReadQ, fe.RequestFields("GET", kSys1, false), nullptr, 500).answered;
     }
     EXPECT_TRUE(served);
+}
+
+// The body is checked against the target schema's template before the
+// handler runs; a refused one never reaches it and the client reads why.
+TEST_F(RequestDispatchTest, BodiesAreVerifiedAgainstTheTemplateBeforeTheHandler) {
+    WriteFile(UserInputTemplateDir() + "WireSys.dat",
+              "{ 'Id':'S@@@', 'AssetTag':'S,n@p@@M:8', 'HostName':'S@p@s@',\n"
+              "  'Boot':'o@p@@' { 'BootSourceOverrideTarget':'S@p@@e:None,Pxe,Hdd' },\n"
+              "  'Actions':'o@a@@' { '#ComputerSystem.Reset':'o@a@@' {\n"
+              "    'ResetType':'S@ar@@e:On,ForceOff,ForceRestart', 'Delay':'u@@@' } } }\n");
+    // Every fault of a body is reported (multi mode).
+    ASSERT_EQ(mSys->LoadUserInputTemplate("default", "WireSys", true), RT_SUCCESS);
+    FrontEnd fe("V");
+    struct Row {
+        const char* what;
+        bool action;
+        Fields top;
+        Fields boot;  // the members of "Boot", when sent
+        std::string status;
+        std::string extInfo;
+    };
+    const Row rows[] = {
+        {"read-only property alone", false, {{"Id", "\"7\""}}, {}, "FAILURE",
+         "[" + Msg("Base.1.12.PropertyNotWritable", R"("Id")") + "]"},
+        // With another fault the not-writable note leaves the answer.
+        {"read-only and bad enum", false, {{"Id", "\"7\""}}, {{"BootSourceOverrideTarget", "\"Floppy\""}},
+         "FAILURE",
+         "[" + Msg("Base.1.12.PropertyValueNotInList", R"("Floppy","Boot/BootSourceOverrideTarget")") + "]"},
+        {"too long", false, {{"AssetTag", "\"123456789\""}}, {}, "FAILURE",
+         "[" + Msg("Base.1.12.StringValueTooLong", R"("123456789",8)") + "]"},
+        {"accepted", false, {{"AssetTag", "\"R7\""}, {"HostName", "\"h1\""}}, {{"BootSourceOverrideTarget", "\"Pxe\""}},
+         "OK", "[]"},
+        {"action: read-only parameter", true, {{"ResetType", "\"On\""}, {"Delay", "5"}}, {}, "FAILURE",
+         "[" + Msg("Base.1.12.ActionParameterNotSupported", R"("Delay","#ComputerSystem.Reset")") + "]"},
+        {"action: bad enum", true, {{"ResetType", "\"Nmi\""}}, {}, "FAILURE",
+         "[" + Msg("Base.1.12.ActionParameterValueFormatError", R"("Nmi","ResetType","#ComputerSystem.Reset")") + "]"},
+        {"action: required parameter missing", true, {}, {}, "FAILURE",
+         "[" + Msg("Base.1.12.ActionParameterMissing", R"("#ComputerSystem.Reset","ResetType")") + "]"},
+        {"action accepted", true, {{"ResetType", "\"ForceOff\""}}, {}, "OK_RES", "[]"},
+    };
+    for (const Row& row : rows) {
+        const std::string key = fe.NextKey();
+        FrontEnd::Body body;
+        body.top = row.top;
+        if (!row.boot.empty()) {
+            body.top["&&Object Boot &&" + key + "/Boot"] = "";
+            body.hashes["&&" + key + "/Boot"] = row.boot;
+        }
+        FrontEnd::Answer a =
+            row.action ? fe.Send(kActionQ, "POSTACTION", kSys1 + "/Actions/ComputerSystem.Reset", &body)
+                       : fe.Send(kPatchQ, "PATCH", kSys1, &body);
+        ASSERT_TRUE(a.answered) << row.what;
+        EXPECT_EQ(a.status, row.status) << row.what;
+        EXPECT_EQ(a.extInfo, row.extInfo) << row.what;
+    }
+    // Only the accepted bodies reached their handlers.
+    Fields sys = HGetAll(kSys1);
+    EXPECT_EQ(sys["AssetTag"], "\"R7\"");
+    EXPECT_EQ(sys["BootTarget"], "\"Pxe\"");
+    // A SecureProperty value never reaches the access log, whatever its name.
+    const std::string params = "PARAMS[/AssetTag:R7,/Boot/BootSourceOverrideTarget:Pxe,/HostName:******]\n";
+    const std::string text = AccessLines(params);
+    EXPECT_NE(text.find(params), std::string::npos) << text;
+    EXPECT_EQ(text.find("h1"), std::string::npos);
+}
+
+// A resource's own template comes before the schema's "default"; a
+// template that did not load lets no body through (the fault is the
+// plug-in's), and a schema without any has none to give.
+TEST_F(RequestDispatchTest, TemplatesAreFoundByResourceThenDefault) {
+    std::string missing = "NoSuchTemplate";
+    auto* broken = new ZUserInputTemplate(mSys, &missing, false);
+    ASSERT_NE(broken->GetLoadResult(), RT_SUCCESS);
+    ASSERT_EQ(mSys->AddUserInputTemplate("default", broken), RT_SUCCESS);
+    ASSERT_EQ(mSys->AddUserInputTemplate(kSys2, new ZUserInputTemplate(mSys, nullptr, false)), RT_SUCCESS);
+    EXPECT_EQ(mSys->LoadUserInputTemplate("default", missing), broken->GetLoadResult());
+    FrontEnd fe("T");
+    FrontEnd::Body body;
+    body.top = {{"AssetTag", "\"x\""}};
+    FrontEnd::Answer a = fe.Send(kPatchQ, "PATCH", kSys1, &body);
+    EXPECT_EQ(a.status, "EXCEPTION");
+    EXPECT_EQ(a.extInfo, "[" + Msg("Base.1.12.InternalError") + "]");
+    EXPECT_EQ(HGetAll(kSys1).count("AssetTag"), 0u);
+    EXPECT_EQ(fe.Send(kPatchQ, "PATCH", kSys2, &body).status, "OK");
+    EXPECT_EQ(HGetAll(kSys2)["AssetTag"], "\"x\"");
+
+    ZSchema bare("Bare", "", ZSchema::CRUDQ_READ);
+    EXPECT_EQ(bare.GetUserInputTemplate(mApp->GetResource(kSys1)), nullptr);
 }
 
 }  // namespace

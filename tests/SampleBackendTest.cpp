@@ -35,6 +35,7 @@ TEST_F(SampleBackendTest, ASystemPluggedInAndPulledOutRaisesAnAlert) {
     const std::string ready = SysrootDir() + "/tmp/Redfish/RF_Root.run";
     unlink(ready.c_str());
     // The controller's start scripts give every plug-in its platform flags.
+    InstallSampleTemplates();
     ChildProcess plugin({BuiltProgram("examples/RF_Root/RF_Root")}, {{"PLATFLAGS", "0x0"}});
     ASSERT_TRUE(plugin.Start());
     ASSERT_TRUE(WaitForFile(ready, kTimeoutMs)) << plugin.Output();

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "ChildProcess.h"
+#include "FixedPaths.h"
 #include "FrontEnd.h"
 #include "TestEnv.h"
 #include "vex.h"
@@ -73,6 +74,7 @@ TEST_F(SampleResourcesTest, TheSamplePluginThroughItsLife) {
     RawCommand({"RPUSH", "&&/redfish/v1/Systems/1/Boot/BootOrder", "\"Cd\""});
     ASSERT_NE(vex_config_set_bool("nginx_redfish_ready", 0, 0), 0);
     unlink(ReadyFile().c_str());
+    InstallSampleTemplates();
     // The controller's start scripts give every plug-in its platform flags.
     ChildProcess plugin({BuiltProgram("examples/RF_Root/RF_Root")}, {{"PLATFLAGS", "0x0"}});
     ASSERT_TRUE(plugin.Start());
@@ -120,14 +122,44 @@ TEST_F(SampleResourcesTest, TheSamplePluginThroughItsLife) {
     patch.top = {{"AssetTag", "\"R7-U12\""}, {"&&Object Boot " + bootKey, ""}};
     patch.hashes[bootKey] = {{"BootSourceOverrideTarget", "\"Pxe\""}};
     EXPECT_EQ(fe.Send("RF_Root:ComputerSystem:PATCHQ", "PATCH", sys1, &patch).status, "OK");
-    EXPECT_EQ(StoreDoc("&&/redfish/v1/Systems/1/Boot"),
-              R"({"BootOrder":["Pxe","Hdd","Usb"],"BootSourceOverrideEnabled":"Disabled",)"
-              R"("BootSourceOverrideTarget":"Pxe"})");
+    const std::string bootAfterPatch =
+        R"({"BootOrder":["Pxe","Hdd","Usb"],"BootSourceOverrideEnabled":"Disabled",)"
+        R"("BootSourceOverrideTarget":"Pxe"})";
+    EXPECT_EQ(StoreDoc("&&/redfish/v1/Systems/1/Boot"), bootAfterPatch);
     EXPECT_EQ(HGetAll(sys1)["AssetTag"], "\"R7-U12\"");
 
+    // Bodies the template refuses never reach the handler: a read-only
+    // property, a value outside the standard's enumeration.
+    const struct {
+        FrontEnd::Fields top, boot;
+        std::string extInfo;
+    } refused[] = {
+        {{{"PowerState", "\"Off\""}}, {},
+         R"([{"MessageArgs":["PowerState"],"MessageId":"Base.1.12.PropertyNotWritable",)"
+         R"("RelatedProperties":[]}])"},
+        {{}, {{"BootSourceOverrideTarget", "\"Nowhere\""}},
+         R"([{"MessageArgs":["Nowhere","Boot/BootSourceOverrideTarget"],)"
+         R"("MessageId":"Base.1.12.PropertyValueNotInList","RelatedProperties":[]}])"},
+    };
+    for (const auto& row : refused) {
+        FrontEnd::Body body;
+        body.top = row.top;
+        if (!row.boot.empty()) {
+            body.top["&&Object Boot " + bootKey + "x"] = "";
+            body.hashes[bootKey + "x"] = row.boot;
+        }
+        FrontEnd::Answer r = fe.Send("RF_Root:ComputerSystem:PATCHQ", "PATCH", sys1, &body);
+        EXPECT_EQ(r.status, "FAILURE");
+        EXPECT_EQ(r.extInfo, row.extInfo);
+    }
+    EXPECT_EQ(StoreDoc("&&/redfish/v1/Systems/1/Boot"), bootAfterPatch);
+
+    FrontEnd::Body create;
+    create.top = {{"AssetTag", "\"new\""}};
     FrontEnd::Answer made = fe.Send("RF_Root:ComputerSystemCollection:POSTCREATEQ", "POSTCREATE",
-                                    "/redfish/v1/Systems");
+                                    "/redfish/v1/Systems", &create);
     EXPECT_EQ(made.status, "OK");
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems/3")["AssetTag"], "\"new\"");
     EXPECT_EQ(made.hash["&&Location"], "/redfish/v1/Systems/3");
     EXPECT_EQ(HGetAll("/redfish/v1/Systems")["Members@odata.count"], "3");
     EXPECT_EQ(fe.Send("RF_Root:ComputerSystem:DELETEQ", "DELETE", "/redfish/v1/Systems/3").status,

@@ -137,7 +137,9 @@ const char* UsrInValueTypeWord(eUsrInValueType type);  // "?" for no type
 // and items follow as "<jpath>/<name>" and "<jpath>/<index>".
 struct sUsrInCacheItem {
     eUsrInValueType type = USRIN_NULL;
-    std::string value;  // "true"/"false", decimal numbers, the text; empty for containers
+    // "null", "true"/"false", decimal numbers, the decoded text; an array's
+    // item count; empty for an object.
+    std::string value;
     uint8_t flags = 0;  // UIT_FLAG_*, copied from the template
 };
 // Keyed by user-input JPath: "/" joined names from the body's root
@@ -282,6 +284,8 @@ public:
     // The type and value of one value text of the store ("null", "true",
     // "\"text\"", "-5", "2.500000", anything else: raw text).
     static sUsrInCacheItem ClassifyValueText(const std::string& text);
+    // Most values read from one body (containers included); more is a fault.
+    static constexpr size_t kMaxUsrInItems = 4096;
     // Longest user-input JPath accepted (longer: "ExtendedError.1.2.BadRequest").
     static constexpr size_t kMaxUsrInJPathLength = 1024;
 

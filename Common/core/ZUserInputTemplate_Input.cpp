@@ -14,6 +14,71 @@ namespace Orbel {
 
 namespace {
 
+int HexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+void AppendUtf8(std::string& out, unsigned cp) {
+    if (cp < 0x80) {
+        out += static_cast<char>(cp);
+    } else if (cp < 0x800) {
+        out += static_cast<char>(0xC0 | (cp >> 6));
+        out += static_cast<char>(0x80 | (cp & 0x3F));
+    } else {
+        out += static_cast<char>(0xE0 | (cp >> 12));
+        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (cp & 0x3F));
+    }
+}
+
+// Decodes a JSON string text ("..." with its escapes, as the client wrote
+// it); false when it is not one. A backslash-u escape gives its UTF-8 bytes (a
+// surrogate half stays the three bytes of its code unit: the value is only
+// compared and shown, never re-encoded).
+bool DecodeJsonString(const std::string& text, std::string& out) {
+    if (text.size() < 2 || text.front() != '"' || text.back() != '"') return false;
+    const size_t end = text.size() - 1;
+    out.clear();
+    out.reserve(end);
+    for (size_t i = 1; i < end; ++i) {
+        const char c = text[i];
+        if (c == '"') return false;
+        if (c != '\\') {
+            out += c;
+            continue;
+        }
+        if (++i >= end) return false;
+        switch (text[i]) {
+            case '"': out += '"'; break;
+            case '\\': out += '\\'; break;
+            case '/': out += '/'; break;
+            case 'b': out += '\b'; break;
+            case 'f': out += '\f'; break;
+            case 'n': out += '\n'; break;
+            case 'r': out += '\r'; break;
+            case 't': out += '\t'; break;
+            case 'u': {
+                if (i + 4 >= end) return false;
+                unsigned cp = 0;
+                for (size_t k = 1; k <= 4; ++k) {
+                    const int h = HexValue(text[i + k]);
+                    if (h < 0) return false;
+                    cp = cp * 16 + static_cast<unsigned>(h);
+                }
+                i += 4;
+                AppendUtf8(out, cp);
+                break;
+            }
+            default:
+                return false;
+        }
+    }
+    return true;
+}
+
 class TreeReader {
 public:
     TreeReader(redisContext* c, UsrInCache& out, const std::string& schema)
@@ -29,6 +94,7 @@ public:
             return false;
         }
         const int type = RedisType(mCtx, key.c_str());
+        mItems = 0;
         if (type == REDIS_TABLE_NONE) return true;
         if (type != (object ? REDIS_TABLE_HASH : REDIS_TABLE_LIST)) {
             ZLOG(eZLogError, "Table[%s] is not a hash or list or empty. schema[%s]\n", key.c_str(),
@@ -54,10 +120,17 @@ public:
         for (size_t i = 0; i < items.size(); ++i) {
             if (!_Item(items[i], jpath + "/" + std::to_string(i), depth)) return false;
         }
+        mItems = items.size();
         return true;
     }
 
     bool Enter(const std::string& jpath, eUsrInValueType type, const std::string& value) {
+        if (mOut.size() >= ZUserInputTemplate::kMaxUsrInItems) {
+            ZLOG(eZLogError, "Request data holds more than %u values at [%s]. schema[%s]\n",
+                 static_cast<unsigned>(ZUserInputTemplate::kMaxUsrInItems), jpath.c_str(),
+                 mSchema.c_str());
+            return false;
+        }
         if (!mOut.emplace(jpath, sUsrInCacheItem{type, value, 0}).second) {
             ZLOG(eZLogError, "Duplicate JPath[%s]. schema[%s]\n", jpath.c_str(), mSchema.c_str());
             return false;
@@ -81,8 +154,13 @@ private:
                    Enter(jpath + "/@odata.id", USRIN_STRING, target);
         }
         const bool object = meta.compare(0, 9, "&&Object ") == 0;
-        return Enter(jpath, object ? USRIN_OBJECT : USRIN_ARRAY, "") &&
-               ReadNode(target, jpath, object, depth + 1);
+        if (!Enter(jpath, object ? USRIN_OBJECT : USRIN_ARRAY, "") ||
+            !ReadNode(target, jpath, object, depth + 1)) {
+            return false;
+        }
+        // An array's value is its item count (GetUserInputListSize, the dumps).
+        if (!object) mOut[jpath].value = std::to_string(mItems);
+        return true;
     }
 
     bool _Member(const std::string& field, const std::string& value, const std::string& jpath,
@@ -108,19 +186,22 @@ private:
     redisContext* mCtx;
     UsrInCache& mOut;
     const std::string& mSchema;
+    size_t mItems = 0;  // the item count of the list read last
 };
 
 }  // namespace
 
 sUsrInCacheItem ZUserInputTemplate::ClassifyValueText(const std::string& text) {
     sUsrInCacheItem item;
-    if (text.empty() || text == "null") return item;  // an empty value text reads as null
+    if (text.empty() || text == "null") {  // an empty value text reads as null
+        item.value = "null";
+        return item;
+    }
     if (text == "true" || text == "false") {
         item.type = USRIN_BOOL;
         item.value = text;
-    } else if (text.size() >= 2 && text.front() == '"' && text.back() == '"') {
+    } else if (DecodeJsonString(text, item.value)) {
         item.type = USRIN_STRING;
-        item.value = StringEscapeRevert(text.substr(1, text.size() - 2));
     } else if (text != "-" && IsSignedNumString(text)) {
         item.type = text[0] == '-' ? USRIN_SNUM : USRIN_UNUM;
         item.value = text;

@@ -77,6 +77,9 @@ ComputerSystemSchema::ComputerSystemSchema()
     AddActionCallback("ComputerSystem.Reset", ActionReset);
     // Event callbacks are taken only while the schemas are created.
     Orbel::zApp->RegisterVexEventCallback(kPresenceEvent, OnPresenceEvent);
+    // Every resource of the schema checks its bodies against this template
+    // (installed as ComputerSystem.dat in the template directory).
+    LoadUserInputTemplate("default", "ComputerSystem");
 }
 
 eRtCode ComputerSystemSchema::PreCorvelReady_InitialResources() {

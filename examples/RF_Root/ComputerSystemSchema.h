@@ -12,9 +12,10 @@
 // It also serves requests (ComputerSystemSchema_Requests.cpp): a GET
 // refreshes PowerState from the backend record, a PATCH changes AssetTag,
 // LocationIndicatorActive and the boot override, a POST into the Systems
-// collection adds a member, a DELETE removes one that a POST added, and the
-// action ComputerSystem.Reset changes the power state and answers with
-// response data.
+// collection adds a member (with an AssetTag when given), a DELETE removes
+// one that a POST added, and the action ComputerSystem.Reset changes the
+// power state and answers with response data. Every body has been checked
+// against the schema's template (ComputerSystem.dat) before a handler runs.
 //
 // And it follows the platform (ComputerSystemSchema_Backend.cpp): a system
 // plugged in or pulled out, announced by the VEX event "SampleSystemPresence"

@@ -4,8 +4,11 @@
 // applies them, and leaves the answer (status, messages, location, response
 // data) in the context; the library writes it for the front end.
 //
-// No user-input template checks these bodies yet, so the handlers check
-// what they take themselves.
+// Before a handler runs, the library has checked the body against the
+// schema's template (ComputerSystem.dat, generated from the standard's
+// schema): unknown and read-only properties, types and enumerations are
+// answered already. The handlers check only what this sample narrows
+// further: the properties it keeps and the values its backend supports.
 #include <set>
 #include <string>
 
@@ -36,6 +39,17 @@ eRtCode Refuse(HTTP_MethodContext* ctx, Orbel::sExtendedInfo* info) {
     return Orbel::RT_SUCCESS;  // answered; not a fault of the plug-in
 }
 
+// A client's AssetTag (a text, or null to clear it), when the body has one.
+void TakeAssetTag(HTTP_MethodContext* ctx, ZResource* system) {
+    auto it = ctx->GetUserInCache().find("/AssetTag");
+    if (it == ctx->GetUserInCache().end()) return;
+    if (it->second.type == Orbel::USRIN_NULL) {
+        system->HashWrite("AssetTag");
+    } else {
+        system->HashWrite("AssetTag", it->second.value);
+    }
+}
+
 }  // namespace
 
 eRtCode ComputerSystemSchema::HttpMethod_READ(HTTP_MethodContext* ctx) {
@@ -52,35 +66,32 @@ eRtCode ComputerSystemSchema::HttpMethod_UPDATE(HTTP_MethodContext* ctx) {
     ZResource* system = ctx->GetTargetResource();
     ZObject* boot = system->GetChild("Boot", true);
     // Check everything first: a PATCH changes all it asks for or nothing.
+    // The standard lets a client write more than this sample keeps; those
+    // properties are answered as not writable here.
+    bool refused = false;
     for (const auto& entry : ctx->GetUserInCache()) {
         const std::string& jpath = entry.first;
-        const Orbel::sUsrInItem& item = entry.second;
+        const Orbel::sUsrInCacheItem& item = entry.second;
         const std::string name = jpath.substr(jpath.rfind('/') + 1);
-        if (jpath == "/Boot" && item.type == Orbel::USRIN_OBJECT) continue;
-        if (jpath == "/AssetTag" && item.type == Orbel::USRIN_STRING) continue;
-        if (jpath == "/LocationIndicatorActive" && item.type == Orbel::USRIN_BOOL) continue;
+        if (jpath == "/Boot" || jpath == "/AssetTag" || jpath == "/LocationIndicatorActive") continue;
         const std::set<std::string>* allowed =
             jpath == "/Boot/BootSourceOverrideTarget"    ? &kBootTargets
             : jpath == "/Boot/BootSourceOverrideEnabled" ? &kBootEnabled
                                                          : nullptr;
         if (allowed == nullptr) {
-            return Refuse(ctx, ctx->NewExtendedInfo(Orbel::RESP_Base_PropertyUnknown, name.c_str()));
-        }
-        if (item.type != Orbel::USRIN_STRING || allowed->count(item.value) == 0) {
+            ctx->NewExtendedInfo(Orbel::RESP_Base_PropertyNotWritable, jpath.substr(1).c_str());
+            refused = true;
+        } else if (allowed->count(item.value) == 0) {
             auto* info = ctx->NewExtendedInfo(Orbel::RESP_Base_PropertyValueNotInList,
                                               item.value.c_str(), name.c_str());
             ctx->ExtendedInfo_AppendRelatedProperty(info, boot, name);
             return Refuse(ctx, info);
         }
     }
+    if (refused) return Refuse(ctx, nullptr);
     std::string text;
     bool on = false;
-    if (ctx->GetUserInCache().empty()) {
-        return Refuse(ctx, ctx->NewExtendedInfo(Orbel::RESP_Base_EmptyJSON));
-    }
-    if (ctx->HasUserInputData("/AssetTag") && ctx->GetUserInputData("/AssetTag", text) == 0) {
-        system->HashWrite("AssetTag", text);
-    }
+    TakeAssetTag(ctx, system);
     if (ctx->HasUserInputData("/LocationIndicatorActive") &&
         ctx->GetUserInputData("/LocationIndicatorActive", on) == 0) {
         system->HashWrite("LocationIndicatorActive", on);
@@ -103,10 +114,7 @@ eRtCode ComputerSystemSchema::HttpMethod_CREATE(HTTP_MethodContext* ctx) {
     }
     auto* systems = static_cast<Orbel::ZResourceCollection*>(target);
     const int id = systems->GetFreeMemberId();
-    std::string name = "Sample System " + std::to_string(id);
-    if (ctx->HasUserInputData("/Name") && ctx->GetUserInputData("/Name", name) != 0) {
-        return Refuse(ctx, ctx->NewExtendedInfo(Orbel::RESP_Base_PropertyValueTypeError, "", "Name"));
-    }
+    const std::string name = "Sample System " + std::to_string(id);
     auto* system = new ZResource(systems, this, std::to_string(id));
     if (system->GetJPath().empty()) {
         system->ObjDestroy(ZObject::eDestroyDelete, false);
@@ -115,6 +123,11 @@ eRtCode ComputerSystemSchema::HttpMethod_CREATE(HTTP_MethodContext* ctx) {
     system->SetPrivateData(new sSystemData{kRecordForNewSystems, "Off", name, true},
                            RecycleSystemData);
     if (_FillSystem(system) != Orbel::RT_SUCCESS) {
+        system->ObjDestroy(ZObject::eDestroyDelete, true);
+        return Orbel::RT_FAILURE;
+    }
+    TakeAssetTag(ctx, system);
+    if (system->ApplyRedisChanges(false, ctx->GetRedisContext()) != Orbel::RT_SUCCESS) {
         system->ObjDestroy(ZObject::eDestroyDelete, true);
         return Orbel::RT_FAILURE;
     }

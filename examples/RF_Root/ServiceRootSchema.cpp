@@ -8,7 +8,10 @@
 using Orbel::eRtCode;
 using Orbel::ZResource;
 
-ServiceRootSchema::ServiceRootSchema() : ZSchema("ServiceRoot", "v1_15_0", CRUDQ_READ) {}
+ServiceRootSchema::ServiceRootSchema() : ZSchema("ServiceRoot", "v1_15_0", CRUDQ_READ) {
+    // Read-only today; a method added later finds its bodies checked already.
+    LoadUserInputTemplate("default", "ServiceRoot");
+}
 
 eRtCode ServiceRootSchema::PreCorvelReady_InitialResources() {
     // No parent: the id is the whole URI. The schema keeps the resource in

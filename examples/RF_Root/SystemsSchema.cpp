@@ -14,7 +14,11 @@ using Orbel::ZResource;
 // It listens for creates (POST to the collection); the library hands each
 // one to the member schema, which makes the new member.
 SystemsSchema::SystemsSchema()
-    : ZSchema("ComputerSystemCollection", "", CRUDQ_READ | CRUDQ_CREATE, "ComputerSystem") {}
+    : ZSchema("ComputerSystemCollection", "", CRUDQ_READ | CRUDQ_CREATE, "ComputerSystem") {
+    // A POST here creates a member: its body is checked against the members'
+    // schema's template. This one covers the collection's own methods.
+    LoadUserInputTemplate("default", "ComputerSystemCollection");
+}
 
 eRtCode SystemsSchema::PreCorvelReady_InitialResources() {
     // Schemas run their stages in table order, so the root exists by now

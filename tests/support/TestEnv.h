@@ -31,6 +31,9 @@ void RegisterEnvironment();
 
 // The source tree, without a trailing "/" (SourceDir.cpp).
 const std::string& SourceDir();
+// Installs the sample plug-in's user-input templates into the sysroot's
+// template directory, where its schemas load them (SourceDir.cpp).
+void InstallSampleTemplates();
 
 // The binary's sysroot, without a trailing "/".
 const std::string& SysrootDir();
