@@ -51,6 +51,7 @@
 #include <vector>
 
 #include "BenchStore.h"
+#include "CommandRecording.h"
 #include "FixedPaths.h"
 #include "RedisCli.h"
 #include "ZApplication.h"
@@ -157,139 +158,14 @@ using ContextPtr = std::unique_ptr<redisContext, ContextFree>;
 // Recording the library's traffic
 // ---------------------------------------------------------------------------
 
-using Command = std::vector<std::string>;
-using Script = std::vector<Command>;
+using OrbelBench::Replay;
+using OrbelBench::Script;
 
-// Splits one MONITOR line, `<time> [<db> <client>] "CMD" "arg" ...`, into
-// its arguments, undoing the server's quoting (\\, \", \n, \r, \t, \a, \b,
-// \xHH). False for a line of another shape.
-bool ParseMonitorLine(const std::string& line, Command& out) {
-    out.clear();
-    size_t pos = line.find("] ");
-    if (pos == std::string::npos) return false;
-    pos += 2;
-    while (pos < line.size()) {
-        if (line[pos] == ' ') {
-            ++pos;
-            continue;
-        }
-        if (line[pos] != '"') return false;
-        ++pos;
-        std::string arg;
-        bool closed = false;
-        while (pos < line.size()) {
-            char ch = line[pos++];
-            if (ch == '"') {
-                closed = true;
-                break;
-            }
-            if (ch != '\\' || pos >= line.size()) {
-                arg += ch;
-                continue;
-            }
-            char esc = line[pos++];
-            switch (esc) {
-                case 'n':
-                    arg += '\n';
-                    break;
-                case 'r':
-                    arg += '\r';
-                    break;
-                case 't':
-                    arg += '\t';
-                    break;
-                case 'a':
-                    arg += '\a';
-                    break;
-                case 'b':
-                    arg += '\b';
-                    break;
-                case 'x':
-                    if (pos + 2 > line.size()) return false;
-                    arg += static_cast<char>(std::strtol(line.substr(pos, 2).c_str(), nullptr, 16));
-                    pos += 2;
-                    break;
-                default:
-                    arg += esc;  // \\ and \"
-                    break;
-            }
-        }
-        if (!closed) return false;
-        out.push_back(std::move(arg));
-    }
-    return !out.empty();
-}
-
-// Runs `action` while a MONITOR connection listens and returns the commands
-// the store received meanwhile, in order. Only the library talks to the
-// store during `action`; a marker sent afterwards on the floor's connection
-// tells where the recording ends. False when the recording failed.
+// Records what the library sends while `action` runs (the floor's
+// connection carries the end marker).
 bool Record(const std::function<void()>& action, Script& script) {
-    script.clear();
-    ContextPtr monitor(redisConnectUnix(OrbelBench::BenchSocketPath().c_str()));
-    if (!monitor || monitor->err != 0) return false;
-    ReplyPtr ok(static_cast<redisReply*>(redisCommand(monitor.get(), "MONITOR")));
-    if (!ok || ok->type != REDIS_REPLY_STATUS) return false;
-
-    action();
-
-    static const char* const kMarker = "orbel-bench-recording-ends";
-    ReplyPtr echo(static_cast<redisReply*>(redisCommand(gCtx, "ECHO %s", kMarker)));
-    if (!echo) return false;
-    for (;;) {
-        void* raw = nullptr;
-        if (redisGetReply(monitor.get(), &raw) != REDIS_OK) return false;
-        ReplyPtr line(static_cast<redisReply*>(raw));
-        if (!line || line->type != REDIS_REPLY_STATUS) return false;
-        Command cmd;
-        if (!ParseMonitorLine(std::string(line->str, line->len), cmd)) {
-            std::fprintf(stderr, "bench: unreadable MONITOR line: %s\n", line->str);
-            return false;
-        }
-        if (cmd.size() == 2 && cmd[0] == "ECHO" && cmd[1] == kMarker) return true;
-        script.push_back(std::move(cmd));
-    }
+    return OrbelBench::Record(OrbelBench::BenchSocketPath(), gCtx, action, script);
 }
-
-// A recorded script, prepared once so that a replay does nothing but send
-// each command with redisCommandArgv and free the reply.
-class Replay {
-public:
-    // The texts stay in mScript, which argv points into.
-    explicit Replay(const Script& script) : mScript(script) {
-        for (const Command& cmd : mScript) {
-            Prepared p;
-            for (const std::string& arg : cmd) {
-                p.argv.push_back(arg.data());
-                p.argvlen.push_back(arg.size());
-            }
-            mCommands.push_back(std::move(p));
-        }
-    }
-
-    // False when a command got no reply or an error reply.
-    bool Run(redisContext* c) const {
-        bool ok = true;
-        for (const Prepared& p : mCommands) {
-            auto* r = static_cast<redisReply*>(
-                redisCommandArgv(c, static_cast<int>(p.argv.size()),
-                                 const_cast<const char**>(p.argv.data()), p.argvlen.data()));
-            if (r == nullptr || r->type == REDIS_REPLY_ERROR) ok = false;
-            if (r != nullptr) freeReplyObject(r);
-        }
-        return ok;
-    }
-
-    size_t Size() const { return mCommands.size(); }
-
-private:
-    struct Prepared {
-        std::vector<const char*> argv;
-        std::vector<size_t> argvlen;
-    };
-    Script mScript;
-    std::vector<Prepared> mCommands;
-};
 
 // ---------------------------------------------------------------------------
 // The trees

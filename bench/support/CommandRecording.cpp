@@ -1,6 +1,8 @@
 // MONITOR recording and plain-hiredis replay of the library's commands.
 #include "CommandRecording.h"
 
+#include "MonitorScript.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -22,68 +24,6 @@ struct ContextFree {
     }
 };
 
-// Splits one MONITOR line, `<time> [<db> <client>] "CMD" "arg" ...`, into
-// the client text and the arguments, undoing the server's quoting (\\, \",
-// \n, \r, \t, \a, \b, \xHH). False for a line of another shape.
-bool ParseMonitorLine(const std::string& line, std::string& client, Command& out) {
-    out.clear();
-    const size_t open = line.find('[');
-    size_t pos = line.find("] ");
-    if (open == std::string::npos || pos == std::string::npos || pos < open) return false;
-    client = line.substr(open + 1, pos - open - 1);
-    pos += 2;
-    while (pos < line.size()) {
-        if (line[pos] == ' ') {
-            ++pos;
-            continue;
-        }
-        if (line[pos] != '"') return false;
-        ++pos;
-        std::string arg;
-        bool closed = false;
-        while (pos < line.size()) {
-            char ch = line[pos++];
-            if (ch == '"') {
-                closed = true;
-                break;
-            }
-            if (ch != '\\' || pos >= line.size()) {
-                arg += ch;
-                continue;
-            }
-            char esc = line[pos++];
-            switch (esc) {
-                case 'n':
-                    arg += '\n';
-                    break;
-                case 'r':
-                    arg += '\r';
-                    break;
-                case 't':
-                    arg += '\t';
-                    break;
-                case 'a':
-                    arg += '\a';
-                    break;
-                case 'b':
-                    arg += '\b';
-                    break;
-                case 'x':
-                    if (pos + 2 > line.size()) return false;
-                    arg += static_cast<char>(std::strtol(line.substr(pos, 2).c_str(), nullptr, 16));
-                    pos += 2;
-                    break;
-                default:
-                    arg += esc;
-                    break;  // \\ and \"
-            }
-        }
-        if (!closed) return false;
-        out.push_back(std::move(arg));
-    }
-    return !out.empty();
-}
-
 }  // namespace
 
 bool Record(const std::string& socketPath, redisContext* marker,
@@ -99,22 +39,11 @@ bool Record(const std::string& socketPath, redisContext* marker,
     static const char* const kMarker = "orbel-bench-recording-ends";
     ReplyPtr echo(static_cast<redisReply*>(redisCommand(marker, "ECHO %s", kMarker)));
     if (!echo) return false;
-    for (;;) {
-        void* raw = nullptr;
-        if (redisGetReply(monitor.get(), &raw) != REDIS_OK) return false;
-        ReplyPtr line(static_cast<redisReply*>(raw));
-        if (!line || line->type != REDIS_REPLY_STATUS) return false;
-        std::string client;
-        Command cmd;
-        if (!ParseMonitorLine(std::string(line->str, line->len), client, cmd)) {
-            std::fprintf(stderr, "bench: unreadable MONITOR line: %s\n", line->str);
-            return false;
-        }
-        if (cmd.size() == 2 && cmd[0] == "ECHO" && cmd[1] == kMarker) return true;
-        // "<db> lua": a command a script issued, part of the EVALSHA before it.
-        if (client.size() >= 4 && client.compare(client.size() - 4, 4, " lua") == 0) continue;
-        script.push_back(std::move(cmd));
+    if (!ReadMonitorUntil(monitor.get(), kMarker, script)) {
+        std::fprintf(stderr, "bench: the MONITOR recording could not be read\n");
+        return false;
     }
+    return true;
 }
 
 Replay::Replay(const Script& script) : mScript(script) {

@@ -16,10 +16,10 @@
 #include <string>
 #include <vector>
 
+#include "MonitorScript.h"
+
 namespace OrbelBench {
 
-using Command = std::vector<std::string>;
-using Script = std::vector<Command>;
 
 // Runs `action` while a MONITOR connection to `socketPath` listens, and
 // returns the commands the store received meanwhile, in order. A marker sent

@@ -6,10 +6,12 @@
 
 namespace OrbelBench {
 
-bool ParseMonitorLine(const std::string& line, Command& out) {
+bool ParseMonitorLine(const std::string& line, Command& out, std::string* client) {
     out.clear();
+    const size_t open = line.find('[');
     size_t pos = line.find("] ");
-    if (pos == std::string::npos) return false;
+    if (open == std::string::npos || pos == std::string::npos || pos < open) return false;
+    if (client != nullptr) *client = line.substr(open + 1, pos - open - 1);
     pos += 2;
     while (pos < line.size()) {
         if (line[pos] == ' ') {
@@ -61,8 +63,11 @@ bool ReadMonitorUntil(redisContext* monitor, const std::string& marker, Script& 
                                                           freeReplyObject);
         if (!line || line->type != REDIS_REPLY_STATUS) return false;
         Command cmd;
-        if (!ParseMonitorLine(std::string(line->str, line->len), cmd)) return false;
+        std::string client;
+        if (!ParseMonitorLine(std::string(line->str, line->len), cmd, &client)) return false;
         if (cmd.size() == 2 && cmd[0] == "ECHO" && cmd[1] == marker) return true;
+        // "<db> lua": a command a script issued, part of the EVALSHA before it.
+        if (client.size() >= 4 && client.compare(client.size() - 4, 4, " lua") == 0) continue;
         script.push_back(std::move(cmd));
     }
 }
