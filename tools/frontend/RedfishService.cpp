@@ -104,7 +104,7 @@ void RedfishService::_Serve(const httplib::Request& req, httplib::Response& res)
                (call.uri.size() > 11 && call.uri[11] != '/')) {
         _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
     } else if (req.target.find('?') != std::string::npos) {
-        _Error(call, 501, "Base.1.12.QueryNotSupported");
+        _Error(call, 400, "Base.1.12.QueryNotSupported");
     } else {
         // "/redfish/v1" is the root; every other resource has no final "/".
         if (call.uri == "/redfish/v1") call.uri = kServiceRoot;
