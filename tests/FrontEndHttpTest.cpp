@@ -1,0 +1,351 @@
+// The development front end over HTTP: the sample plug-in and orbel-frontend
+// run as children against the suite's store, and curl and redfishtool talk
+// to the front end on 127.0.0.1, as a plug-in author would.
+#include <arpa/inet.h>
+#include <signal.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "TestEnv.h"
+#include "vex.h"
+
+using namespace OrbelTest;
+using nlohmann::json;
+
+namespace {
+
+constexpr int kTimeoutMs = 15000;
+const char* const kAdminPassword = "pa:ss-Secret";  // a ":" inside on purpose
+
+struct sHttp {
+    int status = 0;
+    std::map<std::string, std::string> headers;
+    std::string body;
+    json doc;  // the body parsed (null when it is not JSON)
+};
+
+class FrontEndHttpTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        ASSERT_TRUE(RedisServer::Instance().Start());
+        RedisServer::Instance().FlushAll();
+        ASSERT_NE(vex_config_set_bool("nginx_redfish_ready", 0, 0), 0);
+        const std::string users = SysrootDir() + "/frontend-users";
+        WriteFile(users, std::string("# test users\nadmin:") + kAdminPassword +
+                             ":Administrator\nro:ro-pw:ReadOnly\nnobody:no-pw:NoAccess\n");
+        sPlugin.reset(new ChildProcess({BuiltProgram("examples/RF_Root/RF_Root")}));
+        ASSERT_TRUE(sPlugin->Start());
+        ASSERT_TRUE(sPlugin->WaitForOutput("PreCorvelReady_InitAllSchemaResources done!\n",
+                                           kTimeoutMs))
+            << sPlugin->Output();
+        sFront.reset(new ChildProcess({BuiltProgram("tools/frontend/orbel-frontend"), "--users",
+                                       users, "--registries",
+                                       SourceDir() + "/tools/frontend/registries"}));
+        ASSERT_TRUE(sFront->Start());
+        ASSERT_TRUE(sFront->WaitForOutput("/ (store ", kTimeoutMs)) << sFront->Output();
+        const std::string out = sFront->Output();
+        const size_t at = out.find("http://127.0.0.1:");
+        ASSERT_NE(at, std::string::npos) << out;
+        sBase = "http://127.0.0.1:" + std::to_string(atoi(out.c_str() + at + 17));
+        // The front end reported itself ready: the plug-in starts serving.
+        ASSERT_TRUE(WaitForFile(SysrootDir() + "/tmp/Redfish/RF_Root.run", kTimeoutMs))
+            << sPlugin->Output();
+    }
+    static void TearDownTestSuite() {
+        // A clean stop (a sanitizer's finding in the front end fails its
+        // exit status) clears the readiness it set.
+        if (sFront && sFront->Signal(SIGTERM)) {
+            const int rc = sFront->Wait(kTimeoutMs);
+            if (rc != 0) ADD_FAILURE() << "orbel-frontend ended with " << rc << "\n" << sFront->Output();
+            int ready = -1;
+            vex_config_get_bool("nginx_redfish_ready", &ready);
+            if (ready != 0) ADD_FAILURE() << "nginx_redfish_ready still " << ready;
+        }
+        sFront.reset();
+        sPlugin.reset();
+    }
+
+    // curl with `args` before the URL; the answer split into its parts.
+    static sHttp Curl(const std::string& method, const std::string& path, const std::string& user,
+                      const std::string& body = std::string(),
+                      std::vector<std::string> more = {}) {
+        std::vector<std::string> argv = {"/usr/bin/curl", "-s", "-i", "--max-time", "20"};
+        if (method == "HEAD") {
+            argv.push_back("-I");
+        } else {
+            argv.insert(argv.end(), {"-X", method});
+        }
+        if (!user.empty()) argv.insert(argv.end(), {"-u", user});
+        if (!body.empty()) {
+            const std::string file = SysrootDir() + "/curl-body";
+            WriteFile(file, body);
+            argv.insert(argv.end(), {"-H", "Content-Type: application/json", "--data-binary",
+                                     "@" + file});
+        }
+        argv.insert(argv.end(), more.begin(), more.end());
+        argv.push_back(sBase + path);
+        ChildProcess curl(argv);
+        sHttp r;
+        if (!curl.Start() || curl.Wait(30000) != 0) return r;
+        const std::string out = curl.Output();
+        const size_t end = out.find("\r\n\r\n");
+        const std::string head = out.substr(0, end);
+        r.body = end == std::string::npos ? std::string() : out.substr(end + 4);
+        r.status = atoi(head.c_str() + head.find(' ') + 1);
+        size_t pos = head.find("\r\n");
+        while (pos != std::string::npos) {
+            const size_t next = head.find("\r\n", pos + 2);
+            const std::string line = head.substr(pos + 2, next - pos - 2);
+            const size_t colon = line.find(": ");
+            if (colon != std::string::npos) r.headers[line.substr(0, colon)] = line.substr(colon + 2);
+            pos = next;
+        }
+        r.doc = json::parse(r.body, nullptr, false);
+        if (r.doc.is_discarded()) r.doc = nullptr;
+        return r;
+    }
+
+    static std::string Admin() { return std::string("admin:") + kAdminPassword; }
+
+    // The MessageId of the first message of an error answer.
+    static std::string ErrorId(const sHttp& r) {
+        if (!r.doc.is_object() || !r.doc.contains("error")) return "<no error body>";
+        return r.doc["error"].value("code", std::string("<no code>"));
+    }
+
+    // Nothing a request used stays in the store once it is answered.
+    static void ExpectNoLeftovers() {
+        std::vector<std::string> keys;
+        for (const char* pattern : {"&&ResourceLock:*", "Corvel:Req:FE*", "&&Corvel:Req:FE*"}) {
+            Reply r = RawCommand({"KEYS", pattern});
+            ASSERT_TRUE(r);
+            for (size_t i = 0; i < r->elements; ++i) keys.push_back(r->element[i]->str);
+        }
+        EXPECT_TRUE(keys.empty()) << keys.front();
+    }
+
+    static std::unique_ptr<ChildProcess> sPlugin;
+    static std::unique_ptr<ChildProcess> sFront;
+    static std::string sBase;
+};
+
+std::unique_ptr<ChildProcess> FrontEndHttpTest::sPlugin;
+std::unique_ptr<ChildProcess> FrontEndHttpTest::sFront;
+std::string FrontEndHttpTest::sBase;
+
+TEST_F(FrontEndHttpTest, EveryMethodThroughCurl) {
+    // The entry points answer without credentials.
+    sHttp r = Curl("GET", "/redfish", "");
+    EXPECT_EQ(r.status, 200);
+    EXPECT_EQ(r.doc, json::parse(R"({"v1":"/redfish/v1/"})"));
+    r = Curl("GET", "/redfish/v1", "");
+    EXPECT_EQ(r.status, 200);
+    EXPECT_EQ(r.doc["Systems"], json::parse(R"({"@odata.id":"/redfish/v1/Systems"})"));
+    EXPECT_EQ(r.headers["OData-Version"], "4.0");
+
+    r = Curl("GET", "/redfish/v1/Systems/", Admin());
+    EXPECT_EQ(r.status, 200);
+    EXPECT_EQ(r.doc["Members@odata.count"], 2);
+
+    // A PATCH that is accepted answers the updated document, one that is
+    // refused the plug-in's message with its registry text.
+    r = Curl("PATCH", "/redfish/v1/Systems/1", Admin(),
+             R"({"AssetTag":"rack \"7\"","Boot":{"BootSourceOverrideTarget":"Pxe"}})");
+    EXPECT_EQ(r.status, 200) << r.body;
+    EXPECT_EQ(r.doc["AssetTag"], "rack \"7\"");
+    EXPECT_EQ(r.doc["Boot"]["BootSourceOverrideTarget"], "Pxe");
+    r = Curl("PATCH", "/redfish/v1/Systems/1", Admin(),
+             R"({"Boot":{"BootSourceOverrideTarget":"Floppy"}})");
+    EXPECT_EQ(r.status, 400);
+    ASSERT_EQ(ErrorId(r), "Base.1.12.PropertyValueNotInList") << r.body;
+    const json& msg = r.doc["error"]["@Message.ExtendedInfo"][0];
+    EXPECT_EQ(msg["Message"],
+              "The value 'Floppy' for the property BootSourceOverrideTarget is not in the list of "
+              "acceptable values.");
+    EXPECT_EQ(msg["MessageArgs"], json::parse(R"(["Floppy","BootSourceOverrideTarget"])"));
+    EXPECT_EQ(msg["MessageSeverity"], "Warning");
+    EXPECT_EQ(Curl("GET", "/redfish/v1/Systems/1", Admin()).doc["Boot"]["BootSourceOverrideTarget"],
+              "Pxe");
+
+    // An action answers its response data.
+    r = Curl("POST", "/redfish/v1/Systems/1/Actions/ComputerSystem.Reset", Admin(),
+             R"({"ResetType":"ForceOff"})");
+    EXPECT_EQ(r.status, 200);
+    EXPECT_EQ(r.doc, json::parse(R"({"PowerState":"Off","ResetType":"ForceOff"})"));
+
+    // A create answers 201 with the member and its Location; a delete 204.
+    r = Curl("POST", "/redfish/v1/Systems", Admin(), "{}");
+    EXPECT_EQ(r.status, 201) << r.body;
+    EXPECT_EQ(r.headers["Location"], "/redfish/v1/Systems/3");
+    EXPECT_EQ(r.doc["@odata.id"], "/redfish/v1/Systems/3");
+    r = Curl("HEAD", "/redfish/v1/Systems/3", Admin());
+    EXPECT_EQ(r.status, 200);
+    EXPECT_EQ(r.body, "");
+    EXPECT_EQ(Curl("DELETE", "/redfish/v1/Systems/3", Admin()).status, 204);
+    r = Curl("GET", "/redfish/v1/Systems/3", Admin());
+    EXPECT_EQ(r.status, 404);
+    EXPECT_EQ(ErrorId(r), "Base.1.12.ResourceMissingAtURI");
+    // A resource whose schema serves no delete is refused by the front end.
+    r = Curl("DELETE", "/redfish/v1/Systems", Admin());
+    EXPECT_EQ(r.status, 405);
+    EXPECT_EQ(ErrorId(r), "Base.1.12.ResourceCannotBeDeleted");
+
+    ExpectNoLeftovers();
+    // The request hashes carried only fields the plug-in knows.
+    const std::string log = ReadFile(SysrootDir() + "/tmp/Redfish/RF_Root.log");
+    EXPECT_EQ(log.find("Unexpected data["), std::string::npos) << log;
+    EXPECT_EQ(log.find("Unknown value["), std::string::npos) << log;
+}
+
+TEST_F(FrontEndHttpTest, UsersAndPrivileges) {
+    struct Row {
+        const char* method;
+        const char* path;
+        std::string user;
+        int status;
+        const char* messageId;  // "" for a success
+    };
+    const Row rows[] = {
+        {"GET", "/redfish/v1/Systems/1", "", 401, "Base.1.12.NoValidSession"},
+        {"GET", "/redfish/v1/Systems/1", "admin:wrong", 401, "Base.1.12.NoValidSession"},
+        {"GET", "/redfish/v1/Systems/1", "ro:ro-pw", 200, ""},
+        {"GET", "/redfish/v1/Systems", "nobody:no-pw", 403, "Base.1.12.InsufficientPrivilege"},
+        {"GET", "/redfish/v1/Systems/1", "nobody:no-pw", 403, "Base.1.12.InsufficientPrivilege"},
+        {"PATCH", "/redfish/v1/Systems/2", "ro:ro-pw", 403, "Base.1.12.InsufficientPrivilege"},
+        {"POST", "/redfish/v1/Systems/2/Actions/ComputerSystem.Reset", "ro:ro-pw", 403,
+         "Base.1.12.InsufficientPrivilege"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(std::string(row.method) + " " + row.path + " as " + row.user);
+        const std::string body = std::string(row.method) == "GET" ? "" : R"({"AssetTag":"x"})";
+        sHttp r = Curl(row.method, row.path, row.user, body);
+        EXPECT_EQ(r.status, row.status) << r.body;
+        if (row.messageId[0] != '\0') {
+            EXPECT_EQ(ErrorId(r), row.messageId);
+        }
+        if (row.status == 401) {
+            EXPECT_EQ(r.headers["WWW-Authenticate"], "Basic realm=\"orbel\"");
+        }
+    }
+    // The plug-in saw who asked and with which privileges.
+    const std::string access = ReadFile(SysrootDir() + "/tmp/Redfish/RF_Root.accesslog");
+    EXPECT_NE(access.find("PATCH IP[127.0.0.1] AUTH[ro:00000008] URI[/redfish/v1/Systems/2]"),
+              std::string::npos)
+        << access;
+    EXPECT_NE(access.find("AUTH[nobody:00000000] URI[/redfish/v1/Systems/1]"), std::string::npos)
+        << access;
+    // No password reaches a log.
+    EXPECT_EQ(sFront->Output().find(kAdminPassword), std::string::npos);
+    EXPECT_EQ(access.find(kAdminPassword), std::string::npos);
+    EXPECT_EQ(access.find("ro-pw"), std::string::npos);
+    ExpectNoLeftovers();
+}
+
+TEST_F(FrontEndHttpTest, HostileInputGetsFourHundreds) {
+    std::string deep;
+    for (int i = 0; i < 40; ++i) deep += R"({"A":)";
+    deep += "1" + std::string(40, '}');
+    struct Row {
+        const char* what;
+        const char* method;
+        const char* path;
+        std::string body;
+        int status;
+        const char* messageId;
+    };
+    const Row rows[] = {
+        {"malformed JSON", "PATCH", "/redfish/v1/Systems/1", R"({"AssetTag": )", 400,
+         "Base.1.12.MalformedJSON"},
+        {"array body", "PATCH", "/redfish/v1/Systems/1", "[1]", 400, "Base.1.12.MalformedJSON"},
+        {"empty object", "PATCH", "/redfish/v1/Systems/1", "{}", 400, "Base.1.12.EmptyJSON"},
+        {"too deep", "PATCH", "/redfish/v1/Systems/1", deep, 400, "Base.1.12.MalformedJSON"},
+        {"apostrophe in a value", "PATCH", "/redfish/v1/Systems/1", R"({"AssetTag":"it's"})", 400,
+         "Base.1.12.PropertyValueFormatError"},
+        {"apostrophe in a name", "PATCH", "/redfish/v1/Systems/1", R"({"Asset'Tag":"x"})", 400,
+         "Base.1.12.PropertyUnknown"},
+        {"meta name", "PATCH", "/redfish/v1/Systems/1", R"({"&&TargetURI":"/x"})", 400,
+         "Base.1.12.PropertyUnknown"},
+        {"NUL in a value", "PATCH", "/redfish/v1/Systems/1", R"({"AssetTag":"a\u0000b"})", 400,
+         "Base.1.12.PropertyValueFormatError"},
+        {"body over the limit", "PATCH", "/redfish/v1/Systems/1",
+         R"({"AssetTag":")" + std::string(70 * 1024, 'x') + "\"}", 413, "Base.1.12.GeneralError"},
+        {"unknown URI", "GET", "/redfish/v1/Nowhere", "", 404, "Base.1.12.ResourceMissingAtURI"},
+        {"outside the service", "GET", "/etc/passwd", "", 404, "Base.1.12.ResourceMissingAtURI"},
+        {"nested key as URI", "GET", "/redfish/v1/Systems/1/RF_Root:ComputerSystem:GETQ/ExtendedInfo",
+         "", 404, "Base.1.12.ResourceMissingAtURI"},
+        {"glob in the path", "GET", "/redfish/v1/Systems/%2A", "", 400, "Base.1.12.InvalidURI"},
+        {"query", "GET", "/redfish/v1/Systems?$expand=*", "", 400, "Base.1.12.QueryNotSupported"},
+        {"unsupported method", "PUT", "/redfish/v1/Systems/1", R"({"AssetTag":"x"})", 405,
+         "Base.1.12.GeneralError"},
+        {"unknown action", "POST", "/redfish/v1/Systems/1/Actions/ComputerSystem.Explode", "{}", 400,
+         "Base.1.12.ActionNotSupported"},
+        {"stale ETag", "PATCH", "/redfish/v1/Systems/1", R"({"AssetTag":"x"})", 412,
+         "Base.1.12.PreconditionFailed"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        std::vector<std::string> more;
+        if (std::string(row.what) == "stale ETag") more = {"-H", "If-Match: \"no-such-tag\""};
+        sHttp r = Curl(row.method, row.path, Admin(), row.body, more);
+        EXPECT_EQ(r.status, row.status) << r.body;
+        EXPECT_EQ(ErrorId(r), row.messageId) << r.body;
+    }
+
+    // A request line that is no HTTP at all.
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(atoi(sBase.c_str() + sBase.rfind(':') + 1)));
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    const std::string junk = "\x01\x02 NOT HTTP\r\n\r\n";
+    ASSERT_EQ(write(fd, junk.data(), junk.size()), static_cast<ssize_t>(junk.size()));
+    char buf[64] = {};
+    const ssize_t n = read(fd, buf, sizeof buf - 1);
+    close(fd);
+    ASSERT_GT(n, 12);
+    EXPECT_EQ(std::string(buf, 12), "HTTP/1.1 400");
+
+    // Still serving, nothing changed, nothing left behind.
+    EXPECT_TRUE(sFront->IsRunning());
+    sHttp r = Curl("GET", "/redfish/v1/Systems/1", Admin());
+    EXPECT_EQ(r.status, 200);
+    EXPECT_NE(r.doc["AssetTag"], "x");
+    ExpectNoLeftovers();
+}
+
+TEST_F(FrontEndHttpTest, RedfishToolReadsPatchesAndResets) {
+    const std::string host = sBase.substr(7);  // without "http://"
+    auto tool = [&host](std::vector<std::string> args, int* rc) {
+        std::vector<std::string> argv = {"/usr/bin/redfishtool", "-r", host, "-S", "Never",
+                                         "-u", "admin", "-p", kAdminPassword};
+        argv.insert(argv.end(), args.begin(), args.end());
+        ChildProcess p(argv);
+        *rc = p.Start() ? p.Wait(30000) : -2;
+        return p.Output();
+    };
+    int rc = -1;
+    json doc = json::parse(tool({"raw", "GET", "/redfish/v1/Systems/2"}, &rc), nullptr, false);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(doc["SerialNumber"], "SMP0002");
+    doc = json::parse(tool({"raw", "PATCH", "/redfish/v1/Systems/2", "-d", R"({"AssetTag":"RT-2"})"},
+                           &rc),
+                      nullptr, false);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(doc["AssetTag"], "RT-2");
+    // The tool finds the action's target in the system and posts to it.
+    tool({"Systems", "-I", "2", "reset", "ForceOff"}, &rc);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(Curl("GET", "/redfish/v1/Systems/2", Admin()).doc["PowerState"], "Off");
+    ExpectNoLeftovers();
+}
+
+}  // namespace

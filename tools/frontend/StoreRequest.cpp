@@ -1,0 +1,308 @@
+// Reading resources and sending requests for the development front end.
+#include "StoreRequest.h"
+
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <ctime>
+#include <memory>
+#include <thread>
+
+#include "StoreTreeReader.h"
+
+namespace OrbelFrontEnd {
+
+namespace {
+
+struct ReplyFree {
+    void operator()(redisReply* r) const {
+        if (r != nullptr) freeReplyObject(r);
+    }
+};
+using ReplyPtr = std::unique_ptr<redisReply, ReplyFree>;
+
+ReplyPtr Command(redisContext* c, const std::vector<std::string>& args) {
+    if (c == nullptr || c->err != 0) return ReplyPtr();
+    std::vector<const char*> argv;
+    std::vector<size_t> lens;
+    for (const auto& a : args) {
+        argv.push_back(a.data());
+        lens.push_back(a.size());
+    }
+    return ReplyPtr(static_cast<redisReply*>(
+        redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lens.data())));
+}
+
+std::string Text(const redisReply* r) {
+    if (r == nullptr || r->str == nullptr) return std::string();
+    return std::string(r->str, r->len);
+}
+
+redisContext* Connect(const std::string& socket) {
+    redisContext* c = redisConnectUnix(socket.c_str());
+    if (c != nullptr && c->err != 0) {
+        redisFree(c);
+        c = nullptr;
+    }
+    return c;
+}
+
+std::atomic<uint32_t> gSequence{0};
+
+// A name the plug-in reads between quotes or as one word of a link field.
+bool NameIsCarried(const std::string& name, bool linkName) {
+    if (linkName && (name.empty() || name.compare(0, 2, "&&") == 0 || name[0] == '/')) {
+        return false;
+    }
+    if (name.compare(0, 2, "&&") == 0) return false;  // meta fields are the system's own
+    for (unsigned char c : name) {
+        if (c < 0x20 || c == 0x7F || c == '"' || c == '\\' || c == '\'') return false;
+        if (linkName && c == ' ') return false;
+    }
+    return true;
+}
+
+// A link target given by a client: one word of printable ASCII.
+bool IsLinkTarget(const nlohmann::json& obj, std::string* target) {
+    if (!obj.is_object() || obj.size() != 1 || !obj.contains("@odata.id")) return false;
+    const auto& id = obj["@odata.id"];
+    if (!id.is_string()) return false;
+    const std::string t = id.get<std::string>();
+    if (t.empty()) return false;
+    for (unsigned char c : t) {
+        if (c <= 0x20 || c >= 0x7F || c == '"' || c == '\\' || c == '\'') return false;
+    }
+    *target = t;
+    return true;
+}
+
+class TreeBuilder {
+public:
+    TreeBuilder(sBodyTree* tree, sBodyFault* fault) : mTree(tree), mFault(fault) {}
+
+    // Writes `node` (object or array) under `key`; `path` names it for faults.
+    bool Node(const nlohmann::json& node, const std::string& key, const std::string& path,
+              unsigned depth) {
+        if (depth > kBodyMaxDepth) return Fail("Base.1.12.MalformedJSON", {});
+        mTree->keys.push_back(key);
+        std::vector<std::string> cmd = {node.is_object() ? "HSET" : "RPUSH", key};
+        if (node.is_object()) {
+            for (auto it = node.begin(); it != node.end(); ++it) {
+                const std::string& name = it.key();
+                const std::string sub = path + "/" + name;
+                const bool nested = it->is_structured();
+                if (!NameIsCarried(name, nested)) {
+                    return Fail("Base.1.12.PropertyUnknown", {name});
+                }
+                std::string text;
+                if (!Element(*it, sub, depth, name, &text)) return false;
+                if (nested) {
+                    cmd.push_back(text);
+                    cmd.push_back(std::string());
+                } else {
+                    cmd.push_back(name);
+                    cmd.push_back(text);
+                }
+            }
+        } else {
+            size_t i = 0;
+            for (const auto& e : node) {
+                std::string text;
+                if (!Element(e, path + "/" + std::to_string(i++), depth, std::string(), &text)) {
+                    return false;
+                }
+                cmd.push_back(text);
+            }
+        }
+        // Redis keeps no empty hash or list: an empty node is a link to a
+        // missing key, which the plug-in reads as empty.
+        if (cmd.size() > 2) mTree->commands.push_back(std::move(cmd));
+        return true;
+    }
+
+private:
+    // The stored text of one value; for a node, its link text (with the
+    // property name `name` when not empty).
+    bool Element(const nlohmann::json& v, const std::string& path, unsigned depth,
+                 const std::string& name, std::string* text) {
+        if (++mValues > kBodyMaxValues) return Fail("Base.1.12.MalformedJSON", {});
+        const std::string prefix = name.empty() ? std::string() : name + " ";
+        std::string target;
+        if (IsLinkTarget(v, &target)) {
+            *text = "&&ObjectRef " + prefix + target;
+            return true;
+        }
+        if (v.is_structured()) {
+            const std::string key = mTree->keys.front() + "/" +
+                                    std::to_string(++mNested);
+            *text = (v.is_object() ? "&&Object " : "&&Array ") + prefix + key;
+            return Node(v, key, path, depth + 1);
+        }
+        if (v.is_string()) {
+            const std::string s = v.get<std::string>();
+            if (s.find('\'') != std::string::npos || s.find('\0') != std::string::npos) {
+                return Fail("Base.1.12.PropertyValueFormatError", {s, path.substr(1)});
+            }
+        }
+        // Strings keep their escapes: the stored text is the client's JSON.
+        *text = v.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+        return true;
+    }
+
+    bool Fail(const char* id, std::vector<std::string> args) {
+        mFault->messageId = id;
+        mFault->args = args;
+        return false;
+    }
+
+    sBodyTree* mTree;
+    sBodyFault* mFault;
+    unsigned mValues = 0;
+    unsigned mNested = 0;
+};
+
+}  // namespace
+
+bool BuildBodyTree(const nlohmann::json& body, const std::string& rootKey, sBodyTree* tree,
+                   sBodyFault* fault) {
+    tree->commands.clear();
+    tree->keys.clear();
+    if (!body.is_structured()) {
+        fault->messageId = "Base.1.12.MalformedJSON";
+        fault->args = nlohmann::json::array();
+        return false;
+    }
+    TreeBuilder b(tree, fault);
+    if (b.Node(body, rootKey, std::string(), 1)) return true;
+    tree->commands.clear();
+    tree->keys.clear();
+    return false;
+}
+
+StoreRequest::StoreRequest(const std::string& socketPath) : mSocket(socketPath) {
+    const uint32_t n = ++gSequence;
+    mKey = "Corvel:Req:FE" + std::to_string(getpid()) + ":" + std::to_string(n);
+    mReturnChannel = "Corvel:Return:FE" + std::to_string(getpid()) + ":" + std::to_string(n);
+    mCmd = Connect(socketPath);
+}
+
+StoreRequest::~StoreRequest() {
+    if (mCmd != nullptr) redisFree(mCmd);
+    if (mListen != nullptr) redisFree(mListen);
+}
+
+bool StoreRequest::IsResource(const std::string& uri) {
+    ReplyPtr type = Command(mCmd, {"TYPE", uri});
+    if (!type || Text(type.get()) != "hash") return false;
+    ReplyPtr id = Command(mCmd, {"HEXISTS", uri, "@odata.id"});
+    if (id && id->type == REDIS_REPLY_INTEGER && id->integer == 1) return true;
+    ReplyPtr raw = Command(mCmd, {"HEXISTS", uri, "&&RawJSON"});
+    return raw && raw->type == REDIS_REPLY_INTEGER && raw->integer == 1;
+}
+
+std::string StoreRequest::Channel(const std::string& uri, const std::string& queueWord) {
+    ReplyPtr r = Command(mCmd, {"LINDEX", "&&" + uri + "/" + queueWord, "0"});
+    return (r && r->type == REDIS_REPLY_STRING) ? Text(r.get()) : std::string();
+}
+
+std::string StoreRequest::Field(const std::string& key, const std::string& field) {
+    ReplyPtr r = Command(mCmd, {"HGET", key, field});
+    return (r && r->type == REDIS_REPLY_STRING) ? Text(r.get()) : std::string();
+}
+
+bool StoreRequest::Fresh(const std::string& uri) {
+    const std::string until = Field("&&TTL", uri);
+    if (until.empty()) return false;
+    char* end = nullptr;
+    const long long t = strtoll(until.c_str(), &end, 10);
+    return end != nullptr && *end == '\0' && t > static_cast<long long>(time(nullptr));
+}
+
+bool StoreRequest::WaitUnlocked(const std::string& uri, int timeoutMs) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        ReplyPtr r = Command(mCmd, {"EXISTS", "&&ResourceLock:" + uri});
+        if (!r || r->type != REDIS_REPLY_INTEGER || r->integer == 0) return true;
+        if (std::chrono::steady_clock::now() >= until) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+bool StoreRequest::ReadDoc(const std::string& jpath, std::string* json) {
+    Orbel::sStoreTreeOptions options;
+    options.pretty = false;
+    return Orbel::ReadStoreTree(mCmd, jpath, *json, nullptr, options);
+}
+
+StoreRequest::sAnswer StoreRequest::Send(const std::string& channel,
+                                         std::map<std::string, std::string> fields,
+                                         const sBodyTree* body, int timeoutMs) {
+    sAnswer answer;
+    if (mCmd == nullptr) return answer;
+    mListen = Connect(mSocket);
+    if (mListen == nullptr || !Command(mListen, {"SUBSCRIBE", mReturnChannel})) return answer;
+    if (body != nullptr) {
+        for (const auto& cmd : body->commands) Command(mCmd, cmd);
+        fields["&&RequestData"] = RequestDataKey();
+    }
+    fields["&&ReturnChannel"] = mReturnChannel;
+    std::vector<std::string> hset = {"HSET", mKey};
+    for (const auto& f : fields) {
+        hset.push_back(f.first);
+        hset.push_back(f.second);
+    }
+    Command(mCmd, hset);
+    Command(mCmd, {"PUBLISH", channel, mKey});
+    answer.answered = _Wait(mKey, timeoutMs);
+
+    ReplyPtr all = Command(mCmd, {"HGETALL", mKey});
+    if (all && all->type == REDIS_REPLY_ARRAY) {
+        for (size_t i = 0; i + 1 < all->elements; i += 2) {
+            answer.hash[Text(all->element[i])] = Text(all->element[i + 1]);
+        }
+    }
+    auto field = [&answer](const char* name) {
+        auto it = answer.hash.find(name);
+        return it == answer.hash.end() ? std::string() : it->second;
+    };
+    if (answer.answered) {
+        answer.status = field("&&ReturnStatus");
+        std::string doc;
+        // No list under the named key: the answer has no messages.
+        if (!field("&&ExtendedInfo").empty() && ReadDoc(field("&&ExtendedInfo"), &doc)) {
+            answer.messages = nlohmann::json::parse(doc, nullptr, false);
+            if (!answer.messages.is_array()) answer.messages = nlohmann::json::array();
+        }
+        if (!field("&&ResponseData").empty()) ReadDoc(field("&&ResponseData"), &answer.responseData);
+    }
+    std::vector<std::string> del = {"DEL", mKey};
+    if (body != nullptr) del.insert(del.end(), body->keys.begin(), body->keys.end());
+    // Only a lock key may be released here, never whatever key a hash names.
+    const std::string lock = field("&&ResourceLock");
+    if (lock.compare(0, 15, "&&ResourceLock:") == 0) del.push_back(lock);
+    Command(mCmd, del);
+    return answer;
+}
+
+bool StoreRequest::_Wait(const std::string& key, int timeoutMs) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                              until - std::chrono::steady_clock::now())
+                              .count();
+        if (left <= 0) return false;
+        struct timeval tv;
+        tv.tv_sec = static_cast<time_t>(left / 1000);
+        tv.tv_usec = static_cast<suseconds_t>((left % 1000) * 1000);
+        redisSetTimeout(mListen, tv);
+        void* raw = nullptr;
+        if (redisGetReply(mListen, &raw) != REDIS_OK) return false;
+        ReplyPtr reply(static_cast<redisReply*>(raw));
+        if (reply->type != REDIS_REPLY_ARRAY || reply->elements != 3) continue;
+        if (Text(reply->element[2]) == key) return true;
+    }
+}
+
+}  // namespace OrbelFrontEnd

@@ -1,0 +1,109 @@
+// The store side of one HTTP request in the development front end: reading
+// resources as the front end serves them, and sending a request to a
+// plug-in's channel and taking its answer (docs/wire-protocol.md, sections
+// 2, 5, 6 and 8, front-end side).
+//
+// Threads: one object per HTTP request, used by the worker thread that
+// serves it. It owns its two connections (commands, and one listening on a
+// return channel of its own), so requests proceed in parallel without
+// sharing a hiredis context.
+#ifndef ORBEL_FRONTEND_STOREREQUEST_H
+#define ORBEL_FRONTEND_STOREREQUEST_H
+
+#include <hiredis/hiredis.h>
+
+#include <cstdint>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+namespace OrbelFrontEnd {
+
+// A request body as stored under "&&RequestData": the commands that write
+// its tree, and every key they touch (deleted once the answer is taken).
+struct sBodyTree {
+    std::vector<std::vector<std::string>> commands;
+    std::vector<std::string> keys;
+};
+
+// Why a body cannot be stored: a Base message id and its two arguments.
+struct sBodyFault {
+    std::string messageId;
+    nlohmann::json args = nlohmann::json::array();
+};
+
+// Bounds a plug-in reads a body within; a deeper or larger one is refused
+// before it is sent.
+constexpr unsigned kBodyMaxDepth = 32;
+constexpr unsigned kBodyMaxValues = 4096;
+
+// Turns a JSON body (object or array) into the request-data tree rooted at
+// `rootKey`. Returns false with `*fault` set when it cannot be carried: a
+// name or string with an apostrophe, a NUL byte or (names) a quote,
+// backslash or control byte, a link name that is not one word, more than
+// kBodyMaxDepth levels or kBodyMaxValues values, or a body that is neither
+// an object nor an array.
+bool BuildBodyTree(const nlohmann::json& body, const std::string& rootKey, sBodyTree* tree,
+                   sBodyFault* fault);
+
+class StoreRequest {
+public:
+    struct sAnswer {
+        bool answered = false;  // the key came back in time
+        std::map<std::string, std::string> hash;  // the request hash as answered
+        std::string status;                       // "&&ReturnStatus"
+        nlohmann::json messages = nlohmann::json::array();  // stored messages, unexpanded
+        std::string responseData;  // document of "&&ResponseData" ("" without)
+    };
+
+    explicit StoreRequest(const std::string& socketPath);
+    ~StoreRequest();
+    StoreRequest(const StoreRequest&) = delete;
+    StoreRequest& operator=(const StoreRequest&) = delete;
+
+    bool Connected() const { return mCmd != nullptr; }
+
+    // True when `uri` names a resource: a hash holding "@odata.id" (or a
+    // RawJson resource's "&&RawJSON"). Nested objects, message lists and
+    // response data hold neither and are not served.
+    bool IsResource(const std::string& uri);
+    // The first channel of the resource's queue list for `queueWord`
+    // ("GETQ", "PATCHQ", ...), "" when it lists none.
+    std::string Channel(const std::string& uri, const std::string& queueWord);
+    // One field of a hash, "" when missing.
+    std::string Field(const std::string& key, const std::string& field);
+    // True while "&&TTL" says the stored content may still be served.
+    bool Fresh(const std::string& uri);
+    // Waits up to `timeoutMs` while the resource lock of `uri` is held;
+    // true when it is free.
+    bool WaitUnlocked(const std::string& uri, int timeoutMs);
+    // The document of `jpath` on one line; false when it cannot be read.
+    bool ReadDoc(const std::string& jpath, std::string* json);
+
+    // The request's hash key (unique per object and process), and the key
+    // under which its body's tree is rooted.
+    const std::string& Key() const { return mKey; }
+    std::string RequestDataKey() const { return "&&" + mKey + "/RequestData"; }
+
+    // Writes `body` when not null and the request hash `fields` (the return
+    // channel and, with a body, "&&RequestData" are added), publishes the
+    // key on `channel`, waits up to `timeoutMs` and reads the answer. Then
+    // the request hash, the body's keys and the lock key the answer names
+    // are deleted. One call per object.
+    sAnswer Send(const std::string& channel, std::map<std::string, std::string> fields,
+                 const sBodyTree* body, int timeoutMs);
+
+private:
+    bool _Wait(const std::string& key, int timeoutMs);
+
+    redisContext* mCmd = nullptr;
+    redisContext* mListen = nullptr;
+    std::string mSocket;
+    std::string mReturnChannel;
+    std::string mKey;
+};
+
+}  // namespace OrbelFrontEnd
+
+#endif  // ORBEL_FRONTEND_STOREREQUEST_H
