@@ -40,7 +40,9 @@ protected:
         const std::string users = SysrootDir() + "/frontend-users";
         WriteFile(users, std::string("# test users\nadmin:") + kAdminPassword +
                              ":Administrator\nro:ro-pw:ReadOnly\nnobody:no-pw:NoAccess\n");
-        sPlugin.reset(new ChildProcess({BuiltProgram("examples/RF_Root/RF_Root")}));
+        InstallSampleTemplates();
+        sPlugin.reset(new ChildProcess({BuiltProgram("examples/RF_Root/RF_Root")},
+                                       {{"PLATFLAGS", "0x0"}}));
         ASSERT_TRUE(sPlugin->Start());
         ASSERT_TRUE(sPlugin->WaitForOutput("PreCorvelReady_InitAllSchemaResources done!\n",
                                            kTimeoutMs))
@@ -181,7 +183,7 @@ TEST_F(FrontEndHttpTest, EveryMethodThroughCurl) {
     EXPECT_EQ(r.doc, json::parse(R"({"PowerState":"Off","ResetType":"ForceOff"})"));
 
     // A create answers 201 with the member and its Location; a delete 204.
-    r = Curl("POST", "/redfish/v1/Systems", Admin(), "{}");
+    r = Curl("POST", "/redfish/v1/Systems", Admin(), R"({"AssetTag":"new"})");
     EXPECT_EQ(r.status, 201) << r.body;
     EXPECT_EQ(r.headers["Location"], "/redfish/v1/Systems/3");
     EXPECT_EQ(r.doc["@odata.id"], "/redfish/v1/Systems/3");

@@ -46,7 +46,11 @@ operator:operator-pw:Operator
 readonly:readonly-pw:ReadOnly
 USERS
 
-"$PLUGIN" >"$SYSROOT/RF_Root.out" 2>&1 &
+# The sample's user-input templates, where its schemas load them.
+mkdir -p "$SYSROOT/var/PellPlugin/UserInputTemplate"
+cp "$(dirname "${BASH_SOURCE[0]}")"/../../examples/RF_Root/templates/*.dat \
+  "$SYSROOT/var/PellPlugin/UserInputTemplate/"
+PLATFLAGS="${PLATFLAGS:-0x0}" "$PLUGIN" >"$SYSROOT/RF_Root.out" 2>&1 &
 PIDS+=($!)
 "$FRONT" --users "$SYSROOT/users" --registries "$HERE/registries" --port "$PORT" \
   >"$SYSROOT/frontend.out" 2>&1 &
