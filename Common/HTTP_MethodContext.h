@@ -40,6 +40,7 @@ class ZBackendImpl;
 class ZObject;
 class ZResource;
 class ZSchema;
+class ZTask;
 
 // The status of an answer: the word written into "&&ReturnStatus" and the
 // HTTP code a caller may want. 0 to 2 are successes, above 2 errors.
@@ -196,6 +197,22 @@ public:
     std::string DumpUserInputDatas(const std::string& jpath) const;
     std::string DumpChecklistDatas() const;
 
+    // Runs the rest of the request as a task (HTTP_MethodContext_Task.cpp):
+    // builds a ZTask for the target schema and resource with `run` and
+    // `arg`, verifies the body against the target's template, reads the
+    // upload parameters of an asynchronous upload, then answers
+    // "PROCESSING" with the task monitor and starts the task. `autoRecycle`
+    // lets the task end itself after its work (ZTask::SetAutoRecycleSelf).
+    // Needs the target schema and resource and the request's "&&Task"
+    // (prepared by the front end); without them, or when the task cannot
+    // start, the answer is "EXCEPTION" with "Base.1.12.InternalError" and no
+    // task is left. Returns 0 when the task runs.
+    eRtCode CreateTask(eRtCode (*run)(ZTask*), void* arg, bool autoRecycle = true);
+    // True once CreateTask has started a task for this request. (The task
+    // itself belongs to its work thread from then on; the work function
+    // receives it.)
+    bool HasTask() const { return mTaskStarted; }
+
     // Writes the answer into the request hash and publishes it (see
     // HTTP_MethodContext_Response.cpp for the order). Called once, by the
     // dispatcher, after the handler. Returns 0, or 2 when the publish failed.
@@ -215,6 +232,10 @@ private:
     void _DropNotWritableNotes();
     // Step 9 of the answer: waits for the front end to release `lockKey`.
     void _WaitLockReleaseThenCallback(const std::string& lockKey);
+    // CreateTask's reading of the upload parameters into `task`.
+    void _ReadAsyncUploadParams(ZTask* task);
+    // A task that will not run: its messages array gives way to ours again.
+    void _DropUnstartedTask(ZTask* task);
     const char* _OwnerName() const;
 
     redisContext* const mRedisCtx;
@@ -233,6 +254,7 @@ private:
     ResponsedCallback_t mResponsedCallback = nullptr;
     void* mResponsedCallbackArg = nullptr;
     bool mAsyncUploadMethod = false;
+    bool mTaskStarted = false;
 };
 
 }  // namespace Orbel

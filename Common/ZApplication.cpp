@@ -22,6 +22,7 @@
 #include "ZLogPrint.h"
 #include "ZSchema.h"
 #include "ZStoreWatch.h"
+#include "ZTask.h"
 
 namespace Orbel {
 
@@ -104,7 +105,7 @@ const char* SchemaNameAt(const ZApplication::sExecParams& params, int i) {
 // application in "&&AccessBlockList" while it starts. Whatever ends Exec
 // early, the name leaves the set and the connection is closed.
 class AccessBlockEntry {
-  public:
+public:
     explicit AccessBlockEntry(const std::string& appName) : mAppName(appName) {
         mConn = RedisConnect();
         if (mConn == nullptr) {
@@ -128,7 +129,7 @@ class AccessBlockEntry {
         mConn = nullptr;
     }
 
-  private:
+private:
     std::string mAppName;
     redisContext* mConn = nullptr;
     bool mAdded = false;
@@ -175,10 +176,20 @@ ZApplication::~ZApplication() {
     }
     _RestoreSigHandlers();
 
-    // Every node goes before the schemas that own the resources, while zApp
-    // still designates this object.
-    _ReleaseObjRegistry();
-    _DeleteAllSchemas();
+    // Tasks use the nodes and schemas freed below. Exec stopped them
+    // already; an application that never ran Exec stops them here.
+    ZTask::StopAllTasks(ZTask::GetExitWaitMs());
+    if (ZTask::GetRunningTaskNum() != 0) {
+        // Freeing what a running work function uses would crash it; the
+        // process is ending, so the memory is left to it instead.
+        ZLOG(eZLogError, "%u task(s) still running: the schemas and nodes are not freed.\n",
+             static_cast<unsigned>(ZTask::GetRunningTaskNum()));
+    } else {
+        // Every node goes before the schemas that own the resources, while
+        // zApp still designates this object.
+        _ReleaseObjRegistry();
+        _DeleteAllSchemas();
+    }
 
     if (zApp == this) zApp = mPrevApp;
     if (mOwnLogService != nullptr) {
@@ -686,6 +697,9 @@ void ZApplication::_PostCorvelReady_AfterTreatment() {
 // ---------------------------------------------------------------------------
 
 void ZApplication::_WaitAllThreadsExit() {
+    // Tasks first: a work function may still be answering through the
+    // store while the dispatchers go.
+    ZTask::StopAllTasks(ZTask::GetExitWaitMs());
     for (ZSchema* schema : GetSchemaList()) {
         ZLOG(eZLogInfo, "Wait Schema[%s] threads exiting..\n", schema->GetName().c_str());
         schema->WaitThreadsExit();

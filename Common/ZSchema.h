@@ -59,6 +59,7 @@ class ZApplication;
 class ZBackendImpl;
 class ZObject;
 class ZResource;
+class ZTask;
 class ZUserInputTemplate;
 struct sCRUD_ReqData;
 
@@ -177,6 +178,18 @@ public:
     eRtCode AddActionCallback(const std::string& actionName, ActionCallback_t callback);
     eRtCode DelActionCallback(const std::string& actionName);
     ActionCallback_t GetActionCallback(const std::string& actionName);
+
+    // Asynchronous uploads (a file pushed with "&&TransferMethod"): the work
+    // function that runs an upload to `resourceURI` as a task, kept under
+    // the name "<schema>_AUDTask_<resource URI>" (a second registration
+    // replaces the first). The dispatcher hands such a request to
+    // HTTP_MethodContext::CreateTask instead of the method's handler.
+    // Register refuses a null function or an empty URI (13); Get returns 0
+    // with the function and its argument, or 5.
+    typedef eRtCode (*AsyncUploadTask_t)(ZTask* task);
+    eRtCode RegisterAsyncUploadCallback(const std::string& resourceURI, AsyncUploadTask_t run,
+                                        void* arg);
+    eRtCode GetAsyncUploadTaskParam(ZResource* resource, AsyncUploadTask_t& run, void*& arg);
 
     // User-input templates by name: a resource's name, or "default" for
     // every resource without its own (ZSchema_RequestPaths.cpp). The schema
@@ -297,8 +310,10 @@ private:
     std::string mOdataPrintName;
     std::map<std::string, ZResource*> mResources;
 
-    std::mutex mActionMutex;  // guards mActionCallbacks
+    std::mutex mActionMutex;  // guards mActionCallbacks, mAsyncUploadTasks
     std::map<std::string, ActionCallback_t> mActionCallbacks;
+    std::map<std::string, std::pair<AsyncUploadTask_t, void*>> mAsyncUploadTasks;
+    std::string _AsyncUploadTaskName(const std::string& resourceURI) const;
     std::atomic<ZBackendImpl*> mBackendImpl{nullptr};  // owned
 
     std::mutex mTemplateMutex;  // guards mUserInputTemplates

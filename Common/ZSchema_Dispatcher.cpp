@@ -214,8 +214,7 @@ void ZSchema::_DispatchLoop(int role) {
 // One request
 // ---------------------------------------------------------------------------
 
-eRtCode ZSchema::CRUDParserReqMessage(redisContext* c, const std::string& key,
-                                      sCRUD_ReqData& req) {
+eRtCode ZSchema::CRUDParserReqMessage(redisContext* c, const std::string& key, sCRUD_ReqData& req) {
     std::map<std::string, std::string> fields;
     if (RedisHashGetAll(c, key.c_str(), fields) != RT_SUCCESS) {
         ZLOG(eZLogError, "Failed to call RedisHashGetAll( %s )\n", key.c_str());
@@ -317,23 +316,33 @@ void ZSchema::_RunHandler(HTTP_MethodContext& ctx, sCRUD_ReqData& req, ZResource
         return;
     }
     ZSchema* schema = ctx.GetTargetSchema();
+    AsyncUploadTask_t uploadTask = nullptr;
+    void* uploadArg = nullptr;
+    const bool upload =
+        req.transferMethod != eReqTransferNone &&
+        schema->GetAsyncUploadTaskParam(target, uploadTask, uploadArg) == RT_SUCCESS;
     try {
-        switch (req.method) {
-            case eReqCreate:
-                schema->DoHttpMethodCreate(&ctx);
-                break;
-            case eReqRead:
-                schema->DoHttpMethodRead(&ctx);
-                break;
-            case eReqUpdate:
-                schema->DoHttpMethodUpdate(&ctx);
-                break;
-            case eReqDelete:
-                schema->DoHttpMethodDelete(&ctx);
-                break;
-            default:
-                schema->DoHttpMethodAction(&ctx);
-                break;
+        if (upload) {
+            // An upload runs as a task: the answer is the task monitor.
+            ctx.CreateTask(uploadTask, uploadArg, true);
+        } else {
+            switch (req.method) {
+                case eReqCreate:
+                    schema->DoHttpMethodCreate(&ctx);
+                    break;
+                case eReqRead:
+                    schema->DoHttpMethodRead(&ctx);
+                    break;
+                case eReqUpdate:
+                    schema->DoHttpMethodUpdate(&ctx);
+                    break;
+                case eReqDelete:
+                    schema->DoHttpMethodDelete(&ctx);
+                    break;
+                default:
+                    schema->DoHttpMethodAction(&ctx);
+                    break;
+            }
         }
     } catch (const std::exception& e) {
         ZLOG(eZLogError, "Schema[%s]: the handler of request[%s] threw: %s\n", mName.c_str(),

@@ -279,4 +279,34 @@ ZSchema::ActionCallback_t ZSchema::GetActionCallback(const std::string& actionNa
     return it != mActionCallbacks.end() ? it->second : nullptr;
 }
 
+// ---------------------------------------------------------------------------
+// Asynchronous-upload tasks
+// ---------------------------------------------------------------------------
+
+std::string ZSchema::_AsyncUploadTaskName(const std::string& resourceURI) const {
+    return mName + "_AUDTask_" + resourceURI;
+}
+
+eRtCode ZSchema::RegisterAsyncUploadCallback(const std::string& resourceURI, AsyncUploadTask_t run,
+                                             void* arg) {
+    if (run == nullptr || resourceURI.empty()) {
+        ZLOG(eZLogError, "Schema[%s]: an upload task needs a resource and a work function.\n",
+             mName.c_str());
+        return RT_INVALID_ARG;
+    }
+    std::lock_guard<std::mutex> lock(mActionMutex);
+    mAsyncUploadTasks[_AsyncUploadTaskName(resourceURI)] = std::make_pair(run, arg);
+    return RT_SUCCESS;
+}
+
+eRtCode ZSchema::GetAsyncUploadTaskParam(ZResource* resource, AsyncUploadTask_t& run, void*& arg) {
+    if (resource == nullptr) return RT_INVALID_ARG;
+    std::lock_guard<std::mutex> lock(mActionMutex);
+    auto it = mAsyncUploadTasks.find(_AsyncUploadTaskName(resource->GetJPath()));
+    if (it == mAsyncUploadTasks.end()) return RT_NO_SUCH_KEY;
+    run = it->second.first;
+    arg = it->second.second;
+    return RT_SUCCESS;
+}
+
 }  // namespace Orbel

@@ -484,7 +484,9 @@ redisContext* RedisSubscribeFromChannel(std::string channel) {
     return c;
 }
 
-eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string message) {
+eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string message,
+                              int64_t* receivers) {
+    if (receivers != nullptr) *receivers = 0;
     RedisCallConnection ctx(c);
     ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
     ReplyPtr reply = Command(ctx.get(), {"PUBLISH", channel, message});
@@ -498,6 +500,7 @@ eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string 
              message.c_str(), static_cast<long long>(reply->integer));
         return RT_FAILURE;
     }
+    if (receivers != nullptr) *receivers = static_cast<int64_t>(reply->integer);
     return RT_SUCCESS;
 }
 

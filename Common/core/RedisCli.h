@@ -32,6 +32,7 @@
 
 #include <hiredis/hiredis.h>
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -121,7 +122,9 @@ void RedisDumpReply(const char* cmd, redisReply* reply);
 // that context (the caller reads messages with redisGetReply and closes it),
 // or null.
 redisContext* RedisSubscribeFromChannel(std::string channel);
-eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string message);
+// `receivers`, when given, gets the number of subscribers that got it.
+eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string message,
+                              int64_t* receivers = nullptr);
 // Listening on several channels with one connection (RedisCli_PubSub.cpp).
 // RedisSubscribeChannels sends one "SUBSCRIBE <ch>..." on `c` (which must
 // not be null and is a listening connection from then on) and reads every

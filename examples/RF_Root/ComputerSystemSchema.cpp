@@ -75,6 +75,10 @@ ComputerSystemSchema::ComputerSystemSchema()
     : ZSchema("ComputerSystem", "v1_20_0",
               CRUDQ_READ | CRUDQ_UPDATE | CRUDQ_DELETE | CRUDQ_ACTION) {
     AddActionCallback("ComputerSystem.Reset", ActionReset);
+    AddActionCallback(std::string("Oem/") + kFirmwareUpdateAction, ActionSimulatedFirmwareUpdate);
+    AddActionCallback(std::string("Oem/") + kSelfTestAction, ActionFailingSelfTest);
+    // Actions may answer with a task: the front end prepares one for them.
+    SetTaskFlag(CRUDQ_ACTION);
     // Event callbacks are taken only while the schemas are created.
     Orbel::zApp->RegisterVexEventCallback(kPresenceEvent, OnPresenceEvent);
     // Every resource of the schema checks its bodies against this template
@@ -160,6 +164,14 @@ eRtCode ComputerSystemSchema::_FillSystem(ZResource* system) {
     ZObject* reset = actions->GetChild("#ComputerSystem.Reset", true);
     if (reset == nullptr) return Orbel::RT_FAILURE;
     for (const sResetType& type : kResetTypes) reset->HashAppendAllowableValues("ResetType", type.type);
+    // The sample's own actions, which run as tasks, are vendor actions:
+    // they live under "Oem" and take no parameters.
+    ZJsonObject* oem = AddObject(actions, "Oem");
+    if (oem == nullptr) return Orbel::RT_FAILURE;
+    for (const std::string name : {kFirmwareUpdateAction, kSelfTestAction}) {
+        const std::string title = name.substr(name.find('.') + 1);  // without the vendor
+        oem->HashAppendAction(this, "#" + name, system->GetJPath() + "/Actions/Oem/" + name, title);
+    }
 
     // Links between members, each array with its count. A link records
     // itself on both nodes: retiring a linked member removes it from here.

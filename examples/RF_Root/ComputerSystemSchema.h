@@ -14,7 +14,8 @@
 // LocationIndicatorActive and the boot override, a POST into the Systems
 // collection adds a member (with an AssetTag when given), a DELETE removes
 // one that a POST added, and the action ComputerSystem.Reset changes the
-// power state and answers with response data. Every body has been checked
+// power state and answers with response data. Two more actions run as tasks
+// (ComputerSystemSchema_Tasks.cpp). Every body has been checked
 // against the schema's template (ComputerSystem.dat) before a handler runs.
 //
 // And it follows the platform (ComputerSystemSchema_Backend.cpp): a system
@@ -57,6 +58,13 @@ public:
     Orbel::eRtCode HttpMethod_DELETE(Orbel::HTTP_MethodContext* ctx) override;
     // The handler of "ComputerSystem.Reset" (an action callback).
     static Orbel::eRtCode ActionReset(Orbel::HTTP_MethodContext* ctx);
+    // Vendor actions that run as tasks (ComputerSystemSchema_Tasks.cpp),
+    // posted to <system>/Actions/Oem/<name>: a simulated firmware update in
+    // four steps with progress, and a self test whose task fails.
+    static constexpr const char* kFirmwareUpdateAction = "Orbel.SimulatedFirmwareUpdate";
+    static constexpr const char* kSelfTestAction = "Orbel.FailingSelfTest";
+    static Orbel::eRtCode ActionSimulatedFirmwareUpdate(Orbel::HTTP_MethodContext* ctx);
+    static Orbel::eRtCode ActionFailingSelfTest(Orbel::HTTP_MethodContext* ctx);
 
     // The platform's side (ComputerSystemSchema_Backend.cpp): a plugged-in
     // system joins the collection, a pulled one leaves it with an alert.

@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "StoreTreeReader.h"
+#include "TaskFollower.h"
 #include "TestEnv.h"
 
 namespace OrbelTest {
@@ -67,6 +68,10 @@ bool FrontEnd::_Connect() {
         return false;
     }
     return true;
+}
+
+std::string FrontEnd::PrepareTask(const std::string& reqKey) {
+    return mCmd != nullptr ? OrbelFrontEnd::TaskFollower::Prepare(mCmd, reqKey) : std::string();
 }
 
 std::string FrontEnd::NextKey() const {

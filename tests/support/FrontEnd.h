@@ -69,6 +69,10 @@ public:
     // As Send, with the usual request fields.
     Answer Send(const std::string& channel, const std::string& method, const std::string& uri,
                 const Body* body = nullptr, const Fields& extra = Fields());
+    // Prepares a task for the request `reqKey` as the front end does before
+    // forwarding it (the Task resource and its mapping entry); the result is
+    // the task monitor URL for the request's "&&Task".
+    std::string PrepareTask(const std::string& reqKey);
     // Publishes `message` on `channel` as it is (e.g. "QUIT" or a key that
     // names no hash) and waits up to `timeoutMs` for anything on the return
     // channel: true when something came.

@@ -1,0 +1,284 @@
+// ZTask: the work thread, the read thread of the task monitor, and the stop
+// of every task when the application leaves.
+#include <chrono>
+#include <exception>
+#include <vector>
+
+#include "CRUDRequest.h"
+#include "Orbel.h"
+#include "RedisCli.h"
+#include "ZApplication.h"
+#include "ZJsonObject.h"
+#include "ZLogPrint.h"
+#include "ZSchema.h"
+#include "ZTask.h"
+
+namespace Orbel {
+
+namespace {
+
+constexpr unsigned kRetrySleepMs = 500;
+// RunTask waits this long for the read thread to listen, so that a read of
+// the monitor sent right after the 202 answer finds it.
+constexpr unsigned kListenWaitMs = 2000;
+std::atomic<uint32_t> gExitWaitMs{10000};
+
+}  // namespace
+
+uint32_t ZTask::GetExitWaitMs() {
+    return gExitWaitMs.load();
+}
+
+void ZTask::SetExitWaitMs(uint32_t ms) {
+    gExitWaitMs.store(ms);
+}
+
+// ---------------------------------------------------------------------------
+// The work thread
+// ---------------------------------------------------------------------------
+
+eRtCode ZTask::RunTask() {
+    if (!mValid || mStarted) {
+        ZLOG(eZLogError, "Task[%s] cannot run: %s.\n", mReqKey.c_str(),
+             mStarted ? "it runs already" : "it is not valid");
+        return RT_FAILURE;
+    }
+    mStarted = true;
+    _WriteTaskLinks(true);
+    try {
+        mReadThread = std::thread(ReadDispatcher, this);
+    } catch (const std::exception& e) {
+        ZLOG(eZLogError, "Task[%s]: failed to start its read thread: %s\n", mReqKey.c_str(),
+             e.what());
+        return RT_FAILURE;
+    }
+    for (unsigned waited = 0; !mReadListening.load() && waited < kListenWaitMs; waited += 5) {
+        MyMSleep(5);
+    }
+    {
+        std::lock_guard<std::mutex> lock(mTaskListMutex);
+        ++mRunningTasks;
+    }
+    mWorkRunning.store(true);
+    try {
+        std::thread(TaskThreadMain, this).detach();
+    } catch (const std::exception& e) {
+        ZLOG(eZLogError, "Task[%s]: failed to start its work thread: %s\n", mReqKey.c_str(),
+             e.what());
+        mWorkRunning.store(false);
+        _ThreadEnded();
+        return RT_FAILURE;
+    }
+    return RT_SUCCESS;
+}
+
+void ZTask::_ThreadEnded() {
+    std::lock_guard<std::mutex> lock(mTaskListMutex);
+    --mRunningTasks;
+    mTaskEndCv.notify_all();
+}
+
+void ZTask::TaskThreadMain(ZTask* task) {
+    {
+        NameCurrentThread("Task");
+        ZApplication* app = zApp;
+        const std::string owner =
+            task->mSchema != nullptr ? task->mSchema->GetName() : std::string("Task");
+        if (app != nullptr) app->RegisterThreadInfo(owner, "Task");
+        RedisConnectionScope scope;
+
+        const std::string id = TaskMsgArgText(task->mTaskId);
+        task->SetTaskState(TASK_STATE_Running);
+        task->AddTaskMessage(RESP_Task_TaskStarted, {id});
+        task->ApplyTaskChange(true);
+
+        eRtCode rt = RT_FAILURE;
+        bool threw = false;
+        try {
+            rt = task->mRun != nullptr ? task->mRun(task) : RT_FAILURE;
+        } catch (const std::exception& e) {
+            threw = true;
+            ZLOG(eZLogError, "Task[%s]: the work function threw: %s\n", task->mReqKey.c_str(),
+                 e.what());
+        } catch (...) {
+            threw = true;
+            ZLOG(eZLogError, "Task[%s]: the work function threw.\n", task->mReqKey.c_str());
+        }
+        task->_FinishRequest(rt, threw);
+
+        if (app != nullptr) app->UnregisterThreadInfo();
+        const bool recycle = task->mAutoRecycle.load();
+        task->mWorkRunning.store(false);
+        if (recycle) task->Destory();
+    }
+    // Last: once counted out, the application may go away.
+    _ThreadEnded();
+}
+
+void ZTask::_FinishRequest(eRtCode workResult, bool threw) {
+    redisContext* c = _ExtInfoContext();
+    const char* key = mReqKey.c_str();
+    const std::string id = TaskMsgArgText(mTaskId);
+    std::string word;
+    if (workResult != RT_FAILURE && !threw) {
+        if (!IsFinalTaskState(GetTaskState())) SetTaskState(TASK_STATE_Completed);
+        mPercent.store(100);
+        AddTaskMessage(GetTaskStatus() == TASK_STATUS_OK ? RESP_Task_TaskCompletedOK
+                                                         : RESP_Task_TaskCompletedWarning,
+                       {id});
+        mResponseDataObj->ApplyRedisChanges(true, c);
+        const std::string dataPath = mResponseDataObj->GetJPath();
+        const bool hasData = RedisType(c, dataPath.c_str()) != REDIS_TABLE_NONE;
+        if (GetExtendedInfoNum() == 0 && !hasData) {
+            // Like a request answered at once: an action or a delete has no
+            // content, the others answer with the target's document.
+            std::string method;
+            RedisHashGet(c, key, "&&RequestMethod", method);
+            word = method == "POSTACTION" || method == "DELETE" ? "OK_EMPTY" : "OK";
+        } else {
+            if (!mLocation.empty()) RedisHashSet(c, key, "&&Location", mLocation.c_str());
+            if (hasData) RedisHashSet(c, key, "&&ResponseData", dataPath.c_str());
+            word = "OK_RES";
+        }
+    } else {
+        if (mReturnStatus != HTTP_RT_CONFLICT && mReturnStatus != HTTP_RT_FAILURE) {
+            mReturnStatus = HTTP_RT_FAILURE;
+        }
+        if (GetExtendedInfoNum() == 0) NewExtendedInfo(RESP_Base_InternalError);
+        word = threw ? "EXCEPTION" : "FAIL";
+        if (!IsFinalTaskState(GetTaskState()) || GetTaskState() == TASK_STATE_Completed) {
+            SetTaskState(mStopRequested.load() ? TASK_STATE_Killed : TASK_STATE_Exception);
+        }
+        SetTaskStatus(TASK_STATUS_Critical);
+        AddTaskMessage(RESP_Task_TaskAborted, {id});
+    }
+    ApplyExtInfoToRedis();
+    // The status goes last: a reader that finds it finds the rest.
+    if (RedisHashSet(c, key, "&&ReturnStatus", word.c_str()) != RT_SUCCESS) {
+        ZLOG(eZLogError, "Failed to call RedisHashSet( %s %s %s ).\n", key, "&&ReturnStatus",
+             word.c_str());
+    }
+    ApplyTaskChange(true);
+}
+
+// ---------------------------------------------------------------------------
+// The read thread
+// ---------------------------------------------------------------------------
+
+void ZTask::ReadDispatcher(ZTask* task) {
+    task->_ReadLoop();
+}
+
+void ZTask::_ReadLoop() {
+    NameCurrentThread("TaskMonitor");
+    ZLOG(eZLogInfo, "Create thread[%u] to listen channel[%s].\n",
+         static_cast<unsigned>(CurrentThreadId()), mChannel.c_str());
+    ZApplication* app = zApp;
+    redisContext* listen = nullptr;
+    redisContext* command = nullptr;
+    auto drop = [&listen, &command]() {
+        RedisDisconnect(listen);
+        RedisDisconnect(command);
+        listen = command = nullptr;
+    };
+    auto stopping = [this, app]() {
+        return mReadStop.load() || (app != nullptr && app->isExited());
+    };
+    while (!stopping()) {
+        if (listen == nullptr) {
+            listen = RedisConnect();
+            command = listen != nullptr ? RedisConnect() : nullptr;
+            if (listen == nullptr || command == nullptr) {
+                drop();
+                MyMSleep(kRetrySleepMs);
+                ZLOG(eZLogWarning, "Retry to connect Redis for task[%s].\n", mReqKey.c_str());
+                continue;
+            }
+            if (RedisSubscribeChannels(listen, {mChannel}) != RT_SUCCESS) {
+                drop();
+                MyMSleep(kRetrySleepMs);
+                ZLOG(eZLogWarning, "Retry to subscribe channel[%s].\n", mChannel.c_str());
+                continue;
+            }
+            mReadListening.store(true);
+        }
+        std::string channel, message;
+        const eRtCode rt = RedisGetChannelMessage(listen, channel, message);
+        if (rt == RT_FAILURE) {
+            drop();
+            continue;
+        }
+        if (rt != RT_SUCCESS) {
+            ZLOG(eZLogError, "Channel[%s]: Get a nil reply.\n", mChannel.c_str());
+            continue;
+        }
+        if (message.empty()) {
+            ZLOG(eZLogError, "Channel[%s]: Received a 0 element message.\n", mChannel.c_str());
+            continue;
+        }
+        if (message == "QUIT") break;
+        _ServeRead(command, message);
+    }
+    drop();
+    mReadListening.store(true);  // never leave RunTask waiting
+    mReadEnded.store(true);
+}
+
+void ZTask::_ServeRead(redisContext* c, const std::string& key) {
+    sCRUD_ReqData req;
+    if (mSchema == nullptr || mSchema->CRUDParserReqMessage(c, key, req) != RT_SUCCESS ||
+        req.returnChannel.empty()) {
+        ZLOG(eZLogError, "Task[%s]: read[%s] is missing or names no return channel.\n",
+             mReqKey.c_str(), key.c_str());
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(mReadCbMutex);
+        if (mReadCb != nullptr) mReadCb(this, mReadCbArg);
+    }
+    // The monitor answers "PROCESSING" (202) while the work goes on, then
+    // the finished task's document.
+    const char* word = IsFinalTaskState(GetTaskState()) ? "OK" : "PROCESSING";
+    RedisHashSet(c, key.c_str(), "&&ReturnStatus", word);
+    RedisHashSet(c, key.c_str(), "&&Location", mTaskURL.c_str());
+    if (RedisPublishToChannel(c, req.returnChannel, key) != RT_SUCCESS) {
+        ZLOG(eZLogError, "Failed to call RedisPublishToChannel( %s, %s ).\n",
+             req.returnChannel.c_str(), key.c_str());
+    }
+}
+
+// ---------------------------------------------------------------------------
+// The stop at exit
+// ---------------------------------------------------------------------------
+
+bool ZTask::WaitRunningTasks(uint32_t ms) {
+    std::unique_lock<std::mutex> lock(mTaskListMutex);
+    return mTaskEndCv.wait_for(lock, std::chrono::milliseconds(ms),
+                               []() { return mRunningTasks == 0; });
+}
+
+bool ZTask::StopAllTasks(uint32_t ms) {
+    std::vector<ZTask*> finished;
+    bool allEnded = false;
+    {
+        std::unique_lock<std::mutex> lock(mTaskListMutex);
+        for (auto& kv : mTaskList) kv.second->mStopRequested.store(true);
+        allEnded = mTaskEndCv.wait_for(lock, std::chrono::milliseconds(ms),
+                                       []() { return mRunningTasks == 0; });
+        for (auto& kv : mTaskList) {
+            ZTask* task = kv.second;
+            if (task->mWorkRunning.load()) {
+                ZLOG(eZLogError, "Task[%s] at [%s] did not end within %u ms.\n",
+                     task->mReqKey.c_str(), task->mTaskURL.c_str(), static_cast<unsigned>(ms));
+            } else if (!task->mAutoRecycle.load()) {
+                // Kept by the plug-in after its work: the application frees
+                // the nodes it holds, so it goes first.
+                finished.push_back(task);
+            }
+        }
+    }
+    for (ZTask* task : finished) task->Destory();
+    return allEnded;
+}
+
+}  // namespace Orbel

@@ -1,0 +1,252 @@
+// The front end's side of tasks: Task resources and "TASK_STATE_CHANGE".
+#include "TaskFollower.h"
+
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <sstream>
+
+namespace OrbelFrontEnd {
+
+namespace {
+
+const char kChannel[] = "TASK_STATE_CHANGE";
+const char kMapping[] = "TaskMonitorAndResourceMapping";
+const char kCounter[] = "&&TaskService:NextId";
+
+struct ReplyDeleter {
+    void operator()(redisReply* r) const {
+        if (r != nullptr) freeReplyObject(r);
+    }
+};
+using Reply = std::unique_ptr<redisReply, ReplyDeleter>;
+
+Reply Cmd(redisContext* c, const std::vector<std::string>& args) {
+    std::vector<const char*> argv;
+    std::vector<size_t> lens;
+    for (const std::string& a : args) {
+        argv.push_back(a.c_str());
+        lens.push_back(a.size());
+    }
+    return Reply(static_cast<redisReply*>(
+        redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lens.data())));
+}
+
+std::string Quoted(const std::string& s) {
+    return "\"" + s + "\"";
+}
+
+std::string Now() {
+    char buf[32];
+    const std::time_t t = std::time(nullptr);
+    std::tm tm{};
+    gmtime_r(&t, &tm);
+    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%S+00:00", &tm);
+    return buf;
+}
+
+bool IsFinal(const std::string& state) {
+    return state == "Completed" || state == "Killed" || state == "Exception" ||
+           state == "Cancelled";
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Before the request
+// ---------------------------------------------------------------------------
+
+std::string TaskFollower::Prepare(redisContext* c, const std::string& reqKey) {
+    Reply id = Cmd(c, {"INCR", kCounter});
+    if (!id || id->type != REDIS_REPLY_INTEGER) return std::string();
+    const std::string n = std::to_string(id->integer);
+    const std::string url = std::string(kTasksURI) + "/" + n;
+    Reply set = Cmd(c, {"HSET",
+                        url,
+                        "@odata.id",
+                        Quoted(url),
+                        "@odata.type",
+                        Quoted("#Task.v1_7_0.Task"),
+                        "Id",
+                        Quoted(n),
+                        "Name",
+                        Quoted("Task " + n),
+                        "TaskState",
+                        Quoted("New"),
+                        "TaskStatus",
+                        Quoted("OK"),
+                        "PercentComplete",
+                        "0",
+                        "StartTime",
+                        Quoted(Now()),
+                        "TaskMonitor",
+                        Quoted(url)});
+    Reply map = Cmd(c, {"HSET", kMapping, reqKey, url});
+    if (!set || set->type == REDIS_REPLY_ERROR || !map || map->type == REDIS_REPLY_ERROR) {
+        return std::string();
+    }
+    return url;
+}
+
+void TaskFollower::Discard(redisContext* c, const std::string& reqKey, const std::string& taskURL) {
+    Cmd(c, {"HDEL", kMapping, reqKey});
+    Cmd(c, {"DEL", taskURL});
+}
+
+// ---------------------------------------------------------------------------
+// Following the changes
+// ---------------------------------------------------------------------------
+
+TaskFollower::TaskFollower(const std::string& socketPath)
+    : mSocket(socketPath),
+      mStopText("&&TaskFollowerStop:" + std::to_string(reinterpret_cast<uintptr_t>(this))) {
+    mThread = std::thread(&TaskFollower::_Loop, this);
+    std::unique_lock<std::mutex> lock(mMutex);
+    mCv.wait_for(lock, std::chrono::seconds(5), [this]() { return mListening; });
+}
+
+TaskFollower::~TaskFollower() {
+    redisContext* c = redisConnectUnix(mSocket.c_str());
+    // Repeated: the loop may be between connections when the first goes.
+    for (int i = 0; i < 50; ++i) {
+        if (c != nullptr && c->err == 0) Cmd(c, {"PUBLISH", kChannel, mStopText});
+        std::unique_lock<std::mutex> lock(mMutex);
+        if (mCv.wait_for(lock, std::chrono::milliseconds(100), [this]() { return !mListening; })) {
+            break;
+        }
+    }
+    if (c != nullptr) redisFree(c);
+    mThread.join();
+}
+
+bool TaskFollower::Listening() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mListening;
+}
+
+void TaskFollower::SetTakeChanges(bool take) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mTakeChanges = take;
+}
+
+void TaskFollower::_Loop() {
+    redisContext* listen = redisConnectUnix(mSocket.c_str());
+    redisContext* cmd = redisConnectUnix(mSocket.c_str());
+    bool ok = listen != nullptr && listen->err == 0 && cmd != nullptr && cmd->err == 0;
+    if (ok) {
+        Reply sub = Cmd(listen, {"SUBSCRIBE", kChannel});
+        ok = sub && sub->type == REDIS_REPLY_ARRAY;
+    }
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mListening = ok;
+        mCv.notify_all();
+    }
+    while (ok) {
+        void* raw = nullptr;
+        if (redisGetReply(listen, &raw) != REDIS_OK) break;
+        Reply msg(static_cast<redisReply*>(raw));
+        if (!msg || msg->type != REDIS_REPLY_ARRAY || msg->elements != 3 ||
+            msg->element[2]->type != REDIS_REPLY_STRING) {
+            continue;
+        }
+        const std::string text(msg->element[2]->str, msg->element[2]->len);
+        if (text == mStopText) break;
+        _Apply(cmd, text);
+    }
+    if (listen != nullptr) redisFree(listen);
+    if (cmd != nullptr) redisFree(cmd);
+    std::lock_guard<std::mutex> lock(mMutex);
+    mListening = false;
+    mCv.notify_all();
+}
+
+void TaskFollower::_Apply(redisContext* c, const std::string& text) {
+    std::istringstream in(text);
+    std::string key, percent, state, status, changeKey;
+    in >> key >> percent >> state >> status >> changeKey;
+    if (key.empty() || key.compare(0, 2, "&&") == 0) return;  // another follower's stop
+
+    Reply url = Cmd(c, {"HGET", kMapping, key});
+    const std::string task = url && url->type == REDIS_REPLY_STRING ? url->str : "";
+    if (!task.empty()) {
+        if (percent != "null") Cmd(c, {"HSET", task, "PercentComplete", percent});
+        if (state != "null") Cmd(c, {"HSET", task, "TaskState", Quoted(state)});
+        if (status != "null") Cmd(c, {"HSET", task, "TaskStatus", Quoted(status)});
+    }
+    const bool final = IsFinal(state);
+    std::string finalStatus;
+    if (final && !task.empty()) {
+        Cmd(c, {"HSET", task, "EndTime", Quoted(Now())});
+        // The monitor keeps the final answer once the request is gone.
+        Reply fields = Cmd(
+            c, {"HMGET", key, "&&ReturnStatus", "&&ResponseData", "&&Location", "&&ExtendedInfo"});
+        const char* names[] = {"&&FinalStatus", "&&FinalResponseData", "&&FinalLocation",
+                               "&&FinalExtendedInfo"};
+        for (size_t i = 0;
+             fields && fields->type == REDIS_REPLY_ARRAY && i < fields->elements && i < 4; ++i) {
+            if (fields->element[i]->type != REDIS_REPLY_STRING) continue;
+            if (i == 0) finalStatus = fields->element[i]->str;
+            Cmd(c, {"HSET", task, names[i], fields->element[i]->str});
+        }
+    }
+
+    std::vector<std::string> cleanup;
+    bool take = true;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        sTaskRecord& rec = mRecords[key];
+        rec.changes.push_back(text);
+        if (state != "null") rec.state = state;
+        if (final) {
+            rec.done = true;
+            rec.finalStatus = finalStatus;
+            auto it = mAdopted.find(key);
+            if (it != mAdopted.end()) {
+                cleanup = it->second;
+                cleanup.push_back(key);
+                mAdopted.erase(it);
+            }
+        }
+        take = mTakeChanges;
+        mCv.notify_all();
+    }
+    for (const std::string& k : cleanup) Cmd(c, {"DEL", k});
+    if (!cleanup.empty()) Cmd(c, {"HDEL", kMapping, key});
+    if (take && changeKey != "null" && !changeKey.empty()) Cmd(c, {"DEL", changeKey});
+}
+
+void TaskFollower::Adopt(const std::string& reqKey, const std::vector<std::string>& keysToDelete) {
+    bool doneAlready = false;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        auto it = mRecords.find(reqKey);
+        doneAlready = it != mRecords.end() && it->second.done;
+        if (!doneAlready) mAdopted[reqKey] = keysToDelete;
+    }
+    if (!doneAlready) return;
+    redisContext* c = redisConnectUnix(mSocket.c_str());
+    if (c == nullptr) return;
+    if (c->err == 0) {
+        for (const std::string& k : keysToDelete) Cmd(c, {"DEL", k});
+        Cmd(c, {"DEL", reqKey});
+        Cmd(c, {"HDEL", kMapping, reqKey});
+    }
+    redisFree(c);
+}
+
+TaskFollower::sTaskRecord TaskFollower::Wait(const std::string& reqKey, int timeoutMs) {
+    std::unique_lock<std::mutex> lock(mMutex);
+    mCv.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                 [this, &reqKey]() { return mRecords[reqKey].done; });
+    return mRecords[reqKey];
+}
+
+TaskFollower::sTaskRecord TaskFollower::Record(const std::string& reqKey) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    auto it = mRecords.find(reqKey);
+    return it != mRecords.end() ? it->second : sTaskRecord();
+}
+
+}  // namespace OrbelFrontEnd

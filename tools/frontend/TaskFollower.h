@@ -1,0 +1,89 @@
+// The front end's side of tasks (docs/wire-protocol.md, "Tasks"): preparing
+// a task before a request is forwarded, and following the plug-ins'
+// "TASK_STATE_CHANGE" messages into the Task resources.
+//
+// Plain hiredis and the standard library, so that the tests' front-end
+// driver (also on the cross-built target) and orbel-frontend share it.
+//
+// Threads: Prepare is a static function for any thread with its own
+// connection. A TaskFollower runs one listening thread of its own; its other
+// members may be called from any thread (one mutex guards the record of
+// tasks).
+#ifndef ORBEL_FRONTEND_TASKFOLLOWER_H
+#define ORBEL_FRONTEND_TASKFOLLOWER_H
+
+#include <hiredis/hiredis.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace OrbelFrontEnd {
+
+class TaskFollower {
+public:
+    // The collection the Task resources are made under.
+    static constexpr const char* kTasksURI = "/redfish/v1/TaskService/Tasks";
+
+    // Makes the Task resource of a request about to be forwarded: the next
+    // id from the counter "&&TaskService:NextId", the hash
+    // <kTasksURI>/<id> (state "New"), and the request's entry in
+    // "TaskMonitorAndResourceMapping". Returns the task monitor URL for the
+    // request's "&&Task", or "" when the store refused.
+    static std::string Prepare(redisContext* c, const std::string& reqKey);
+    // Removes what Prepare made, for a request that was not answered
+    // "PROCESSING".
+    static void Discard(redisContext* c, const std::string& reqKey, const std::string& taskURL);
+
+    // Subscribes on a connection of its own to `socketPath`; Listening()
+    // tells when the subscription stands.
+    explicit TaskFollower(const std::string& socketPath);
+    ~TaskFollower();
+    TaskFollower(const TaskFollower&) = delete;
+    TaskFollower& operator=(const TaskFollower&) = delete;
+
+    bool Listening() const;
+
+    // A request answered "PROCESSING": once its task reaches a final state
+    // the follower takes the final answer from the request hash into the
+    // Task resource and deletes the request hash and `keysToDelete` (the
+    // body's tree).
+    void Adopt(const std::string& reqKey, const std::vector<std::string>& keysToDelete);
+
+    // What the follower saw of a task.
+    struct sTaskRecord {
+        std::vector<std::string> changes;  // the messages, as published
+        std::string state;                 // the last state word
+        std::string finalStatus;           // the request's final "&&ReturnStatus"
+        bool done = false;                 // a final state was taken
+    };
+    // Waits up to `timeoutMs` for the task of `reqKey` to end; the record as
+    // it is then.
+    sTaskRecord Wait(const std::string& reqKey, int timeoutMs);
+    sTaskRecord Record(const std::string& reqKey);
+    // Test hook: stop deleting change keys (a front end that never takes a
+    // change), so the plug-in's bounded wait can be seen.
+    void SetTakeChanges(bool take);
+
+private:
+    void _Loop();
+    void _Apply(redisContext* c, const std::string& text);
+
+    const std::string mSocket;
+    const std::string mStopText;
+    std::thread mThread;
+    mutable std::mutex mMutex;  // guards everything below
+    std::condition_variable mCv;
+    bool mListening = false;
+    bool mTakeChanges = true;
+    std::map<std::string, sTaskRecord> mRecords;
+    std::map<std::string, std::vector<std::string>> mAdopted;
+};
+
+}  // namespace OrbelFrontEnd
+
+#endif  // ORBEL_FRONTEND_TASKFOLLOWER_H
