@@ -2,8 +2,8 @@
 // run as children against the suite's store, and curl and redfishtool talk
 // to the front end on 127.0.0.1, as a plug-in author would.
 #include <arpa/inet.h>
-#include <signal.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -41,15 +41,15 @@ protected:
         WriteFile(users, std::string("# test users\nadmin:") + kAdminPassword +
                              ":Administrator\nro:ro-pw:ReadOnly\nnobody:no-pw:NoAccess\n");
         InstallSampleTemplates();
-        sPlugin.reset(new ChildProcess({BuiltProgram("examples/RF_Root/RF_Root")},
-                                       {{"PLATFLAGS", "0x0"}}));
+        sPlugin.reset(
+            new ChildProcess({BuiltProgram("examples/RF_Root/RF_Root")}, {{"PLATFLAGS", "0x0"}}));
         ASSERT_TRUE(sPlugin->Start());
-        ASSERT_TRUE(sPlugin->WaitForOutput("PreCorvelReady_InitAllSchemaResources done!\n",
-                                           kTimeoutMs))
+        ASSERT_TRUE(
+            sPlugin->WaitForOutput("PreCorvelReady_InitAllSchemaResources done!\n", kTimeoutMs))
             << sPlugin->Output();
-        sFront.reset(new ChildProcess({BuiltProgram("tools/frontend/orbel-frontend"), "--users",
-                                       users, "--registries",
-                                       SourceDir() + "/tools/frontend/registries"}));
+        sFront.reset(
+            new ChildProcess({BuiltProgram("tools/frontend/orbel-frontend"), "--users", users,
+                              "--registries", SourceDir() + "/tools/frontend/registries"}));
         ASSERT_TRUE(sFront->Start());
         ASSERT_TRUE(sFront->WaitForOutput("/ (store ", kTimeoutMs)) << sFront->Output();
         const std::string out = sFront->Output();
@@ -65,7 +65,8 @@ protected:
         // exit status) clears the readiness it set.
         if (sFront && sFront->Signal(SIGTERM)) {
             const int rc = sFront->Wait(kTimeoutMs);
-            if (rc != 0) ADD_FAILURE() << "orbel-frontend ended with " << rc << "\n" << sFront->Output();
+            if (rc != 0)
+                ADD_FAILURE() << "orbel-frontend ended with " << rc << "\n" << sFront->Output();
             int ready = -1;
             vex_config_get_bool("nginx_redfish_ready", &ready);
             if (ready != 0) ADD_FAILURE() << "nginx_redfish_ready still " << ready;
@@ -76,8 +77,7 @@ protected:
 
     // curl with `args` before the URL; the answer split into its parts.
     static sHttp Curl(const std::string& method, const std::string& path, const std::string& user,
-                      const std::string& body = std::string(),
-                      std::vector<std::string> more = {}) {
+                      const std::string& body = std::string(), std::vector<std::string> more = {}) {
         std::vector<std::string> argv = {"/usr/bin/curl", "-s", "-i", "--max-time", "20"};
         if (method == "HEAD") {
             argv.push_back("-I");
@@ -88,8 +88,8 @@ protected:
         if (!body.empty()) {
             const std::string file = SysrootDir() + "/curl-body";
             WriteFile(file, body);
-            argv.insert(argv.end(), {"-H", "Content-Type: application/json", "--data-binary",
-                                     "@" + file});
+            argv.insert(argv.end(),
+                        {"-H", "Content-Type: application/json", "--data-binary", "@" + file});
         }
         argv.insert(argv.end(), more.begin(), more.end());
         argv.push_back(sBase + path);
@@ -106,7 +106,8 @@ protected:
             const size_t next = head.find("\r\n", pos + 2);
             const std::string line = head.substr(pos + 2, next - pos - 2);
             const size_t colon = line.find(": ");
-            if (colon != std::string::npos) r.headers[line.substr(0, colon)] = line.substr(colon + 2);
+            if (colon != std::string::npos)
+                r.headers[line.substr(0, colon)] = line.substr(colon + 2);
             pos = next;
         }
         r.doc = json::parse(r.body, nullptr, false);
@@ -280,14 +281,15 @@ TEST_F(FrontEndHttpTest, HostileInputGetsFourHundreds) {
          R"({"AssetTag":")" + std::string(70 * 1024, 'x') + "\"}", 413, "Base.1.12.GeneralError"},
         {"unknown URI", "GET", "/redfish/v1/Nowhere", "", 404, "Base.1.12.ResourceMissingAtURI"},
         {"outside the service", "GET", "/etc/passwd", "", 404, "Base.1.12.ResourceMissingAtURI"},
-        {"nested key as URI", "GET", "/redfish/v1/Systems/1/RF_Root:ComputerSystem:GETQ/ExtendedInfo",
-         "", 404, "Base.1.12.ResourceMissingAtURI"},
+        {"nested key as URI", "GET",
+         "/redfish/v1/Systems/1/RF_Root:ComputerSystem:GETQ/ExtendedInfo", "", 404,
+         "Base.1.12.ResourceMissingAtURI"},
         {"glob in the path", "GET", "/redfish/v1/Systems/%2A", "", 400, "Base.1.12.InvalidURI"},
         {"query", "GET", "/redfish/v1/Systems?$expand=*", "", 400, "Base.1.12.QueryNotSupported"},
         {"unsupported method", "PUT", "/redfish/v1/Systems/1", R"({"AssetTag":"x"})", 405,
          "Base.1.12.GeneralError"},
-        {"unknown action", "POST", "/redfish/v1/Systems/1/Actions/ComputerSystem.Explode", "{}", 400,
-         "Base.1.12.ActionNotSupported"},
+        {"unknown action", "POST", "/redfish/v1/Systems/1/Actions/ComputerSystem.Explode", "{}",
+         400, "Base.1.12.ActionNotSupported"},
         {"stale ETag", "PATCH", "/redfish/v1/Systems/1", R"({"AssetTag":"x"})", 412,
          "Base.1.12.PreconditionFailed"},
     };
@@ -327,8 +329,8 @@ TEST_F(FrontEndHttpTest, HostileInputGetsFourHundreds) {
 TEST_F(FrontEndHttpTest, RedfishToolReadsPatchesAndResets) {
     const std::string host = sBase.substr(7);  // without "http://"
     auto tool = [&host](std::vector<std::string> args, int* rc) {
-        std::vector<std::string> argv = {"/usr/bin/redfishtool", "-r", host, "-S", "Never",
-                                         "-u", "admin", "-p", kAdminPassword};
+        std::vector<std::string> argv = {
+            "/usr/bin/redfishtool", "-r", host, "-S", "Never", "-u", "admin", "-p", kAdminPassword};
         argv.insert(argv.end(), args.begin(), args.end());
         ChildProcess p(argv);
         *rc = p.Start() ? p.Wait(30000) : -2;
@@ -338,15 +340,61 @@ TEST_F(FrontEndHttpTest, RedfishToolReadsPatchesAndResets) {
     json doc = json::parse(tool({"raw", "GET", "/redfish/v1/Systems/2"}, &rc), nullptr, false);
     EXPECT_EQ(rc, 0);
     EXPECT_EQ(doc["SerialNumber"], "SMP0002");
-    doc = json::parse(tool({"raw", "PATCH", "/redfish/v1/Systems/2", "-d", R"({"AssetTag":"RT-2"})"},
-                           &rc),
-                      nullptr, false);
+    doc = json::parse(
+        tool({"raw", "PATCH", "/redfish/v1/Systems/2", "-d", R"({"AssetTag":"RT-2"})"}, &rc),
+        nullptr, false);
     EXPECT_EQ(rc, 0);
     EXPECT_EQ(doc["AssetTag"], "RT-2");
     // The tool finds the action's target in the system and posts to it.
     tool({"Systems", "-I", "2", "reset", "ForceOff"}, &rc);
     EXPECT_EQ(rc, 0);
     EXPECT_EQ(Curl("GET", "/redfish/v1/Systems/2", Admin()).doc["PowerState"], "Off");
+    ExpectNoLeftovers();
+}
+
+TEST_F(FrontEndHttpTest, ActionsAnsweredWithATaskMonitor) {
+    const std::string actions = "/redfish/v1/Systems/1/Actions/Oem/";
+    sHttp r = Curl("POST", actions + "Orbel.SimulatedFirmwareUpdate", Admin(), "{}");
+    ASSERT_EQ(r.status, 202) << r.body;
+    const std::string monitor = r.headers["Location"];
+    EXPECT_EQ(monitor.compare(0, 30, "/redfish/v1/TaskService/Tasks/"), 0) << monitor;
+    EXPECT_EQ(r.doc["@odata.id"], monitor);
+
+    // The monitor answers 202 while the work goes on, then the finished task.
+    sHttp read = Curl("GET", monitor, Admin());
+    EXPECT_EQ(read.status, 202) << read.body;
+    for (int i = 0; i < 100 && read.status == 202; ++i) {
+        usleep(100 * 1000);
+        read = Curl("GET", monitor, Admin());
+    }
+    ASSERT_EQ(read.status, 200) << read.body;
+    EXPECT_EQ(read.doc["TaskState"], "Completed");
+    EXPECT_EQ(read.doc["TaskStatus"], "OK");
+    EXPECT_EQ(read.doc["PercentComplete"], 100);
+    const json& messages = read.doc["Messages"];
+    ASSERT_EQ(messages.size(), 6u) << read.body;  // started, 4 steps, completed
+    EXPECT_EQ(messages[1]["MessageId"], "TaskEvent.1.0.TaskProgressChanged");
+    EXPECT_EQ(messages[1]["Message"], "The task with Id '" + read.doc["Id"].get<std::string>() +
+                                          "' has changed to progress 20 percent complete.");
+    EXPECT_EQ(messages[5]["MessageId"], "TaskEvent.1.0.TaskCompletedOK");
+
+    r = Curl("POST", actions + "Orbel.FailingSelfTest", Admin(), "{}");
+    ASSERT_EQ(r.status, 202) << r.body;
+    read = Curl("GET", r.headers["Location"], Admin());
+    for (int i = 0; i < 100 && read.status == 202; ++i) {
+        usleep(100 * 1000);
+        read = Curl("GET", r.headers["Location"], Admin());
+    }
+    EXPECT_EQ(read.doc["TaskState"], "Exception") << read.body;
+    EXPECT_EQ(read.doc["TaskStatus"], "Critical");
+    EXPECT_EQ(read.doc["Messages"].back()["MessageId"], "TaskEvent.1.0.TaskAborted");
+
+    // An action that answers at once leaves no task behind.
+    r = Curl("POST", "/redfish/v1/Systems/1/Actions/ComputerSystem.Reset", Admin(),
+             R"({"ResetType":"On"})");
+    EXPECT_EQ(r.status, 200) << r.body;
+    Reply left = RawCommand({"HLEN", "TaskMonitorAndResourceMapping"});
+    EXPECT_EQ(left->integer, 0);
     ExpectNoLeftovers();
 }
 

@@ -65,11 +65,11 @@ int MessageRegistry::Load(const std::string& dir, std::string* error) {
 
 nlohmann::json MessageRegistry::Expand(const std::string& messageId, const nlohmann::json& args,
                                        const nlohmann::json& related) const {
-    nlohmann::json msg = {{"@odata.type", "#Message.v1_1_1.Message"},
-                          {"MessageId", messageId},
-                          {"MessageArgs", args.is_array() ? args : nlohmann::json::array()},
-                          {"RelatedProperties",
-                           related.is_array() ? related : nlohmann::json::array()}};
+    nlohmann::json msg = {
+        {"@odata.type", "#Message.v1_1_1.Message"},
+        {"MessageId", messageId},
+        {"MessageArgs", args.is_array() ? args : nlohmann::json::array()},
+        {"RelatedProperties", related.is_array() ? related : nlohmann::json::array()}};
     // "Prefix.Major.Minor.Key": the registry is everything before the last dot.
     const size_t last = messageId.rfind('.');
     if (last == std::string::npos) return msg;

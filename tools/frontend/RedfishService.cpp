@@ -14,11 +14,10 @@ constexpr const char* kServiceRoot = "/redfish/v1/";
 // action are adjusted where the answer is built).
 int HttpCode(const std::string& word) {
     static const std::map<std::string, int> kCodes = {
-        {"OK", 200},           {"OK_RES", 201},        {"OK_EMPTY", 204},
-        {"PROCESSING", 202},   {"AUTH_FAILED", 401},   {"FORBIDDEN", 403},
-        {"NOT_FOUND", 404},    {"NOT_ALLOWED", 405},   {"CONFLICT", 409},
-        {"FAILURE", 400},      {"EXCEPTION", 500},     {"NOT_SUPPORTED", 501},
-        {"UNAVAILABLE", 503},  {"IGNORE", 0},
+        {"OK", 200},          {"OK_RES", 201},    {"OK_EMPTY", 204},  {"PROCESSING", 202},
+        {"AUTH_FAILED", 401}, {"FORBIDDEN", 403}, {"NOT_FOUND", 404}, {"NOT_ALLOWED", 405},
+        {"CONFLICT", 409},    {"FAILURE", 400},   {"EXCEPTION", 500}, {"NOT_SUPPORTED", 501},
+        {"UNAVAILABLE", 503}, {"IGNORE", 0},
     };
     auto it = kCodes.find(word);
     return it == kCodes.end() ? -1 : it->second;
@@ -27,12 +26,18 @@ int HttpCode(const std::string& word) {
 // The message an error answer without messages of its own gets.
 const char* DefaultMessage(int status) {
     switch (status) {
-        case 401: return "Base.1.12.NoValidSession";
-        case 403: return "Base.1.12.InsufficientPrivilege";
-        case 404: return "Base.1.12.ResourceMissingAtURI";
-        case 500: return "Base.1.12.InternalError";
-        case 503: return "Base.1.12.ResourceInUse";
-        default: return "Base.1.12.GeneralError";
+        case 401:
+            return "Base.1.12.NoValidSession";
+        case 403:
+            return "Base.1.12.InsufficientPrivilege";
+        case 404:
+            return "Base.1.12.ResourceMissingAtURI";
+        case 500:
+            return "Base.1.12.InternalError";
+        case 503:
+            return "Base.1.12.ResourceInUse";
+        default:
+            return "Base.1.12.GeneralError";
     }
 }
 
@@ -62,7 +67,10 @@ struct RedfishService::sCall {
 
 RedfishService::RedfishService(sServiceConfig config, const UserTable& users,
                                const MessageRegistry& registry)
-    : mConfig(std::move(config)), mUsers(users), mRegistry(registry) {}
+    : mConfig(std::move(config)),
+      mUsers(users),
+      mRegistry(registry),
+      mTasks(new TaskFollower(mConfig.socketPath)) {}
 
 void RedfishService::Install(httplib::Server& server) {
     auto serve = [this](const httplib::Request& req, httplib::Response& res) { _Serve(req, res); };
@@ -109,7 +117,8 @@ void RedfishService::_Serve(const httplib::Request& req, httplib::Response& res)
         // "/redfish/v1" is the root; every other resource has no final "/".
         if (call.uri == "/redfish/v1") call.uri = kServiceRoot;
         if (call.uri.size() > 12 && call.uri.back() == '/') call.uri.pop_back();
-        const bool open = call.uri == kServiceRoot && (call.method == "GET" || call.method == "HEAD");
+        const bool open =
+            call.uri == kServiceRoot && (call.method == "GET" || call.method == "HEAD");
         if (!open && !mUsers.Authenticate(req.get_header_value("Authorization"), &call.user)) {
             res.set_header("WWW-Authenticate", "Basic realm=\"orbel\"");
             _Error(call, 401, "Base.1.12.NoValidSession");
@@ -131,7 +140,8 @@ void RedfishService::_Serve(const httplib::Request& req, httplib::Response& res)
 
 void RedfishService::_Read(sCall& call) {
     StoreRequest store(mConfig.socketPath);
-    if (!store.Connected()) return _Error(call, 503, "Base.1.12.ServiceTemporarilyUnavailable", {"5"});
+    if (!store.Connected())
+        return _Error(call, 503, "Base.1.12.ServiceTemporarilyUnavailable", {"5"});
     if (!store.IsResource(call.uri)) {
         return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
     }
@@ -145,11 +155,12 @@ void RedfishService::_Read(sCall& call) {
             {"&&RemoteIP", call.req.remote_addr},
             {"&&AuthHeader", "BasicAuth"},
             {"&&Username", call.user.name},
-            {"&&UserPrivNumber", "0x" + [&] {
-                 char b[16];
-                 snprintf(b, sizeof b, "%" PRIX32, call.user.privileges);
-                 return std::string(b);
-             }()},
+            {"&&UserPrivNumber", "0x" +
+                                     [&] {
+                                         char b[16];
+                                         snprintf(b, sizeof b, "%" PRIX32, call.user.privileges);
+                                         return std::string(b);
+                                     }()},
             {"&&Privileges", PrivilegeNames(call.user.privileges)},
             {"&&OperationPrivileges", call.uri == kServiceRoot ? "" : "Login"},
         };
@@ -160,7 +171,8 @@ void RedfishService::_Read(sCall& call) {
         }
         if (call.req.has_header("Origin")) fields["&&Origin"] = call.req.get_header_value("Origin");
         if (fields["&&OperationPrivileges"].empty()) fields.erase("&&OperationPrivileges");
-        StoreRequest::sAnswer answer = store.Send(channel, fields, nullptr, mConfig.answerTimeoutMs);
+        StoreRequest::sAnswer answer =
+            store.Send(channel, fields, nullptr, mConfig.answerTimeoutMs);
         if (!answer.answered) {
             return _Error(call, 503, "Base.1.12.ServiceTemporarilyUnavailable", {"5"});
         }
@@ -197,6 +209,12 @@ bool RedfishService::_Document(sCall& call, const std::string& uri, nlohmann::js
     if (!store.ReadDoc(uri, &text)) return false;
     *doc = nlohmann::json::parse(text, nullptr, false);
     if (doc->is_discarded()) return false;
+    // A task's messages are stored as MessageId and arguments, like the
+    // messages of an answer.
+    if (doc->is_object() && doc->contains("Messages") && (*doc)["Messages"].is_array() &&
+        doc->value("@odata.type", std::string()).compare(0, 6, "#Task.") == 0) {
+        (*doc)["Messages"] = mRegistry.ExpandAll((*doc)["Messages"]);
+    }
     if (doc->is_object() && doc->contains("@odata.etag") && (*doc)["@odata.etag"].is_string()) {
         std::string etag = (*doc)["@odata.etag"].get<std::string>();
         if (!etag.empty()) {
@@ -209,7 +227,8 @@ bool RedfishService::_Document(sCall& call, const std::string& uri, nlohmann::js
 
 void RedfishService::_Write(sCall& call) {
     StoreRequest store(mConfig.socketPath);
-    if (!store.Connected()) return _Error(call, 503, "Base.1.12.ServiceTemporarilyUnavailable", {"5"});
+    if (!store.Connected())
+        return _Error(call, 503, "Base.1.12.ServiceTemporarilyUnavailable", {"5"});
     std::string resource = call.uri;
     std::string method;
     std::string queue;
@@ -232,7 +251,8 @@ void RedfishService::_Write(sCall& call) {
     }
     const std::string channel = store.Channel(resource, queue);
     if (channel.empty() || (method == "POSTACTION" && action.empty())) {
-        if (method == "POSTACTION") return _Error(call, 405, "Base.1.12.ActionNotSupported", {action});
+        if (method == "POSTACTION")
+            return _Error(call, 405, "Base.1.12.ActionNotSupported", {action});
         if (method == "DELETE") return _Error(call, 405, "Base.1.12.ResourceCannotBeDeleted");
         return _Error(call, 405, "Base.1.12.GeneralError");
     }
@@ -280,9 +300,24 @@ void RedfishService::_Write(sCall& call) {
     };
     if (call.req.has_header("Origin")) fields["&&Origin"] = call.req.get_header_value("Origin");
     if (fields["&&Privileges"].empty()) fields.erase("&&Privileges");
+    // A resource whose schema runs tasks may answer with one: the task is
+    // prepared before the request goes out, and dropped if unused.
+    std::string task;
+    if (store.Field(resource, "&&Async") == "true") {
+        task = store.PrepareTask();
+        if (!task.empty()) fields["&&Task"] = task;
+    }
     StoreRequest::sAnswer answer =
         store.Send(channel, fields, hasBody ? &tree : nullptr, mConfig.answerTimeoutMs);
-    if (!answer.answered) return _Error(call, 503, "Base.1.12.ServiceTemporarilyUnavailable", {"5"});
+    if (!task.empty()) {
+        if (answer.status == "PROCESSING") {
+            mTasks->Adopt(store.Key(), answer.keptKeys);
+        } else {
+            store.DiscardTask(task);
+        }
+    }
+    if (!answer.answered)
+        return _Error(call, 503, "Base.1.12.ServiceTemporarilyUnavailable", {"5"});
     _Answer(call, answer);
 }
 

@@ -16,10 +16,12 @@
 #include <httplib.h>
 
 #include <cstddef>
+#include <memory>
 #include <string>
 
 #include "MessageRegistry.h"
 #include "StoreRequest.h"
+#include "TaskFollower.h"
 #include "UserTable.h"
 
 namespace OrbelFrontEnd {
@@ -53,6 +55,9 @@ private:
     const sServiceConfig mConfig;
     const UserTable& mUsers;
     const MessageRegistry& mRegistry;
+    // Follows "TASK_STATE_CHANGE" into the Task resources, from the
+    // construction on.
+    std::unique_ptr<TaskFollower> mTasks;
 };
 
 }  // namespace OrbelFrontEnd

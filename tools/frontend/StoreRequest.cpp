@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "StoreTreeReader.h"
+#include "TaskFollower.h"
 
 namespace OrbelFrontEnd {
 
@@ -135,8 +136,7 @@ private:
             return true;
         }
         if (v.is_structured()) {
-            const std::string key = mTree->keys.front() + "/" +
-                                    std::to_string(++mNested);
+            const std::string key = mTree->keys.front() + "/" + std::to_string(++mNested);
             *text = (v.is_object() ? "&&Object " : "&&Array ") + prefix + key;
             return Node(v, key, path, depth + 1);
         }
@@ -275,15 +275,31 @@ StoreRequest::sAnswer StoreRequest::Send(const std::string& channel,
             answer.messages = nlohmann::json::parse(doc, nullptr, false);
             if (!answer.messages.is_array()) answer.messages = nlohmann::json::array();
         }
-        if (!field("&&ResponseData").empty()) ReadDoc(field("&&ResponseData"), &answer.responseData);
+        if (!field("&&ResponseData").empty())
+            ReadDoc(field("&&ResponseData"), &answer.responseData);
     }
-    std::vector<std::string> del = {"DEL", mKey};
-    if (body != nullptr) del.insert(del.end(), body->keys.begin(), body->keys.end());
+    std::vector<std::string> del = {"DEL"};
+    if (answer.status == "PROCESSING" && fields.count("&&Task") != 0) {
+        // A task finishes the request later, into the same hash: the task
+        // follower deletes it and the body then.
+        answer.keptKeys = body != nullptr ? body->keys : std::vector<std::string>();
+    } else {
+        del.push_back(mKey);
+        if (body != nullptr) del.insert(del.end(), body->keys.begin(), body->keys.end());
+    }
     // Only a lock key may be released here, never whatever key a hash names.
     const std::string lock = field("&&ResourceLock");
     if (lock.compare(0, 15, "&&ResourceLock:") == 0) del.push_back(lock);
-    Command(mCmd, del);
+    if (del.size() > 1) Command(mCmd, del);
     return answer;
+}
+
+std::string StoreRequest::PrepareTask() {
+    return mCmd != nullptr ? TaskFollower::Prepare(mCmd, mKey) : std::string();
+}
+
+void StoreRequest::DiscardTask(const std::string& taskURL) {
+    if (mCmd != nullptr) TaskFollower::Discard(mCmd, mKey, taskURL);
 }
 
 bool StoreRequest::_Wait(const std::string& key, int timeoutMs) {

@@ -55,6 +55,7 @@ public:
         std::string status;                       // "&&ReturnStatus"
         nlohmann::json messages = nlohmann::json::array();  // stored messages, unexpanded
         std::string responseData;  // document of "&&ResponseData" ("" without)
+        std::vector<std::string> keptKeys;  // "PROCESSING": the body's keys, left for the task
     };
 
     explicit StoreRequest(const std::string& socketPath);
@@ -90,9 +91,16 @@ public:
     // channel and, with a body, "&&RequestData" are added), publishes the
     // key on `channel`, waits up to `timeoutMs` and reads the answer. Then
     // the request hash, the body's keys and the lock key the answer names
-    // are deleted. One call per object.
+    // are deleted (for "PROCESSING" only the lock key: the task answers into
+    // the hash later). One call per object.
     sAnswer Send(const std::string& channel, std::map<std::string, std::string> fields,
                  const sBodyTree* body, int timeoutMs);
+
+    // The front end's preparation of a task for this request
+    // (TaskFollower::Prepare): the task monitor URL for "&&Task", or "".
+    std::string PrepareTask();
+    // Undoes PrepareTask for a request that was not answered "PROCESSING".
+    void DiscardTask(const std::string& taskURL);
 
 private:
     bool _Wait(const std::string& key, int timeoutMs);
