@@ -148,30 +148,19 @@ void ZSchema::_DispatchLoop(int role) {
         return mDispatchStop.load() || (app != nullptr && app->isExited());
     };
 
-    redisContext* listen = nullptr;
-    redisContext* command = nullptr;
+    RedisListenerPair pair;
     bool listened = false;
-    auto drop = [&listen, &command]() {
-        RedisDisconnect(listen);
-        RedisDisconnect(command);
-        listen = nullptr;
-        command = nullptr;
-    };
     while (!stopping()) {
-        if (listen == nullptr) {
-            listen = RedisConnect();
-            command = listen != nullptr ? RedisConnect() : nullptr;
-            if (listen == nullptr || command == nullptr) {
-                drop();
+        if (!pair.IsOpen()) {
+            const eRtCode opened = pair.Open(channels);
+            if (opened != RT_SUCCESS) {
                 MyMSleep(kRetrySleepMs);
-                ZLOG(eZLogWarning, "Retry to connect Redis for schema[%s] ReqMethod[%d].\n",
-                     mName.c_str(), role);
-                continue;
-            }
-            if (RedisSubscribeChannels(listen, channels) != RT_SUCCESS) {
-                drop();
-                MyMSleep(kRetrySleepMs);
-                ZLOG(eZLogWarning, "Retry to subscribe channel[%s].\n", channels[0].c_str());
+                if (opened == RT_FAILURE) {
+                    ZLOG(eZLogWarning, "Retry to connect Redis for schema[%s] ReqMethod[%d].\n",
+                         mName.c_str(), role);
+                } else {
+                    ZLOG(eZLogWarning, "Retry to subscribe channel[%s].\n", channels[0].c_str());
+                }
                 continue;
             }
             if (!listened) {
@@ -182,10 +171,10 @@ void ZSchema::_DispatchLoop(int role) {
             }
         }
         std::string channel, message;
-        eRtCode rt = RedisGetChannelMessage(listen, channel, message);
+        eRtCode rt = RedisGetChannelMessage(pair.Listen(), channel, message);
         if (rt == RT_FAILURE) {
             // The store went away or restarted: listen anew.
-            drop();
+            pair.Close();
             continue;
         }
         if (rt != RT_SUCCESS) {
@@ -193,12 +182,12 @@ void ZSchema::_DispatchLoop(int role) {
             continue;
         }
         if (message == "QUIT") break;
-        if (command->err != 0) {
-            drop();
+        if (pair.Command()->err != 0) {
+            pair.Close();
             continue;
         }
         try {
-            _ServeRequest(command, channel, message);
+            _ServeRequest(pair.Command(), channel, message);
         } catch (...) {
             // Only the context's own set-up can get here (handlers are
             // caught inside); the thread must go on serving.
@@ -206,7 +195,7 @@ void ZSchema::_DispatchLoop(int role) {
                  message.c_str());
         }
     }
-    drop();
+    pair.Close();
     if (app != nullptr) app->UnregisterThreadInfo();
 }
 

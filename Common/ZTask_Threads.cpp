@@ -174,38 +174,28 @@ void ZTask::_ReadLoop() {
     ZLOG(eZLogInfo, "Create thread[%u] to listen channel[%s].\n",
          static_cast<unsigned>(CurrentThreadId()), mChannel.c_str());
     ZApplication* app = zApp;
-    redisContext* listen = nullptr;
-    redisContext* command = nullptr;
-    auto drop = [&listen, &command]() {
-        RedisDisconnect(listen);
-        RedisDisconnect(command);
-        listen = command = nullptr;
-    };
     auto stopping = [this, app]() {
         return mReadStop.load() || (app != nullptr && app->isExited());
     };
+    RedisListenerPair pair;
     while (!stopping()) {
-        if (listen == nullptr) {
-            listen = RedisConnect();
-            command = listen != nullptr ? RedisConnect() : nullptr;
-            if (listen == nullptr || command == nullptr) {
-                drop();
+        if (!pair.IsOpen()) {
+            const eRtCode opened = pair.Open({mChannel});
+            if (opened != RT_SUCCESS) {
                 MyMSleep(kRetrySleepMs);
-                ZLOG(eZLogWarning, "Retry to connect Redis for task[%s].\n", mReqKey.c_str());
-                continue;
-            }
-            if (RedisSubscribeChannels(listen, {mChannel}) != RT_SUCCESS) {
-                drop();
-                MyMSleep(kRetrySleepMs);
-                ZLOG(eZLogWarning, "Retry to subscribe channel[%s].\n", mChannel.c_str());
+                if (opened == RT_FAILURE) {
+                    ZLOG(eZLogWarning, "Retry to connect Redis for task[%s].\n", mReqKey.c_str());
+                } else {
+                    ZLOG(eZLogWarning, "Retry to subscribe channel[%s].\n", mChannel.c_str());
+                }
                 continue;
             }
             mReadListening.store(true);
         }
         std::string channel, message;
-        const eRtCode rt = RedisGetChannelMessage(listen, channel, message);
+        const eRtCode rt = RedisGetChannelMessage(pair.Listen(), channel, message);
         if (rt == RT_FAILURE) {
-            drop();
+            pair.Close();
             continue;
         }
         if (rt != RT_SUCCESS) {
@@ -217,9 +207,9 @@ void ZTask::_ReadLoop() {
             continue;
         }
         if (message == "QUIT") break;
-        _ServeRead(command, message);
+        _ServeRead(pair.Command(), message);
     }
-    drop();
+    pair.Close();
     mReadListening.store(true);  // never leave RunTask waiting
     mReadEnded.store(true);
 }

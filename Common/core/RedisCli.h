@@ -136,6 +136,29 @@ eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string 
 eRtCode RedisSubscribeChannels(redisContext* c, const std::vector<std::string>& channels);
 eRtCode RedisGetChannelMessage(redisContext* c, std::string& channel, std::string& message);
 
+// The two connections of a thread that serves requests from channels: one
+// listening (subscribed), one for the commands of each request. Open
+// returns 0 with both open, 2 when a connection could not be opened, 5 when
+// the subscription failed; on failure nothing stays open. Close (and the
+// destructor) close both. Owned by one thread.
+class RedisListenerPair {
+public:
+    RedisListenerPair() = default;
+    ~RedisListenerPair() { Close(); }
+    RedisListenerPair(const RedisListenerPair&) = delete;
+    RedisListenerPair& operator=(const RedisListenerPair&) = delete;
+
+    eRtCode Open(const std::vector<std::string>& channels);
+    void Close();
+    bool IsOpen() const { return mListen != nullptr; }
+    redisContext* Listen() const { return mListen; }
+    redisContext* Command() const { return mCommand; }
+
+private:
+    redisContext* mListen = nullptr;
+    redisContext* mCommand = nullptr;
+};
+
 int RedisType(redisContext* c, const char* key);  // eRedisTableType
 
 eRtCode RedisHashSize(redisContext* c, const char* key, int& size);

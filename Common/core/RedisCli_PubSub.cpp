@@ -19,9 +19,8 @@ using ReplyHolder = std::unique_ptr<redisReply, ReplyFree>;
 
 // A push of a listening connection: an array whose first element is `kind`.
 bool IsPush(const redisReply* r, const char* kind, size_t elements) {
-    return r != nullptr && r->type == REDIS_REPLY_ARRAY &&
-           r->elements == elements && r->element[0]->type == REDIS_REPLY_STRING &&
-           std::strcmp(r->element[0]->str, kind) == 0;
+    return r != nullptr && r->type == REDIS_REPLY_ARRAY && r->elements == elements &&
+           r->element[0]->type == REDIS_REPLY_STRING && std::strcmp(r->element[0]->str, kind) == 0;
 }
 
 }  // namespace
@@ -72,6 +71,28 @@ eRtCode RedisGetChannelMessage(redisContext* c, std::string& channel, std::strin
     channel.assign(reply->element[1]->str, reply->element[1]->len);
     message.assign(reply->element[2]->str, reply->element[2]->len);
     return RT_SUCCESS;
+}
+
+eRtCode RedisListenerPair::Open(const std::vector<std::string>& channels) {
+    Close();
+    mListen = RedisConnect();
+    mCommand = mListen != nullptr ? RedisConnect() : nullptr;
+    if (mListen == nullptr || mCommand == nullptr) {
+        Close();
+        return RT_FAILURE;
+    }
+    if (RedisSubscribeChannels(mListen, channels) != RT_SUCCESS) {
+        Close();
+        return RT_NO_SUCH_KEY;
+    }
+    return RT_SUCCESS;
+}
+
+void RedisListenerPair::Close() {
+    RedisDisconnect(mListen);
+    RedisDisconnect(mCommand);
+    mListen = nullptr;
+    mCommand = nullptr;
 }
 
 }  // namespace Orbel

@@ -7,6 +7,8 @@
 #include <memory>
 #include <sstream>
 
+#include "StoreTreeReader.h"
+
 namespace OrbelFrontEnd {
 
 namespace {
@@ -15,22 +17,10 @@ const char kChannel[] = "TASK_STATE_CHANGE";
 const char kMapping[] = "TaskMonitorAndResourceMapping";
 const char kCounter[] = "&&TaskService:NextId";
 
-struct ReplyDeleter {
-    void operator()(redisReply* r) const {
-        if (r != nullptr) freeReplyObject(r);
-    }
-};
-using Reply = std::unique_ptr<redisReply, ReplyDeleter>;
+using Reply = Orbel::StoreReply;
 
 Reply Cmd(redisContext* c, const std::vector<std::string>& args) {
-    std::vector<const char*> argv;
-    std::vector<size_t> lens;
-    for (const std::string& a : args) {
-        argv.push_back(a.c_str());
-        lens.push_back(a.size());
-    }
-    return Reply(static_cast<redisReply*>(
-        redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lens.data())));
+    return Orbel::StoreCommand(c, args);
 }
 
 std::string Quoted(const std::string& s) {

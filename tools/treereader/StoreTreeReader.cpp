@@ -14,26 +14,10 @@ namespace {
 // hiredis plumbing
 // ---------------------------------------------------------------------------
 
-struct ReplyFree {
-    void operator()(redisReply* r) const {
-        if (r != nullptr) freeReplyObject(r);
-    }
-};
-using ReplyPtr = std::unique_ptr<redisReply, ReplyFree>;
+using ReplyPtr = StoreReply;
 
-// Keys, fields and patterns may hold any byte, so every argument goes with
-// its length.
 ReplyPtr Command(redisContext* c, const std::vector<std::string>& args) {
-    std::vector<const char*> argv;
-    std::vector<size_t> lens;
-    argv.reserve(args.size());
-    lens.reserve(args.size());
-    for (const auto& a : args) {
-        argv.push_back(a.data());
-        lens.push_back(a.size());
-    }
-    return ReplyPtr(static_cast<redisReply*>(
-        redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lens.data())));
+    return StoreCommand(c, args);
 }
 
 std::string ReplyText(const redisReply* r) {
@@ -650,6 +634,19 @@ bool ListStoreKeys(redisContext* c, const std::string& pattern, std::vector<std:
     } while (cursor != "0");
     keys.assign(found.begin(), found.end());
     return true;
+}
+
+StoreReply StoreCommand(redisContext* c, const std::vector<std::string>& args) {
+    std::vector<const char*> argv;
+    std::vector<size_t> lens;
+    argv.reserve(args.size());
+    lens.reserve(args.size());
+    for (const auto& a : args) {
+        argv.push_back(a.data());
+        lens.push_back(a.size());
+    }
+    return StoreReply(static_cast<redisReply*>(
+        redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lens.data())));
 }
 
 }  // namespace Orbel

@@ -15,10 +15,23 @@
 
 #include <hiredis/hiredis.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace Orbel {
+
+// Plain hiredis plumbing for the development tools built beside the reader:
+// a reply freed with its owner, and one command whose arguments go with
+// their lengths (keys, fields and values may hold any byte). Null on a
+// connection failure.
+struct StoreReplyFree {
+    void operator()(redisReply* r) const {
+        if (r != nullptr) freeReplyObject(r);
+    }
+};
+using StoreReply = std::unique_ptr<redisReply, StoreReplyFree>;
+StoreReply StoreCommand(redisContext* c, const std::vector<std::string>& args);
 
 // Links are followed at most this many levels below the requested node;
 // a deeper link yields null.
