@@ -97,14 +97,17 @@ TaskFollower::TaskFollower(const std::string& socketPath)
 }
 
 TaskFollower::~TaskFollower() {
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mStop = true;
+    }
     redisContext* c = redisConnectUnix(mSocket.c_str());
-    // Repeated: the loop may be between connections when the first goes.
+    // Repeated: a stop text sent while the loop was between connections is
+    // lost.
     for (int i = 0; i < 50; ++i) {
         if (c != nullptr && c->err == 0) Cmd(c, {"PUBLISH", kChannel, mStopText});
         std::unique_lock<std::mutex> lock(mMutex);
-        if (mCv.wait_for(lock, std::chrono::milliseconds(100), [this]() { return !mListening; })) {
-            break;
-        }
+        if (mCv.wait_for(lock, std::chrono::milliseconds(100), [this]() { return mEnded; })) break;
     }
     if (c != nullptr) redisFree(c);
     mThread.join();
@@ -121,34 +124,50 @@ void TaskFollower::SetTakeChanges(bool take) {
 }
 
 void TaskFollower::_Loop() {
-    redisContext* listen = redisConnectUnix(mSocket.c_str());
-    redisContext* cmd = redisConnectUnix(mSocket.c_str());
-    bool ok = listen != nullptr && listen->err == 0 && cmd != nullptr && cmd->err == 0;
-    if (ok) {
-        Reply sub = Cmd(listen, {"SUBSCRIBE", kChannel});
-        ok = sub && sub->type == REDIS_REPLY_ARRAY;
-    }
-    {
+    auto stopping = [this]() {
         std::lock_guard<std::mutex> lock(mMutex);
-        mListening = ok;
-        mCv.notify_all();
-    }
-    while (ok) {
-        void* raw = nullptr;
-        if (redisGetReply(listen, &raw) != REDIS_OK) break;
-        Reply msg(static_cast<redisReply*>(raw));
-        if (!msg || msg->type != REDIS_REPLY_ARRAY || msg->elements != 3 ||
-            msg->element[2]->type != REDIS_REPLY_STRING) {
-            continue;
+        return mStop;
+    };
+    // A store that restarts is listened to again, every 500 ms.
+    bool stopSeen = false;
+    while (!stopSeen && !stopping()) {
+        redisContext* listen = redisConnectUnix(mSocket.c_str());
+        redisContext* cmd = redisConnectUnix(mSocket.c_str());
+        bool ok = listen != nullptr && listen->err == 0 && cmd != nullptr && cmd->err == 0;
+        if (ok) {
+            Reply sub = Cmd(listen, {"SUBSCRIBE", kChannel});
+            ok = sub && sub->type == REDIS_REPLY_ARRAY;
         }
-        const std::string text(msg->element[2]->str, msg->element[2]->len);
-        if (text == mStopText) break;
-        _Apply(cmd, text);
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mListening = ok;
+            mCv.notify_all();
+        }
+        while (ok) {
+            void* raw = nullptr;
+            if (redisGetReply(listen, &raw) != REDIS_OK) break;
+            Reply msg(static_cast<redisReply*>(raw));
+            if (!msg || msg->type != REDIS_REPLY_ARRAY || msg->elements != 3 ||
+                msg->element[2]->type != REDIS_REPLY_STRING) {
+                continue;
+            }
+            const std::string text(msg->element[2]->str, msg->element[2]->len);
+            if (text == mStopText) {
+                stopSeen = true;
+                break;
+            }
+            _Apply(cmd, text);
+        }
+        if (listen != nullptr) redisFree(listen);
+        if (cmd != nullptr) redisFree(cmd);
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mListening = false;
+        }
+        if (!stopSeen && !stopping()) std::this_thread::sleep_for(std::chrono::milliseconds(500));
     }
-    if (listen != nullptr) redisFree(listen);
-    if (cmd != nullptr) redisFree(cmd);
     std::lock_guard<std::mutex> lock(mMutex);
-    mListening = false;
+    mEnded = true;
     mCv.notify_all();
 }
 

@@ -39,8 +39,8 @@ public:
     // "PROCESSING".
     static void Discard(redisContext* c, const std::string& reqKey, const std::string& taskURL);
 
-    // Subscribes on a connection of its own to `socketPath`; Listening()
-    // tells when the subscription stands.
+    // Subscribes on a connection of its own to `socketPath` (again after
+    // the store restarted); Listening() tells when the subscription stands.
     explicit TaskFollower(const std::string& socketPath);
     ~TaskFollower();
     TaskFollower(const TaskFollower&) = delete;
@@ -79,6 +79,8 @@ private:
     mutable std::mutex mMutex;  // guards everything below
     std::condition_variable mCv;
     bool mListening = false;
+    bool mStop = false;   // the destructor runs
+    bool mEnded = false;  // the loop is done
     bool mTakeChanges = true;
     std::map<std::string, sTaskRecord> mRecords;
     std::map<std::string, std::vector<std::string>> mAdopted;
