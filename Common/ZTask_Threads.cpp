@@ -249,6 +249,7 @@ bool ZTask::WaitRunningTasks(uint32_t ms) {
 
 bool ZTask::StopAllTasks(uint32_t ms) {
     std::vector<ZTask*> finished;
+    std::vector<std::string> late;  // "<key>] at [<URL>" of each task still running
     bool allEnded = false;
     {
         std::unique_lock<std::mutex> lock(mTaskListMutex);
@@ -258,14 +259,17 @@ bool ZTask::StopAllTasks(uint32_t ms) {
         for (auto& kv : mTaskList) {
             ZTask* task = kv.second;
             if (task->mWorkRunning.load()) {
-                ZLOG(eZLogError, "Task[%s] at [%s] did not end within %u ms.\n",
-                     task->mReqKey.c_str(), task->mTaskURL.c_str(), static_cast<unsigned>(ms));
+                late.push_back(task->mReqKey + "] at [" + task->mTaskURL);
             } else if (!task->mAutoRecycle.load()) {
                 // Kept by the plug-in after its work: the application frees
                 // the nodes it holds, so it goes first.
                 finished.push_back(task);
             }
         }
+    }
+    for (const std::string& task : late) {
+        ZLOG(eZLogError, "Task[%s] did not end within %u ms.\n", task.c_str(),
+             static_cast<unsigned>(ms));
     }
     for (ZTask* task : finished) task->Destory();
     return allEnded;
