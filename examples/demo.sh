@@ -26,6 +26,7 @@ esac
 PLUGIN="$BUILD/examples/RF_Root/RF_Root"
 SIM="$BUILD/platform/sim/orbel-sim"
 TREE="$BUILD/tools/treereader/orbel-tree"
+FRONT="$BUILD/tools/frontend/orbel-frontend"
 for f in "$PLUGIN" "$SIM" "$TREE"; do
   [ -x "$f" ] || { echo "demo: $f is not built" >&2; exit 1; }
 done
@@ -54,12 +55,16 @@ SCRIPTS="$(cd "$(dirname "${BASH_SOURCE[0]}")/../tests/support/scripts" && pwd)"
 REDIS_PID=""
 PLUGIN_PID=""
 LISTEN_PID=""
+FRONT_PID=""
+TASK_LISTEN_PID=""
 cleanup() {
   local rc=$?
   if [ "$KEEP" -eq 1 ] && [ "$rc" -eq 0 ]; then
     exit 0  # left running on purpose; stop.sh in the sysroot ends it all
   fi
   [ -n "$PLUGIN_PID" ] && kill -KILL "$PLUGIN_PID" 2>/dev/null || true
+  [ -n "$FRONT_PID" ] && kill -TERM "$FRONT_PID" 2>/dev/null || true
+  [ -n "$TASK_LISTEN_PID" ] && kill -TERM "$TASK_LISTEN_PID" 2>/dev/null || true
   [ -n "$REDIS_PID" ] && kill -TERM "$REDIS_PID" 2>/dev/null || true
   [ -n "$REDIS_PID" ] && wait "$REDIS_PID" 2>/dev/null || true
   rm -rf "$SYSROOT"
@@ -206,6 +211,63 @@ request RF_Root:ComputerSystem:DELETEQ DELETE /redfish/v1/Systems/3
 [ "$(status_of)" = OK_EMPTY ] || fail "delete not answered OK_EMPTY"
 note "Each request and its answer left one line in RF_Root.accesslog:"
 tail -n 4 "$RD/RF_Root.accesslog" | show
+
+# Tasks: a long action answered with a task monitor, through the development
+# front end and curl.
+step "7b. A long action runs as a task"
+[ -x "$FRONT" ] || fail "$FRONT is not built"
+command -v curl >/dev/null || fail "curl not found"
+printf 'admin:admin-pw:Administrator\n' >"$SYSROOT/users"
+"$FRONT" --users "$SYSROOT/users" --registries "$HERE/../tools/frontend/registries" --quiet \
+  >"$SYSROOT/frontend.out" 2>&1 &
+FRONT_PID=$!
+wait_for 10 grep -q "listening on http" "$SYSROOT/frontend.out" || fail "orbel-frontend did not start"
+URL="$(sed -n 's/^orbel-frontend: listening on \(http[^ ]*\) .*/\1/p' "$SYSROOT/frontend.out")"
+URL="${URL%/}"
+note "orbel-frontend (the development front end) serves the store on $URL."
+note "ComputerSystem runs its actions as tasks when they ask for one, so the front end"
+note "prepares a Task resource before it forwards an action (docs/wire-protocol.md, 9)."
+note "A listener on TASK_STATE_CHANGE shows what the task announces:"
+redis-cli -s "$SOCK" SUBSCRIBE TASK_STATE_CHANGE >"$SYSROOT/tasks.out" 2>&1 &
+TASK_LISTEN_PID=$!
+wait_for 5 grep -q subscribe "$SYSROOT/tasks.out" || fail "cannot listen on TASK_STATE_CHANGE"
+ACT="$URL/redfish/v1/Systems/1/Actions/Oem"
+note "\$ curl -i -u admin:admin-pw -X POST -d '{}' $ACT/Orbel.SimulatedFirmwareUpdate"
+curl -s -i -u admin:admin-pw -X POST -H 'Content-Type: application/json' -d '{}' \
+  "$ACT/Orbel.SimulatedFirmwareUpdate" >"$SYSROOT/task-post.out" || fail "curl failed"
+head -n 1 "$SYSROOT/task-post.out" | tr -d '\r' | show
+grep -q "^HTTP/1.1 202" "$SYSROOT/task-post.out" || fail "the action was not answered 202"
+MONITOR="$(sed -n 's/^Location: \([^\r]*\)\r*$/\1/p' "$SYSROOT/task-post.out")"
+note "Location: $MONITOR   (the task monitor; the work goes on on the task's thread)"
+sleep 0.6
+note "\$ curl -u admin:admin-pw $URL$MONITOR     (while it runs)"
+curl -s -i -u admin:admin-pw "$URL$MONITOR" >"$SYSROOT/task-get.out"
+head -n 1 "$SYSROOT/task-get.out" | tr -d '\r' | show
+tail -n 1 "$SYSROOT/task-get.out" | grep -o '"PercentComplete":[0-9]*\|"TaskState":"[A-Za-z]*"' | show
+wait_for 15 sh -c "curl -s -u admin:admin-pw '$URL$MONITOR' | grep -q '\"TaskState\":\"Completed\"'" ||
+  fail "the task did not complete"
+note "The announcements on TASK_STATE_CHANGE (request key, percent, state, status,"
+note "and the change key the front end removes once it has taken the change):"
+grep -E "^Corvel:Req" "$SYSROOT/tasks.out" | show
+note "\$ curl -u admin:admin-pw $URL$MONITOR     (done: the Task with its messages)"
+curl -s -u admin:admin-pw "$URL$MONITOR" | python3 -c '
+import json, sys
+doc = json.load(sys.stdin)
+print("TaskState %s, TaskStatus %s, PercentComplete %s" % (doc["TaskState"], doc["TaskStatus"], doc["PercentComplete"]))
+for m in doc["Messages"]:
+    print("%s: %s" % (m["MessageId"], m.get("Message", "")))' | show
+note "A task whose work fails ends in Exception, with the reason in its answer:"
+curl -s -i -u admin:admin-pw -X POST -H 'Content-Type: application/json' -d '{}' \
+  "$ACT/Orbel.FailingSelfTest" >"$SYSROOT/task-post.out"
+MONITOR="$(sed -n 's/^Location: \([^\r]*\)\r*$/\1/p' "$SYSROOT/task-post.out")"
+wait_for 15 sh -c "curl -s -u admin:admin-pw '$URL$MONITOR' | grep -q '\"TaskState\":\"Exception\"'" ||
+  fail "the failing task did not end in Exception"
+curl -s -u admin:admin-pw "$URL$MONITOR" |
+  grep -o '"TaskState":"[A-Za-z]*"\|"TaskStatus":"[A-Za-z]*"\|"TaskEvent.1.0.TaskAborted"' | show
+kill -TERM "$TASK_LISTEN_PID" "$FRONT_PID" 2>/dev/null || true
+wait "$FRONT_PID" 2>/dev/null || true
+FRONT_PID=""
+"$SIM" vex set nginx_redfish_ready true >/dev/null  # the front end cleared it on exit
 
 step "8. Diagnostics through the debug-info variable"
 note "\$ orbel-sim vex set RF_Root_dbg_Info ru     (resource usage; '?' lists the requests)"
