@@ -1,0 +1,319 @@
+// OrbelTestKit: the private store, the plug-in and the front end of a test,
+// and its HTTP requests.
+#include "OrbelTestKit.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <hiredis/hiredis.h>
+#include <httplib.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "ZApplication.h"
+
+namespace fs = std::filesystem;
+
+namespace OrbelTestKit {
+
+namespace {
+
+constexpr int kPollMs = 50;
+
+std::string ReadAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+// Polls `ready` every 50 ms for up to `ms`.
+template <class F>
+bool WaitUntil(int ms, F ready) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (!ready()) {
+        if (std::chrono::steady_clock::now() >= until) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(kPollMs));
+    }
+    return true;
+}
+
+bool StoreAnswers(const std::string& socket) {
+    redisContext* c = redisConnectUnix(socket.c_str());
+    bool ok = false;
+    if (c != nullptr && c->err == 0) {
+        auto* r = static_cast<redisReply*>(redisCommand(c, "PING"));
+        ok = r != nullptr && r->type == REDIS_REPLY_STATUS;
+        if (r != nullptr) freeReplyObject(r);
+    }
+    if (c != nullptr) redisFree(c);
+    return ok;
+}
+
+// The directory of the installed kit library: its programs and data lie
+// beside it, one or two levels up (lib/ or lib/<multiarch>/).
+std::string KitLibDir() {
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<void*>(&KitLibDir), &info) == 0 || info.dli_fname == nullptr) {
+        return std::string();
+    }
+    return fs::path(info.dli_fname).parent_path().string();
+}
+
+std::string FindBeside(const char* envName, const std::string& relative) {
+    const char* forced = getenv(envName);
+    if (forced != nullptr && *forced != '\0') return forced;
+    const std::string lib = KitLibDir();
+    for (const char* up : {"/..", "/../.."}) {
+        const fs::path candidate = fs::path(lib + up) / relative;
+        std::error_code ec;
+        if (fs::exists(candidate, ec)) return fs::weakly_canonical(candidate, ec).string();
+    }
+    return std::string();
+}
+
+}  // namespace
+
+std::string sResponse::Header(const std::string& name) const {
+    auto it = headers.find(name);
+    return it != headers.end() ? it->second : std::string();
+}
+
+Service::Service(sConfig config) : mConfig(std::move(config)) {
+    if (mConfig.appName.empty()) mConfig.appName = fs::path(mConfig.pluginPath).filename().string();
+    if (mConfig.env.count("PLATFLAGS") == 0) mConfig.env["PLATFLAGS"] = "0x0";
+}
+
+Service::~Service() {
+    Stop();
+}
+
+std::string Service::Output(const std::string& child) const {
+    const sChild& c = child == "redis" ? mRedis : child == "plugin" ? mPlugin : mFront;
+    return c.out.empty() ? std::string() : ReadAll(c.out);
+}
+
+bool Service::_Spawn(sChild& child, const std::vector<std::string>& argv,
+                     const std::map<std::string, std::string>& env, const std::string& name) {
+    child.out = mSysroot + "/" + name + ".out";
+    // Everything the child needs is made before fork: after it, in a process
+    // with threads, only async-signal-safe calls are allowed.
+    std::map<std::string, std::string> all;
+    for (char** e = environ; *e != nullptr; ++e) {
+        const char* eq = strchr(*e, '=');
+        if (eq != nullptr) all[std::string(*e, static_cast<size_t>(eq - *e))] = eq + 1;
+    }
+    for (const auto& kv : env) all[kv.first] = kv.second;
+    std::vector<std::string> envText;
+    for (const auto& kv : all) envText.push_back(kv.first + "=" + kv.second);
+    std::vector<char*> envp, args;
+    for (std::string& s : envText) envp.push_back(&s[0]);
+    envp.push_back(nullptr);
+    std::vector<std::string> argText = argv;
+    for (std::string& s : argText) args.push_back(&s[0]);
+    args.push_back(nullptr);
+    const int fd = open(child.out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    child.pid = fork();
+    if (child.pid == 0) {
+        dup2(fd, 1);
+        dup2(fd, 2);
+        execvpe(args[0], args.data(), envp.data());
+        _exit(127);
+    }
+    close(fd);
+    return child.pid > 0;
+}
+
+int Service::_Reap(sChild& child, int timeoutMs) {
+    if (child.pid <= 0) return 0;
+    int status = 0;
+    const bool ended = WaitUntil(timeoutMs, [&child, &status]() {
+        return waitpid(child.pid, &status, WNOHANG) == child.pid;
+    });
+    if (!ended) {
+        kill(child.pid, SIGKILL);
+        waitpid(child.pid, &status, 0);
+        child.pid = -1;
+        return -1;
+    }
+    child.pid = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool Service::Start(std::string* why) {
+    auto fail = [this, why](const std::string& text) {
+        if (why != nullptr) {
+            *why = text + "\n--- plug-in:\n" + Output("plugin") + "\n--- front end:\n" +
+                   Output("frontend") + "\n--- redis:\n" + Output("redis");
+        }
+        Stop();
+        return false;
+    };
+    if (mStarted) return true;
+    char dir[] = "/tmp/orbel-kit-XXXXXX";
+    if (mkdtemp(dir) == nullptr) return fail("cannot make a sysroot");
+    mSysroot = dir;
+    mStarted = true;
+    setenv("ORBEL_SYSROOT", mSysroot.c_str(), 1);
+    std::error_code ec;
+    fs::create_directories(mSysroot + "/tmp/Redfish", ec);
+    const std::string templates = mSysroot + "/var/PellPlugin/UserInputTemplate";
+    fs::create_directories(templates, ec);
+    if (!mConfig.templateDir.empty()) {
+        for (const auto& entry : fs::directory_iterator(mConfig.templateDir, ec)) {
+            if (entry.path().extension() == ".dat") {
+                fs::copy_file(entry.path(), templates + "/" + entry.path().filename().string(),
+                              fs::copy_options::overwrite_existing, ec);
+            }
+        }
+    }
+
+    // The store.
+    if (!_Spawn(mRedis,
+                {"redis-server", "--port", "0", "--unixsocket", SocketPath(), "--unixsocketperm",
+                 "700", "--save", "", "--appendonly", "no", "--dir", mSysroot},
+                {}, "redis")) {
+        return fail("cannot start redis-server");
+    }
+    if (!WaitUntil(mConfig.timeoutMs, [this]() { return StoreAnswers(SocketPath()); })) {
+        return fail("redis-server does not answer");
+    }
+
+    // The plug-in.
+    std::map<std::string, std::string> env = mConfig.env;
+    env["ORBEL_SYSROOT"] = mSysroot;
+    if (mConfig.pluginMain) {
+        for (const auto& kv : env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+        std::vector<std::string> args = {mConfig.appName};
+        args.insert(args.end(), mConfig.pluginArgs.begin(), mConfig.pluginArgs.end());
+        mInProcess = std::thread([this, args]() mutable {
+            std::vector<char*> argv;
+            for (std::string& a : args) argv.push_back(&a[0]);
+            argv.push_back(nullptr);
+            mInProcessResult = mConfig.pluginMain(static_cast<int>(args.size()), argv.data());
+        });
+    } else {
+        std::vector<std::string> argv = {mConfig.pluginPath};
+        argv.insert(argv.end(), mConfig.pluginArgs.begin(), mConfig.pluginArgs.end());
+        if (!_Spawn(mPlugin, argv, env, "plugin")) return fail("cannot start " + mConfig.pluginPath);
+    }
+
+    // The front end, which reports itself ready to the plug-in.
+    const std::string front = FindBeside("ORBEL_TESTKIT_FRONTEND", "bin/orbel-frontend");
+    const std::string registries =
+        FindBeside("ORBEL_TESTKIT_REGISTRIES", "share/PellCommon_Orbel/registries");
+    if (front.empty()) return fail("orbel-frontend not found (set ORBEL_TESTKIT_FRONTEND)");
+    const std::string users = mSysroot + "/frontend-users";
+    {
+        std::ofstream file(users);
+        for (const sUser& u : mConfig.users) file << u.name << ':' << u.password << ':' << u.role << '\n';
+    }
+    std::vector<std::string> argv = {front, "--users", users, "--port", "0", "--quiet"};
+    if (!registries.empty()) argv.insert(argv.end(), {"--registries", registries});
+    if (!_Spawn(mFront, argv, {{"ORBEL_SYSROOT", mSysroot}}, "frontend")) {
+        return fail("cannot start orbel-frontend");
+    }
+    const std::string mark = "listening on http://127.0.0.1:";
+    if (!WaitUntil(mConfig.timeoutMs, [this, &mark]() {
+            return Output("frontend").find(mark) != std::string::npos;
+        })) {
+        return fail("orbel-frontend did not start listening");
+    }
+    const std::string out = Output("frontend");
+    mPort = atoi(out.c_str() + out.find(mark) + mark.size());
+    mHost = "127.0.0.1";
+    mUrl = "http://127.0.0.1:" + std::to_string(mPort);
+
+    const std::string readyFile = mSysroot + "/tmp/Redfish/" + mConfig.appName + ".run";
+    if (!WaitUntil(mConfig.timeoutMs, [&readyFile]() { return fs::exists(readyFile); })) {
+        return fail("the plug-in did not become ready (no " + readyFile + ")");
+    }
+    return true;
+}
+
+int Service::Stop() {
+    if (!mStarted) return 0;
+    mStarted = false;
+    if (mFront.pid > 0) kill(mFront.pid, SIGTERM);
+    _Reap(mFront, mConfig.timeoutMs);
+    int result = 0;
+    if (mInProcess.joinable()) {
+        // Exec returns once told to exit; it may still be starting up.
+        WaitUntil(mConfig.timeoutMs, []() { return Orbel::zApp != nullptr; });
+        if (Orbel::zApp != nullptr) Orbel::zApp->Exit();
+        mInProcess.join();
+        result = mInProcessResult;
+    } else {
+        if (mPlugin.pid > 0) kill(mPlugin.pid, SIGTERM);
+        result = _Reap(mPlugin, mConfig.timeoutMs);
+    }
+    if (mRedis.pid > 0) kill(mRedis.pid, SIGTERM);
+    _Reap(mRedis, mConfig.timeoutMs);
+    std::error_code ec;
+    if (!mSysroot.empty()) fs::remove_all(mSysroot, ec);
+    return result;
+}
+
+sResponse Service::_Send(const std::string& method, const std::string& path,
+                         const std::string& body, const std::string& user) {
+    sResponse r;
+    if (mPort == 0) return r;
+    httplib::Client client(mHost, mPort);
+    const int seconds = mConfig.timeoutMs / 1000 + 1;
+    client.set_read_timeout(seconds, 0);
+    client.set_write_timeout(seconds, 0);
+    for (const sUser& u : mConfig.users) {
+        if (u.name == user) client.set_basic_auth(u.name, u.password);
+    }
+    const char* type = "application/json";
+    httplib::Result res = method == "GET"     ? client.Get(path)
+                          : method == "PATCH" ? client.Patch(path, body, type)
+                          : method == "POST"  ? client.Post(path, body, type)
+                                              : client.Delete(path);
+    if (!res) return r;
+    r.status = res->status;
+    for (const auto& h : res->headers) r.headers[h.first] = h.second;
+    r.text = res->body;
+    r.body = nlohmann::json::parse(r.text, nullptr, false);
+    if (r.body.is_discarded()) r.body = nullptr;
+    return r;
+}
+
+sResponse Service::Get(const std::string& path, const std::string& user) {
+    return _Send("GET", path, std::string(), user);
+}
+sResponse Service::Patch(const std::string& path, const nlohmann::json& body,
+                         const std::string& user) {
+    return _Send("PATCH", path, body.dump(), user);
+}
+sResponse Service::Post(const std::string& path, const nlohmann::json& body,
+                        const std::string& user) {
+    return _Send("POST", path, body.dump(), user);
+}
+sResponse Service::Delete(const std::string& path, const std::string& user) {
+    return _Send("DELETE", path, std::string(), user);
+}
+sResponse Service::Action(const std::string& resource, const std::string& action,
+                          const nlohmann::json& params, const std::string& user) {
+    return Post(resource + "/Actions/" + action, params, user);
+}
+
+sResponse Service::WaitTask(const std::string& monitor, const std::string& user) {
+    sResponse r = Get(monitor, user);
+    WaitUntil(mConfig.timeoutMs, [&]() {
+        if (r.status != 202) return true;
+        r = Get(monitor, user);
+        return r.status != 202;
+    });
+    return r;
+}
+
+}  // namespace OrbelTestKit
