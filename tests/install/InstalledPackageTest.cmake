@@ -127,6 +127,21 @@ if(NOT STEP_OUTPUT MATCHES "consumer: all checks passed")
   message(FATAL_ERROR "InstalledPackageTest: consumer output: ${STEP_OUTPUT}")
 endif()
 
+# --- the test kit: a plug-in's test against the installed kit and front end
+if(EXISTS "${PREFIX}/bin/orbel-frontend")
+  if(NOT EXISTS "${CMAKE_CONSUMER}/kit_test")
+    message(FATAL_ERROR "InstalledPackageTest: the package has orbel-frontend but the "
+                        "consumer found no OrbelTestKit to build kit_test with")
+  endif()
+  # No override: the kit must find the installed front end and registries
+  # beside itself.
+  run_step(kit-test "${CMAKE_COMMAND}" -E env --unset=LD_LIBRARY_PATH
+    --unset=ORBEL_TESTKIT_FRONTEND --unset=ORBEL_TESTKIT_REGISTRIES "${CMAKE_CONSUMER}/kit_test")
+  if(NOT STEP_OUTPUT MATCHES "PASSED  \] 1 test")
+    message(FATAL_ERROR "InstalledPackageTest: kit_test output: ${STEP_OUTPUT}")
+  endif()
+endif()
+
 # --- pkg-config ----------------------------------------------------------
 set(ENV{PKG_CONFIG_PATH} "${LIBDIR}/pkgconfig")
 run_step(pkg-config pkg-config --cflags --libs PellCommon_Orbel)
