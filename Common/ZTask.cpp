@@ -25,6 +25,7 @@ const char kMappingKey[] = "TaskMonitorAndResourceMapping";
 
 constexpr unsigned kQuitTries = 100;
 constexpr unsigned kQuitWaitMs = 100;
+constexpr unsigned kReadGraceMs = 100;
 
 // A URL the task can build keys and link texts from: a Redfish URI of
 // printable ASCII with none of the characters that break a link text or a
@@ -219,6 +220,13 @@ void ZTask::_RemoveReadQueue() {
 }
 
 void ZTask::Destory() {
+    if (mStarted) {
+        // Reads go to the store from now on. One that a front end routed by
+        // the list a moment ago is still answered: the thread serves on for
+        // a short grace before it is told to quit.
+        _RemoveReadQueue();
+        if (mReadThread.joinable()) MyMSleep(kReadGraceMs);
+    }
     if (mReadThread.joinable()) {
         mReadStop.store(true);
         // QUIT ends a listening read thread, the flag one that is between
@@ -231,7 +239,6 @@ void ZTask::Destory() {
         }
         mReadThread.join();
     }
-    if (mStarted) _RemoveReadQueue();
     {
         std::lock_guard<std::mutex> lock(mTaskListMutex);
         auto it = mTaskList.find(mReqKey);

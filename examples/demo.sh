@@ -212,11 +212,10 @@ request RF_Root:ComputerSystem:DELETEQ DELETE /redfish/v1/Systems/3
 note "Each request and its answer left one line in RF_Root.accesslog:"
 tail -n 4 "$RD/RF_Root.accesslog" | show
 
-# Tasks: a long action answered with a task monitor, through the development
-# front end and curl.
-step "7b. A long action runs as a task"
+step "7b. The same through the development front end: curl and redfishtool over HTTP"
 [ -x "$FRONT" ] || fail "$FRONT is not built"
 command -v curl >/dev/null || fail "curl not found"
+command -v redfishtool >/dev/null || fail "redfishtool not found"
 printf 'admin:admin-pw:Administrator\n' >"$SYSROOT/users"
 "$FRONT" --users "$SYSROOT/users" --registries "$HERE/../tools/frontend/registries" --quiet \
   >"$SYSROOT/frontend.out" 2>&1 &
@@ -224,7 +223,65 @@ FRONT_PID=$!
 wait_for 10 grep -q "listening on http" "$SYSROOT/frontend.out" || fail "orbel-frontend did not start"
 URL="$(sed -n 's/^orbel-frontend: listening on \(http[^ ]*\) .*/\1/p' "$SYSROOT/frontend.out")"
 URL="${URL%/}"
-note "orbel-frontend (the development front end) serves the store on $URL."
+note "orbel-frontend (the development front end, 127.0.0.1 only) turns HTTP requests"
+note "into the request hashes above and the answers into HTTP: $URL"
+# Prints the named members of the JSON document on standard input (an error
+# answer: its first message), one per line.
+members() {
+  python3 -c '
+import json, sys
+names = sys.argv[1:]
+text = sys.stdin.read()
+if not text.strip():
+    sys.exit(0)
+doc = json.loads(text)
+if "error" in doc:
+    m = doc["error"]["@Message.ExtendedInfo"][0]
+    print("%s: %s" % (m["MessageId"], m.get("Message", "")))
+for n in names:
+    if n in doc:
+        print("%s: %s" % (n, json.dumps(doc[n])))' "$@"
+}
+# web METHOD PATH BODY [MEMBER]...: one curl request as admin; shows the status
+# line and the named members of the answer; WEB_STATUS keeps the code.
+web() {
+  local method="$1" path="$2" body="$3"; shift 3
+  note "\$ curl -u admin:admin-pw -X $method $URL$path ${body:+-d '$body'}"
+  local args=(-s -i -u admin:admin-pw -X "$method")
+  [ -z "$body" ] || args+=(-H 'Content-Type: application/json' -d "$body")
+  curl "${args[@]}" "$URL$path" >"$SYSROOT/web.out" || fail "curl failed"
+  WEB_STATUS="$(head -n 1 "$SYSROOT/web.out" | cut -d' ' -f2)"
+  head -n 1 "$SYSROOT/web.out" | tr -d '\r' | show
+  sed -n '/^\r$/,$p' "$SYSROOT/web.out" | tail -n +2 | members "$@" | show
+}
+# rft ARG... -- MEMBER...: redfishtool as admin; shows the named members.
+rft() {
+  local args=()
+  while [ "$#" -gt 0 ] && [ "$1" != -- ]; do args+=("$1"); shift; done
+  [ "$#" -eq 0 ] || shift
+  note "\$ redfishtool -r ${URL#http://} -u admin -p admin-pw ${args[*]}"
+  redfishtool -r "${URL#http://}" -S Never -u admin -p admin-pw "${args[@]}" >"$SYSROOT/rft.out" 2>&1 ||
+    { cat "$SYSROOT/rft.out" >&2; fail "redfishtool ${args[*]} failed"; }
+  members "$@" <"$SYSROOT/rft.out" | show
+}
+rft raw GET /redfish/v1/Systems/2 -- Id SerialNumber AssetTag PowerState
+web PATCH /redfish/v1/Systems/2 '{"AssetTag":"Rack 4"}' AssetTag
+[ "$WEB_STATUS" = 200 ] || fail "the PATCH was not accepted"
+note "A read-only property is refused by the template, with a Base message:"
+web PATCH /redfish/v1/Systems/2 '{"PowerState":"Off"}'
+[ "$WEB_STATUS" = 400 ] || fail "a read-only property was not refused"
+web POST /redfish/v1/Systems '{"AssetTag":"Web VM"}' '@odata.id' AssetTag
+[ "$WEB_STATUS" = 201 ] || fail "the POST did not create a member"
+NEW="$(sed -n 's/^Location: \([^\r]*\)\r*$/\1/p' "$SYSROOT/web.out")"
+web DELETE "$NEW" ''
+[ "$WEB_STATUS" = 204 ] || fail "the DELETE was not answered 204"
+note "redfishtool finds the reset action in the system and posts to it:"
+rft Systems -I 2 reset ForceOff
+rft raw GET /redfish/v1/Systems/2 -- PowerState
+grep -q '"PowerState": *"Off"' "$SYSROOT/rft.out" || fail "the reset did not land"
+
+# Tasks: a long action answered with a task monitor.
+step "7c. A long action runs as a task"
 note "ComputerSystem runs its actions as tasks when they ask for one, so the front end"
 note "prepares a Task resource before it forwards an action (docs/wire-protocol.md, 9)."
 note "A listener on TASK_STATE_CHANGE shows what the task announces:"

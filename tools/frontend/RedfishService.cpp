@@ -300,10 +300,11 @@ void RedfishService::_Write(sCall& call) {
     };
     if (call.req.has_header("Origin")) fields["&&Origin"] = call.req.get_header_value("Origin");
     if (fields["&&Privileges"].empty()) fields.erase("&&Privileges");
-    // A resource whose schema runs tasks may answer with one: the task is
-    // prepared before the request goes out, and dropped if unused.
+    // An action of a resource whose schema runs actions as tasks may be
+    // answered with one: the task is prepared before the request goes out,
+    // and dropped if unused.
     std::string task;
-    if (store.Field(resource, "&&Async") == "true") {
+    if (method == "POSTACTION" && store.Field(resource, "&&Async") == "true") {
         task = store.PrepareTask();
         if (!task.empty()) fields["&&Task"] = task;
     }
