@@ -305,10 +305,14 @@ eRtCode ZResource::UpdateTtlTable() {
     const std::string uri = GetJPath();
     if (uri.empty()) return RT_FAILURE;
     if (mTTL == 0) {
+        if (!mTtlFieldMayExist.load()) return RT_SUCCESS;
         eRtCode rt = RedisHashDel(nullptr, kTtlTable, uri.c_str());
-        return rt == RT_FIELD_MISSING ? RT_SUCCESS : rt;
+        if (rt == RT_FIELD_MISSING) rt = RT_SUCCESS;
+        if (rt == RT_SUCCESS) mTtlFieldMayExist.store(false);
+        return rt;
     }
     long long until = static_cast<long long>(time(nullptr)) + mTTL;
+    mTtlFieldMayExist.store(true);
     return RedisHashSet(nullptr, kTtlTable, uri.c_str(), std::to_string(until).c_str());
 }
 

@@ -15,6 +15,7 @@
 #ifndef ORBEL_ZRESOURCE_H
 #define ORBEL_ZRESOURCE_H
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -140,6 +141,10 @@ private:
     int mLockDepth = 0;
 
     uint16_t mTTL = 0;
+    // False once the store is known to hold no "&&TTL" field of this
+    // resource: a read of a resource without a time-to-live then costs no
+    // HDEL. True until then (a field may be left from an earlier run).
+    std::atomic<bool> mTtlFieldMayExist{true};
     void* mPrivateData = nullptr;
     RecyclePrivDataCallback_t mRecyclePrivData = nullptr;
     uint32_t mAllowMethods = 0;

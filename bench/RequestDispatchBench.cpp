@@ -51,6 +51,7 @@
 #include "ZResource.h"
 #include "ZResourceCollection.h"
 #include "ZSchema.h"
+#include "ZUserInputTemplate.h"
 #include "vex.h"
 
 using namespace Orbel;
@@ -261,6 +262,9 @@ class BenchSystems : public ZSchema {
 public:
     BenchSystems() : ZSchema("ComputerSystem", "v1_20_0", CRUDQ_ALL, "ComputerSystem") {
         AddActionCallback("ComputerSystem.Reset", ResetAction);
+        // Requests need a template; one without a file checks nothing, so
+        // the figures stay those of the dispatch itself.
+        AddUserInputTemplate("default", new ZUserInputTemplate(this, nullptr, false));
     }
     eRtCode PreCorvelReady_InitialResources() override {
         auto* coll = new ZResourceCollection(nullptr, this, "/redfish/v1/Systems");
