@@ -2,10 +2,13 @@
 // hash, in which order, and how it is announced (docs/wire-protocol.md,
 // "Requests").
 #include <algorithm>
+#include <string>
+#include <vector>
 
 #include "HTTP_MethodContext.h"
 #include "Orbel.h"
 #include "RedisCli.h"
+#include "ZJsonArray.h"
 #include "ZLogPrint.h"
 #include "ZObject.h"
 #include "ZResource.h"
@@ -30,7 +33,8 @@ void HTTP_MethodContext::_DropNotWritableNotes() {
     // Notes about read-only properties the client also sent belong to a
     // success; an error answer keeps them only when they are all it has.
     const size_t notes = GetExtendedInfoNum(RESP_Base_PropertyNotWritable);
-    if (notes != 0 && GetExtendedInfoNum() > notes) RemoveExtendedInfo(RESP_Base_PropertyNotWritable);
+    if (notes != 0 && GetExtendedInfoNum() > notes)
+        RemoveExtendedInfo(RESP_Base_PropertyNotWritable);
 }
 
 eRtCode HTTP_MethodContext::SendResponseToCorvel() {
@@ -42,13 +46,22 @@ eRtCode HTTP_MethodContext::SendResponseToCorvel() {
     if (mReqData->method == eReqAction && mReturnStatus <= HTTP_RT_OK_EMPTY &&
         mReturnStatus >= HTTP_RT_OK) {
         mReturnStatus = (mResponseData != nullptr || GetExtendedInfoNum() != 0) ? HTTP_RT_OK_RES
-                                                                              : HTTP_RT_OK_EMPTY;
+                                                                                : HTTP_RT_OK_EMPTY;
     }
-    HashSetLogged(c, key, "&&ReturnStatus", HttpRtStatusWord(mReturnStatus));
+    const char* status = HttpRtStatusWord(mReturnStatus);
+    // A plain answer (most reads and updates) writes nothing between its
+    // status and its lock: the status then goes out with the last round
+    // trip, in the same order.
+    const bool plain = GetExtendedInfoNum() == 0 &&
+                       (mExtInfosObj == nullptr || mExtInfosObj->GetPendingChangeNum() == 0) &&
+                       mReturnStatus != HTTP_RT_PROCESSING && mNewInstance == nullptr &&
+                       mResponseData == nullptr && mAdditionalReturnData.empty() &&
+                       mRequestDataFieldsToDelete.empty();
+    if (!plain) HashSetLogged(c, key, "&&ReturnStatus", status);
 
     // 2. The messages.
-    if (mReturnStatus > HTTP_RT_OK_EMPTY) _DropNotWritableNotes();
-    if (mExtInfosObj != nullptr) ApplyExtInfoToRedis();
+    if (!plain && mReturnStatus > HTTP_RT_OK_EMPTY) _DropNotWritableNotes();
+    if (!plain && mExtInfosObj != nullptr) ApplyExtInfoToRedis();
 
     // 3. Where the result is: the task monitor of a running task, or the new instance.
     if (mReturnStatus == HTTP_RT_PROCESSING) {
@@ -71,16 +84,41 @@ eRtCode HTTP_MethodContext::SendResponseToCorvel() {
         RedisHashDel(c, mReqData->requestDataKey.c_str(), field.c_str());
     }
 
-    // 7. The front end's lock on the resource, held until it has taken the answer.
+    // 7 and 8. The front end's lock on the resource, held until it has taken
+    // the answer, and the announcement, in one round trip: the lock key,
+    // the field naming it, the publication. Without the publication the
+    // front end never releases the lock.
     std::string lockKey;
+    std::vector<std::vector<std::string>> tail;
+    if (plain) tail.push_back({"HSET", key, "&&ReturnStatus", status});
+    const size_t lockAt = tail.size();
     if (mTargetSchema != nullptr && mTargetResource != nullptr) {
         ZResource* locked = mNewInstance != nullptr ? mNewInstance : mTargetResource;
-        lockKey = locked->CreateCorvelLockKey(c, mReqData->targetUri);
-        if (!lockKey.empty()) HashSetLogged(c, key, "&&ResourceLock", lockKey);
+        lockKey = locked->GetCorvelLockKey();
     }
-
-    // 8. The announcement. Without it the front end never releases the lock.
-    if (RedisPublishToChannel(c, mReqData->returnChannel, key) != RT_SUCCESS) {
+    if (!lockKey.empty()) {
+        tail.push_back({"SET", lockKey, mReqData->targetUri, "EX",
+                        std::to_string(ZResource::kCorvelLockKeySeconds)});
+        tail.push_back({"HSET", key, "&&ResourceLock", lockKey});
+    }
+    tail.push_back({"PUBLISH", mReqData->returnChannel, key});
+    std::vector<eRtCode> results;
+    RedisPipeline(c, tail, results);
+    if (plain && results[0] != RT_SUCCESS) {
+        ZLOG(eZLogError, "Failed to call RedisHashSet( %s %s %s ).\n", key.c_str(),
+             "&&ReturnStatus", status);
+    }
+    if (!lockKey.empty() && results[lockAt] != RT_SUCCESS) {
+        // No lock key, so the answer must not name one.
+        ZLOG(eZLogError, "Failed to call RedisSet( %s %s ).\n", lockKey.c_str(),
+             mReqData->targetUri.c_str());
+        RedisHashDel(c, key.c_str(), "&&ResourceLock");
+        lockKey.clear();
+    } else if (!lockKey.empty() && results[lockAt + 1] != RT_SUCCESS) {
+        ZLOG(eZLogError, "Failed to call RedisHashSet( %s %s %s ).\n", key.c_str(),
+             "&&ResourceLock", lockKey.c_str());
+    }
+    if (results.back() != RT_SUCCESS) {
         ZLOG(eZLogError, "Failed to call RedisPublishToChannel( %s, %s ).\n",
              mReqData->returnChannel.c_str(), key.c_str());
         if (!lockKey.empty() && RedisDelTable(c, lockKey.c_str()) != RT_SUCCESS) {

@@ -14,7 +14,6 @@
 // the object mirror and every request, so a success-path line would cost
 // more than the command itself.
 #include "RedisCli.h"
-#include "RedisCli_Internal.h"
 
 #include <signal.h>
 
@@ -26,6 +25,7 @@
 
 #include "FixedPaths.h"
 #include "Orbel.h"
+#include "RedisCli_Internal.h"
 #include "ZLogPrint.h"
 
 namespace Orbel {
@@ -40,15 +40,11 @@ thread_local redisContext* tScopedConn = nullptr;
 
 namespace cli {
 
-
-
 // The scoped connection while it can still carry commands; null otherwise.
 redisContext* UsableScopedConn() {
     redisContext* c = tScopedConn;
     return c != nullptr && c->err == 0 ? c : nullptr;
 }
-
-
 
 // A write on a connection whose server has gone raises SIGPIPE, and its
 // default action ends the process; a plug-in must outlive a restart of the
@@ -87,10 +83,6 @@ ReplyPtr TakeReply(redisContext* c, void* raw) {
     return reply;
 }
 
-
-
-
-
 // Appends "<n>" and the protocol's line end to `out` ("*3\r\n", "$5\r\n").
 char* PutCount(char* out, char mark, size_t n) {
     *out++ = mark;
@@ -100,7 +92,8 @@ char* PutCount(char* out, char mark, size_t n) {
     return out;
 }
 
-// Sends one command, given as an argument vector, and waits for its reply.
+// Queues one command, given as an argument vector, in the context's output
+// buffer (sent with the next reply read).
 //
 // The command is written in the protocol's own framing ("*<argc>", then
 // "$<len>" and the bytes of each argument) here, in one pass into a buffer
@@ -108,11 +101,11 @@ char* PutCount(char* out, char mark, size_t n) {
 // hiredis's own argument-vector call writes; building them through its
 // general formatter cost about as many client instructions as the whole
 // rest of a round trip, which is what the controller's CPU feels.
-ReplyPtr SendArgv(redisContext* c, size_t argc, const char* const* argv, const size_t* argvLen) {
+bool AppendArgv(redisContext* c, size_t argc, const char* const* argv, const size_t* argvLen) {
     KeepSigPipeFromEndingTheProcess();
     // A context of the caller's that does not block would return before the
     // reply; hiredis's own call gives no reply then either.
-    if ((c->flags & REDIS_BLOCK) == 0) return ReplyPtr();
+    if ((c->flags & REDIS_BLOCK) == 0) return false;
     constexpr size_t kFrame = 1 + 20 + 2;  // "*" or "$", a count, "\r\n"
     size_t total = kFrame;
     for (size_t i = 0; i < argc; ++i) total += kFrame + argvLen[i] + 2;
@@ -121,7 +114,7 @@ ReplyPtr SendArgv(redisContext* c, size_t argc, const char* const* argv, const s
     char* buf = stackBuf;
     if (total > sizeof(stackBuf)) {
         heapBuf.reset(new (std::nothrow) char[total]);
-        if (!heapBuf) return ReplyPtr();
+        if (!heapBuf) return false;
         buf = heapBuf.get();
     }
     char* out = PutCount(buf, '*', argc);
@@ -132,15 +125,23 @@ ReplyPtr SendArgv(redisContext* c, size_t argc, const char* const* argv, const s
         *out++ = '\r';
         *out++ = '\n';
     }
-    if (redisAppendFormattedCommand(c, buf, static_cast<size_t>(out - buf)) != REDIS_OK) {
-        return ReplyPtr();
-    }
+    return redisAppendFormattedCommand(c, buf, static_cast<size_t>(out - buf)) == REDIS_OK;
+}
+
+// Reads the next reply (sending what is queued first).
+ReplyPtr ReadReply(redisContext* c) {
     void* raw = nullptr;
     if (redisGetReply(c, &raw) != REDIS_OK) {
         if (raw != nullptr) freeReplyObject(raw);
         raw = nullptr;
     }
     return TakeReply(c, raw);
+}
+
+// Sends one command and waits for its reply.
+ReplyPtr SendArgv(redisContext* c, size_t argc, const char* const* argv, const size_t* argvLen) {
+    if (!AppendArgv(c, argc, argv, argvLen)) return ReplyPtr();
+    return ReadReply(c);
 }
 
 ReplyPtr Command(redisContext* c, std::initializer_list<Arg> args) {
@@ -161,8 +162,6 @@ ReplyPtr CommandArgv(redisContext* c, std::vector<const char*>& argv,
                      const std::vector<size_t>& argvLen) {
     return SendArgv(c, argv.size(), argv.data(), argvLen.data());
 }
-
-
 
 bool IsStatus(const redisReply* r, const char* text) {
     return r->type == REDIS_REPLY_STATUS && r->str != nullptr && std::strcmp(r->str, text) == 0;
@@ -482,6 +481,43 @@ redisContext* RedisSubscribeFromChannel(std::string channel) {
         return nullptr;
     }
     return c;
+}
+
+eRtCode RedisPipeline(redisContext* c, const std::vector<std::vector<std::string>>& commands,
+                      std::vector<eRtCode>& results) {
+    results.assign(commands.size(), RT_FAILURE);
+    RedisCallConnection ctx(c);
+    ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
+    std::vector<const char*> argv;
+    std::vector<size_t> lens;
+    for (size_t queued = 0; queued < commands.size(); ++queued) {
+        const std::vector<std::string>& command = commands[queued];
+        argv.clear();
+        lens.clear();
+        for (const std::string& a : command) {
+            argv.push_back(a.data());
+            lens.push_back(a.size());
+        }
+        if (!AppendArgv(ctx.get(), argv.size(), argv.data(), lens.data())) {
+            ZLOG(eZLogError, "Failed to queue %u commands.\n",
+                 static_cast<unsigned>(commands.size()));
+            // What was queued goes out now, so that no later call of the
+            // connection reads these replies as its own.
+            for (size_t i = 0; i < queued; ++i)
+                results[i] = ReadReply(ctx.get()) ? RT_SUCCESS : RT_FAILURE;
+            return RT_FAILURE;
+        }
+    }
+    for (size_t i = 0; i < commands.size(); ++i) {
+        ReplyPtr reply = ReadReply(ctx.get());
+        if (!reply) {
+            ZLOG(eZLogError, "Command[%s] reply is NULL.\n",
+                 commands[i].empty() ? "" : commands[i][0].c_str());
+            return RT_FAILURE;
+        }
+        results[i] = reply->type == REDIS_REPLY_ERROR ? RT_FAILURE : RT_SUCCESS;
+    }
+    return RT_SUCCESS;
 }
 
 eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string message,

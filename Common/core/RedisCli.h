@@ -122,6 +122,12 @@ void RedisDumpReply(const char* cmd, redisReply* reply);
 // that context (the caller reads messages with redisGetReply and closes it),
 // or null.
 redisContext* RedisSubscribeFromChannel(std::string channel);
+// Sends `commands` (each an argument vector) in one round trip and reads a
+// reply for each, in order. `results[i]` is 0 when command i got a reply
+// that is not an error, else 2; the call returns 0 when every reply was
+// read, 2 when the connection failed (the commands left have 2).
+eRtCode RedisPipeline(redisContext* c, const std::vector<std::vector<std::string>>& commands,
+                      std::vector<eRtCode>& results);
 // `receivers`, when given, gets the number of subscribers that got it.
 eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string message,
                               int64_t* receivers = nullptr);

@@ -115,6 +115,8 @@ void NoOpSigPipeHandler(int);
 void KeepSigPipeFromEndingTheProcess();
 ReplyPtr TakeReply(redisContext* c, void* raw);
 char* PutCount(char* out, char mark, size_t n);
+bool AppendArgv(redisContext* c, size_t argc, const char* const* argv, const size_t* argvLen);
+ReplyPtr ReadReply(redisContext* c);
 ReplyPtr SendArgv(redisContext* c, size_t argc, const char* const* argv, const size_t* argvLen);
 ReplyPtr Command(redisContext* c, std::initializer_list<Arg> args);
 ReplyPtr CommandArgv(redisContext* c, std::vector<const char*>& argv,
