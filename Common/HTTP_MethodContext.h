@@ -208,10 +208,6 @@ public:
     // start, the answer is "EXCEPTION" with "Base.1.12.InternalError" and no
     // task is left. Returns 0 when the task runs.
     eRtCode CreateTask(eRtCode (*run)(ZTask*), void* arg, bool autoRecycle = true);
-    // True once CreateTask has started a task for this request. (The task
-    // itself belongs to its work thread from then on; the work function
-    // receives it.)
-    bool HasTask() const { return mTaskStarted; }
 
     // Writes the answer into the request hash and publishes it (see
     // HTTP_MethodContext_Response.cpp for the order). Called once, by the

@@ -179,11 +179,11 @@ ZApplication::~ZApplication() {
     // Tasks use the nodes and schemas freed below. Exec stopped them
     // already; an application that never ran Exec stops them here.
     ZTask::StopAllTasks(ZTask::GetExitWaitMs());
-    if (ZTask::GetRunningTaskNum() != 0) {
+    if (const size_t running = ZTask::GetRunningTaskNum()) {
         // Freeing what a running work function uses would crash it; the
         // process is ending, so the memory is left to it instead.
         ZLOG(eZLogError, "%u task(s) still running: the schemas and nodes are not freed.\n",
-             static_cast<unsigned>(ZTask::GetRunningTaskNum()));
+             static_cast<unsigned>(running));
     } else {
         // Every node goes before the schemas that own the resources, while
         // zApp still designates this object.

@@ -196,7 +196,7 @@ size_t ZTask::GetRunningTaskNum() {
 // The end
 // ---------------------------------------------------------------------------
 
-void ZTask::_WriteTaskLinks(bool withReadQueue) {
+void ZTask::_WriteTaskLinks() {
     // The task resource belongs to the front end; the task adds the links
     // that make its messages and Oem part of the resource's document, and
     // the read queue that sends reads of the monitor to the read thread.
@@ -204,7 +204,6 @@ void ZTask::_WriteTaskLinks(bool withReadQueue) {
     const char* url = mTaskURL.c_str();
     RedisHashSet(c, url, ("&&Array Messages " + GetTaskMsgsJPath()).c_str(), "");
     RedisHashSet(c, url, ("&&Object Oem " + mOemObj->GetJPath()).c_str(), "");
-    if (!withReadQueue) return;
     const std::string queue = "&&" + mTaskURL + "/GETQ";
     RedisDelTable(c, queue.c_str());
     RedisListPushBack(c, queue.c_str(), mChannel.c_str());

@@ -208,7 +208,7 @@ private:
     eRtCode _publishToTask(const std::string& text, int64_t* receivers = nullptr);
     std::string _ChangeKey() const;
     void _WaitChangeTaken(const std::string& changeKey);
-    void _WriteTaskLinks(bool withReadQueue);
+    void _WriteTaskLinks();
     void _RemoveReadQueue();
     void _FinishRequest(eRtCode workResult, bool threw);
     void _ReadLoop();

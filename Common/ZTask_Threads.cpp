@@ -44,7 +44,7 @@ eRtCode ZTask::RunTask() {
         return RT_FAILURE;
     }
     mStarted = true;
-    _WriteTaskLinks(true);
+    _WriteTaskLinks();
     try {
         mReadThread = std::thread(ReadDispatcher, this);
     } catch (const std::exception& e) {
