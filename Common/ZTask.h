@@ -248,6 +248,9 @@ private:
 
     std::mutex mChangeMutex;  // serialises ApplyTaskChange
     std::atomic<bool> mWorkRunning{false};
+    // Set once the final change is published and taken: from then on the
+    // read thread answers the finished task.
+    std::atomic<bool> mFinalTaken{false};
 
     static std::mutex mTaskListMutex;  // guards the three below
     static std::map<std::string, ZTask*> mTaskList;

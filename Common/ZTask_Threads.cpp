@@ -159,6 +159,9 @@ void ZTask::_FinishRequest(eRtCode workResult, bool threw) {
              word.c_str());
     }
     ApplyTaskChange(true);
+    // Only now may a read of the monitor answer the finished task: the front
+    // end has taken the final state into the Task resource.
+    mFinalTaken.store(true);
 }
 
 // ---------------------------------------------------------------------------
@@ -228,7 +231,7 @@ void ZTask::_ServeRead(redisContext* c, const std::string& key) {
     }
     // The monitor answers "PROCESSING" (202) while the work goes on, then
     // the finished task's document.
-    const char* word = IsFinalTaskState(GetTaskState()) ? "OK" : "PROCESSING";
+    const char* word = mFinalTaken.load() ? "OK" : "PROCESSING";
     RedisHashSet(c, key.c_str(), "&&ReturnStatus", word);
     RedisHashSet(c, key.c_str(), "&&Location", mTaskURL.c_str());
     if (RedisPublishToChannel(c, req.returnChannel, key) != RT_SUCCESS) {

@@ -199,6 +199,30 @@ TEST_F(TaskTest, ProgressMonitorReadsAndTheFinalAnswer) {
     EXPECT_EQ(ZTask::GetTaskNum(), 0u);
 }
 
+// The monitor's first final answer finds the final state in the Task.
+TEST_F(TaskTest, AnswersNeverRunAheadOfTheTaskDocument) {
+    gWork = kShort;
+    FrontEnd fe;
+    for (int i = 0; i < 15; ++i) {
+        SCOPED_TRACE(i);
+        std::string url;
+        const FrontEnd::Answer a = SendAction(fe, &url);
+        ASSERT_EQ(a.status, "PROCESSING");
+        // Polled as fast as it answers until it says the task is done.
+        const std::string channel = "RF_Test:Task:" + a.key;
+        for (;;) {
+            const FrontEnd::Answer read =
+                fe.Send(channel, fe.RequestFields("GET", url, false), nullptr, 300);
+            if (!read.answered) break;  // the read thread is gone
+            if (read.status == "PROCESSING") continue;
+            ASSERT_EQ(read.status, "OK");
+            EXPECT_EQ(HGetAll(url)["TaskState"], "\"Completed\"");
+            break;
+        }
+        ASSERT_TRUE(mFollower->Wait(a.key, 10000).done);
+    }
+}
+
 TEST_F(TaskTest, FailingWorkAnswersFailOrException) {
     struct {
         eWork work;

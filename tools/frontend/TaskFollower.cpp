@@ -179,28 +179,35 @@ void TaskFollower::_Apply(redisContext* c, const std::string& text) {
 
     Reply url = Cmd(c, {"HGET", kMapping, key});
     const std::string task = url && url->type == REDIS_REPLY_STRING ? url->str : "";
-    if (!task.empty()) {
-        if (percent != "null") Cmd(c, {"HSET", task, "PercentComplete", percent});
-        if (state != "null") Cmd(c, {"HSET", task, "TaskState", Quoted(state)});
-        if (status != "null") Cmd(c, {"HSET", task, "TaskStatus", Quoted(status)});
-    }
     const bool final = IsFinal(state);
     std::string finalStatus;
-    if (final && !task.empty()) {
-        Cmd(c, {"HSET", task, "EndTime", Quoted(Now())});
-        // The monitor keeps the final answer once the request is gone.
-        Reply fields = Cmd(
-            c, {"HMGET", key, "&&ReturnStatus", "&&ResponseData", "&&Location", "&&ExtendedInfo"});
-        const char* names[] = {"&&FinalStatus", "&&FinalResponseData", "&&FinalLocation",
-                               "&&FinalExtendedInfo"};
-        for (size_t i = 0;
-             fields && fields->type == REDIS_REPLY_ARRAY && i < fields->elements && i < 4; ++i) {
-            if (fields->element[i]->type != REDIS_REPLY_STRING) continue;
-            if (i == 0) finalStatus = fields->element[i]->str;
-            Cmd(c, {"HSET", task, names[i], fields->element[i]->str});
+    if (!task.empty()) {
+        // One HSET: a reader sees the change whole, and a final state never
+        // without the final answer kept beside it.
+        std::vector<std::string> hset = {"HSET", task};
+        auto add = [&hset](const char* field, const std::string& value) {
+            hset.push_back(field);
+            hset.push_back(value);
+        };
+        if (percent != "null") add("PercentComplete", percent);
+        if (state != "null") add("TaskState", Quoted(state));
+        if (status != "null") add("TaskStatus", Quoted(status));
+        if (final) {
+            add("EndTime", Quoted(Now()));
+            // The monitor keeps the final answer once the request is gone.
+            Reply fields = Cmd(c, {"HMGET", key, "&&ReturnStatus", "&&ResponseData", "&&Location",
+                                   "&&ExtendedInfo"});
+            const char* names[] = {"&&FinalStatus", "&&FinalResponseData", "&&FinalLocation",
+                                   "&&FinalExtendedInfo"};
+            for (size_t i = 0;
+                 fields && fields->type == REDIS_REPLY_ARRAY && i < fields->elements && i < 4; ++i) {
+                if (fields->element[i]->type != REDIS_REPLY_STRING) continue;
+                if (i == 0) finalStatus = fields->element[i]->str;
+                add(names[i], fields->element[i]->str);
+            }
         }
+        if (hset.size() > 2) Cmd(c, hset);
     }
-
     std::vector<std::string> cleanup;
     bool take = true;
     {
