@@ -9,6 +9,7 @@
 #include "ZLogPrint.h"
 #include "ZResource.h"
 #include "ZSchema.h"
+#include "ZTask.h"
 
 namespace Orbel {
 
@@ -64,6 +65,9 @@ HTTP_MethodContext::HTTP_MethodContext(ZSchema* owner, redisContext* ctx, sCRUD_
 }
 
 HTTP_MethodContext::~HTTP_MethodContext() {
+    // A context that never answered still lets its task's work go.
+    if (mTask != nullptr) mTask->_ReleaseWork(std::string());
+    mTask = nullptr;
     // The front end reads the response data after the context is gone: its
     // keys stay; the next response data under the same JPath replaces them.
     if (mResponseData != nullptr) mResponseData->ObjDestroy(ZObject::eDestroyDelete, false);

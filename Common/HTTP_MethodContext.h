@@ -251,6 +251,8 @@ private:
     void* mResponsedCallbackArg = nullptr;
     bool mAsyncUploadMethod = false;
     bool mTaskStarted = false;
+    // The started task, held until the answer is published (then null).
+    ZTask* mTask = nullptr;
 };
 
 }  // namespace Orbel

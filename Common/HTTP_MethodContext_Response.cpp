@@ -8,10 +8,12 @@
 #include "HTTP_MethodContext.h"
 #include "Orbel.h"
 #include "RedisCli.h"
+#include "ZApplication.h"
 #include "ZJsonArray.h"
 #include "ZLogPrint.h"
 #include "ZObject.h"
 #include "ZResource.h"
+#include "ZTask.h"
 
 namespace Orbel {
 
@@ -104,6 +106,11 @@ eRtCode HTTP_MethodContext::SendResponseToCorvel() {
     tail.push_back({"PUBLISH", mReqData->returnChannel, key});
     std::vector<eRtCode> results;
     RedisPipeline(c, tail, results);
+    if (mTask != nullptr) {
+        // The answer is out: the task's work may go on (and end).
+        mTask->_ReleaseWork(results.back() == RT_SUCCESS ? lockKey : std::string());
+        mTask = nullptr;
+    }
     if (plain && results[0] != RT_SUCCESS) {
         ZLOG(eZLogError, "Failed to call RedisHashSet( %s %s %s ).\n", key.c_str(),
              "&&ReturnStatus", status);
@@ -133,10 +140,16 @@ eRtCode HTTP_MethodContext::SendResponseToCorvel() {
 }
 
 void HTTP_MethodContext::_WaitLockReleaseThenCallback(const std::string& lockKey) {
-    // No upper bound: the key's own expiry ends the wait when the front end
-    // has gone.
+    // No upper bound while the process runs: the key's own expiry ends the
+    // wait when the front end has gone. A process that is leaving does not
+    // wait for it: the callback is skipped.
     for (;;) {
         MyMSleep(kLockPollMs);
+        ZApplication* app = zApp;
+        if (app != nullptr && app->isExited()) {
+            ZLOG(eZLogWarning, "Leaving: no wait for resource lock key( %s ).\n", lockKey.c_str());
+            return;
+        }
         int type = lockKey.empty() ? REDIS_TABLE_NONE : RedisType(mRedisCtx, lockKey.c_str());
         if (type == REDIS_TABLE_STRING) continue;
         if (type == REDIS_TABLE_NONE) {

@@ -139,11 +139,15 @@ eRtCode HTTP_MethodContext::CreateTask(eRtCode (*run)(ZTask*), void* arg, bool a
         return RT_FAILURE;
     }
     SetReturnStatus(HTTP_RT_PROCESSING);
+    // The work waits for the "PROCESSING" answer (SendResponseToCorvel):
+    // a work that returns at once must not write its final answer first.
+    task->_HoldWork();
     if (task->RunTask() != RT_SUCCESS) {
         _DropUnstartedTask(task);
         return refuse();
     }
     mTaskStarted = true;
+    mTask = task;
     return RT_SUCCESS;
 }
 

@@ -46,17 +46,19 @@ std::string TaskMessages::GetTaskMsgsJPath() const {
     return mTaskMsgsObj != nullptr ? mTaskMsgsObj->GetJPath() : std::string();
 }
 
-std::string TaskMessages::TaskMsgArgText(const std::string& text) {
-    return JsonQuoteString(text);
+uint32_t TaskMessages::GetTaskMessageNum() const {
+    std::lock_guard<std::mutex> lock(mTaskMsgsMutex);
+    return static_cast<uint32_t>(mTaskMsgs.size());
 }
 
-int32_t TaskMessages::AddTaskMessage(eRespMsg msg, const std::vector<std::string>& jsonArgs) {
+int32_t TaskMessages::AddTaskMessage(eRespMsg msg, const std::vector<std::string>& args) {
     if (mTaskMsgsObj == nullptr) {
         ZLOG(eZLogError, "mTaskMsgsObj is NULL.\n");
         return -1;
     }
     const _sMsgAttribute* row = GetRespMsgAttribute(msg);
     if (row == nullptr) return -1;
+    std::lock_guard<std::mutex> lock(mTaskMsgsMutex);
     const uint32_t number = mTaskMsgCounter++;
     auto* node = new ZJsonObject(mTaskMsgsObj, std::to_string(number));
     if (node->GetJPath().empty() || node->IsDied()) {
@@ -65,10 +67,10 @@ int32_t TaskMessages::AddTaskMessage(eRespMsg msg, const std::vector<std::string
         node->ObjDestroy(ZObject::eDestroyDelete, false);
         return -1;
     }
-    auto* args = new ZJsonArray(node, "MessageArgs");
+    auto* argList = new ZJsonArray(node, "MessageArgs");
     node->HashWrite("MessageId", std::string(row->msgId));
-    for (const std::string& arg : jsonArgs) args->ListWriteRawString(arg);
-    node->HashWrite("MessageArgs", args);
+    for (const std::string& arg : args) argList->ListWriteRawString(JsonQuoteString(arg));
+    node->HashWrite("MessageArgs", argList);
     mTaskMsgsObj->ListWrite(-1, node);
     mTaskMsgs.push_back(sTaskMsg{msg, node});
     return static_cast<int32_t>(number);
@@ -80,6 +82,7 @@ void TaskMessages::_Drop(const sTaskMsg& m) {
 }
 
 void TaskMessages::RemoveTaskMessage(eRespMsg msg) {
+    std::lock_guard<std::mutex> lock(mTaskMsgsMutex);
     auto keep = mTaskMsgs.begin();
     for (const sTaskMsg& m : mTaskMsgs) {
         if (m.msgId == msg) {
@@ -92,11 +95,13 @@ void TaskMessages::RemoveTaskMessage(eRespMsg msg) {
 }
 
 void TaskMessages::CleanAllTaskMessages() {
+    std::lock_guard<std::mutex> lock(mTaskMsgsMutex);
     for (const sTaskMsg& m : mTaskMsgs) _Drop(m);
     mTaskMsgs.clear();
 }
 
 std::vector<std::string> TaskMessages::GetTaskMessageIDs() const {
+    std::lock_guard<std::mutex> lock(mTaskMsgsMutex);
     std::vector<std::string> ids;
     for (const sTaskMsg& m : mTaskMsgs) ids.push_back(RespMsgID2Str(m.msgId));
     return ids;
@@ -107,7 +112,15 @@ eRtCode TaskMessages::ApplyTaskMsgsToRedis(redisContext* c) {
         ZLOG(eZLogError, "mTaskMsgsObj is NULL.\n");
         return RT_FAILURE;
     }
-    return mTaskMsgsObj->ApplyRedisChanges(true, c);
+    // Each message (its hash and its arguments) before the array's entry
+    // for it: the list only ever names whole messages.
+    std::lock_guard<std::mutex> lock(mTaskMsgsMutex);
+    eRtCode rt = RT_SUCCESS;
+    for (const sTaskMsg& m : mTaskMsgs) {
+        if (m.node->ApplyRedisChanges(true, c) != RT_SUCCESS) rt = RT_FAILURE;
+    }
+    if (mTaskMsgsObj->ApplyRedisChanges(false, c) != RT_SUCCESS) rt = RT_FAILURE;
+    return rt;
 }
 
 }  // namespace Orbel

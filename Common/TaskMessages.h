@@ -9,15 +9,18 @@
 // reader assembles the list with the ordinary tree rules. A message's text is
 // not stored: the reader expands the MessageId from its registry.
 //
-// Threads: used by the task's work thread only, under the task's change
-// mutex for ApplyTaskMsgsToRedis (ZTask::ApplyTaskChange); it takes no lock
-// of its own.
+// Threads: any thread may add or remove messages while another applies them
+// (a work function reporting progress from its helper threads); one mutex
+// guards the list. ApplyTaskMsgsToRedis writes each new message whole before
+// the list entry that makes it visible, so a reader never finds a message
+// without its arguments.
 #ifndef ORBEL_TASKMESSAGES_H
 #define ORBEL_TASKMESSAGES_H
 
 #include <hiredis/hiredis.h>
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -44,24 +47,21 @@ public:
     // The array's JPath ("" before TaskMsgsSetParentJPath).
     std::string GetTaskMsgsJPath() const;
 
-    // Adds one message of registry row `msg` with its arguments (each a JSON
-    // value text: a string must come quoted; TaskMsgArgText makes one).
-    // Returns the message's number (its node name), or -1 (logged) without an
-    // array or for a row that does not exist.
-    int32_t AddTaskMessage(eRespMsg msg, const std::vector<std::string>& jsonArgs = {});
+    // Adds one message of registry row `msg` with its arguments, as plain
+    // texts ("7", "20"): each is stored as a JSON string, as the registries
+    // type every MessageArgs item. Returns the message's number (its node
+    // name), or -1 (logged) without an array or for a row that does not exist.
+    int32_t AddTaskMessage(eRespMsg msg, const std::vector<std::string>& args = {});
     // Removes every message of row `msg` (its keys at once, its list entry
     // with the next ApplyTaskMsgsToRedis).
     void RemoveTaskMessage(eRespMsg msg);
     void CleanAllTaskMessages();
-    uint32_t GetTaskMessageNum() const { return static_cast<uint32_t>(mTaskMsgs.size()); }
+    uint32_t GetTaskMessageNum() const;
     std::vector<std::string> GetTaskMessageIDs() const;
 
-    // Writes the pending changes of the array and its messages. 2 (logged)
-    // without an array.
+    // Writes the pending changes of the messages, then of the array. 2
+    // (logged) without an array.
     eRtCode ApplyTaskMsgsToRedis(redisContext* c = nullptr);
-
-    // A string as a JSON string text, for AddTaskMessage.
-    static std::string TaskMsgArgText(const std::string& text);
 
 private:
     struct sTaskMsg {
@@ -70,7 +70,8 @@ private:
     };
     void _Drop(const sTaskMsg& m);
 
-    ZJsonArray* mTaskMsgsObj = nullptr;  // owned
+    ZJsonArray* mTaskMsgsObj = nullptr;  // owned; set once, before any message
+    mutable std::mutex mTaskMsgsMutex;   // guards the two below
     std::vector<sTaskMsg> mTaskMsgs;     // in list order
     uint32_t mTaskMsgCounter = 0;        // names the nodes; never reused
 };

@@ -179,6 +179,9 @@ ZApplication::~ZApplication() {
     // Tasks use the nodes and schemas freed below. Exec stopped them
     // already; an application that never ran Exec stops them here.
     ZTask::StopAllTasks(ZTask::GetExitWaitMs());
+    // A work function still running ends after this object: it must not
+    // come back to it.
+    ZTask::DetachLateTasks();
     if (const size_t running = ZTask::GetRunningTaskNum()) {
         // Freeing what a running work function uses would crash it; the
         // process is ending, so the memory is left to it instead.

@@ -1,6 +1,7 @@
 // ZTask: construction, accessors, the task list and Destory.
 #include "ZTask.h"
 
+#include "FixedPaths.h"
 #include "Orbel.h"
 #include "RedisCli.h"
 #include "ZApplication.h"
@@ -68,10 +69,11 @@ bool IsFinalTaskState(eTaskState state) {
            state == TASK_STATE_Exception || state == TASK_STATE_Cancelled;
 }
 
-std::mutex ZTask::mTaskListMutex;
-std::map<std::string, ZTask*> ZTask::mTaskList;
+std::mutex& ZTask::mTaskListMutex = *new std::mutex;
+std::map<std::string, ZTask*>& ZTask::mTaskList = *new std::map<std::string, ZTask*>;
 size_t ZTask::mRunningTasks = 0;
-std::condition_variable ZTask::mTaskEndCv;
+size_t ZTask::mFinishingTasks = 0;
+std::condition_variable& ZTask::mTaskEndCv = *new std::condition_variable;
 
 // ---------------------------------------------------------------------------
 // Construction
@@ -83,7 +85,8 @@ ZTask::ZTask(const std::string& reqKey, const std::string& channel, ZSchema* sch
       mReqKey(reqKey),
       mChannel(channel),
       mRun(run),
-      mPrivData(privData) {
+      mPrivData(privData),
+      mSocketPath(RedisSocketPath()) {
     _GetTaskURL();
     if (!mTaskURL.empty()) _GetTaskId();
     mValid = !mTaskURL.empty() && !mTaskId.empty() && !mChannel.empty() && _BuildNodes();
@@ -197,25 +200,53 @@ size_t ZTask::GetRunningTaskNum() {
 // ---------------------------------------------------------------------------
 
 void ZTask::_WriteTaskLinks() {
-    // The task resource belongs to the front end; the task adds the links
-    // that make its messages and Oem part of the resource's document, and
-    // the read queue that sends reads of the monitor to the read thread.
-    redisContext* c = _ExtInfoContext();
+    // The task resource belongs to the front end; the task adds the link
+    // that makes its messages part of the resource's document (once the list
+    // exists, so the document never shows a null list), and the read queue
+    // that sends reads of the monitor to the read thread.
     const char* url = mTaskURL.c_str();
-    RedisHashSet(c, url, ("&&Array Messages " + GetTaskMsgsJPath()).c_str(), "");
-    RedisHashSet(c, url, ("&&Object Oem " + mOemObj->GetJPath()).c_str(), "");
+    RedisHashSet(nullptr, url, ("&&Array Messages " + GetTaskMsgsJPath()).c_str(), "");
     const std::string queue = "&&" + mTaskURL + "/GETQ";
-    RedisDelTable(c, queue.c_str());
-    RedisListPushBack(c, queue.c_str(), mChannel.c_str());
-    RedisHashSet(c, url, ("&&Array GETQ " + queue).c_str(), "");
+    RedisDelTable(nullptr, queue.c_str());
+    RedisListPushBack(nullptr, queue.c_str(), mChannel.c_str());
+    RedisHashSet(nullptr, url, ("&&Array GETQ " + queue).c_str(), "");
+}
+
+void ZTask::_LinkNodes() {
+    // Under mChangeMutex, after the nodes were applied.
+    if (!mLinksWritten) {
+        _WriteTaskLinks();
+        mLinksWritten = true;
+    }
+    // Oem is linked once it holds something: a link to a key never written
+    // would read as null.
+    if (!mOemLinked &&
+        RedisType(nullptr, mOemObj->GetJPath().c_str()) == REDIS_TABLE_HASH) {
+        RedisHashSet(nullptr, mTaskURL.c_str(), ("&&Object Oem " + mOemObj->GetJPath()).c_str(),
+                     "");
+        mOemLinked = true;
+    }
 }
 
 void ZTask::_RemoveReadQueue() {
     // From now on the front end serves the monitor from the store alone.
     const std::string queue = "&&" + mTaskURL + "/GETQ";
-    redisContext* c = _ExtInfoContext();
-    RedisHashDel(c, mTaskURL.c_str(), ("&&Array GETQ " + queue).c_str());
-    RedisDelTable(c, queue.c_str());
+    RedisHashDel(nullptr, mTaskURL.c_str(), ("&&Array GETQ " + queue).c_str());
+    RedisDelTable(nullptr, queue.c_str());
+}
+
+void ZTask::_StopReadThread() {
+    if (!mReadThread.joinable()) return;
+    mReadStop.store(true);
+    // QUIT ends a listening read thread, the flag one that is between
+    // connections. A QUIT sent while the thread was subscribing again
+    // (after a store restart) is lost, so it is repeated until the
+    // thread is done.
+    for (unsigned tries = 0; !mReadEnded.load() && tries < kQuitTries; ++tries) {
+        RedisPublishToChannel(nullptr, mChannel, "QUIT");
+        for (unsigned ms = 0; !mReadEnded.load() && ms < kQuitWaitMs; ms += 5) MyMSleep(5);
+    }
+    mReadThread.join();
 }
 
 void ZTask::Destory() {
@@ -226,18 +257,7 @@ void ZTask::Destory() {
         _RemoveReadQueue();
         if (mReadThread.joinable()) MyMSleep(kReadGraceMs);
     }
-    if (mReadThread.joinable()) {
-        mReadStop.store(true);
-        // QUIT ends a listening read thread, the flag one that is between
-        // connections. A QUIT sent while the thread was subscribing again
-        // (after a store restart) is lost, so it is repeated until the
-        // thread is done.
-        for (unsigned tries = 0; !mReadEnded.load() && tries < kQuitTries; ++tries) {
-            RedisPublishToChannel(_ExtInfoContext(), mChannel, "QUIT");
-            for (unsigned ms = 0; !mReadEnded.load() && ms < kQuitWaitMs; ms += 5) MyMSleep(5);
-        }
-        mReadThread.join();
-    }
+    _StopReadThread();
     {
         std::lock_guard<std::mutex> lock(mTaskListMutex);
         auto it = mTaskList.find(mReqKey);

@@ -17,17 +17,25 @@
 // (the work thread, the read thread, the stop at exit).
 //
 // Threads. The work function runs on the task's work thread (detached; it
-// ends the task when auto-recycle is set). Reads of the task monitor are
-// answered on the task's read thread, which only reads the state. State,
-// status, progress and the stop request are atomics; ApplyTaskChange is
-// serialised by the task's mutex; the class-wide task list has its own
-// mutex. The task's nodes (Oem, ExtraInfo, Result, ResponseData, messages)
-// belong to the work function while it runs.
+// ends the task when auto-recycle is set). It starts only once the request's
+// "PROCESSING" answer is out and taken, so no final answer can precede it.
+// Reads of the task monitor are answered on the task's read thread, which
+// only reads the state. State, status, progress and the stop request are
+// atomics. UpdatePercentComplete, ApplyTaskChange and AddTaskMessage may be
+// called from any thread: they use the calling thread's store connection
+// (its RedisConnectionScope, else one per call), never a shared one;
+// ApplyTaskChange is serialised by the task's mutex, and publications keep
+// their call order. The class-wide task list has its own mutex. The task's
+// nodes (Oem, ExtraInfo, Result, ResponseData) belong to the work function
+// while it runs.
 //
 // Lifetime. A task lives from CreateTask until Destory: with auto-recycle (the
 // default) the work thread calls it after the final answer. An application
 // leaving Exec asks every running task to stop (IsStopRequested) and waits a
-// bounded time for them (docs/plugin-guide.md, "Tasks").
+// bounded time for them (docs/plugin-guide.md, "Tasks"). A task whose work
+// outlives the application object is detached from it: when its work returns
+// it announces the end ("Killed", "EXCEPTION") with plain store writes and
+// touches neither the application, the log service nor its nodes again.
 #ifndef ORBEL_ZTASK_H
 #define ORBEL_ZTASK_H
 
@@ -143,6 +151,10 @@ public:
     eHttpRtStatus GetReturnStatus() const { return mReturnStatus; }
     // True once the application is leaving: a work function should end soon.
     bool IsStopRequested() const { return mStopRequested.load(); }
+    // True once a client asked to cancel the task (a DELETE of the running
+    // Task, accepted only after SetTaskCancelSupport(true)). A work function
+    // that honours it returns 2: the task then ends "Cancelled".
+    bool IsCancelRequested() const { return mCancelRequested.load(); }
 
     void RegisterReadCallback(TaskReadCallback_t fn, void* arg);
     void UnregisterReadCallback();
@@ -197,6 +209,11 @@ public:
     static uint32_t GetChangeWaitMs();
     static void SetChangeWaitMs(uint32_t ms);
 
+    // Called by the application object's destructor once it has stopped the
+    // tasks: waits for the tasks that are writing their final answer, and
+    // detaches the ones whose work still runs (their read threads end here).
+    static void DetachLateTasks();
+
 protected:
     ~ZTask() override;
 
@@ -214,6 +231,16 @@ private:
     void _ReadLoop();
     void _ServeRead(redisContext* c, const std::string& key);
     static void _ThreadEnded();
+    void _StopReadThread();
+    void _LinkNodes();
+    void _EndDetached(eRtCode workResult, bool threw);
+    // The request context holds the work until its answer is published and
+    // then lets it go with the lock key the front end releases once it has
+    // taken the answer.
+    friend class HTTP_MethodContext;
+    void _HoldWork();
+    void _ReleaseWork(const std::string& lockKey);
+    void _WaitReleased();
 
     const std::string mReqKey;
     const std::string mChannel;
@@ -234,6 +261,7 @@ private:
     std::atomic<bool> mCancelSupport{false};
     std::atomic<bool> mAutoRecycle{true};
     std::atomic<bool> mStopRequested{false};
+    std::atomic<bool> mCancelRequested{false};
     eHttpRtStatus mReturnStatus = HTTP_RT_OK;
     bool mValid = false;
     bool mStarted = false;
@@ -246,16 +274,31 @@ private:
     std::atomic<bool> mReadStop{false};
     std::atomic<bool> mReadEnded{false};
 
-    std::mutex mChangeMutex;  // serialises ApplyTaskChange
+    std::mutex mChangeMutex;   // serialises ApplyTaskChange
+    std::mutex mPublishMutex;  // keeps the publications in call order
+    bool mLinksWritten = false;  // guarded by mChangeMutex
+    bool mOemLinked = false;     // guarded by mChangeMutex
     std::atomic<bool> mWorkRunning{false};
     // Set once the final change is published and taken: from then on the
     // read thread answers the finished task.
     std::atomic<bool> mFinalTaken{false};
+    const std::string mSocketPath;  // for the plain writes of a detached task
 
-    static std::mutex mTaskListMutex;  // guards the three below
-    static std::map<std::string, ZTask*> mTaskList;
+    std::mutex mGateMutex;  // guards the three below
+    std::condition_variable mGateCv;
+    bool mGateOpen = true;
+    std::string mAnswerLockKey;
+
+    // Guarded by mTaskListMutex.
+    bool mFinishing = false;  // writing the final answer
+    bool mDetached = false;   // the application went while the work ran
+
+    // Never destroyed: a detached task may end while the process exits.
+    static std::mutex& mTaskListMutex;  // guards the four below
+    static std::map<std::string, ZTask*>& mTaskList;
     static size_t mRunningTasks;
-    static std::condition_variable mTaskEndCv;
+    static size_t mFinishingTasks;
+    static std::condition_variable& mTaskEndCv;
 };
 
 }  // namespace Orbel

@@ -8,6 +8,10 @@
 // into the task resource, and the task waits (bounded) for that, so that
 // a client reading the task monitor after the work moved on never sees an
 // older state than the one announced. A progress message alone does not wait.
+//
+// Both may be called from any thread. Every store command goes through the
+// calling thread's connection (null context: its RedisConnectionScope, else
+// one per call), so no hiredis context is ever shared between threads.
 #include <atomic>
 #include <chrono>
 
@@ -43,7 +47,7 @@ std::string ZTask::_ChangeKey() const {
 
 eRtCode ZTask::_publishToTask(const std::string& text, int64_t* receivers) {
     ZLOG(eZLogDebug, "PUBLISH TASK_STATE_CHANGE %s\n", text.c_str());
-    if (RedisPublishToChannel(_ExtInfoContext(), kChangeChannel, text, receivers) != RT_SUCCESS) {
+    if (RedisPublishToChannel(nullptr, kChangeChannel, text, receivers) != RT_SUCCESS) {
         ZLOG(eZLogError, "Publish %s To Channel %s Failed\n", text.c_str(), kChangeChannel);
         return RT_FAILURE;
     }
@@ -53,6 +57,7 @@ eRtCode ZTask::_publishToTask(const std::string& text, int64_t* receivers) {
 void ZTask::UpdatePercentComplete(int percent) {
     if (percent < 0) percent = 0;
     if (percent > 100) percent = 100;
+    std::lock_guard<std::mutex> lock(mPublishMutex);
     mPercent.store(percent);
     _publishToTask(mReqKey + " " + std::to_string(percent) + " null null null");
 }
@@ -60,7 +65,7 @@ void ZTask::UpdatePercentComplete(int percent) {
 void ZTask::_SetExtraInfo() {
     mExtraInfoObj->HashWrite("IsCancelSupported", mCancelSupport.load());
     mExtraInfoObj->HashWrite("TaskStatus", std::string(TaskStatusWord(GetTaskStatus())));
-    mExtraInfoObj->ApplyRedisChanges(true, _ExtInfoContext());
+    mExtraInfoObj->ApplyRedisChanges(true, nullptr);
 }
 
 void ZTask::_WaitChangeTaken(const std::string& changeKey) {
@@ -91,24 +96,32 @@ eRtCode ZTask::ApplyTaskChange(bool wait) {
         return RT_FAILURE;
     }
     std::lock_guard<std::mutex> lock(mChangeMutex);
-    ApplyTaskMsgsToRedis(_ExtInfoContext());
-    mOemObj->ApplyRedisChanges(true, _ExtInfoContext());
+    ApplyTaskMsgsToRedis(nullptr);
+    mOemObj->ApplyRedisChanges(true, nullptr);
     _SetExtraInfo();
+    _LinkNodes();
 
-    const int percent = mPercent.load();
     const std::string changeKey = _ChangeKey();
-    const std::string text =
-        mReqKey + " " + (percent < 0 ? std::string("null") : std::to_string(percent)) + " " +
-        TaskStateWord(GetTaskState()) + " " + TaskStatusWord(GetTaskStatus()) + " " + changeKey;
-    RedisSet(_ExtInfoContext(), changeKey.c_str(), text.c_str(), kChangeKeyExpirySec);
     int64_t receivers = 0;
-    if (_publishToTask(text, &receivers) != RT_SUCCESS) {
-        RedisDelTable(_ExtInfoContext(), changeKey.c_str());
-        return RT_FAILURE;
+    {
+        // The line is made and sent under the publication lock, so that a
+        // progress published from another thread meanwhile cannot be
+        // followed by an older percentage.
+        std::lock_guard<std::mutex> order(mPublishMutex);
+        const int percent = mPercent.load();
+        const std::string text = mReqKey + " " +
+                                 (percent < 0 ? std::string("null") : std::to_string(percent)) +
+                                 " " + TaskStateWord(GetTaskState()) + " " +
+                                 TaskStatusWord(GetTaskStatus()) + " " + changeKey;
+        RedisSet(nullptr, changeKey.c_str(), text.c_str(), kChangeKeyExpirySec);
+        if (_publishToTask(text, &receivers) != RT_SUCCESS) {
+            RedisDelTable(nullptr, changeKey.c_str());
+            return RT_FAILURE;
+        }
     }
     if (receivers == 0) {
         // Nobody listens, so nobody will take the key: no reason to wait.
-        RedisDelTable(_ExtInfoContext(), changeKey.c_str());
+        RedisDelTable(nullptr, changeKey.c_str());
         return RT_SUCCESS;
     }
     if (wait) _WaitChangeTaken(changeKey);

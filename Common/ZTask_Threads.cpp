@@ -22,6 +22,9 @@ constexpr unsigned kRetrySleepMs = 500;
 // the monitor sent right after the 202 answer finds it.
 constexpr unsigned kListenWaitMs = 2000;
 std::atomic<uint32_t> gExitWaitMs{10000};
+// Tasks detached from a destroyed application: never freed (their nodes
+// belonged to it), but kept reachable.
+std::vector<ZTask*>& gDetachedTasks = *new std::vector<ZTask*>;
 
 }  // namespace
 
@@ -44,7 +47,6 @@ eRtCode ZTask::RunTask() {
         return RT_FAILURE;
     }
     mStarted = true;
-    _WriteTaskLinks();
     try {
         mReadThread = std::thread(ReadDispatcher, this);
     } catch (const std::exception& e) {
@@ -55,6 +57,11 @@ eRtCode ZTask::RunTask() {
     for (unsigned waited = 0; !mReadListening.load() && waited < kListenWaitMs; waited += 5) {
         MyMSleep(5);
     }
+    // The task is "Running" with its first message before the request is
+    // answered: the "PROCESSING" answer's document is then a whole Task.
+    SetTaskState(TASK_STATE_Running);
+    AddTaskMessage(RESP_Task_TaskStarted, {mTaskId});
+    ApplyTaskChange(true);
     {
         std::lock_guard<std::mutex> lock(mTaskListMutex);
         ++mRunningTasks;
@@ -72,6 +79,37 @@ eRtCode ZTask::RunTask() {
     return RT_SUCCESS;
 }
 
+void ZTask::_HoldWork() {
+    std::lock_guard<std::mutex> lock(mGateMutex);
+    mGateOpen = false;
+}
+
+void ZTask::_ReleaseWork(const std::string& lockKey) {
+    std::lock_guard<std::mutex> lock(mGateMutex);
+    mGateOpen = true;
+    mAnswerLockKey = lockKey;
+    mGateCv.notify_all();
+}
+
+void ZTask::_WaitReleased() {
+    std::string lockKey;
+    {
+        std::unique_lock<std::mutex> lock(mGateMutex);
+        mGateCv.wait(lock, [this]() { return mGateOpen; });
+        lockKey = mAnswerLockKey;
+    }
+    if (lockKey.empty()) return;
+    // The front end releases the lock once it has read the "PROCESSING"
+    // answer; a work that ended before would overwrite the answer it reads.
+    // Bounded, for a front end that has gone.
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(GetChangeWaitMs());
+    while (RedisType(nullptr, lockKey.c_str()) == REDIS_TABLE_STRING && !mStopRequested.load() &&
+           std::chrono::steady_clock::now() < deadline) {
+        MyMSleep(5);
+    }
+}
+
 void ZTask::_ThreadEnded() {
     std::lock_guard<std::mutex> lock(mTaskListMutex);
     --mRunningTasks;
@@ -86,11 +124,7 @@ void ZTask::TaskThreadMain(ZTask* task) {
             task->mSchema != nullptr ? task->mSchema->GetName() : std::string("Task");
         if (app != nullptr) app->RegisterThreadInfo(owner, "Task");
         RedisConnectionScope scope;
-
-        const std::string id = TaskMsgArgText(task->mTaskId);
-        task->SetTaskState(TASK_STATE_Running);
-        task->AddTaskMessage(RESP_Task_TaskStarted, {id});
-        task->ApplyTaskChange(true);
+        task->_WaitReleased();
 
         eRtCode rt = RT_FAILURE;
         bool threw = false;
@@ -104,28 +138,43 @@ void ZTask::TaskThreadMain(ZTask* task) {
             threw = true;
             ZLOG(eZLogError, "Task[%s]: the work function threw.\n", task->mReqKey.c_str());
         }
-        task->_FinishRequest(rt, threw);
-
-        if (app != nullptr) app->UnregisterThreadInfo();
-        const bool recycle = task->mAutoRecycle.load();
-        task->mWorkRunning.store(false);
-        if (recycle) task->Destory();
+        bool detached = false;
+        {
+            std::lock_guard<std::mutex> lock(mTaskListMutex);
+            detached = task->mDetached;
+            if (!detached) {
+                task->mFinishing = true;
+                ++mFinishingTasks;
+            }
+        }
+        if (detached) {
+            // The application object is gone: nothing of it may be touched.
+            task->_EndDetached(rt, threw);
+        } else {
+            task->_FinishRequest(rt, threw);
+            if (app != nullptr) app->UnregisterThreadInfo();
+            const bool recycle = task->mAutoRecycle.load();
+            task->mWorkRunning.store(false);
+            if (recycle) task->Destory();
+            std::lock_guard<std::mutex> lock(mTaskListMutex);
+            --mFinishingTasks;
+            mTaskEndCv.notify_all();
+        }
     }
     // Last: once counted out, the application may go away.
     _ThreadEnded();
 }
 
 void ZTask::_FinishRequest(eRtCode workResult, bool threw) {
-    redisContext* c = _ExtInfoContext();
+    redisContext* c = nullptr;  // the work thread's scoped connection
     const char* key = mReqKey.c_str();
-    const std::string id = TaskMsgArgText(mTaskId);
     std::string word;
     if (workResult != RT_FAILURE && !threw) {
         if (!IsFinalTaskState(GetTaskState())) SetTaskState(TASK_STATE_Completed);
         mPercent.store(100);
         AddTaskMessage(GetTaskStatus() == TASK_STATUS_OK ? RESP_Task_TaskCompletedOK
                                                          : RESP_Task_TaskCompletedWarning,
-                       {id});
+                       {mTaskId});
         mResponseDataObj->ApplyRedisChanges(true, c);
         const std::string dataPath = mResponseDataObj->GetJPath();
         const bool hasData = RedisType(c, dataPath.c_str()) != REDIS_TABLE_NONE;
@@ -146,11 +195,16 @@ void ZTask::_FinishRequest(eRtCode workResult, bool threw) {
         }
         if (GetExtendedInfoNum() == 0) NewExtendedInfo(RESP_Base_InternalError);
         word = threw ? "EXCEPTION" : "FAIL";
+        // "FAIL" does not say which error: the status word does, for a front
+        // end that answers the operation's own status.
+        if (!threw) RedisHashSet(c, key, "&&FailureStatus", HttpRtStatusWord(mReturnStatus));
         if (!IsFinalTaskState(GetTaskState()) || GetTaskState() == TASK_STATE_Completed) {
-            SetTaskState(mStopRequested.load() ? TASK_STATE_Killed : TASK_STATE_Exception);
+            SetTaskState(mStopRequested.load()     ? TASK_STATE_Killed
+                         : mCancelRequested.load() ? TASK_STATE_Cancelled
+                                                   : TASK_STATE_Exception);
         }
         SetTaskStatus(TASK_STATUS_Critical);
-        AddTaskMessage(RESP_Task_TaskAborted, {id});
+        AddTaskMessage(RESP_Task_TaskAborted, {mTaskId});
     }
     ApplyExtInfoToRedis();
     // The status goes last: a reader that finds it finds the rest.
@@ -162,6 +216,51 @@ void ZTask::_FinishRequest(eRtCode workResult, bool threw) {
     // Only now may a read of the monitor answer the finished task: the front
     // end has taken the final state into the Task resource.
     mFinalTaken.store(true);
+}
+
+void ZTask::_EndDetached(eRtCode workResult, bool threw) {
+    // Plain hiredis on a connection of its own: the store client, the nodes
+    // and the log all belong to the application that has gone. The front end
+    // still learns that the task ended.
+    (void)workResult;
+    (void)threw;
+    redisContext* c = redisConnectUnix(mSocketPath.c_str());
+    if (c != nullptr && c->err == 0) {
+        const std::string text = mReqKey + " null " + TaskStateWord(TASK_STATE_Killed) + " " +
+                                 TaskStatusWord(TASK_STATUS_Critical) + " null";
+        const char* status[] = {"HSET", mReqKey.c_str(), "&&ReturnStatus", "EXCEPTION"};
+        const char* publish[] = {"PUBLISH", "TASK_STATE_CHANGE", text.c_str()};
+        for (auto* argv : {status, publish}) {
+            const int argc = argv == status ? 4 : 3;
+            void* reply = redisCommandArgv(c, argc, argv, nullptr);
+            if (reply != nullptr) freeReplyObject(reply);
+        }
+    }
+    if (c != nullptr) redisFree(c);
+    mWorkRunning.store(false);
+}
+
+void ZTask::DetachLateTasks() {
+    std::vector<ZTask*> late;
+    {
+        std::unique_lock<std::mutex> lock(mTaskListMutex);
+        // A task writing its final answer uses the nodes: it is let finish.
+        mTaskEndCv.wait(lock, []() { return mFinishingTasks == 0; });
+        for (auto it = mTaskList.begin(); it != mTaskList.end();) {
+            ZTask* task = it->second;
+            if (task->mWorkRunning.load() && !task->mFinishing) {
+                task->mDetached = true;
+                late.push_back(task);
+                gDetachedTasks.push_back(task);
+                it = mTaskList.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+    // Their read threads go now, while the application still stands; the
+    // task objects themselves are left to the ending process.
+    for (ZTask* task : late) task->_StopReadThread();
 }
 
 // ---------------------------------------------------------------------------
@@ -177,6 +276,8 @@ void ZTask::_ReadLoop() {
     ZLOG(eZLogInfo, "Create thread[%u] to listen channel[%s].\n",
          static_cast<unsigned>(CurrentThreadId()), mChannel.c_str());
     ZApplication* app = zApp;
+    // The application outlives this thread: a late task's read thread is
+    // ended by DetachLateTasks before the application object goes.
     auto stopping = [this, app]() {
         return mReadStop.load() || (app != nullptr && app->isExited());
     };
@@ -230,8 +331,15 @@ void ZTask::_ServeRead(redisContext* c, const std::string& key) {
         if (mReadCb != nullptr) mReadCb(this, mReadCbArg);
     }
     // The monitor answers "PROCESSING" (202) while the work goes on, then
-    // the finished task's document.
+    // the finished task's document. A delete asks the work to cancel.
     const char* word = mFinalTaken.load() ? "OK" : "PROCESSING";
+    if (req.method == eReqDelete) {
+        const bool accepted = mCancelSupport.load() && !mFinalTaken.load();
+        if (accepted) mCancelRequested.store(true);
+        word = accepted ? "OK_EMPTY" : "NOT_ALLOWED";
+        ZLOG(eZLogInfo, "Task[%s]: cancel %s.\n", mReqKey.c_str(),
+             accepted ? "requested" : "refused");
+    }
     RedisHashSet(c, key.c_str(), "&&ReturnStatus", word);
     RedisHashSet(c, key.c_str(), "&&Location", mTaskURL.c_str());
     if (RedisPublishToChannel(c, req.returnChannel, key) != RT_SUCCESS) {

@@ -1,7 +1,11 @@
 // The request context without dispatcher threads: assignments and their
 // refusals, response data rules, the status table, the request body read
 // into typed values, masking, the location rule and the return-status rule.
+#include <atomic>
+#include <chrono>
+#include <future>
 #include <string>
+#include <thread>
 
 #include "CRUDRequest.h"
 #include "HTTP_MethodContext.h"
@@ -249,6 +253,26 @@ TEST_F(HTTPMethodContextTest, AFailedHandlerAnswers500UnlessItSetAnError) {
                                "HttpMethod_READ() function.\n"),
                   auto500);
     }
+}
+
+// A handler waiting for the front end to release the lock does not hold a
+// leaving process for the key's lifetime (20 s); no callback is made.
+TEST_F(HTTPMethodContextTest, ShutdownEndsTheRespondedCallbackWait) {
+    static std::atomic<int> calls{0};
+    sCRUD_ReqData req = Request("POSTACTION", kSys + "/Actions/ComputerSystem.Reset");
+    HTTP_MethodContext ctx(mSchema, mConn, &req);
+    ctx.AssignTargetSchema(mSchema);
+    ctx.AssignTargetResource(mSys);
+    ctx.RegisterResponsedCallback([](void*) { ++calls; }, nullptr);
+    auto sent = std::async(std::launch::async, [&ctx]() { return ctx.SendResponseToCorvel(); });
+    for (int i = 0; i < 500 && !Exists("&&ResourceLock:" + kSys); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_TRUE(Exists("&&ResourceLock:" + kSys));  // never released: no front end
+    mApp->Exit();
+    ASSERT_EQ(sent.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(sent.get(), RT_SUCCESS);
+    EXPECT_EQ(calls.load(), 0);
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ const std::string kSys = "/redfish/v1/Systems/1";
 const std::string kActionQ = "RF_Test:ComputerSystem:POSTACTIONQ";
 
 // What the work function does, chosen per test before the request is sent.
-enum eWork { kProgress, kFail, kFailConflict, kThrow, kUntilStopped, kIgnoreStop, kShort };
+enum eWork { kProgress, kFail, kFailConflict, kThrow, kUntilStopped, kIgnoreStop, kShort, kAtOnce, kHelperThread };
 std::atomic<int> gWork{kProgress};
 // A gate the test opens to let a kProgress work finish.
 std::mutex gGateMutex;
@@ -41,6 +41,7 @@ bool gGateOpen = true;
 // What an upload task saw.
 std::mutex gSeenMutex;
 sAsyncUploadParams gSeen;
+ZSchema* gLeftSchema = nullptr;  // kept reachable once its application is gone
 
 void SetGate(bool open) {
     std::lock_guard<std::mutex> lock(gGateMutex);
@@ -49,7 +50,7 @@ void SetGate(bool open) {
 }
 
 eRtCode Work(ZTask* task) {
-    const std::string id = ZTask::TaskMsgArgText(task->GetTaskID());
+    const std::string id = task->GetTaskID();
     switch (gWork.load()) {
         case kProgress: {
             task->AddTaskMessage(RESP_Task_TaskProgressChanged, {id, "50"});
@@ -76,6 +77,21 @@ eRtCode Work(ZTask* task) {
         case kIgnoreStop:
             std::this_thread::sleep_for(std::chrono::milliseconds(600));
             return RT_SUCCESS;
+        case kAtOnce:
+            return RT_SUCCESS;
+        case kHelperThread: {
+            // Progress from a helper thread while the work thread publishes
+            // whole changes.
+            std::thread helper([task]() {
+                for (int p = 1; p <= 40; ++p) task->UpdatePercentComplete(p);
+            });
+            for (int i = 0; i < 10; ++i) {
+                task->AddTaskMessage(RESP_Task_TaskProgressChanged, {id, std::to_string(i)});
+                task->ApplyTaskChange(i % 2 == 0);
+            }
+            helper.join();
+            return RT_SUCCESS;
+        }
         default:
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
             return RT_SUCCESS;
@@ -116,7 +132,7 @@ protected:
         SetGate(true);
         EXPECT_TRUE(ZTask::WaitRunningTasks(10000));
         mFollower.reset();
-        mSchema->WaitThreadsExit();
+        if (mSchema != nullptr) mSchema->WaitThreadsExit();
         ObjectModelTest::TearDown();
     }
 
@@ -129,7 +145,7 @@ protected:
         if (extra.count("&&Task") == 0) extra["&&Task"] = url;
         FrontEnd::Answer a =
             fe.Send(kActionQ, "POSTACTION", kSys + "/Actions/Orbel.Update", nullptr, extra);
-        if (a.status == "PROCESSING") mFollower->Adopt(a.key, {});
+        if (a.status == "PROCESSING" && mFollower) mFollower->Adopt(a.key, {});
         return a;
     }
 
@@ -199,7 +215,9 @@ TEST_F(TaskTest, ProgressMonitorReadsAndTheFinalAnswer) {
     EXPECT_EQ(ZTask::GetTaskNum(), 0u);
 }
 
-// The monitor's first final answer finds the final state in the Task.
+// What a front end reads is never ahead of the Task document: the answer
+// that starts a task finds a whole Task (state and first message with its
+// argument), and the monitor's first final answer finds the final state.
 TEST_F(TaskTest, AnswersNeverRunAheadOfTheTaskDocument) {
     gWork = kShort;
     FrontEnd fe;
@@ -208,6 +226,16 @@ TEST_F(TaskTest, AnswersNeverRunAheadOfTheTaskDocument) {
         std::string url;
         const FrontEnd::Answer a = SendAction(fe, &url);
         ASSERT_EQ(a.status, "PROCESSING");
+        const std::string id = url.substr(url.rfind('/') + 1);
+        const Fields task = HGetAll(url);
+        EXPECT_EQ(task.at("TaskState"), "\"Running\"");
+        const Items messages = LRange(url + "/Messages_");
+        ASSERT_TRUE(task.count("&&Array Messages " + url + "/Messages_") && !messages.empty());
+        const std::string node = messages[0].substr(std::string("&&Object ").size());
+        EXPECT_EQ(HGetAll(node)["MessageId"], "\"TaskEvent.1.0.TaskStarted\"");
+        EXPECT_EQ(LRange(node + "/MessageArgs"), Items{"\"" + id + "\""});
+        EXPECT_EQ(task.count("&&Object Oem " + url + "/Oem"), 0u);  // nothing in it
+
         // Polled as fast as it answers until it says the task is done.
         const std::string channel = "RF_Test:Task:" + a.key;
         for (;;) {
@@ -221,6 +249,66 @@ TEST_F(TaskTest, AnswersNeverRunAheadOfTheTaskDocument) {
         }
         ASSERT_TRUE(mFollower->Wait(a.key, 10000).done);
     }
+}
+
+// Without a front end following the task, work that returns at once still
+// ends after its "PROCESSING" answer, never before it.
+TEST_F(TaskTest, WorkThatReturnsAtOnceEndsAfterItsAnswer) {
+    mFollower.reset();
+    gWork = kAtOnce;
+    FrontEnd fe;
+    for (int i = 0; i < 30; ++i) {
+        const FrontEnd::Answer a = SendAction(fe, nullptr);
+        EXPECT_EQ(a.status, "PROCESSING") << i;
+        std::string status;
+        for (int n = 0; n < 500 && status != "OK_EMPTY"; ++n) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            status = HGetAll(a.key)["&&ReturnStatus"];
+        }
+        EXPECT_EQ(status, "OK_EMPTY") << i;
+    }
+    EXPECT_TRUE(ZTask::WaitRunningTasks(10000));
+}
+
+TEST_F(TaskTest, ProgressFromAnyThreadKeepsItsOrder) {
+    gWork = kHelperThread;
+    FrontEnd fe;
+    std::string url;
+    const FrontEnd::Answer a = SendAction(fe, &url);
+    const TaskFollower::sTaskRecord rec = mFollower->Wait(a.key, 10000);
+    ASSERT_TRUE(rec.done);
+    EXPECT_EQ(rec.finalStatus, "OK_EMPTY");
+    int last = -1;  // the helper's percentages arrive in the order it sent them
+    for (const std::string& change : rec.changes) {
+        const size_t blank = change.find(' ');
+        const std::string rest = change.substr(blank + 1);
+        if (rest.find(" null null null") == std::string::npos) continue;
+        const int percent = std::stoi(rest);
+        EXPECT_GT(percent, last);
+        last = percent;
+    }
+    EXPECT_EQ(last, 40);
+    EXPECT_EQ(LRange(url + "/Messages_").size(), 12u);  // started, ten, completed
+}
+
+// A work function that outlives the application object ends without it.
+TEST_F(TaskTest, WorkThatOutlivesTheApplicationEndsWithoutIt) {
+    gWork = kIgnoreStop;
+    FrontEnd fe;
+    const FrontEnd::Answer a = SendAction(fe, nullptr);
+    ASSERT_EQ(a.status, "PROCESSING");
+    mSchema->WaitThreadsExit();
+    gLeftSchema = mSchema;  // the application leaves it to the process
+    mSchema = nullptr;
+    Recycle();  // what the requests retired; the rest stays with the process
+    ZTask::SetExitWaitMs(50);
+    delete mApp;
+    mApp = nullptr;
+    ZTask::SetExitWaitMs(10000);
+    EXPECT_TRUE(ZTask::WaitRunningTasks(5000));
+    const TaskFollower::sTaskRecord rec = mFollower->Wait(a.key, 5000);
+    EXPECT_EQ(rec.state, "Killed");
+    EXPECT_EQ(rec.finalStatus, "EXCEPTION");
 }
 
 TEST_F(TaskTest, FailingWorkAnswersFailOrException) {

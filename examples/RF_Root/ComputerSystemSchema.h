@@ -72,6 +72,9 @@ public:
     static void OnPresenceEvent(EVENT_TYPE type, char* eventName, int dataLen, void* data);
     Orbel::eRtCode BackendMethod_CREATE(Orbel::Backend_MethodContext* ctx, void* arg) override;
     Orbel::eRtCode BackendMethod_DELETE(Orbel::Backend_MethodContext* ctx, void* arg) override;
+    // A task's change of its system (ComputerSystemSchema_Tasks.cpp): `arg`
+    // is the new firmware version (std::string*).
+    Orbel::eRtCode BackendMethod_UPDATE(Orbel::Backend_MethodContext* ctx, void* arg) override;
 
 private:
     // Writes a member's content from its private data and applies it.
