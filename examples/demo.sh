@@ -295,32 +295,50 @@ curl -s -i -u admin:admin-pw -X POST -H 'Content-Type: application/json' -d '{}'
 head -n 1 "$SYSROOT/task-post.out" | tr -d '\r' | show
 grep -q "^HTTP/1.1 202" "$SYSROOT/task-post.out" || fail "the action was not answered 202"
 MONITOR="$(sed -n 's/^Location: \([^\r]*\)\r*$/\1/p' "$SYSROOT/task-post.out")"
+TASK="${MONITOR%/Monitor}"
 note "Location: $MONITOR   (the task monitor; the work goes on on the task's thread)"
+note "The Task itself is $TASK (listed in /redfish/v1/TaskService/Tasks)."
 sleep 0.6
-note "\$ curl -u admin:admin-pw $URL$MONITOR     (while it runs)"
+note "\$ curl -i -u admin:admin-pw $URL$MONITOR     (while it runs: 202)"
 curl -s -i -u admin:admin-pw "$URL$MONITOR" >"$SYSROOT/task-get.out"
 head -n 1 "$SYSROOT/task-get.out" | tr -d '\r' | show
+note "\$ curl -i -u admin:admin-pw $URL$TASK     (the Task: always 200, with its state)"
+curl -s -i -u admin:admin-pw "$URL$TASK" >"$SYSROOT/task-get.out"
+head -n 1 "$SYSROOT/task-get.out" | tr -d '\r' | show
 tail -n 1 "$SYSROOT/task-get.out" | grep -o '"PercentComplete":[0-9]*\|"TaskState":"[A-Za-z]*"' | show
-wait_for 15 sh -c "curl -s -u admin:admin-pw '$URL$MONITOR' | grep -q '\"TaskState\":\"Completed\"'" ||
+wait_for 15 sh -c "curl -s -u admin:admin-pw '$URL$TASK' | grep -q '\"TaskState\":\"Completed\"'" ||
   fail "the task did not complete"
+note "\$ curl -i -u admin:admin-pw $URL$MONITOR     (ended: the action's own answer)"
+curl -s -i -u admin:admin-pw "$URL$MONITOR" >"$SYSROOT/task-get.out"
+head -n 1 "$SYSROOT/task-get.out" | tr -d '\r' | show
+tail -n 1 "$SYSROOT/task-get.out" | show
+grep -q '"FirmwareVersion":"1.1.0"' "$SYSROOT/task-get.out" || fail "the monitor did not answer the result"
+note "The system shows its new firmware version (the task changed it through the backend path):"
+curl -s -u admin:admin-pw "$URL/redfish/v1/Systems/1" | grep -o '"BiosVersion":"[^"]*"' | show
 note "The announcements on TASK_STATE_CHANGE (request key, percent, state, status,"
 note "and the change key the front end removes once it has taken the change):"
 grep -E "^Corvel:Req" "$SYSROOT/tasks.out" | show
-note "\$ curl -u admin:admin-pw $URL$MONITOR     (done: the Task with its messages)"
-curl -s -u admin:admin-pw "$URL$MONITOR" | python3 -c '
+note "\$ curl -u admin:admin-pw $URL$TASK     (the Task with its messages)"
+curl -s -u admin:admin-pw "$URL$TASK" | python3 -c '
 import json, sys
 doc = json.load(sys.stdin)
 print("TaskState %s, TaskStatus %s, PercentComplete %s" % (doc["TaskState"], doc["TaskStatus"], doc["PercentComplete"]))
 for m in doc["Messages"]:
     print("%s: %s" % (m["MessageId"], m.get("Message", "")))' | show
-note "A task whose work fails ends in Exception, with the reason in its answer:"
+note "\$ curl -u admin:admin-pw $URL/redfish/v1/TaskService/Tasks"
+curl -s -u admin:admin-pw "$URL/redfish/v1/TaskService/Tasks" | show
+note "\$ curl -i -u admin:admin-pw -X DELETE $URL$TASK     (a finished task can be removed)"
+curl -s -i -u admin:admin-pw -X DELETE "$URL$TASK" | head -n 1 | tr -d '\r' | show
+note "A task whose work fails ends in Exception; its monitor answers the failure itself:"
 curl -s -i -u admin:admin-pw -X POST -H 'Content-Type: application/json' -d '{}' \
   "$ACT/Orbel.FailingSelfTest" >"$SYSROOT/task-post.out"
 MONITOR="$(sed -n 's/^Location: \([^\r]*\)\r*$/\1/p' "$SYSROOT/task-post.out")"
-wait_for 15 sh -c "curl -s -u admin:admin-pw '$URL$MONITOR' | grep -q '\"TaskState\":\"Exception\"'" ||
+wait_for 15 sh -c "curl -s -u admin:admin-pw '${URL}${MONITOR%/Monitor}' | grep -q '\"TaskState\":\"Exception\"'" ||
   fail "the failing task did not end in Exception"
-curl -s -u admin:admin-pw "$URL$MONITOR" |
-  grep -o '"TaskState":"[A-Za-z]*"\|"TaskStatus":"[A-Za-z]*"\|"TaskEvent.1.0.TaskAborted"' | show
+curl -s -i -u admin:admin-pw "$URL$MONITOR" >"$SYSROOT/task-get.out"
+head -n 1 "$SYSROOT/task-get.out" | tr -d '\r' | show
+grep -o '"code":"[A-Za-z0-9.]*"' "$SYSROOT/task-get.out" | show
+grep -q "^HTTP/1.1 409" "$SYSROOT/task-get.out" || fail "the failing task's monitor did not answer 409"
 kill -TERM "$TASK_LISTEN_PID" "$FRONT_PID" 2>/dev/null || true
 wait "$FRONT_PID" 2>/dev/null || true
 FRONT_PID=""

@@ -17,6 +17,7 @@ int HttpCode(const std::string& word) {
         {"OK", 200},          {"OK_RES", 201},    {"OK_EMPTY", 204},  {"PROCESSING", 202},
         {"AUTH_FAILED", 401}, {"FORBIDDEN", 403}, {"NOT_FOUND", 404}, {"NOT_ALLOWED", 405},
         {"CONFLICT", 409},    {"FAILURE", 400},   {"EXCEPTION", 500}, {"NOT_SUPPORTED", 501},
+        {"FAIL", 400},  // a task's failure
         {"UNAVAILABLE", 503}, {"IGNORE", 0},
     };
     auto it = kCodes.find(word);
@@ -56,14 +57,6 @@ bool PathIsClean(const std::string& path) {
 }
 
 }  // namespace
-
-struct RedfishService::sCall {
-    const httplib::Request& req;
-    httplib::Response& res;
-    std::string method;  // HTTP method
-    std::string uri;     // normalized target
-    sUser user;
-};
 
 RedfishService::RedfishService(sServiceConfig config, const UserTable& users,
                                const MessageRegistry& registry)
@@ -122,6 +115,8 @@ void RedfishService::_Serve(const httplib::Request& req, httplib::Response& res)
         if (!open && !mUsers.Authenticate(req.get_header_value("Authorization"), &call.user)) {
             res.set_header("WWW-Authenticate", "Basic realm=\"orbel\"");
             _Error(call, 401, "Base.1.12.NoValidSession");
+        } else if (_ServeTasks(call)) {
+            // the task service's own resources
         } else if (call.method == "GET" || call.method == "HEAD") {
             _Read(call);
         } else if (call.method == "PATCH" || call.method == "POST" || call.method == "DELETE") {
@@ -192,6 +187,9 @@ void RedfishService::_Read(sCall& call) {
         return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
     }
     if (!messages.empty()) doc["@Message.ExtendedInfo"] = messages;
+    if (call.uri == kServiceRoot && doc.is_object() && !doc.contains("Tasks")) {
+        doc["Tasks"] = {{"@odata.id", "/redfish/v1/TaskService"}};
+    }
     const std::string etag = call.res.get_header_value("ETag");
     if (!etag.empty() && call.req.get_header_value("If-None-Match") == etag) {
         call.res.status = 304;
@@ -342,8 +340,8 @@ void RedfishService::_Answer(sCall& call, const StoreRequest::sAnswer& answer) {
     }
     if (code >= 400) return _ErrorWith(call, code, messages);
     if (answer.status == "PROCESSING") {
-        // The task monitor: the client polls it.
-        call.res.set_header("Location", location());
+        // The task monitor: the client polls it; the body is the Task.
+        call.res.set_header("Location", _MonitorOf(location()));
         if (!_Document(call, location(), &doc)) doc = nlohmann::json::object();
         if (doc.is_object() && !messages.empty()) doc["@Message.ExtendedInfo"] = messages;
         return send(202, doc);

@@ -41,7 +41,14 @@ public:
     void Install(httplib::Server& server);
 
 private:
-    struct sCall;  // one request's state (RedfishService.cpp)
+    // One request's state.
+    struct sCall {
+        const httplib::Request& req;
+        httplib::Response& res;
+        std::string method;  // HTTP method
+        std::string uri;     // normalized target
+        sUser user;
+    };
 
     void _Serve(const httplib::Request& req, httplib::Response& res);
     void _Read(sCall& call);
@@ -51,6 +58,18 @@ private:
                 const nlohmann::json& args = nlohmann::json::array());
     void _ErrorWith(sCall& call, int status, nlohmann::json messages);
     bool _Document(sCall& call, const std::string& uri, nlohmann::json* doc);
+
+    // The task service (TaskService.cpp). _ServeTasks answers `call` and
+    // returns true when its URI is the TaskService, the Tasks collection, a
+    // Task or a Task's monitor.
+    bool _ServeTasks(sCall& call);
+    void _TaskRead(sCall& call, StoreRequest& store, redisContext* c, const std::string& task,
+                   bool monitor);
+    void _TaskFinalAnswer(sCall& call, StoreRequest& store, const std::string& task);
+    void _TaskDelete(sCall& call, StoreRequest& store, redisContext* c, const std::string& task);
+    // The client's monitor URI for a task's "&&Location" (any other location
+    // as it is).
+    static std::string _MonitorOf(const std::string& location);
 
     const sServiceConfig mConfig;
     const UserTable& mUsers;

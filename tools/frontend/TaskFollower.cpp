@@ -16,6 +16,8 @@ namespace {
 const char kChannel[] = "TASK_STATE_CHANGE";
 const char kMapping[] = "TaskMonitorAndResourceMapping";
 const char kCounter[] = "&&TaskService:NextId";
+const char kFreeIds[] = "&&TaskService:FreeIds";
+const char kIndex[] = "&&TaskService:Tasks";
 
 using Reply = Orbel::StoreReply;
 
@@ -48,9 +50,16 @@ bool IsFinal(const std::string& state) {
 // ---------------------------------------------------------------------------
 
 std::string TaskFollower::Prepare(redisContext* c, const std::string& reqKey) {
-    Reply id = Cmd(c, {"INCR", kCounter});
-    if (!id || id->type != REDIS_REPLY_INTEGER) return std::string();
-    const std::string n = std::to_string(id->integer);
+    // An id that a synchronous answer gave back first: an action that did
+    // not run as a task does not use one up.
+    std::string n;
+    Reply free = Cmd(c, {"LPOP", kFreeIds});
+    if (free && free->type == REDIS_REPLY_STRING) n = free->str;
+    if (n.empty()) {
+        Reply id = Cmd(c, {"INCR", kCounter});
+        if (!id || id->type != REDIS_REPLY_INTEGER) return std::string();
+        n = std::to_string(id->integer);
+    }
     const std::string url = std::string(kTasksURI) + "/" + n;
     Reply set = Cmd(c, {"HSET",
                         url,
@@ -71,7 +80,8 @@ std::string TaskFollower::Prepare(redisContext* c, const std::string& reqKey) {
                         "StartTime",
                         Quoted(Now()),
                         "TaskMonitor",
-                        Quoted(url)});
+                        Quoted(url + kMonitorSuffix)});
+    Cmd(c, {"ZADD", kIndex, n, url});
     Reply map = Cmd(c, {"HSET", kMapping, reqKey, url});
     if (!set || set->type == REDIS_REPLY_ERROR || !map || map->type == REDIS_REPLY_ERROR) {
         return std::string();
@@ -79,9 +89,54 @@ std::string TaskFollower::Prepare(redisContext* c, const std::string& reqKey) {
     return url;
 }
 
+void TaskFollower::_Trim(redisContext* c) {
+    // The oldest finished tasks beyond the bound make room.
+    std::vector<std::string> finished;
+    for (const std::string& task : List(c)) {
+        if (IsFinished(c, task)) finished.push_back(task);
+    }
+    for (size_t i = 0; i + kKeptFinishedTasks < finished.size(); ++i) Remove(c, finished[i]);
+}
+
 void TaskFollower::Discard(redisContext* c, const std::string& reqKey, const std::string& taskURL) {
     Cmd(c, {"HDEL", kMapping, reqKey});
     Cmd(c, {"DEL", taskURL});
+    Reply gone = Cmd(c, {"ZREM", kIndex, taskURL});
+    if (gone && gone->type == REDIS_REPLY_INTEGER && gone->integer == 1) {
+        Cmd(c, {"RPUSH", kFreeIds, taskURL.substr(taskURL.rfind('/') + 1)});
+    }
+}
+
+std::vector<std::string> TaskFollower::List(redisContext* c) {
+    std::vector<std::string> tasks;
+    Reply r = Cmd(c, {"ZRANGE", kIndex, "0", "-1"});
+    for (size_t i = 0; r && r->type == REDIS_REPLY_ARRAY && i < r->elements; ++i) {
+        if (r->element[i]->type == REDIS_REPLY_STRING) tasks.push_back(r->element[i]->str);
+    }
+    return tasks;
+}
+
+bool TaskFollower::IsFinished(redisContext* c, const std::string& taskURL) {
+    Reply r = Cmd(c, {"HEXISTS", taskURL, "&&FinalStatus"});
+    return r && r->type == REDIS_REPLY_INTEGER && r->integer == 1;
+}
+
+void TaskFollower::Remove(redisContext* c, const std::string& taskURL) {
+    // Task URIs hold no glob characters (the library refuses them), so the
+    // patterns match exactly the keys below the Task.
+    std::vector<std::string> del = {"DEL", taskURL};
+    for (const std::string& pattern : {taskURL + "/*", "&&" + taskURL + "/*"}) {
+        std::string cursor = "0";
+        do {
+            Reply r = Cmd(c, {"SCAN", cursor, "MATCH", pattern, "COUNT", "200"});
+            if (!r || r->type != REDIS_REPLY_ARRAY || r->elements != 2) break;
+            cursor = r->element[0]->str != nullptr ? r->element[0]->str : "0";
+            const redisReply* keys = r->element[1];
+            for (size_t i = 0; i < keys->elements; ++i) del.push_back(keys->element[i]->str);
+        } while (cursor != "0");
+    }
+    Cmd(c, del);
+    Cmd(c, {"ZREM", kIndex, taskURL});
 }
 
 // ---------------------------------------------------------------------------
@@ -196,17 +251,19 @@ void TaskFollower::_Apply(redisContext* c, const std::string& text) {
             add("EndTime", Quoted(Now()));
             // The monitor keeps the final answer once the request is gone.
             Reply fields = Cmd(c, {"HMGET", key, "&&ReturnStatus", "&&ResponseData", "&&Location",
-                                   "&&ExtendedInfo"});
-            const char* names[] = {"&&FinalStatus", "&&FinalResponseData", "&&FinalLocation",
-                                   "&&FinalExtendedInfo"};
+                                   "&&ExtendedInfo", "&&TargetURI", "&&FailureStatus"});
+            const char* names[] = {"&&FinalStatus",       "&&FinalResponseData",
+                                   "&&FinalLocation",     "&&FinalExtendedInfo",
+                                   "&&FinalTargetURI",    "&&FinalFailureStatus"};
             for (size_t i = 0;
-                 fields && fields->type == REDIS_REPLY_ARRAY && i < fields->elements && i < 4; ++i) {
+                 fields && fields->type == REDIS_REPLY_ARRAY && i < fields->elements && i < 6; ++i) {
                 if (fields->element[i]->type != REDIS_REPLY_STRING) continue;
                 if (i == 0) finalStatus = fields->element[i]->str;
                 add(names[i], fields->element[i]->str);
             }
         }
         if (hset.size() > 2) Cmd(c, hset);
+        if (final) _Trim(c);
     }
     std::vector<std::string> cleanup;
     bool take = true;

@@ -28,16 +28,27 @@ class TaskFollower {
 public:
     // The collection the Task resources are made under.
     static constexpr const char* kTasksURI = "/redfish/v1/TaskService/Tasks";
+    // The client's task monitor of a Task: <Task URI> + kMonitorSuffix.
+    static constexpr const char* kMonitorSuffix = "/Monitor";
+    // Finished tasks kept at most; the oldest finished one goes first.
+    static constexpr size_t kKeptFinishedTasks = 64;
 
-    // Makes the Task resource of a request about to be forwarded: the next
-    // id from the counter "&&TaskService:NextId", the hash
-    // <kTasksURI>/<id> (state "New"), and the request's entry in
-    // "TaskMonitorAndResourceMapping". Returns the task monitor URL for the
-    // request's "&&Task", or "" when the store refused.
+    // Makes the Task resource of a request about to be forwarded: an id
+    // (one a synchronous answer gave back, else the next of the counter
+    // "&&TaskService:NextId"), the hash <kTasksURI>/<id> (state "New"), its
+    // entry in the index "&&TaskService:Tasks", and the request's entry in
+    // "TaskMonitorAndResourceMapping". Returns the Task's URI for the request's
+    // "&&Task", or "" when the store refused.
     static std::string Prepare(redisContext* c, const std::string& reqKey);
     // Removes what Prepare made, for a request that was not answered
-    // "PROCESSING".
+    // "PROCESSING"; its id is given back for the next task.
     static void Discard(redisContext* c, const std::string& reqKey, const std::string& taskURL);
+    // The Task URIs, in id order.
+    static std::vector<std::string> List(redisContext* c);
+    // True once the final answer is kept in the Task.
+    static bool IsFinished(redisContext* c, const std::string& taskURL);
+    // Removes a Task and every key below it (its nodes and messages).
+    static void Remove(redisContext* c, const std::string& taskURL);
 
     // Subscribes on a connection of its own to `socketPath` (again after
     // the store restarted); Listening() tells when the subscription stands.
@@ -72,6 +83,9 @@ public:
 private:
     void _Loop();
     void _Apply(redisContext* c, const std::string& text);
+    // Removes the oldest finished tasks beyond kKeptFinishedTasks (when a
+    // task ends).
+    static void _Trim(redisContext* c);
 
     const std::string mSocket;
     const std::string mStopText;
