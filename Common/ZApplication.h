@@ -207,6 +207,7 @@ private:
     // alive, which never reaches the recycle queue).
     void _ForgetObject(ZObject* obj);
     friend class ZObject;
+    friend class ZResourceCollection;  // looks member URIs up without log lines
 
     int _ExecInitSchemas(sExecParams& params);
     int _ExecParserArgFlags(const char* list, unsigned char* flags, int count);

@@ -96,15 +96,11 @@ eRtCode ComputerSystemSchema::PreCorvelReady_InitialResources() {
 
     mSystemUris.assign(kSampleSystemNum, std::string());
     for (int i = 0; i < kSampleSystemNum; ++i) {
-        // A resource made with the collection as parent becomes a member:
+        // The collection picks the id and builds the member in one step:
         // URI <collection>/<id>, its link in "Members" and the new count are
-        // in the store before the constructor returns.
-        const int id = systems->GetFreeMemberId();
-        auto* system = new ZResource(systems, this, std::to_string(id));
-        if (system->GetJPath().empty()) {
-            system->ObjDestroy(ZObject::eDestroyDelete, false);
-            continue;
-        }
+        // in the store when it returns; null (logged) when it could not.
+        ZResource* system = systems->CreateMember(this);
+        if (system == nullptr) continue;
         system->SetPrivateData(new sSystemData{i, "On", kSampleSystems[i].name, false},
                                RecycleSystemData);
         mSystemUris[i] = system->GetJPath();

@@ -107,19 +107,17 @@ eRtCode ComputerSystemSchema::HttpMethod_UPDATE(HTTP_MethodContext* ctx) {
 }
 
 eRtCode ComputerSystemSchema::HttpMethod_CREATE(HTTP_MethodContext* ctx) {
-    // The target is the collection; the new member takes its first free id.
+    // The target is the collection; the new member takes a new id.
     ZResource* target = ctx->GetTargetResource();
     if (target == nullptr || target->GetType() != ZObject::eResourceCollection) {
         return Orbel::RT_FAILURE;
     }
     auto* systems = static_cast<Orbel::ZResourceCollection*>(target);
-    const int id = systems->GetFreeMemberId();
-    const std::string name = "Sample System " + std::to_string(id);
-    auto* system = new ZResource(systems, this, std::to_string(id));
-    if (system->GetJPath().empty()) {
-        system->ObjDestroy(ZObject::eDestroyDelete, false);
-        return Orbel::RT_FAILURE;
-    }
+    // Id and member in one step: a DELETE or a backend create on another
+    // thread cannot come between them.
+    ZResource* system = systems->CreateMember(this);
+    if (system == nullptr) return Orbel::RT_FAILURE;
+    const std::string name = "Sample System " + system->GetId();
     system->SetPrivateData(new sSystemData{kRecordForNewSystems, "Off", name, true},
                            RecycleSystemData);
     if (_FillSystem(system) != Orbel::RT_SUCCESS) {
