@@ -340,6 +340,15 @@ TEST_F(RequestDispatchTest, FaultsGetTheirStatusAndMessagesAndServingGoesOn) {
     FrontEnd::Answer a = fe.Send(kPatchQ, "PATCH", kSys1, &body);
     EXPECT_EQ(a.extInfo, "[" + Msg("Base.1.12.PropertyValueError", "\"Fail\"") + "]");
 
+    // Whatever the answer, its messages expire: a client naming ever new
+    // targets cannot grow the store for good.
+    Reply keys = RawCommand({"KEYS", "*ExtendedInfo*"});
+    ASSERT_TRUE(keys && keys->elements > 0);
+    for (size_t i = 0; i < keys->elements; ++i) {
+        Reply ttl = RawCommand({"TTL", keys->element[i]->str});
+        EXPECT_TRUE(ttl->integer > 0 && ttl->integer <= 60) << keys->element[i]->str;
+    }
+
     // A key that names no hash has nowhere to be answered; the thread serves on.
     mSys->mode = kNormal;
     EXPECT_FALSE(fe.PublishAndWait(kReadQ, "Corvel:Req:none", 300));
