@@ -2,8 +2,6 @@
 // a destroyer racing readers and the recycler, and the resource lock as a
 // mutual exclusion. Meant for the thread sanitizer as much as for the asserts.
 #include <atomic>
-#include <deque>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -129,45 +127,22 @@ TEST_F(ObjectConcurrencyTest, CreatesRacingDeletesAndBackendThreadsNeverShareAnI
     MemberSchema schema;
     auto* coll = new ZResourceCollection(nullptr, &collSchema, "/redfish/v1/Systems");
     constexpr int kRounds = 150;
-    std::mutex madeMutex;
-    std::deque<ZResource*> made;  // guarded by madeMutex
+    std::atomic<ZResource*> handed{nullptr};  // made by one thread, deleted by the other
     std::atomic<int> failures{0};
     std::atomic<bool> creating{true};
-
-    // One thread creates while another deletes what it made (each member
-    // leaves "Members" before it leaves the registry and the store).
-    std::thread creator([&] {
-        for (int i = 0; i < kRounds; ++i) {
-            ZResource* member = coll->CreateMember(&schema);
-            if (member == nullptr) {
-                ++failures;
-                continue;
-            }
-            std::lock_guard<std::mutex> lock(madeMutex);
-            made.push_back(member);
-        }
-        creating = false;
-    });
     std::thread deleter([&] {
-        for (;;) {
-            ZResource* member = nullptr;
-            {
-                std::lock_guard<std::mutex> lock(madeMutex);
-                if (!made.empty()) {
-                    member = made.front();
-                    made.pop_front();
-                }
-            }
-            if (member != nullptr) {
-                member->ObjDestroy(ZObject::eDestroyDelete, true);
-            } else if (!creating) {
-                break;
-            } else {
-                std::this_thread::yield();
-            }
+        while (creating || handed.load() != nullptr) {
+            ZResource* member = handed.exchange(nullptr);
+            if (member != nullptr) member->ObjDestroy(ZObject::eDestroyDelete, true);
         }
     });
-    creator.join();
+    for (int i = 0; i < kRounds; ++i) {
+        ZResource* member = coll->CreateMember(&schema);
+        failures += member == nullptr ? 1 : 0;
+        while (member != nullptr && handed.load() != nullptr) std::this_thread::yield();
+        handed = member;
+    }
+    creating = false;
     deleter.join();
     EXPECT_EQ(failures.load(), 0);
     EXPECT_EQ(coll->MemberIdHighWater(), static_cast<unsigned>(kRounds));
