@@ -215,8 +215,9 @@ public:
     eRtCode SendResponseToCorvel();
 
 private:
-    // Reads the request-data tree into mUserInCache (a fault is logged and
-    // keeps what was read before it).
+    // Reads the request-data tree into mUserInCache. A body that could not
+    // be read whole leaves mUserInFault filled: VerifyUserInputData then
+    // refuses it, so no handler sees a part of a body.
     void _ParserUserInputData();
     // Reads the request's checklist hash into mChecklist.
     void _ParserChecklistData();
@@ -244,6 +245,7 @@ private:
     ZObject* mResponseData = nullptr;  // owned
     eHttpRtStatus mReturnStatus = HTTP_RT_OK;
     UsrInCache mUserInCache;
+    sUsrInReadFault mUserInFault;
     std::map<std::string, std::string> mChecklist;
     std::set<std::string> mRequestDataFieldsToDelete;
     std::map<std::string, std::string> mAdditionalReturnData;

@@ -47,8 +47,11 @@ void HTTP_MethodContext::_ParserUserInputData() {
     // A fault is logged by the reader; what was read before it stays, and a
     // template then refuses the body or a handler finds its values missing.
     const std::string schema = mOwnerSchema != nullptr ? mOwnerSchema->GetName() : "NULL";
-    ZUserInputTemplate::ParserUserInputData(mRedisCtx, mReqData->requestDataKey, mUserInCache,
-                                            schema);
+    if (ZUserInputTemplate::ParserUserInputData(mRedisCtx, mReqData->requestDataKey, mUserInCache,
+                                                schema, &mUserInFault) != RT_SUCCESS &&
+        mUserInFault.value.empty()) {
+        mUserInFault.value = "unreadable";  // a store fault, a malformed link
+    }
 }
 
 void HTTP_MethodContext::_ParserChecklistData() {
@@ -75,6 +78,26 @@ void HTTP_MethodContext::AssignUsrInPptFlagFromUsrInTemplate(ZUserInputTemplate*
 
 eRtCode HTTP_MethodContext::VerifyUserInputData(ZUserInputTemplate* tmpl) {
     const eReqMethod method = MethodOf(GetReqMethod());
+    if (!mUserInFault.value.empty()) {
+        // Part of a body is not the body: refused whole, whatever the
+        // template says, with the bound (or the value) and where.
+        const std::string where = mUserInFault.jpath.empty() ? "/" : mUserInFault.jpath;
+        const std::string property = where.substr(1);
+        ZLOG(eZLogError, "Schema[%s]: request data refused (%s at [%s]).\n", _OwnerName(),
+             mUserInFault.value.c_str(), where.c_str());
+        sExtendedInfo* info =
+            method == eReqAction
+                ? NewExtendedInfo(RESP_Base_ActionParameterValueFormatError,
+                                  mUserInFault.value.c_str(), property.c_str(),
+                                  ("#" + GetTargetActionName()).c_str())
+                : NewExtendedInfo(RESP_Base_PropertyValueFormatError, mUserInFault.value.c_str(),
+                                  property.c_str());
+        if (info != nullptr && !property.empty()) {
+            ExtendedInfo_AppendRelatedProperty(info, nullptr, property);
+        }
+        SetReturnStatus(HTTP_RT_FAILURE, info);
+        return RT_FAILURE;
+    }
     sUsrInVerifyArgs args;
     args.method = method;
     if (method == eReqAction) args.actionName = "#" + GetTargetActionName();

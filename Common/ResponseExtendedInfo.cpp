@@ -652,7 +652,24 @@ eRtCode ResponseExtendedInfo::ApplyExtInfoToRedis() {
             static_cast<ZJsonArray*>(related)->_Destroy(ZObject::eDestroyDelete, true);
         }
     }
-    return mExtInfosObj->ApplyRedisChanges(true, _ExtInfoContext());
+    redisContext* c = _ExtInfoContext();
+    const eRtCode rt = mExtInfosObj->ApplyRedisChanges(true, c);
+    if (c == nullptr) return rt;
+    // Whatever the answer, nothing of it stays beyond its reading: the keys
+    // are named after the target URI, which a client chooses.
+    const std::string seconds = std::to_string(kExtInfoSeconds);
+    std::vector<std::vector<std::string>> expire = {{"EXPIRE", mExtInfosObj->GetJPath(), seconds}};
+    for (sExtendedInfo* info : mExtInfos) {
+        expire.push_back({"EXPIRE", info->msgObj->GetJPath(), seconds});
+        ZObject* args = info->msgObj->GetChild("MessageArgs", true);
+        if (args != nullptr) expire.push_back({"EXPIRE", args->GetJPath(), seconds});
+    }
+    std::vector<eRtCode> results;
+    if (RedisPipeline(c, expire, results) != RT_SUCCESS) {
+        ZLOG(eZLogError, "Failed to set the expiry of extInfoObj[%s].\n",
+             mExtInfosObj->GetJPath().c_str());
+    }
+    return rt;
 }
 
 }  // namespace Orbel

@@ -352,8 +352,12 @@ public:
     // delete), then every pending change of the message array and its
     // nodes is written in one pass. So related properties never reach the
     // store; docs/wire-protocol.md says what a reader finds instead.
+    // Every key of the messages then expires kExtInfoSeconds later: the
+    // front end reads them at once, and a refused request (a POST to any
+    // action name, a 403) must not grow the store for good.
     // Returns the apply's result, or 2 (logged) without a message array.
     eRtCode ApplyExtInfoToRedis();
+    static constexpr unsigned kExtInfoSeconds = 60;
 
 protected:
     // The instance's store connection, reopened when it has failed. May be

@@ -266,11 +266,21 @@ int ZApplication::Exec(sExecParams& params) {
         ZLOG(eZLogError, "Failed to start the process-loop thread: %s\n", e.what());
     }
 
-    // 7. Resources that need no front end.
-    _PreCorvelReady_InitAllSchemaResources();
-    // Listening before the front end is ready: its first request finds the
-    // resources built and a dispatcher subscribed.
+    // 7. Resources that need no front end. The dispatchers subscribe first:
+    // a resource is in the store as soon as it is built, and a front end
+    // that already knows it (a restarted plug-in) may send a request at
+    // once. It waits at the gate until every resource is complete.
+    {
+        std::lock_guard<std::mutex> lock(mLoopMutex);
+        mServingGateClosed = true;
+    }
     for (ZSchema* schema : GetSchemaList()) schema->_InitCRUDqDispather();
+    _PreCorvelReady_InitAllSchemaResources();
+    {
+        std::lock_guard<std::mutex> lock(mLoopMutex);
+        mServingGateClosed = false;
+    }
+    mLoopCv.notify_all();
     mInitStep.store(3);
 
     // 8. Wait for the front end, without a time limit. A missing variable
@@ -342,6 +352,12 @@ void ZApplication::_MarkExited() {
     // Taking the loop mutex orders the flag before the loop's next check.
     { std::lock_guard<std::mutex> lock(mLoopMutex); }
     mLoopCv.notify_all();
+}
+
+bool ZApplication::WaitUntilServing() {
+    std::unique_lock<std::mutex> lock(mLoopMutex);
+    mLoopCv.wait(lock, [this]() { return !mServingGateClosed || mExited.load(); });
+    return !mExited.load();
 }
 
 void ZApplication::WaitAppInitDone() const {

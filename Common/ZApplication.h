@@ -89,6 +89,12 @@ public:
     // from a signal handler.
     void Exit();
 
+    // Dispatcher threads subscribe before the pre-ready stage publishes the
+    // resources (so no request reaches a channel nobody listens on), and
+    // hold what arrives until the stage is done (so no request meets a
+    // resource half built). Returns false when the application exits first.
+    // Open unless Exec closed it: schemas driven without Exec serve at once.
+    bool WaitUntilServing();
     bool isAppInitDone() const { return GetInitStep() == 5; }
     void WaitAppInitDone() const;  // polls every 100 ms, no time limit
 
@@ -207,6 +213,7 @@ private:
     // alive, which never reaches the recycle queue).
     void _ForgetObject(ZObject* obj);
     friend class ZObject;
+    friend class ZResourceCollection;  // looks member URIs up without log lines
 
     int _ExecInitSchemas(sExecParams& params);
     int _ExecParserArgFlags(const char* list, unsigned char* flags, int count);
@@ -299,6 +306,9 @@ private:
     // at once instead of delaying the shutdown.
     std::mutex mLoopMutex;
     std::condition_variable mLoopCv;
+    // Closed by Exec from the dispatchers' start to the end of the
+    // pre-ready stage; waited on under mLoopMutex with mLoopCv.
+    bool mServingGateClosed = false;
 
     // Handshake: the signal thread creates zAppSigPipe and then sets
     // mSigPipeReady; the main thread installs the handlers only after that.

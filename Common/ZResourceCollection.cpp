@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 
+#include "Orbel.h"
 #include "RedisCli.h"
 #include "ZApplication.h"
 #include "ZJsonArray.h"
@@ -13,6 +14,15 @@ namespace Orbel {
 
 namespace {
 constexpr const char* kMembers = "Members";
+
+// A member id as a number: only decimal ids of up to 9 digits (the ones
+// this collection hands out) count; 0 for any other.
+unsigned int NumericId(const std::string& id) {
+    if (id.empty() || id.size() > 9 || id.find_first_not_of("0123456789") != std::string::npos) {
+        return 0;
+    }
+    return static_cast<unsigned int>(std::strtoul(id.c_str(), nullptr, 10));
+}
 }  // namespace
 
 ZResourceCollection::ZResourceCollection(ZObject* parent, ZSchema* schema, const std::string& id,
@@ -75,6 +85,7 @@ eRtCode ZResourceCollection::CollectionAddMember(ZResource* member) {
     ZObject* members = _MembersFor(member);
     if (members == nullptr) return RT_FAILURE;
     UseRelease release(member);
+    _MemberIdTaken(member->GetId());
     eRtCode rt = members->ListWrite(-1, static_cast<ZObject*>(member), true);
     if (rt != RT_SUCCESS) return rt;
     // The member list and its count reach the store with the member itself.
@@ -121,23 +132,113 @@ int ZResourceCollection::GetFreeMemberId() {
         n = mFreeIdHint;
         epoch = mFreeIdEpoch;
     }
-    // No lock of this node is held while the member list is asked.
-    while (n <= count && members->GetChild(static_cast<int>(n), true) != nullptr) ++n;
+    // No lock of this node is held while the member list is asked. A member
+    // already out of "Members" but still registered (retiring on another
+    // thread) keeps its URI until it is gone: its id is not free yet.
+    ZApplication* app = zApp;
+    const std::string base = mJPath + "/";
+    while (n <= count && (members->GetChild(static_cast<int>(n), true) != nullptr ||
+                          app->_FindObject(base + std::to_string(n), true) != nullptr)) {
+        ++n;
+    }
     {
         std::lock_guard<std::mutex> lock(mFreeIdMutex);
         if (epoch == mFreeIdEpoch && n > mFreeIdHint) mFreeIdHint = n;
     }
     // Ids below the hint are all taken: when the hint lies beyond the stored
-    // count, the count + 1 is the answer.
-    return static_cast<int>(n <= count ? n : count + 1);
+    // count, the first id after it whose URI nobody holds.
+    if (n > count) {
+        n = count + 1;
+        while (app->_FindObject(base + std::to_string(n), true) != nullptr) ++n;
+    }
+    return static_cast<int>(n);
+}
+
+ZResource* ZResourceCollection::CreateMember(ZSchema* schema, uint32_t attributes) {
+    return CreateMember([this, schema, attributes](const std::string& id) -> ZResource* {
+        return new ZResource(this, schema, id, std::string(), attributes);
+    });
+}
+
+ZResource* ZResourceCollection::CreateMember(
+    const std::function<ZResource*(const std::string& id)>& make) {
+    if (!make || !Use(this)) return nullptr;
+    UseRelease release(this);
+    if (IsDied() || GetChild(kMembers, true) == nullptr) {
+        ZLOG(eZLogError, "Collection[%s] takes no member.\n", mJPath.c_str());
+        return nullptr;
+    }
+    // One creation at a time: the id is taken and its member registered
+    // before the next creation looks for an id. A retiring member keeps its
+    // URI registered until it is gone, and its store keys are deleted after
+    // it left the registry; an id is therefore never given twice, not even
+    // the id of a member that left a moment ago: its old URI would name the
+    // new member for a client that still holds it.
+    std::lock_guard<std::mutex> creating(mCreateMutex);
+    ZApplication* app = zApp;
+    const std::string base = mJPath + "/";
+    unsigned int id;
+    std::string setting;
+    {
+        std::lock_guard<std::mutex> lock(mFreeIdMutex);
+        id = mIdHighWater + 1;
+        setting = mIdSetting;
+    }
+    // Made some other way (an explicit id, GetFreeMemberId) after the mark.
+    while (app->_FindObject(base + std::to_string(id), true) != nullptr) ++id;
+    // Kept before the member exists: a restart after this point cannot give
+    // the id again.
+    if (!setting.empty() && SetKOBA(setting, id) != RT_SUCCESS) {
+        ZLOG(eZLogError, "Collection[%s]: member id %u not kept in setting[%s]; no member made.\n",
+             mJPath.c_str(), id, setting.c_str());
+        return nullptr;
+    }
+    {
+        std::lock_guard<std::mutex> lock(mFreeIdMutex);
+        if (id > mIdHighWater) mIdHighWater = id;
+    }
+    const std::string uri = base + std::to_string(id);
+    ZResource* member = make(std::to_string(id));
+    if (member == nullptr) {
+        ZLOG(eZLogError, "Collection[%s]: no member[%s] was made.\n", mJPath.c_str(), uri.c_str());
+        return nullptr;
+    }
+    const std::string jpath = member->GetJPath();
+    if (jpath != uri || member->GetParent() != GetChild(kMembers, true)) {
+        ZLOG(eZLogError, "Collection[%s]: member[%s] could not be added.\n", mJPath.c_str(),
+             uri.c_str());
+        // A node that never got its JPath owns nothing in the store.
+        member->ObjDestroy(eDestroyDelete, !jpath.empty());
+        return nullptr;
+    }
+    return member;
+}
+
+eRtCode ZResourceCollection::KeepMemberIdsIn(const std::string& name) {
+    unsigned int stored = 0;
+    eRtCode rt = GetKOBA(name, stored, true);
+    if (rt != RT_SUCCESS && rt != RT_NO_SUCH_KEY) return rt;
+    std::lock_guard<std::mutex> lock(mFreeIdMutex);
+    mIdSetting = name;
+    if (stored > mIdHighWater) mIdHighWater = stored;
+    return RT_SUCCESS;
+}
+
+unsigned int ZResourceCollection::MemberIdHighWater() {
+    std::lock_guard<std::mutex> lock(mFreeIdMutex);
+    return mIdHighWater;
+}
+
+void ZResourceCollection::_MemberIdTaken(const std::string& id) {
+    const unsigned int n = NumericId(id);
+    std::lock_guard<std::mutex> lock(mFreeIdMutex);
+    if (n > mIdHighWater) mIdHighWater = n;
 }
 
 void ZResourceCollection::_MemberIdReleased(const std::string& id) {
     // Only decimal ids are ever handed out; others cannot move the hint.
-    if (id.empty() || id.size() > 9 || id.find_first_not_of("0123456789") != std::string::npos) {
-        return;
-    }
-    const unsigned int n = static_cast<unsigned int>(std::strtoul(id.c_str(), nullptr, 10));
+    const unsigned int n = NumericId(id);
+    if (n == 0) return;
     std::lock_guard<std::mutex> lock(mFreeIdMutex);
     ++mFreeIdEpoch;
     if (n >= 1 && n < mFreeIdHint) mFreeIdHint = n;

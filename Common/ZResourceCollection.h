@@ -9,6 +9,7 @@
 #define ORBEL_ZRESOURCECOLLECTION_H
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -31,8 +32,32 @@ public:
     std::vector<std::string> GetMemberObjIDs();
     // The smallest free member id from 1 up to the stored member count (the
     // count + 1 when all are taken); -1 for a died collection. Each call
-    // reads the count from the store.
+    // reads the count from the store. An id whose URI still names a member
+    // on its way out is not free. Between this call and the new member's
+    // constructor another thread may take the id: use CreateMember.
     int GetFreeMemberId();
+
+    // Builds a new member in one step that no other CreateMember (request
+    // or backend thread) interleaves: picks an id that no member of this
+    // collection has had since the process started (nor, with
+    // KeepMemberIdsIn, before a restart), and builds the member with it.
+    // `make(id)` must construct the member with this collection as parent;
+    // the plain form builds `new ZResource(this, schema, id, "", attributes)`.
+    // Returns the member, in the store as its constructor left it; null,
+    // logged, when it could not be built or added (the node, if any, is
+    // retired: nothing leaks). The caller fills, locks or retires the member
+    // as it would one made with `new`.
+    ZResource* CreateMember(ZSchema* schema, uint32_t attributes = 0);
+    ZResource* CreateMember(const std::function<ZResource*(const std::string& id)>& make);
+    // Keeps the highest member id handed out in the KOBA setting `name`
+    // (unsigned), so ids are not handed out again after the plug-in or the
+    // store restarts. Reads the setting now (a missing one counts as 0);
+    // every CreateMember then writes the new id there before the member is
+    // built, and refuses to build one when the write fails. Call it before
+    // the first member is made.
+    eRtCode KeepMemberIdsIn(const std::string& name);
+    // The highest numeric member id seen or handed out (0: none).
+    unsigned int MemberIdHighWater();
     void DeleteAllMemberResources();
     eRtCode UpdateMemberCount();
 
@@ -42,6 +67,9 @@ public:
     // Called by a member resource that leaves "Members" (retired, or deleted
     // while alive): its id may be free again.
     void _MemberIdReleased(const std::string& id);
+    // Called for every member that joins: its id counts for the high-water
+    // mark.
+    void _MemberIdTaken(const std::string& id);
 
 private:
     void _InitFillDefaultContents();
@@ -59,9 +87,14 @@ private:
     // every id from 1 (which made filling a collection quadratic). A search
     // raises the hint only when no member left while it looked
     // (mFreeIdEpoch counts the departures).
-    std::mutex mFreeIdMutex;  // guards mFreeIdHint, mFreeIdEpoch
+    std::mutex mFreeIdMutex;  // guards mFreeIdHint, mFreeIdEpoch, mIdHighWater, mIdSetting
     unsigned int mFreeIdHint = 1;
     uint32_t mFreeIdEpoch = 0;
+    unsigned int mIdHighWater = 0;
+    std::string mIdSetting;
+    // Held across one CreateMember, from the choice of the id until the
+    // member is built (no node lock is held while it is taken).
+    std::mutex mCreateMutex;
 };
 
 }  // namespace Orbel

@@ -182,6 +182,9 @@ void ZSchema::_DispatchLoop(int role) {
             continue;
         }
         if (message == "QUIT") break;
+        // A request that came while the resources are being built waits
+        // for them (start-up only).
+        if (app != nullptr && !app->WaitUntilServing()) break;
         if (pair.Command()->err != 0) {
             pair.Close();
             continue;

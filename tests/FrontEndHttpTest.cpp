@@ -161,9 +161,9 @@ TEST_F(FrontEndHttpTest, EveryMethodThroughCurl) {
     // A PATCH that is accepted answers the updated document, one that is
     // refused the plug-in's message with its registry text.
     r = Curl("PATCH", "/redfish/v1/Systems/1", Admin(),
-             R"({"AssetTag":"rack \"7\"","Boot":{"BootSourceOverrideTarget":"Pxe"}})");
+             R"({"AssetTag":"O'Brien rack \"7\"","Boot":{"BootSourceOverrideTarget":"Pxe"}})");
     EXPECT_EQ(r.status, 200) << r.body;
-    EXPECT_EQ(r.doc["AssetTag"], "rack \"7\"");
+    EXPECT_EQ(r.doc["AssetTag"], "O'Brien rack \"7\"");
     EXPECT_EQ(r.doc["Boot"]["BootSourceOverrideTarget"], "Pxe");
     r = Curl("PATCH", "/redfish/v1/Systems/1", Admin(),
              R"({"Boot":{"BootSourceOverrideTarget":"Floppy"}})");
@@ -270,8 +270,6 @@ TEST_F(FrontEndHttpTest, HostileInputGetsFourHundreds) {
         {"array body", "PATCH", "/redfish/v1/Systems/1", "[1]", 400, "Base.1.12.MalformedJSON"},
         {"empty object", "PATCH", "/redfish/v1/Systems/1", "{}", 400, "Base.1.12.EmptyJSON"},
         {"too deep", "PATCH", "/redfish/v1/Systems/1", deep, 400, "Base.1.12.MalformedJSON"},
-        {"apostrophe in a value", "PATCH", "/redfish/v1/Systems/1", R"({"AssetTag":"it's"})", 400,
-         "Base.1.12.PropertyValueFormatError"},
         {"apostrophe in a name", "PATCH", "/redfish/v1/Systems/1", R"({"Asset'Tag":"x"})", 400,
          "Base.1.12.PropertyUnknown"},
         {"meta name", "PATCH", "/redfish/v1/Systems/1", R"({"&&TargetURI":"/x"})", 400,

@@ -2,16 +2,19 @@
 // a destroyer racing readers and the recycler, and the resource lock as a
 // mutual exclusion. Meant for the thread sanitizer as much as for the asserts.
 #include <atomic>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Backend_MethodContext.h"
 #include "ChildProcess.h"
 #include "ObjectModelFixture.h"
 #include "ZJsonArray.h"
 #include "ZJsonObject.h"
 #include "ZResource.h"
 #include "ZResourceCollection.h"
+#include "ZSchema.h"
 
 using namespace Orbel;
 using namespace OrbelTest;
@@ -19,6 +22,20 @@ using namespace OrbelTest;
 namespace {
 
 class ObjectConcurrencyTest : public ObjectModelTest {};
+
+// A member schema whose backend adds one member per DoBackend_Create, the
+// way a plug-in's platform thread does.
+class MemberSchema : public ZSchema {
+public:
+    MemberSchema() : ZSchema("ComputerSystem", "v1_20_0", CRUDQ_READ) {}
+    eRtCode BackendMethod_CREATE(Backend_MethodContext* ctx, void* arg) override {
+        ZResource* member = static_cast<ZResourceCollection*>(arg)->CreateMember(this);
+        if (member == nullptr) return RT_FAILURE;
+        member->Lock(-1, ZResource::LOCK_IGNORE_CORVEL_KEY);
+        ctx->AssignNewInstance(member);
+        return RT_SUCCESS;
+    }
+};
 
 TEST_F(ObjectConcurrencyTest, ThreadsWritingDifferentNodesOfOneResource) {
     constexpr int kThreads = 4;
@@ -103,6 +120,51 @@ TEST_F(ObjectConcurrencyTest, DestroyingWhileOthersReadAndTheRecyclerRuns) {
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/Members"), Items{});
     EXPECT_EQ(HGetAll("/redfish/v1/Systems").at("Members@odata.count"), "0");
     EXPECT_EQ(mApp->ObjectListSize(), 2u);  // the collection and its Members
+}
+
+TEST_F(ObjectConcurrencyTest, CreatesRacingDeletesAndBackendThreadsNeverShareAnId) {
+    ZSchema collSchema("ComputerSystemCollection", "", ZSchema::CRUDQ_READ, "ComputerSystem");
+    MemberSchema schema;
+    auto* coll = new ZResourceCollection(nullptr, &collSchema, "/redfish/v1/Systems");
+    constexpr int kRounds = 150;
+    std::atomic<ZResource*> handed{nullptr};  // made by one thread, deleted by the other
+    std::atomic<int> failures{0};
+    std::atomic<bool> creating{true};
+    std::thread deleter([&] {
+        while (creating || handed.load() != nullptr) {
+            ZResource* member = handed.exchange(nullptr);
+            if (member != nullptr) member->ObjDestroy(ZObject::eDestroyDelete, true);
+        }
+    });
+    for (int i = 0; i < kRounds; ++i) {
+        ZResource* member = coll->CreateMember(&schema);
+        failures += member == nullptr ? 1 : 0;
+        while (member != nullptr && handed.load() != nullptr) std::this_thread::yield();
+        handed = member;
+    }
+    creating = false;
+    deleter.join();
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(coll->MemberIdHighWater(), static_cast<unsigned>(kRounds));
+
+    // Four backend threads: every create gets its own id, nothing leaks.
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 10; ++i) {
+                if (schema.DoBackend_Create(coll) != RT_SUCCESS) ++failures;
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(failures.load(), 0);
+    const std::vector<std::string> ids = coll->GetMemberObjIDs();
+    EXPECT_EQ(ids.size(), 40u);
+    EXPECT_EQ(std::set<std::string>(ids.begin(), ids.end()).size(), 40u);
+    EXPECT_EQ(*std::set<std::string>(ids.begin(), ids.end()).begin(), "151");
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/Members").size(), 40u);
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems").at("Members@odata.count"), "40");
+    EXPECT_EQ(LogSince(0).find("duplicated"), std::string::npos);
 }
 
 TEST_F(ObjectConcurrencyTest, TheNestedResourceLockExcludesOtherThreadsUntilFullyReleased) {

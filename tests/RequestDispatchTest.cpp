@@ -340,6 +340,15 @@ TEST_F(RequestDispatchTest, FaultsGetTheirStatusAndMessagesAndServingGoesOn) {
     FrontEnd::Answer a = fe.Send(kPatchQ, "PATCH", kSys1, &body);
     EXPECT_EQ(a.extInfo, "[" + Msg("Base.1.12.PropertyValueError", "\"Fail\"") + "]");
 
+    // Whatever the answer, its messages expire: a client naming ever new
+    // targets cannot grow the store for good.
+    Reply keys = RawCommand({"KEYS", "*ExtendedInfo*"});
+    ASSERT_TRUE(keys && keys->elements > 0);
+    for (size_t i = 0; i < keys->elements; ++i) {
+        Reply ttl = RawCommand({"TTL", keys->element[i]->str});
+        EXPECT_TRUE(ttl->integer > 0 && ttl->integer <= 60) << keys->element[i]->str;
+    }
+
     // A key that names no hash has nowhere to be answered; the thread serves on.
     mSys->mode = kNormal;
     EXPECT_FALSE(fe.PublishAndWait(kReadQ, "Corvel:Req:none", 300));
@@ -400,8 +409,24 @@ TEST_F(RequestDispatchTest, BodiesAreVerifiedAgainstTheTemplateBeforeTheHandler)
         Fields boot;  // the members of "Boot", when sent
         std::string status;
         std::string extInfo;
+        size_t names = 0;  // a list "Names" of that many strings, when not 0
+    };
+    const auto typeError = [](const char* value) {
+        return "[" + Msg("Base.1.12.PropertyValueTypeError", std::string("\"") + value + "\",\"AssetTag\"") + "]";
     };
     const Row rows[] = {
+        // A number is a number in any form; one no double holds is refused.
+        {"exponent", false, {{"AssetTag", "1e30"}}, {}, "FAILURE", typeError("1e30")},
+        {"exponent integer", false, {{"AssetTag", "1E+5"}}, {}, "FAILURE", typeError("100000")},
+        {"negative exponent", false, {{"AssetTag", "-2.5e-3"}}, {}, "FAILURE", typeError("-2.5e-3")},
+        {"past 64 bits", false, {{"AssetTag", "18446744073709551616"}}, {}, "FAILURE",
+         typeError("18446744073709551616")},
+        {"no double holds it", false, {{"AssetTag", "1e999"}}, {}, "FAILURE",
+         "[" + Msg("Base.1.12.PropertyValueFormatError", R"("1e999","AssetTag")") + "]"},
+        // A body past the reader's bounds is refused whole, naming the bound.
+        {"too many values", false, {{"AssetTag", "\"R8\""}}, {}, "FAILURE",
+         "[" + Msg("Base.1.12.PropertyValueFormatError", R"("more than 4096 values","Names/4095")") + "]",
+         5000},
         {"read-only property alone", false, {{"Id", "\"7\""}}, {}, "FAILURE",
          "[" + Msg("Base.1.12.PropertyNotWritable", R"("Id")") + "]"},
         // With another fault the not-writable note leaves the answer.
@@ -427,6 +452,10 @@ TEST_F(RequestDispatchTest, BodiesAreVerifiedAgainstTheTemplateBeforeTheHandler)
         if (!row.boot.empty()) {
             body.top["&&Object Boot &&" + key + "/Boot"] = "";
             body.hashes["&&" + key + "/Boot"] = row.boot;
+        }
+        if (row.names != 0) {
+            body.top["&&Array Names &&" + key + "/Names"] = "";
+            body.lists["&&" + key + "/Names"].assign(row.names, "\"n\"");
         }
         FrontEnd::Answer a =
             row.action ? fe.Send(kActionQ, "POSTACTION", kSys1 + "/Actions/ComputerSystem.Reset", &body)

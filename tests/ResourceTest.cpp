@@ -113,6 +113,35 @@ TEST_F(ResourceTest, CollectionsKeepMembersTheirCountAndTheSmallestFreeId) {
     EXPECT_EQ(coll->GetFreeMemberId(), 1);
 }
 
+TEST_F(ResourceTest, CreateMemberNeverGivesAnIdTwiceAcrossARestartAndRetiresARefusedNode) {
+    ZSchema collSchema("ComputerSystemCollection", "", ZSchema::CRUDQ_READ, "ComputerSystem");
+    ZSchema schema("ComputerSystem", "v1_20_0", ZSchema::CRUDQ_READ);
+    auto* coll = new ZResourceCollection(nullptr, &collSchema, "/redfish/v1/Systems");
+    ASSERT_EQ(coll->KeepMemberIdsIn("SystemIds"), RT_SUCCESS);  // none kept yet
+    new ZResource(coll, &schema, "1");  // built some other way: taken all the same
+    EXPECT_EQ(coll->CreateMember(&schema)->GetJPath(), "/redfish/v1/Systems/2");
+    coll->CreateMember(&schema)->ObjDestroy(ZObject::eDestroyDelete, true);  // 3 leaves
+    EXPECT_EQ(coll->CreateMember(&schema)->GetId(), "4");
+    // A factory that builds the member elsewhere: retired, nothing added.
+    size_t mark = LogMark();
+    EXPECT_EQ(coll->CreateMember([&](const std::string& id) {
+        return new ZResource(nullptr, &schema, "/redfish/v1/Other/" + id);
+    }), nullptr);
+    EXPECT_TRUE(Logged(mark, "Collection[/redfish/v1/Systems]: member[/redfish/v1/Systems/5] "
+                             "could not be added.\n"));
+    EXPECT_EQ(coll->GetMemberCount(), 3u);
+    // The plug-in restarts: the mark kept in the setting goes on.
+    coll->ObjDestroy(ZObject::eDestroyDelete, true);
+    coll = new ZResourceCollection(nullptr, &collSchema, "/redfish/v1/Systems");
+    ASSERT_EQ(coll->KeepMemberIdsIn("SystemIds"), RT_SUCCESS);
+    EXPECT_EQ(coll->CreateMember(&schema)->GetId(), "6");
+    // A setting that cannot be written: no member, rather than an id that a
+    // restart could give again.
+    ASSERT_EQ(coll->KeepMemberIdsIn("Bad/Name"), RT_SUCCESS);
+    EXPECT_EQ(coll->CreateMember(&schema), nullptr);
+    EXPECT_EQ(coll->GetMemberCount(), 1u);
+}
+
 TEST_F(ResourceTest, TheCountIsWrittenOnlyWhenTheStoredLengthChanges) {
     auto* sys = new ZResource(nullptr, nullptr, "/redfish/v1/Systems/1");
     auto* tags = new ZJsonArray(sys, "Tags", ZJsonArray::ARRAY_ATTR_OdataCount);

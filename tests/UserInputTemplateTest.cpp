@@ -219,6 +219,9 @@ TEST(UserInputTemplateFile, FaultsAreReportedWithTheirLine) {
           "Template[Bad]: Cannot fetch propertyName from line[1].\n"}},
         {"{'A':'o@p@@'{'{}':'S@p@@'}}",
          {"Template[Bad]: Cannot fetch propertyName from line[1].\n"}},
+        // A NUL byte would cut a name or a pattern short.
+        {std::string("{\n'A\0B':'S@p@@'}", 16), {"Template[Bad]: Cannot fetch propertyName from line[2].\n"}},
+        {std::string("{'A':'S@p@@p:^a\0b$'}", 20), {"Template[Bad]: Format error at line[1].\n"}},
     };
     for (const auto& row : rows) {
         const size_t mark = LogMark();

@@ -126,12 +126,14 @@ eRtCode SetVEX(const std::string& name, const char* value, bool persist = false,
 
 // ---------------------------------------------------------------------------
 // KOBA settings store. The store's own error code is logged on failure.
+// With `quietIfMissing` a variable that does not exist yet is no fault: the
+// getter returns RT_NO_SUCH_KEY without a log line (a first start).
 // ---------------------------------------------------------------------------
-eRtCode GetKOBA(const std::string& name, unsigned int& value);
+eRtCode GetKOBA(const std::string& name, unsigned int& value, bool quietIfMissing = false);
 eRtCode GetKOBA(const std::string& name, int& value);
 eRtCode GetKOBA(const std::string& name, bool& value);
 eRtCode GetKOBA(const std::string& name, char* buffer, int size);
-eRtCode GetKOBA(const std::string& name, std::string& value);
+eRtCode GetKOBA(const std::string& name, std::string& value, bool quietIfMissing = false);
 eRtCode SetKOBA(const std::string& name, unsigned int value);
 eRtCode SetKOBA(const std::string& name, int value);
 eRtCode SetKOBA(const std::string& name, bool value);

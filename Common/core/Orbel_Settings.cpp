@@ -66,8 +66,10 @@ constexpr size_t kKobaStringWriteSize = 512;
 
 // A KOBA call's result (0 success) as an eRtCode, logging the store's error
 // word `err` under the wrapper's name `func`.
-eRtCode KobaGetResult(int rc, int err, const char* func, const std::string& name) {
+eRtCode KobaGetResult(int rc, int err, const char* func, const std::string& name,
+                      bool quietIfMissing = false) {
     if (rc == 0) return RT_SUCCESS;
+    if (quietIfMissing && err == KOBA_ERR_NOT_FOUND) return RT_NO_SUCH_KEY;
     LogPrintf("", eZLogError, ORBEL_LOG_FILE_NAME, func, __LINE__,
               "Get kobaName[%s] failed!! ErrCode=%d.\n", name.c_str(), err);
     return RT_FAILURE;
@@ -160,12 +162,13 @@ eRtCode SetVEX(const std::string& name, const char* value, bool persist, bool qu
     return VexSetResult(rc, __func__, name, quiet);
 }
 
-eRtCode GetKOBA(const std::string& name, unsigned int& value) {
+eRtCode GetKOBA(const std::string& name, unsigned int& value, bool quietIfMissing) {
     int err = 0;
     unsigned int v = 0;
     // The call is a statement of its own: `err` is read only after it.
     int rc = GetVarValueUINT(ORBEL_KOBA_INSTANCE, name.c_str(), &err, &v);
-    if (KobaGetResult(rc, err, __func__, name) != RT_SUCCESS) return RT_FAILURE;
+    eRtCode result = KobaGetResult(rc, err, __func__, name, quietIfMissing);
+    if (result != RT_SUCCESS) return result == RT_NO_SUCH_KEY ? result : RT_FAILURE;
     value = v;
     return RT_SUCCESS;
 }
@@ -196,12 +199,13 @@ eRtCode GetKOBA(const std::string& name, char* buffer, int size) {
     return KobaGetResult(rc, err, __func__, name);
 }
 
-eRtCode GetKOBA(const std::string& name, std::string& value) {
+eRtCode GetKOBA(const std::string& name, std::string& value, bool quietIfMissing) {
     int err = 0;
     char buffer[kKobaStringReadSize] = {};
     int rc =
         GetVarValueSTRING(ORBEL_KOBA_INSTANCE, name.c_str(), &err, buffer, kKobaStringReadSize);
-    if (KobaGetResult(rc, err, __func__, name) != RT_SUCCESS) return RT_FAILURE;
+    eRtCode result = KobaGetResult(rc, err, __func__, name, quietIfMissing);
+    if (result != RT_SUCCESS) return result == RT_NO_SUCH_KEY ? result : RT_FAILURE;
     buffer[kKobaStringReadSize - 1] = '\0';
     value = buffer;
     return RT_SUCCESS;

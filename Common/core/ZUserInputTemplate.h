@@ -146,6 +146,14 @@ struct sUsrInCacheItem {
 // ("/Boot/BootOrder/0"); an action's parameters from the action's body root.
 using UsrInCache = std::map<std::string, sUsrInCacheItem>;
 
+// Why a body could not be read whole: the offending value text, or the
+// bound it crossed ("more than 4096 values", "deeper than 32 levels"), and
+// the body path where it happened ("/Names/4096"). Empty when it was read.
+struct sUsrInReadFault {
+    std::string value;
+    std::string jpath;
+};
+
 // One fault of a verification: the message, its arguments in order (the
 // value masked for a SecureProperty) and the related property (a body path
 // without the leading "/").
@@ -279,11 +287,20 @@ public:
     // Returns 0 (an absent or empty root leaves `out` empty), 2 for a read
     // failure, a duplicate property, a malformed link or a tree deeper than
     // kMaxDepth; `out` then holds what was read before the fault.
+    // A body that crosses a bound, or holds a number that no double holds,
+    // fills `fault` (when given) and fails.
     static eRtCode ParserUserInputData(redisContext* c, const std::string& rootKey, UsrInCache& out,
-                                       const std::string& schemaName);
+                                       const std::string& schemaName,
+                                       sUsrInReadFault* fault = nullptr);
     // The type and value of one value text of the store ("null", "true",
-    // "\"text\"", "-5", "2.500000", anything else: raw text).
-    static sUsrInCacheItem ClassifyValueText(const std::string& text);
+    // "\"text\"", "-5", "2.500000", anything else: raw text). A JSON number
+    // in any form is a number: an integer that fits 64 bits (also written
+    // with an exponent, "1e5", when a double holds it exactly) is "sNum" or
+    // "uNum" with its decimal text; any other is "double" with its own text.
+    // `representable` (when given) is false for a number that no double
+    // holds ("1e999", "1e-999").
+    static sUsrInCacheItem ClassifyValueText(const std::string& text,
+                                             bool* representable = nullptr);
     // Most values read from one body (containers included); more is a fault.
     static constexpr size_t kMaxUsrInItems = 4096;
     // Longest user-input JPath accepted (longer: "ExtendedError.1.2.BadRequest").

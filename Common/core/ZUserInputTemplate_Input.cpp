@@ -1,6 +1,9 @@
 // Reading a request body from the store into the user-input cache: the
 // front end's tree of hashes and lists, linked by meta keys, with
 // JSON-ready value texts (docs/wire-protocol.md, sections 1 and 5).
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
@@ -79,10 +82,77 @@ bool DecodeJsonString(const std::string& text, std::string& out) {
     return true;
 }
 
+// The parts of a JSON number text (RFC 8259): -? int frac? exp?. False for
+// any other text.
+bool ParseJsonNumber(const std::string& t, bool& integral) {
+    size_t i = 0;
+    const size_t n = t.size();
+    if (i < n && t[i] == '-') ++i;
+    if (i >= n || t[i] < '0' || t[i] > '9') return false;
+    if (t[i] == '0') {
+        ++i;
+    } else {
+        while (i < n && t[i] >= '0' && t[i] <= '9') ++i;
+    }
+    integral = true;
+    if (i < n && t[i] == '.') {
+        integral = false;
+        if (++i >= n || t[i] < '0' || t[i] > '9') return false;
+        while (i < n && t[i] >= '0' && t[i] <= '9') ++i;
+    }
+    if (i < n && (t[i] == 'e' || t[i] == 'E')) {
+        integral = false;
+        ++i;
+        if (i < n && (t[i] == '+' || t[i] == '-')) ++i;
+        if (i >= n || t[i] < '0' || t[i] > '9') return false;
+        while (i < n && t[i] >= '0' && t[i] <= '9') ++i;
+    }
+    return i == n;
+}
+
+// A JSON number text as a cache item; false when no double holds it.
+bool ClassifyNumber(const std::string& text, sUsrInCacheItem& item) {
+    bool plainInteger = false;
+    ParseJsonNumber(text, plainInteger);
+    const bool negative = text[0] == '-';
+    if (plainInteger) {
+        errno = 0;
+        if (negative) {
+            std::strtoll(text.c_str(), nullptr, 10);
+        } else {
+            std::strtoull(text.c_str(), nullptr, 10);
+        }
+        if (errno == 0) {
+            item.type = negative ? USRIN_SNUM : USRIN_UNUM;
+            item.value = text;
+            return true;
+        }
+    }
+    errno = 0;
+    const double v = std::strtod(text.c_str(), nullptr);
+    if (std::isinf(v)) return false;
+    // Rounded to zero: no double holds a non-zero number that small.
+    if (v == 0.0 && text.find_first_of("123456789") < text.find_first_of("eE")) return false;
+    // 1e5, 2.5E+3: integers written with an exponent, exact in a double
+    // ("1.0" stays a double, as it always was).
+    constexpr double kExact = 9007199254740992.0;  // 2^53
+    const bool exponent = text.find_first_of("eE") != std::string::npos;
+    if (exponent && v == std::floor(v) && std::fabs(v) <= kExact) {
+        const long long whole = static_cast<long long>(v);
+        item.type = whole < 0 || negative ? USRIN_SNUM : USRIN_UNUM;
+        item.value = std::to_string(whole);
+        return true;
+    }
+    item.type = USRIN_DOUBLE;
+    item.value = text;
+    return true;
+}
+
 class TreeReader {
 public:
-    TreeReader(redisContext* c, UsrInCache& out, const std::string& schema)
-        : mCtx(c), mOut(out), mSchema(schema) {}
+    TreeReader(redisContext* c, UsrInCache& out, const std::string& schema,
+               sUsrInReadFault* fault)
+        : mCtx(c), mOut(out), mSchema(schema), mFault(fault) {}
 
     // One node: `key` is expected to be a hash (`object`) or a list. A key
     // that does not exist is an empty container: the store keeps no empty
@@ -91,7 +161,9 @@ public:
         if (depth > ZUserInputTemplate::kMaxDepth) {
             ZLOG(eZLogError, "Request data deeper than %u levels at [%s]. schema[%s]\n",
                  ZUserInputTemplate::kMaxDepth, key.c_str(), mSchema.c_str());
-            return false;
+            return _Fault("deeper than " + std::to_string(ZUserInputTemplate::kMaxDepth) +
+                              " levels",
+                          jpath);
         }
         const int type = RedisType(mCtx, key.c_str());
         mItems = 0;
@@ -129,7 +201,9 @@ public:
             ZLOG(eZLogError, "Request data holds more than %u values at [%s]. schema[%s]\n",
                  static_cast<unsigned>(ZUserInputTemplate::kMaxUsrInItems), jpath.c_str(),
                  mSchema.c_str());
-            return false;
+            return _Fault("more than " + std::to_string(ZUserInputTemplate::kMaxUsrInItems) +
+                              " values",
+                          jpath);
         }
         if (!mOut.emplace(jpath, sUsrInCacheItem{type, value, 0}).second) {
             ZLOG(eZLogError, "Duplicate JPath[%s]. schema[%s]\n", jpath.c_str(), mSchema.c_str());
@@ -139,6 +213,23 @@ public:
     }
 
 private:
+    bool _Fault(const std::string& value, const std::string& jpath) {
+        if (mFault != nullptr && mFault->value.empty()) *mFault = sUsrInReadFault{value, jpath};
+        return false;
+    }
+
+    // One value text; a number that no double holds ends the read.
+    bool _Value(const std::string& jpath, const std::string& text) {
+        bool representable = true;
+        const sUsrInCacheItem item = ZUserInputTemplate::ClassifyValueText(text, &representable);
+        if (!representable) {
+            ZLOG(eZLogError, "Request data: the number at [%s] is out of range. schema[%s]\n",
+                 jpath.c_str(), mSchema.c_str());
+            return _Fault(text.size() > 64 ? text.substr(0, 64) + "..." : text, jpath);
+        }
+        return Enter(jpath, item.type, item.value);
+    }
+
     // _ParserCorvelMetaKey: a link field or element; `name` empty for an element.
     bool _Link(const std::string& meta, const std::string& jpath, unsigned depth) {
         std::string name, target;
@@ -165,10 +256,7 @@ private:
 
     bool _Member(const std::string& field, const std::string& value, const std::string& jpath,
                  unsigned depth) {
-        if (field.compare(0, 2, "&&") != 0) {
-            const sUsrInCacheItem item = ZUserInputTemplate::ClassifyValueText(value);
-            return Enter(jpath + "/" + field, item.type, item.value);
-        }
+        if (field.compare(0, 2, "&&") != 0) return _Value(jpath + "/" + field, value);
         std::string name;
         if (!IsACorvelMetaKey(field, &name) || name.empty()) return true;  // the front end's own
         return _Link(field, jpath + "/" + name, depth);
@@ -179,20 +267,22 @@ private:
         if (text.compare(0, 2, "&&") == 0 && IsACorvelMetaKey(text, &name) && name.empty()) {
             return _Link(text, jpath, depth);
         }
-        const sUsrInCacheItem item = ZUserInputTemplate::ClassifyValueText(text);
-        return Enter(jpath, item.type, item.value);
+        return _Value(jpath, text);
     }
 
     redisContext* mCtx;
     UsrInCache& mOut;
     const std::string& mSchema;
+    sUsrInReadFault* mFault;
     size_t mItems = 0;  // the item count of the list read last
 };
 
 }  // namespace
 
-sUsrInCacheItem ZUserInputTemplate::ClassifyValueText(const std::string& text) {
+sUsrInCacheItem ZUserInputTemplate::ClassifyValueText(const std::string& text,
+                                                      bool* representable) {
     sUsrInCacheItem item;
+    if (representable != nullptr) *representable = true;
     if (text.empty() || text == "null") {  // an empty value text reads as null
         item.value = "null";
         return item;
@@ -202,6 +292,13 @@ sUsrInCacheItem ZUserInputTemplate::ClassifyValueText(const std::string& text) {
         item.value = text;
     } else if (DecodeJsonString(text, item.value)) {
         item.type = USRIN_STRING;
+    } else if (bool integral = false; ParseJsonNumber(text, integral)) {
+        const bool held = ClassifyNumber(text, item);
+        if (!held) {
+            item.type = USRIN_DOUBLE;  // typed as a number all the same
+            item.value = text;
+        }
+        if (representable != nullptr) *representable = held;
     } else if (text != "-" && IsSignedNumString(text)) {
         item.type = text[0] == '-' ? USRIN_SNUM : USRIN_UNUM;
         item.value = text;
@@ -216,7 +313,8 @@ sUsrInCacheItem ZUserInputTemplate::ClassifyValueText(const std::string& text) {
 }
 
 eRtCode ZUserInputTemplate::ParserUserInputData(redisContext* c, const std::string& rootKey,
-                                                UsrInCache& out, const std::string& schemaName) {
+                                                UsrInCache& out, const std::string& schemaName,
+                                                sUsrInReadFault* fault) {
     const int type = RedisType(c, rootKey.c_str());
     if (type != REDIS_TABLE_HASH && type != REDIS_TABLE_LIST) {
         ZLOG(eZLogError, "Table[%s] is not a hash or list or empty. schema[%s]\n", rootKey.c_str(),
@@ -224,7 +322,7 @@ eRtCode ZUserInputTemplate::ParserUserInputData(redisContext* c, const std::stri
         // No body at all is an empty one; the verification answers it.
         return type == REDIS_TABLE_NONE ? RT_SUCCESS : RT_FAILURE;
     }
-    TreeReader reader(c, out, schemaName);
+    TreeReader reader(c, out, schemaName, fault);
     return reader.ReadNode(rootKey, "", type == REDIS_TABLE_HASH, 1) ? RT_SUCCESS : RT_FAILURE;
 }
 

@@ -351,6 +351,9 @@ private:
                  ZUserInputTemplate::kMaxTokenLength);
             return false;
         }
+        // A NUL byte would cut a name or a pattern short wherever it is
+        // used as a C string (a pattern "^a<NUL>b$" would compile as "^a").
+        if (std::memchr(mText.data() + start, '\0', end - start) != nullptr) return false;
         out.assign(mText, start, end - start);
         for (char c : out) mLine += c == '\n' ? 1 : 0;
         mPos = end + 1;

@@ -95,18 +95,38 @@ eRtCode ComputerSystemSchema::PreCorvelReady_InitialResources() {
     auto* systems = static_cast<Orbel::ZResourceCollection*>(found);
 
     mSystemUris.assign(kSampleSystemNum, std::string());
-    for (int i = 0; i < kSampleSystemNum; ++i) {
-        // A resource made with the collection as parent becomes a member:
-        // URI <collection>/<id>, its link in "Members" and the new count are
-        // in the store before the constructor returns.
-        const int id = systems->GetFreeMemberId();
-        auto* system = new ZResource(systems, this, std::to_string(id));
+    // Ids are never handed out twice, across restarts too: the mark lives in
+    // the platform's settings.
+    if (systems->KeepMemberIdsIn(kSystemIdsSetting) != Orbel::RT_SUCCESS) {
+        return Orbel::RT_FAILURE;
+    }
+    // First the members an earlier run acknowledged, under their own ids,
+    // as they were left (docs/store-client.md, "What survives a restart").
+    const unsigned int mark = systems->MemberIdHighWater();
+    for (unsigned int n = 1; n <= mark; ++n) {
+        sSystemData kept{0, "On", "", false};
+        const std::string id = std::to_string(n);
+        if (!LoadSystemState(id, kept) || kept.record >= kSampleSystemNum) continue;
+        if (!kept.created && !mSystemUris[kept.record].empty()) continue;
+        auto* system = new ZResource(systems, this, id);
         if (system->GetJPath().empty()) {
             system->ObjDestroy(ZObject::eDestroyDelete, false);
             continue;
         }
-        system->SetPrivateData(new sSystemData{i, "On", kSampleSystems[i].name, false},
-                               RecycleSystemData);
+        kept.name = kept.created ? "Sample System " + id : kSampleSystems[kept.record].name;
+        system->SetPrivateData(new sSystemData(kept), RecycleSystemData);
+        if (!kept.created) mSystemUris[kept.record] = system->GetJPath();
+    }
+    for (int i = 0; i < kSampleSystemNum; ++i) {
+        if (!mSystemUris[i].empty()) continue;
+        // The collection picks the id and builds the member in one step:
+        // URI <collection>/<id>, its link in "Members" and the new count are
+        // in the store when it returns; null (logged) when it could not.
+        ZResource* system = systems->CreateMember(this);
+        if (system == nullptr) continue;
+        auto* data = new sSystemData{i, "On", kSampleSystems[i].name, false};
+        system->SetPrivateData(data, RecycleSystemData);
+        SaveSystemState(system->GetId(), data);
         mSystemUris[i] = system->GetJPath();
     }
     return Orbel::RT_SUCCESS;
@@ -128,7 +148,11 @@ eRtCode ComputerSystemSchema::_FillSystem(ZResource* system) {
     system->HashWrite("Manufacturer", "Orbel Samples");
     system->HashWrite("Model", sample.model);
     system->HashWrite("SerialNumber", sample.serialNumber);
-    system->HashWrite("AssetTag");  // null
+    if (data->hasAssetTag) {
+        system->HashWrite("AssetTag", data->assetTag);
+    } else {
+        system->HashWrite("AssetTag");  // null
+    }
     system->HashWrite("PowerState", data->powerState);
     system->HashWrite("LocationIndicatorActive", false);  // boolean
 

@@ -57,11 +57,8 @@ eRtCode ComputerSystemSchema::BackendMethod_CREATE(Orbel::Backend_MethodContext*
         return Orbel::RT_FAILURE;
     }
     auto* systems = static_cast<Orbel::ZResourceCollection*>(found);
-    auto* system = new ZResource(systems, this, std::to_string(systems->GetFreeMemberId()));
-    if (system->GetJPath().empty()) {
-        system->ObjDestroy(ZObject::eDestroyDelete, false);
-        return Orbel::RT_FAILURE;
-    }
+    ZResource* system = systems->CreateMember(this);
+    if (system == nullptr) return Orbel::RT_FAILURE;
     // A request for the new member waits until it is complete; the backend
     // path unlocks it.
     system->Lock(-1, ZResource::LOCK_IGNORE_CORVEL_KEY);

@@ -39,15 +39,30 @@ eRtCode Refuse(HTTP_MethodContext* ctx, Orbel::sExtendedInfo* info) {
     return Orbel::RT_SUCCESS;  // answered; not a fault of the plug-in
 }
 
-// A client's AssetTag (a text, or null to clear it), when the body has one.
-void TakeAssetTag(HTTP_MethodContext* ctx, ZResource* system) {
+// A client's AssetTag (a text, or null to clear it), when the body has one:
+// written to the member and to its data, which the caller keeps.
+void TakeAssetTag(HTTP_MethodContext* ctx, ZResource* system, sSystemData* data) {
     auto it = ctx->GetUserInCache().find("/AssetTag");
     if (it == ctx->GetUserInCache().end()) return;
-    if (it->second.type == Orbel::USRIN_NULL) {
-        system->HashWrite("AssetTag");
+    data->hasAssetTag = it->second.type != Orbel::USRIN_NULL;
+    data->assetTag = data->hasAssetTag ? it->second.value : std::string();
+    if (data->hasAssetTag) {
+        system->HashWrite("AssetTag", data->assetTag);
     } else {
-        system->HashWrite("AssetTag", it->second.value);
+        system->HashWrite("AssetTag");
     }
+}
+
+// An AssetTag longer than the platform's settings can keep is refused: an
+// acknowledged value must survive a restart.
+bool AssetTagFits(HTTP_MethodContext* ctx) {
+    auto it = ctx->GetUserInCache().find("/AssetTag");
+    if (it == ctx->GetUserInCache().end() || it->second.value.size() <= kMaxAssetTag) return true;
+    Orbel::sExtendedInfo* info = ctx->NewExtendedInfo(Orbel::RESP_Base_StringValueTooLong);
+    ctx->ExtendedInfo_AppendMsgArg(info, it->second.value);
+    ctx->ExtendedInfo_AppendMsgArg(info, static_cast<unsigned int>(kMaxAssetTag));
+    ctx->SetReturnStatus(Orbel::HTTP_RT_FAILURE, info);
+    return false;
 }
 
 }  // namespace
@@ -89,9 +104,12 @@ eRtCode ComputerSystemSchema::HttpMethod_UPDATE(HTTP_MethodContext* ctx) {
         }
     }
     if (refused) return Refuse(ctx, nullptr);
+    if (!AssetTagFits(ctx)) return Orbel::RT_SUCCESS;
+    sSystemData* data = DataOf(ctx);
+    if (data == nullptr) return Orbel::RT_FAILURE;
     std::string text;
     bool on = false;
-    TakeAssetTag(ctx, system);
+    TakeAssetTag(ctx, system, data);
     if (ctx->HasUserInputData("/LocationIndicatorActive") &&
         ctx->GetUserInputData("/LocationIndicatorActive", on) == 0) {
         system->HashWrite("LocationIndicatorActive", on);
@@ -103,31 +121,39 @@ eRtCode ComputerSystemSchema::HttpMethod_UPDATE(HTTP_MethodContext* ctx) {
             boot->HashWrite(name, text);
         }
     }
+    // Kept before it is acknowledged (the boot override is not kept: it is
+    // the backend's to restore).
+    if (ctx->HasUserInputData("/AssetTag") && !SaveSystemState(system->GetId(), data)) {
+        system->DiscardRedisChanges(true, nullptr);
+        return Orbel::RT_FAILURE;
+    }
     return system->ApplyRedisChanges(true, ctx->GetRedisContext());
 }
 
 eRtCode ComputerSystemSchema::HttpMethod_CREATE(HTTP_MethodContext* ctx) {
-    // The target is the collection; the new member takes its first free id.
+    // The target is the collection; the new member takes a new id.
     ZResource* target = ctx->GetTargetResource();
     if (target == nullptr || target->GetType() != ZObject::eResourceCollection) {
         return Orbel::RT_FAILURE;
     }
+    if (!AssetTagFits(ctx)) return Orbel::RT_SUCCESS;
     auto* systems = static_cast<Orbel::ZResourceCollection*>(target);
-    const int id = systems->GetFreeMemberId();
-    const std::string name = "Sample System " + std::to_string(id);
-    auto* system = new ZResource(systems, this, std::to_string(id));
-    if (system->GetJPath().empty()) {
-        system->ObjDestroy(ZObject::eDestroyDelete, false);
-        return Orbel::RT_FAILURE;
-    }
-    system->SetPrivateData(new sSystemData{kRecordForNewSystems, "Off", name, true},
-                           RecycleSystemData);
+    // Id and member in one step: a DELETE or a backend create on another
+    // thread cannot come between them.
+    ZResource* system = systems->CreateMember(this);
+    if (system == nullptr) return Orbel::RT_FAILURE;
+    const std::string name = "Sample System " + system->GetId();
+    auto* data = new sSystemData{kRecordForNewSystems, "Off", name, true};
+    system->SetPrivateData(data, RecycleSystemData);
     if (_FillSystem(system) != Orbel::RT_SUCCESS) {
         system->ObjDestroy(ZObject::eDestroyDelete, true);
         return Orbel::RT_FAILURE;
     }
-    TakeAssetTag(ctx, system);
-    if (system->ApplyRedisChanges(false, ctx->GetRedisContext()) != Orbel::RT_SUCCESS) {
+    TakeAssetTag(ctx, system, data);
+    // Kept before it is acknowledged: a restart brings the member back.
+    if (!SaveSystemState(system->GetId(), data) ||
+        system->ApplyRedisChanges(false, ctx->GetRedisContext()) != Orbel::RT_SUCCESS) {
+        SaveSystemState(system->GetId(), nullptr);
         system->ObjDestroy(ZObject::eDestroyDelete, true);
         return Orbel::RT_FAILURE;
     }
@@ -149,6 +175,8 @@ eRtCode ComputerSystemSchema::HttpMethod_DELETE(HTTP_MethodContext* ctx) {
                              ctx->NewExtendedInfo(Orbel::RESP_Base_ResourceCannotBeDeleted));
         return Orbel::RT_SUCCESS;
     }
+    // Forgotten first: a restart must not bring back what a client deleted.
+    if (!SaveSystemState(ctx->GetTargetResource()->GetId(), nullptr)) return Orbel::RT_FAILURE;
     // Retiring the member takes it out of "Members" and deletes its keys.
     ctx->GetTargetResource()->ObjDestroy(ZObject::eDestroyDelete, true);
     ctx->SetReturnStatus(Orbel::HTTP_RT_OK_EMPTY);
@@ -172,8 +200,14 @@ eRtCode ComputerSystemSchema::ActionReset(HTTP_MethodContext* ctx) {
         return Refuse(ctx, ctx->NewExtendedInfo(Orbel::RESP_Base_ActionParameterNotSupported,
                                                 type.c_str(), "Reset"));
     }
-    // The backend's state changes; the next GET shows it in PowerState.
+    // The backend's state changes; the next GET shows it in PowerState. It
+    // is kept before it is acknowledged.
+    const std::string before = data->powerState;
     data->powerState = found->powerState;
+    if (!SaveSystemState(ctx->GetTargetResource()->GetId(), data)) {
+        data->powerState = before;
+        return Orbel::RT_FAILURE;
+    }
     ZObject* result = ctx->NewResponseDataObject(ZObject::eJsonObject);
     if (result == nullptr) return Orbel::RT_FAILURE;
     result->HashWrite("ResetType", type);

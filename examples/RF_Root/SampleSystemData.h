@@ -15,10 +15,26 @@ struct sSystemData {
     std::string name;
     bool created;            // added by a client's POST (may be deleted)
     bool hotPlugged = false; // plugged in after start-up; only the platform removes it
+    bool hasAssetTag = false;  // AssetTag as a client set it (null when false)
+    std::string assetTag = std::string();
 };
 
 // Frees an sSystemData; the library calls it when the member is retired.
 void RecycleSystemData(void* data);
+
+// The member states kept in the platform's settings (SampleSystemStore.cpp):
+// "RF_Root.System.<id>" per member, "RF_Root.SystemIds" the id mark.
+constexpr const char* kSystemStatePrefix = "RF_Root.System.";
+constexpr const char* kSystemIdsSetting = "RF_Root.SystemIds";
+// The longest AssetTag the settings can keep (a setting holds 511 bytes).
+constexpr size_t kMaxAssetTag = 500;
+// Keeps the member's state (null data: the member was deleted); false,
+// logged, when the settings store refused it. Called before a change is
+// acknowledged.
+bool SaveSystemState(const std::string& id, const sSystemData* data);
+// The kept state of member `id`; false when there is none (or it was
+// deleted). Fills record, created, powerState and the AssetTag.
+bool LoadSystemState(const std::string& id, sSystemData& data);
 
 // The record a member added by a POST is built from (the virtual system).
 constexpr int kRecordForNewSystems = 1;

@@ -144,6 +144,7 @@ FrontEnd::Answer FrontEnd::Send(const std::string& channel, const Fields& reques
     answer.micros = std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() -
                                                              start)
                         .count();
+    if (mCmd == nullptr) return answer;  // the store went away while waiting
     ReplyPtr all = Command(mCmd, {"HGETALL", answer.key});
     if (all && all->type == REDIS_REPLY_ARRAY) {
         for (size_t i = 0; i + 1 < all->elements; i += 2) {
