@@ -212,7 +212,8 @@ eRtCode ZSchema::CRUDParserReqMessage(redisContext* c, const std::string& key, s
         return RT_FAILURE;
     }
     eRtCode rt = CRUDParseReqFields(key, fields, req);
-    ZLOGM("ZComLib", eZLogDebug, "%s", CRUDReqDataDump(req, rt).c_str());
+    // Arguments, not a built text: a dropped debug line costs no formatting.
+    ZLOGM("ZComLib", eZLogDebug, ORBEL_CRUD_DUMP_FORMAT, ORBEL_CRUD_DUMP_ARGS(req, rt));
     return rt;
 }
 
