@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -154,6 +155,10 @@ std::mutex& SpecificFileMutex() {
 // Access lines waiting for the writer, past which a logging thread waits
 // for it rather than let the buffer grow without bound.
 constexpr size_t kMaxAccessPending = 1 << 20;
+// The writer writes access lines once this much is waiting, or after this
+// many milliseconds.
+constexpr size_t kAccessBatch = 4096;
+constexpr int kAccessGatherMs = 5;
 
 // Moves P1.gz to P2.gz (dropping the older P2.gz): the first step of a rotation.
 void ShiftGenerations(const std::string& path) {
@@ -195,6 +200,8 @@ ZLogPrint::ZLogPrint(const std::string& basePath, int rotateSize) {
 }
 
 ZLogPrint::~ZLogPrint() {
+    mStopping.store(true);
+    _WakeAccessWriters();
     {
         std::lock_guard<std::mutex> lock(mWriterMutex);
         mWriterStop = true;
@@ -422,6 +429,7 @@ void ZLogPrint::_LogWriteToFile(const char* module, eZLogType type, const char* 
     const bool initDone = mAppInitDone.load();
 
     bool postAccess = false;
+    bool fullBatch = false;
     {
         std::unique_lock<std::mutex> lock(param->mutex);
         // The cache keeps the most recent messages, suppressed debug lines
@@ -436,11 +444,14 @@ void ZLogPrint::_LogWriteToFile(const char* module, eZLogType type, const char* 
             param->accessTaken.wait(lock, [param]() {
                 return param->accessPending.size() < kMaxAccessPending;
             });
+            const bool wasShort = param->accessPending.size() < kAccessBatch;
             param->accessPending += title;
             param->accessPending += body;
             if (!param->accessFlushQueued) {
                 param->accessFlushQueued = true;
                 postAccess = true;
+            } else if (wasShort && param->accessPending.size() >= kAccessBatch) {
+                fullBatch = true;
             }
         } else {
             sLogParam::sCachedMsg* slot = nullptr;
@@ -459,6 +470,10 @@ void ZLogPrint::_LogWriteToFile(const char* module, eZLogType type, const char* 
     }
     if (postAccess) {
         _Post([this, param]() { _WriteAccess(param); });
+        return;
+    }
+    if (fullBatch) {
+        param->accessMore.notify_all();
         return;
     }
     if (type != eZLogAccess) EchoToStdout(type, file, func, body.c_str());
@@ -499,17 +514,42 @@ uint64_t ZLogPrint::FormattedLineCount() {
     return gFormattedLines.load(std::memory_order_relaxed);
 }
 
+void ZLogPrint::_WakeAccessWriters() {
+    std::vector<sLogParam*> params;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        for (auto& param : mAllDestinations) params.push_back(param.get());
+    }
+    for (sLogParam* param : params) {
+        // Taken and released so that a writer between its check and its
+        // wait cannot miss the notification.
+        { std::lock_guard<std::mutex> lock(param->mutex); }
+        param->accessMore.notify_all();
+    }
+}
+
 void ZLogPrint::Flush() {
-    std::unique_lock<std::mutex> lock(mWriterMutex);
-    mWriterIdleCv.wait(lock, [this]() {
-        return (mWriterTasks.empty() && !mWriterBusy) || !mWriter.joinable();
-    });
+    ++mFlushers;
+    _WakeAccessWriters();
+    {
+        std::unique_lock<std::mutex> lock(mWriterMutex);
+        mWriterIdleCv.wait(lock, [this]() {
+            return (mWriterTasks.empty() && !mWriterBusy) || !mWriter.joinable();
+        });
+    }
+    --mFlushers;
 }
 
 void ZLogPrint::_WriteAccess(sLogParam* param) {
     std::string path;
     {
-        std::lock_guard<std::mutex> lock(param->mutex);
+        // Lines are gathered for a moment, so that a busy plug-in wakes the
+        // writer once per batch rather than once per request.
+        std::unique_lock<std::mutex> lock(param->mutex);
+        param->accessMore.wait_for(lock, std::chrono::milliseconds(kAccessGatherMs), [&]() {
+            return param->accessPending.size() >= kAccessBatch || mFlushers.load() > 0 ||
+                   mStopping.load();
+        });
         param->accessWriting.swap(param->accessPending);
         param->accessFlushQueued = false;
         path = param->accessPath;

@@ -95,6 +95,7 @@ public:
         std::string accessPending;        // access lines not yet handed to the writer
         bool accessFlushQueued = false;   // the writer has a task for them
         std::condition_variable accessTaken;  // accessPending was emptied
+        std::condition_variable accessMore;   // a batch is full, or a flush waits
         // The writer thread's own.
         std::string accessWriting;
         int accessFd = -1;
@@ -206,6 +207,9 @@ private:
     std::deque<std::function<void()>> mWriterTasks;
     bool mWriterBusy = false;
     bool mWriterStop = false;
+    std::atomic<bool> mStopping{false};     // the destructor runs
+    std::atomic<int32_t> mFlushers{0};      // threads waiting in Flush
+    void _WakeAccessWriters();
     std::thread mWriter;
 };
 

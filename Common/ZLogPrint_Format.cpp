@@ -22,7 +22,6 @@ struct Spec {
     bool starPrec = false;
     Len len = Len::None;
     char conv = 0;
-    bool Plain() const { return nflags == 0 && width < 0 && prec < 0; }
     bool HasFlag(char f) const { return std::memchr(flags, f, nflags) != nullptr; }
 };
 
@@ -239,6 +238,49 @@ void EmitPrintf(std::string& out, const Spec& s, const char* lenmod, T v) {
 }
 #pragma GCC diagnostic pop
 
+// An integer without precision and with no flag but '0' or '-' (the usual
+// "%d", "%08X", "%-5u"): digits, sign and padding without printf.
+bool EmitIntFast(std::string& out, const Spec& s, bool negative, unsigned long long magnitude) {
+    if (s.prec >= 0) return false;
+    bool zero = false, left = false;
+    for (int i = 0; i < s.nflags; ++i) {
+        if (s.flags[i] == '0') {
+            zero = true;
+        } else if (s.flags[i] == '-') {
+            left = true;
+        } else {
+            return false;
+        }
+    }
+    const int base = (s.conv == 'x' || s.conv == 'X') ? 16 : (s.conv == 'o' ? 8 : 10);
+    char digits[24];
+    auto r = std::to_chars(digits, digits + sizeof digits, magnitude, base);
+    size_t n = static_cast<size_t>(r.ptr - digits);
+    if (s.conv == 'X') {
+        for (size_t i = 0; i < n; ++i) {
+            if (digits[i] >= 'a' && digits[i] <= 'f') digits[i] = static_cast<char>(digits[i] - 32);
+        }
+    }
+    const size_t len = n + (negative ? 1 : 0);
+    const size_t pad = s.width > 0 && static_cast<size_t>(s.width) > len
+                           ? static_cast<size_t>(s.width) - len
+                           : 0;
+    if (left) {
+        if (negative) out.push_back('-');
+        out.append(digits, n);
+        out.append(pad, ' ');
+    } else if (zero) {
+        if (negative) out.push_back('-');
+        out.append(pad, '0');
+        out.append(digits, n);
+    } else {
+        out.append(pad, ' ');
+        if (negative) out.push_back('-');
+        out.append(digits, n);
+    }
+    return true;
+}
+
 // A text value, escaped, then padded to the width.
 void EmitText(std::string& out, const Spec& s, const char* text, size_t n, bool escape) {
     const size_t at = out.size();
@@ -320,13 +362,10 @@ bool Walk(std::string* out, const char* format, Src& src, bool escape) {
             case 'i': {
                 const long long v = src.SInt(s.len);
                 if (out == nullptr) break;
-                if (s.Plain()) {
-                    char buf[24];
-                    auto r = std::to_chars(buf, buf + sizeof buf, v);
-                    out->append(buf, static_cast<size_t>(r.ptr - buf));
-                } else {
-                    EmitPrintf(*out, s, "ll", v);
-                }
+                const unsigned long long magnitude =
+                    v < 0 ? 0ULL - static_cast<unsigned long long>(v)
+                          : static_cast<unsigned long long>(v);
+                if (!EmitIntFast(*out, s, v < 0, magnitude)) EmitPrintf(*out, s, "ll", v);
                 break;
             }
             case 'o':
@@ -335,13 +374,7 @@ bool Walk(std::string* out, const char* format, Src& src, bool escape) {
             case 'X': {
                 const unsigned long long v = src.UInt(s.len);
                 if (out == nullptr) break;
-                if (s.Plain() && s.conv == 'u') {
-                    char buf[24];
-                    auto r = std::to_chars(buf, buf + sizeof buf, v);
-                    out->append(buf, static_cast<size_t>(r.ptr - buf));
-                } else {
-                    EmitPrintf(*out, s, "ll", v);
-                }
+                if (!EmitIntFast(*out, s, false, v)) EmitPrintf(*out, s, "ll", v);
                 break;
             }
             case 'c': {
@@ -438,12 +471,23 @@ void AppendTimeStamp(std::string& out, time_t seconds, long micros, int minutesW
         cachedSeconds = seconds;
     }
     out.append(cachedText, cachedLen);
-    char tail[16];
-    const int n = std::snprintf(tail, sizeof tail, "%06ld%c%02d:%02d", micros,
-                                minutesWest < 0 ? '-' : '+',
-                                (minutesWest < 0 ? -minutesWest : minutesWest) / 60,
-                                (minutesWest < 0 ? -minutesWest : minutesWest) % 60);
-    if (n > 0) out.append(tail, static_cast<size_t>(n));
+    // "%06ld%c%02d:%02d": microseconds, the sign of minutes-west, hours, minutes.
+    if (micros < 0 || micros > 999999) micros = 0;
+    const int west = minutesWest < 0 ? -minutesWest : minutesWest;
+    const int hours = (west / 60) % 100;
+    const int minutes = west % 60;
+    char tail[13];
+    for (int i = 5; i >= 0; --i) {
+        tail[i] = static_cast<char>('0' + micros % 10);
+        micros /= 10;
+    }
+    tail[6] = minutesWest < 0 ? '-' : '+';
+    tail[7] = static_cast<char>('0' + hours / 10);
+    tail[8] = static_cast<char>('0' + hours % 10);
+    tail[9] = ':';
+    tail[10] = static_cast<char>('0' + minutes / 10);
+    tail[11] = static_cast<char>('0' + minutes % 10);
+    out.append(tail, 12);
 }
 
 }  // namespace LogFormat
