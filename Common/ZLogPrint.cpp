@@ -557,28 +557,37 @@ void ZLogPrint::_WriteAccess(sLogParam* param) {
     param->accessTaken.notify_all();
     std::string& batch = param->accessWriting;
     if (batch.empty()) return;
-    if (param->accessFd < 0) param->accessFd = OpenForAppend(path);
-    if (param->accessFd >= 0) WriteAll(param->accessFd, batch.data(), batch.size());
     // The size is checked every 20th line once the application has started,
-    // as for the other files.
-    if (param->accessFd >= 0 && mAppInitDone.load()) {
-        size_t lines = 0;
-        for (const char* p = batch.data(); (p = static_cast<const char*>(std::memchr(
-                                                p, '\n', batch.data() + batch.size() - p))) !=
-                                           nullptr;
-             ++p) {
-            ++lines;
-        }
-        param->accessCountdown -= static_cast<int32_t>(std::min<size_t>(lines, 1u << 20));
-        if (param->accessCountdown < 1) {
-            param->accessCountdown = kSizeCheckInterval;
-            struct stat st;
-            if (fstat(param->accessFd, &st) == 0 && st.st_size > kAccessRotateSize) {
-                close(param->accessFd);
-                param->accessFd = -1;
-                ShiftGenerations(path);
-                if (MoveToFirstGeneration(path)) CompressFile(path + "1");
+    // as for the other files: the batch is written in pieces that end at
+    // those lines, so a generation ends where it would have line by line.
+    const bool checkSize = mAppInitDone.load();
+    const char* at = batch.data();
+    const char* const end = batch.data() + batch.size();
+    while (at < end) {
+        const char* pieceEnd = end;
+        bool check = false;
+        if (checkSize) {
+            for (const char* p = at; p < end; ++p) {
+                p = static_cast<const char*>(std::memchr(p, '\n', static_cast<size_t>(end - p)));
+                if (p == nullptr) break;
+                if (--param->accessCountdown < 1) {
+                    param->accessCountdown = kSizeCheckInterval;
+                    pieceEnd = p + 1;
+                    check = true;
+                    break;
+                }
             }
+        }
+        if (param->accessFd < 0) param->accessFd = OpenForAppend(path);
+        if (param->accessFd >= 0) WriteAll(param->accessFd, at, static_cast<size_t>(pieceEnd - at));
+        at = pieceEnd;
+        struct stat st;
+        if (check && param->accessFd >= 0 && fstat(param->accessFd, &st) == 0 &&
+            st.st_size > kAccessRotateSize) {
+            close(param->accessFd);
+            param->accessFd = -1;
+            ShiftGenerations(path);
+            if (MoveToFirstGeneration(path)) CompressFile(path + "1");
         }
     }
     batch.clear();
