@@ -287,35 +287,16 @@ eRtCode CRUDParseReqFields(const std::string& reqKey,
     return RT_SUCCESS;
 }
 
+const char* CRUDTransferText(int32_t transferMethod) {
+    return transferMethod >= 0 && transferMethod <= 2 ? kTransferTexts[transferMethod] : "";
+}
+
 std::string CRUDReqDataDump(const sCRUD_ReqData& req, eRtCode rt) {
-    std::string out;
-    char line[64];
-    auto add = [&out](const char* title, const std::string& value) {
-        out += title;
-        out += value;
-        out += "\n";
-    };
-    std::snprintf(line, sizeof line, "CRUD message data: (rt:%d)\n", static_cast<int>(rt));
-    out += line;
-    std::snprintf(line, sizeof line, "  Method           : %d[", static_cast<int>(req.method));
-    out += line + req.methodText + "]\n";
-    add("  TargetURI        : ", req.targetUri);
-    add("  TargetAction     : ", req.targetAction);
-    add("  ReturnChannel    : ", req.returnChannel);
-    add("  ReturnStatusTable: ", req.reqKey);
-    add("  RequestDataTable : ", req.requestDataKey);
-    add("  TaskMonitorURL   : ", req.taskMonitorUrl);
-    add("  RemoteIP         : ", req.remoteIp);
-    add("  CheckListTable   : ", req.checklistKey);
-    std::snprintf(line, sizeof line, "  Privileges       : 0x%08" PRIX32 "\n", req.userPrivileges);
-    out += line;
-    add("  User             : ", req.userName);
-    add("  AuthSessionId    : ", req.authSessionId);
-    const int tm = static_cast<int>(req.transferMethod);
-    std::snprintf(line, sizeof line, "  TransferMethod   : %d[", tm);
-    out += line;
-    out += (tm >= 0 && tm <= 2) ? kTransferTexts[tm] : "";
-    out += "]\n";
+    const int n = std::snprintf(nullptr, 0, ORBEL_CRUD_DUMP_FORMAT, ORBEL_CRUD_DUMP_ARGS(req, rt));
+    if (n <= 0) return std::string();
+    std::string out(static_cast<size_t>(n) + 1, '\0');
+    std::snprintf(&out[0], out.size(), ORBEL_CRUD_DUMP_FORMAT, ORBEL_CRUD_DUMP_ARGS(req, rt));
+    out.resize(static_cast<size_t>(n));
     return out;
 }
 

@@ -95,6 +95,27 @@ eRtCode CRUDParseReqFields(const std::string& reqKey,
 // The dump of a record: "CRUD message data: (rt:%d)\n" and one line per field.
 std::string CRUDReqDataDump(const sCRUD_ReqData& req, eRtCode rt);
 
+// The dump as one format and its arguments, for a log line that the debug
+// filter can drop without formatting it:
+//   ZLOGM("ZComLib", eZLogDebug, ORBEL_CRUD_DUMP_FORMAT, ORBEL_CRUD_DUMP_ARGS(req, rt));
+#define ORBEL_CRUD_DUMP_FORMAT                                                               \
+    "CRUD message data: (rt:%d)\n  Method           : %d[%s]\n  TargetURI        : %s\n"   \
+    "  TargetAction     : %s\n  ReturnChannel    : %s\n  ReturnStatusTable: %s\n"          \
+    "  RequestDataTable : %s\n  TaskMonitorURL   : %s\n  RemoteIP         : %s\n"          \
+    "  CheckListTable   : %s\n  Privileges       : 0x%08X\n  User             : %s\n"      \
+    "  AuthSessionId    : %s\n  TransferMethod   : %d[%s]\n"
+#define ORBEL_CRUD_DUMP_ARGS(req, rt)                                                          \
+    static_cast<int>(rt), static_cast<int>((req).method), (req).methodText.c_str(),           \
+        (req).targetUri.c_str(), (req).targetAction.c_str(), (req).returnChannel.c_str(),     \
+        (req).reqKey.c_str(), (req).requestDataKey.c_str(), (req).taskMonitorUrl.c_str(),     \
+        (req).remoteIp.c_str(), (req).checklistKey.c_str(),                                   \
+        static_cast<unsigned>((req).userPrivileges), (req).userName.c_str(),                  \
+        (req).authSessionId.c_str(), static_cast<int>((req).transferMethod),                  \
+        ::Orbel::CRUDTransferText((req).transferMethod)
+
+// "SimpleUpload", "MultipartUpload", or "" for no (or an unknown) transfer method.
+const char* CRUDTransferText(int32_t transferMethod);
+
 // "&&RequestMethod" texts. The method of a text, or -1: "POSTCREATE" create,
 // "GET" and "HEAD" read, "PATCH" update, "DELETE" delete, "POSTACTION" action.
 int32_t CRUDMethodFromText(const std::string& text);

@@ -11,24 +11,37 @@
 // kept in a cache (suppressed debug lines included) that DumpMsgCache2File
 // writes out on demand, and debug output is filtered per module name.
 //
+// Cost on the request path: the debug filter is decided before anything is
+// formatted; a line it drops is kept in the cache as its format and a copy
+// of its arguments, formatted only if the cache is dumped. Files stay open.
+// Access lines are appended to a buffer in memory that the service's writer
+// thread writes out; rotation and compression (/bin/gzip) of every file run
+// on that thread and never under a destination's mutex, so a request never
+// waits for them. Control bytes inside the values of a line are escaped (see
+// ZLogPrint_Internal.h), so one call makes one line.
+//
 // Threads: any thread may log. The service mutex guards the destination
 // table and the schema-debug set and is held only for the look-up; each
-// destination's own mutex is held while its cache changes and its files are
-// written, rotated and echoed. The two are never held together.
-// Logging never throws and never reports failure.
+// destination's own mutex is held while its cache changes, its normal and
+// error lines are written and its access lines are queued. The two are never
+// held together. Logging never throws and never reports failure.
 #ifndef ORBEL_ZLOGPRINT_H
 #define ORBEL_ZLOGPRINT_H
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdint>
+#include <ctime>
+#include <deque>
 #include <functional>
-#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "OrbelDefs.h"
 
@@ -47,18 +60,46 @@ class ZLogPrint {
 public:
     // One log destination.
     struct sLogParam {
-        std::mutex mutex;  // guards everything below
+        std::mutex mutex;  // guards everything below but the writer's part
         std::string normalPath;
         std::string errorPath;
         std::string accessPath;
         int32_t RotateSize = 0;      // bytes; threshold of the normal and error files
         int32_t writeCountdown = 20; // writes left before the next size check
         struct sCachedMsg {
+            // A line the filter dropped keeps its format, file, function
+            // and captured arguments in `body` (see _CaptureLine) and its
+            // time in the fields below; `title` is then empty.
+            bool deferred = false;
+            eZLogType type = eZLogInfo;
+            time_t seconds = 0;
+            int32_t micros = 0;
+            int32_t minutesWest = 0;
             std::string title;  // the line prefix
             std::string body;   // the message text
         };
-        std::list<sCachedMsg> msgCache;  // oldest first
+        // A ring, oldest at msgCacheHead; slots keep their strings' storage.
+        std::vector<sCachedMsg> msgCache;
+        uint32_t msgCacheHead = 0;
         uint32_t msgCacheNum = 0;
+        // The normal and the error file. While a rotation waits for the
+        // writer thread, lines are kept in `diverted` (one string per
+        // generation to come, the last one growing) so that the split falls
+        // exactly where the size check found the file too large.
+        struct sLogFile {
+            int fd = -1;  // kept open; closed when the file is rotated or set aside
+            std::deque<std::string> diverted;  // empty: lines go to fd
+        };
+        sLogFile normalFile;
+        sLogFile errorFile;
+        std::string accessPending;        // access lines not yet handed to the writer
+        bool accessFlushQueued = false;   // the writer has a task for them
+        std::condition_variable accessTaken;  // accessPending was emptied
+        std::condition_variable accessMore;   // a batch is full, or a flush waits
+        // The writer thread's own.
+        std::string accessWriting;
+        int accessFd = -1;
+        int32_t accessCountdown = 20;
     };
 
     // Builds the "Default" destination (base + ".log", ".logerr",
@@ -111,6 +152,14 @@ public:
 
     void _DumpLogParams();
 
+    // Lines formatted so far by every service of the process (a debug line
+    // that the filter drops is not formatted until a dump).
+    static uint64_t FormattedLineCount();
+
+    // Returns once the writer thread has written every access line logged
+    // before the call and finished the rotations asked for so far.
+    void Flush();
+
     // Seams to the application frame, which sits above this layer.
     // Set once the application has finished initialising: from then on
     // WARNING/ERROR lines also go to the error file and file sizes are checked.
@@ -122,25 +171,46 @@ public:
     void SetSummaryProvider(SummaryProvider provider);
 
 private:
-    std::shared_ptr<sLogParam> _FindDestination(const char* module, uint32_t* cacheCapacity);
+    sLogParam* _FindDestination(const char* module, uint32_t* cacheCapacity);
     void _LogWriteToFile(const char* module, eZLogType type, const char* file, const char* func,
-                         const char* body);
+                         const char* format, va_list args);
     void _LogWriteToSpecificFile(const std::string& path, const char* body);
     bool _DebugFilterPasses(const char* module, eZLogType type);
     static void _InitDestination(sLogParam& param, const std::string& basePath, int rotateSize);
     static void _BackupLogFile(const std::string& path);
-    static bool _WriteAndMaybeRotate(sLogParam& param, const std::string& path,
-                                     const std::string& title, const char* body,
-                                     int32_t threshold, bool checkSize);
+    static void _CachePush(sLogParam& param, uint32_t capacity, sLogParam::sCachedMsg*& slot);
+    void _WriteLine(sLogParam& param, sLogParam::sLogFile& file, const std::string& path,
+                    const std::string& title, const std::string& body, int32_t threshold,
+                    bool checkSize, bool isError);
+    // Writer thread.
+    void _Post(std::function<void()> task);
+    void _WriterLoop();
+    void _WriteAccess(sLogParam* param);
+    void _Rotate(sLogParam* param, bool isError);
 
     // Guarded by mMutex.
     std::mutex mMutex;
-    std::map<std::string, std::shared_ptr<sLogParam>> mDestinations;
-    std::set<std::string> mSchemaDebug;
+    std::map<std::string, std::shared_ptr<sLogParam>, std::less<>> mDestinations;
+    std::vector<std::shared_ptr<sLogParam>> mAllDestinations;  // kept for the service's life
+    std::set<std::string, std::less<>> mSchemaDebug;
     SummaryProvider mSummaryProvider;
 
+    std::atomic<sLogParam*> mDefault{nullptr};  // the "Default" destination
+    std::atomic<bool> mAnySchemaDebug{false};   // mSchemaDebug is not empty
     std::atomic<int32_t> mDebugLevel{0};
     std::atomic<bool> mAppInitDone{false};
+
+    // The writer thread, started on first use. Guarded by mWriterMutex.
+    std::mutex mWriterMutex;
+    std::condition_variable mWriterCv;
+    std::condition_variable mWriterIdleCv;
+    std::deque<std::function<void()>> mWriterTasks;
+    bool mWriterBusy = false;
+    bool mWriterStop = false;
+    std::atomic<bool> mStopping{false};     // the destructor runs
+    std::atomic<int32_t> mFlushers{0};      // threads waiting in Flush
+    void _WakeAccessWriters();
+    std::thread mWriter;
 };
 
 // The one log service of the process; null until the application creates it.

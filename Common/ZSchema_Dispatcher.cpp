@@ -8,6 +8,7 @@
 // and subscribes anew, retrying every 500 ms, and serves the next request.
 #include <chrono>
 #include <exception>
+#include <optional>
 
 #include "CRUDRequest.h"
 #include "HTTP_MethodContext.h"
@@ -215,7 +216,8 @@ eRtCode ZSchema::CRUDParserReqMessage(redisContext* c, const std::string& key, s
         return RT_FAILURE;
     }
     eRtCode rt = CRUDParseReqFields(key, fields, req);
-    ZLOGM("ZComLib", eZLogDebug, "%s", CRUDReqDataDump(req, rt).c_str());
+    // Arguments, not a built text: a dropped debug line costs no formatting.
+    ZLOGM("ZComLib", eZLogDebug, ORBEL_CRUD_DUMP_FORMAT, ORBEL_CRUD_DUMP_ARGS(req, rt));
     return rt;
 }
 
@@ -232,8 +234,19 @@ void ZSchema::_ServeRequest(redisContext* c, const std::string& channel, const s
         return;
     }
     req.channel = channel;
+    // Whatever happens below, no reply is left outstanding on the
+    // connection once the request is done.
+    struct DrainAtEnd {
+        redisContext* c;
+        ~DrainAtEnd() { RedisDrainDeferred(c); }
+    } drainAtEnd{c};
 
+    // The context's set-up writes (clearing the request's message array,
+    // naming it in the request hash) need no answer before the next command:
+    // they share its round trip.
+    std::optional<RedisDeferredWrites> deferSetUp(std::in_place, c);
     HTTP_MethodContext ctx(this, c, &req);
+    deferSetUp.reset();
     ZApplication* app = zApp;
     ZObject* obj = nullptr;
     const bool known = req.method >= 0 && req.method < eReqMethodNum;

@@ -8,8 +8,8 @@
 // run:
 //
 //   floor        the minimal protocol: a plain-hiredis plug-in thread
-//                answers with HGETALL, 3 HSETs and a PUBLISH; 1 client, then
-//                8 clients
+//                answers with HGETALL, one HSET of the answer's fields and a
+//                PUBLISH; 1 client, then 8 clients
 //   GET          one client's reads through the schema's read dispatcher,
 //                against a plain-hiredis thread that replays, per request,
 //                the very commands the dispatcher sent for one read
@@ -31,6 +31,9 @@
 // CPU's capacity).
 #include <hiredis/hiredis.h>
 #include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <valgrind/callgrind.h>
 
 #include <algorithm>
 #include <atomic>
@@ -38,6 +41,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -212,15 +217,17 @@ private:
             }
         }
     }
+    // The least a client of the store must send to answer a request: read
+    // the request, write the answer's fields with one HSET, announce it.
     static void Minimal(redisContext* c, const std::string& key) {
         ReplyPtr all = Argv(c, {"HGETALL", key});
         std::string ret;
         for (size_t i = 0; all && i + 1 < all->elements; i += 2) {
             if (std::string(all->element[i]->str) == "&&ReturnChannel") ret = all->element[i + 1]->str;
         }
-        Argv(c, {"HSET", key, "&&ReturnStatus", "OK"});
-        Argv(c, {"HSET", key, "&&ExtendedInfo", "/redfish/v1/Systems/1/Bench:GETQ/ExtendedInfo"});
-        Argv(c, {"HSET", key, "&&ResourceLock", "&&ResourceLock:/redfish/v1/Systems/1"});
+        Argv(c, {"HSET", key, "&&ReturnStatus", "OK", "&&ExtendedInfo",
+                 "/redfish/v1/Systems/1/Bench:GETQ/ExtendedInfo", "&&ResourceLock",
+                 "&&ResourceLock:/redfish/v1/Systems/1"});
         Argv(c, {"PUBLISH", ret, key});
     }
     // The recorded commands with the request's key, and its return channel
@@ -350,10 +357,166 @@ std::pair<Stats, double> RunClients(int clients, int total, Next next) {
     return {Summarise(all), total / seconds};
 }
 
+// ---------------------------------------------------------------------------
+// The plug-in's process frame on a thread of this program
+// ---------------------------------------------------------------------------
+
+const char kGetQ[] = "RF_Bench:ComputerSystem:GETQ";
+const char kFloorQ[] = "Bench:Floor:GETQ";
+
+struct Plugin {
+    ZApplication* app = nullptr;
+    std::thread exec;
+    Clock::time_point readyAt;
+
+    void Start() {
+        vex_config_set_bool("nginx_redfish_ready", 0, 0);
+        app = new ZApplication("RF_Bench");
+        zLogPrint->SetDebugLevel(0);
+        static const ZApplication::sSchemaFactory kTable[] = {{"ComputerSystem", BenchFactory}};
+        static char arg0[] = "RF_Bench";
+        static char* execArgv[] = {arg0, nullptr};
+        static ZApplication::sExecParams params{1, execArgv, kTable, 1};
+        exec = std::thread([this]() { app->Exec(params); });
+        while (app->GetInitStep() < 3) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        vex_config_set_bool("nginx_redfish_ready", 1, 0);
+        while (!app->isAppInitDone()) std::this_thread::yield();
+        readyAt = Clock::now();
+    }
+    void Stop() {
+        app->Exit();
+        exec.join();
+        delete app;
+        app = nullptr;
+    }
+};
+
+// ---------------------------------------------------------------------------
+// Instructions (callgrind)
+// ---------------------------------------------------------------------------
+// Time on this host is mostly the local socket's round trips and the other
+// tenants' load; the controller's CPU feels the instructions. The program
+// starts itself twice more under callgrind and counts kInstrN GETs answered
+// by the minimal floor, then kInstrN through the read dispatcher, each
+// between a zeroing and a dump of the counters. The first run counts every
+// thread; the second (one counter set per thread, where a dump covers the
+// dumping thread only) counts the client thread alone. The plug-in's side is
+// the difference: the floor's thread, or the dispatcher with everything the
+// library does for the request.
+
+const char kInstrFlag[] = "--orbel-instructions";
+constexpr int kInstrN = 1000;
+
+int RunInstructionChild() {
+    if (!OrbelBench::StartBenchStore()) return 1;
+    PlainPlugin floor(kFloorQ, Script(), std::string());
+    Plugin plugin;
+    plugin.Start();
+    Client c;
+    for (int i = 0; i < 50; ++i) {  // warm both sides
+        c.Send(kFloorQ, "GET", MemberUri(1));
+        c.Send(kGetQ, "GET", MemberUri(1));
+    }
+    CALLGRIND_START_INSTRUMENTATION;
+    CALLGRIND_ZERO_STATS;
+    for (int i = 0; i < kInstrN; ++i) c.Send(kFloorQ, "GET", MemberUri(1));
+    CALLGRIND_DUMP_STATS_AT("floor");
+    CALLGRIND_ZERO_STATS;
+    for (int i = 0; i < kInstrN; ++i) c.Send(kGetQ, "GET", MemberUri(1));
+    CALLGRIND_DUMP_STATS_AT("library");
+    plugin.Stop();
+    return 0;
+}
+
+// Tag -> "summary:" of the dump files callgrind wrote into `dir`.
+std::map<std::string, double> ReadDumps(const std::string& dir) {
+    std::map<std::string, double> out;
+    FILE* ls = popen(("ls '" + dir + "'").c_str(), "r");
+    if (ls == nullptr) return out;
+    char name[512];
+    while (std::fgets(name, sizeof name, ls) != nullptr) {
+        std::string file(name);
+        while (!file.empty() && file.back() == '\n') file.pop_back();
+        if (file.compare(0, 7, "cg.out.") != 0) continue;
+        std::ifstream in(dir + "/" + file);
+        std::string line, tag;
+        double ir = -1;
+        while (std::getline(in, line)) {
+            static const std::string kDesc = "desc: Trigger: Client Request: ";
+            if (line.compare(0, kDesc.size(), kDesc) == 0) tag = line.substr(kDesc.size());
+            if (line.compare(0, 9, "summary: ") == 0) ir = std::strtod(line.c_str() + 9, nullptr);
+        }
+        if (!tag.empty() && ir >= 0) out[tag] = ir;
+    }
+    pclose(ls);
+    return out;
+}
+
+std::map<std::string, double> RunUnderCallgrind(bool perThread) {
+    char exe[4096];
+    const ssize_t n = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
+    char dirTemplate[] = "/tmp/orbel-callgrind-XXXXXX";
+    if (n <= 0 || mkdtemp(dirTemplate) == nullptr) return {};
+    exe[n] = '\0';
+    const std::string dir = dirTemplate;
+    const std::string outFile = "--callgrind-out-file=" + dir + "/cg.out";
+    const std::string logFile = dir + "/valgrind.log";
+    std::fflush(stdout);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        FILE* log = std::freopen(logFile.c_str(), "w", stderr);
+        if (log != nullptr) dup2(fileno(stderr), STDOUT_FILENO);
+        execlp("valgrind", "valgrind", "--tool=callgrind", "--instr-atstart=no",
+               perThread ? "--separate-threads=yes" : "--separate-threads=no", outFile.c_str(),
+               exe, kInstrFlag, static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status) ||
+        WEXITSTATUS(status) != 0) {
+        std::printf("instructions: the callgrind run failed, see %s\n", logFile.c_str());
+        return {};
+    }
+    std::map<std::string, double> dumps = ReadDumps(dir);
+    const std::string cleanup = "rm -rf '" + dir + "'";
+    if (std::system(cleanup.c_str()) != 0) std::fprintf(stderr, "bench: %s stays\n", dir.c_str());
+    return dumps;
+}
+
+void MeasureInstructions() {
+    std::map<std::string, double> all = RunUnderCallgrind(false);
+    std::map<std::string, double> client = RunUnderCallgrind(true);
+    if (all["floor"] <= 0 || all["library"] <= 0) {
+        std::printf("instructions: no counts\n");
+        return;
+    }
+    const double k = kInstrN * 1000.0;
+    const double libSide = all["library"] - client["library"];
+    const double floorSide = all["floor"] - client["floor"];
+    std::printf("\nInstructions per GET (callgrind, %d GETs, client side of the store):\n",
+                kInstrN);
+    std::printf("  %-44s %8.1fk  floor %8.1fk  %.2fx\n", "plug-in side (dispatcher / floor)",
+                libSide / k, floorSide / k, libSide / floorSide);
+    std::printf("  %-44s %8.1fk  floor %8.1fk  %.2fx\n", "whole program (with the client)",
+                all["library"] / k, all["floor"] / k, all["library"] / all["floor"]);
+    std::printf("  %-44s %8.1fk  floor %8.1fk\n", "the client thread alone", client["library"] / k,
+                client["floor"] / k);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc > 1 && std::strcmp(argv[1], "--pin") == 0) {
+    if (argc > 1 && std::strcmp(argv[1], kInstrFlag) == 0) return RunInstructionChild();
+    bool pin = false, instructions = true;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--pin") == 0) pin = true;
+        if (std::strcmp(argv[i], "--no-instructions") == 0) instructions = false;
+        if (std::strcmp(argv[i], "--instructions-only") == 0) {
+            MeasureInstructions();
+            return 0;
+        }
+    }
+    if (pin) {
         // Before the server starts, which inherits it.
         cpu_set_t set;
         CPU_ZERO(&set);
@@ -364,54 +527,45 @@ int main(int argc, char** argv) {
     if (!OrbelBench::StartBenchStore()) return 1;
     ContextPtr ctl = Connect();
 
-    // 1. The floor.
-    double floorPerSecond = 0;
+    // 1. The floor alone.
+    PlainPlugin floor(kFloorQ, Script(), std::string());
+    double floorPerSecond = 0, floor8PerSecond = 0;
     {
-        PlainPlugin floor("Bench:Floor:GETQ", Script(), std::string());
         auto one = RunClients(1, kSingleN, [](Client& c, int, int) {
-            return c.Send("Bench:Floor:GETQ", "GET", MemberUri(1));
+            return c.Send(kFloorQ, "GET", MemberUri(1));
         });
         floorPerSecond = one.second;
         Print("floor, 1 client", one.first, one.second);
         auto eight = RunClients(kClients, kConcurrentTotal, [](Client& c, int, int) {
-            return c.Send("Bench:Floor:GETQ", "GET", MemberUri(1));
+            return c.Send(kFloorQ, "GET", MemberUri(1));
         });
+        floor8PerSecond = eight.second;
         Print("floor, 8 clients", eight.first, eight.second);
     }
 
-    // The plug-in: Exec on its own thread; ready when the front end is.
-    vex_config_set_bool("nginx_redfish_ready", 0, 0);
-    auto* app = new ZApplication("RF_Bench");
-    zLogPrint->SetDebugLevel(0);
-    static const ZApplication::sSchemaFactory kTable[] = {{"ComputerSystem", BenchFactory}};
-    static char arg0[] = "RF_Bench";
-    static char* execArgv[] = {arg0, nullptr};
-    ZApplication::sExecParams params{1, execArgv, kTable, 1};
-    std::thread exec([&]() { app->Exec(params); });
-    while (app->GetInitStep() < 3) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    vex_config_set_bool("nginx_redfish_ready", 1, 0);
-    while (!app->isAppInitDone()) std::this_thread::yield();
-    const auto readyAt = Clock::now();
+    Plugin plugin;
+    plugin.Start();
 
-    // 4 (measured first, as it must be the first request). 
+    // 4 (measured first, as it must be the first request).
     {
         Client first;
-        const double us = first.Send("RF_Bench:ComputerSystem:GETQ", "GET", MemberUri(kMembers));
+        const double us = first.Send(kGetQ, "GET", MemberUri(kMembers));
         const double sinceReady =
-            std::chrono::duration<double, std::micro>(Clock::now() - readyAt).count();
+            std::chrono::duration<double, std::micro>(Clock::now() - plugin.readyAt).count();
         std::printf("%-44s answered=%s  %.0f us after ready (round trip %.0f us; goal < 1 s)\n",
                     "first request, 1000 members", us >= 0 ? "yes" : "NO", sinceReady, us);
     }
 
-    // 2. GET through the dispatcher against a replay of its commands.
+    // 2. GET through the dispatcher against a replay of its commands and
+    // against the minimal floor.
     Script script;
     std::string recordedKey;
     Client rec;  // records, then measures: the script answers on its return channel
     {
-        rec.Send("RF_Bench:ComputerSystem:GETQ", "GET", MemberUri(1));  // warm
+        rec.Send(kGetQ, "GET", MemberUri(1));  // warm
         ContextPtr monitor = Connect();
         Argv(monitor.get(), {"MONITOR"});
-        rec.Send("RF_Bench:ComputerSystem:GETQ", "GET", MemberUri(1));
+        rec.Send(kGetQ, "GET", MemberUri(1));
         recordedKey = rec.KeyOf(rec.Seq());
         Argv(ctl.get(), {"ECHO", "bench-recording-ends"});
         Script all;
@@ -436,25 +590,31 @@ int main(int argc, char** argv) {
     }
     {
         PlainPlugin replay("Bench:Replay:GETQ", script, recordedKey);
-        std::vector<double> lib, rep;
+        std::vector<double> lib, rep, flo;
         Client& c = rec;
-        double libSeconds = 0, repSeconds = 0;
+        double libSeconds = 0, repSeconds = 0, floSeconds = 0;
         // Alternating request by request, so that the load of the machine
-        // weighs on both alike.
+        // weighs on all three alike.
         for (int i = 0; i < kSingleN; ++i) {
             auto t0 = Clock::now();
-            lib.push_back(c.Send("RF_Bench:ComputerSystem:GETQ", "GET", MemberUri(1)));
+            lib.push_back(c.Send(kGetQ, "GET", MemberUri(1)));
             auto t1 = Clock::now();
             rep.push_back(c.Send("Bench:Replay:GETQ", "GET", MemberUri(1)));
             auto t2 = Clock::now();
+            flo.push_back(c.Send(kFloorQ, "GET", MemberUri(1)));
+            auto t3 = Clock::now();
             libSeconds += std::chrono::duration<double>(t1 - t0).count();
             repSeconds += std::chrono::duration<double>(t2 - t1).count();
+            floSeconds += std::chrono::duration<double>(t3 - t2).count();
         }
-        Stats l = Summarise(lib), r = Summarise(rep);
+        Stats l = Summarise(lib), r = Summarise(rep), f = Summarise(flo);
         Print("GET through the dispatcher", l, lib.size() / libSeconds);
         Print("replay of its commands (plain hiredis)", r, rep.size() / repSeconds);
+        Print("minimal floor, same loop", f, flo.size() / floSeconds);
         std::printf("%-44s p50 %.2fx  p99 %.2fx  mean %.2fx  (goal <= 1.3x)\n", "GET / replay",
                     l.p50 / r.p50, l.p99 / r.p99, l.mean / r.mean);
+        std::printf("%-44s p50 %.2fx (goal <= 1.3x)  throughput %.2fx (goal >= 0.8x)\n",
+                    "GET / minimal floor, 1 client", l.p50 / f.p50, floSeconds / libSeconds);
         // What the store allows for this traffic: eight clients on the
         // replay, each on its own resource's key.
         auto eight = RunClients(kClients, kConcurrentTotal, [](Client& cl, int, int) {
@@ -465,13 +625,26 @@ int main(int argc, char** argv) {
                     eight.second / floorPerSecond);
     }
 
-    // 3. Eight clients over the three dispatchers.
+    // 3. Eight clients: GETs alone against the floor's eight clients, then
+    // GET, PATCH and action over the three dispatchers.
     {
+        auto gets = RunClients(kClients, kConcurrentTotal, [](Client& c, int client, int) {
+            return c.Send(kGetQ, "GET", MemberUri(client + 1));
+        });
+        Print("8 clients, GET", gets.first, gets.second);
+        auto flo = RunClients(kClients, kConcurrentTotal, [](Client& c, int, int) {
+            return c.Send(kFloorQ, "GET", MemberUri(1));
+        });
+        Print("floor, 8 clients (again)", flo.first, flo.second);
+        floor8PerSecond = (floor8PerSecond + flo.second) / 2;
+        std::printf("%-44s %.2fx of the 8-client floor (goal >= 0.8x), p50 %.2fx, %zu lost\n",
+                    "GET throughput, 8 clients", gets.second / floor8PerSecond,
+                    gets.first.p50 / flo.first.p50, gets.first.lost);
         auto res = RunClients(kClients, kConcurrentTotal, [](Client& c, int client, int i) {
             const std::string uri = MemberUri(client + 1);
             switch (i % 3) {
                 case 0:
-                    return c.Send("RF_Bench:ComputerSystem:GETQ", "GET", uri);
+                    return c.Send(kGetQ, "GET", uri);
                 case 1:
                     return c.Send("RF_Bench:ComputerSystem:PATCHQ", "PATCH", uri);
                 default:
@@ -480,12 +653,12 @@ int main(int argc, char** argv) {
             }
         });
         Print("8 clients, GET/PATCH/action", res.first, res.second);
-        std::printf("%-44s %.2fx of the 1-client floor (goal >= 0.8x), %zu lost\n", "throughput",
-                    res.second / floorPerSecond, res.first.lost);
+        std::printf("%-44s %.2fx of the 1-client floor, %.2fx of the 8-client floor, %zu lost\n",
+                    "throughput", res.second / floorPerSecond, res.second / floor8PerSecond,
+                    res.first.lost);
     }
 
-    app->Exit();
-    exec.join();
-    delete app;
+    plugin.Stop();
+    if (instructions) MeasureInstructions();
     return 0;
 }

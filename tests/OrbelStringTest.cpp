@@ -161,7 +161,7 @@ TEST(OrbelPureString, VerboseLinesAndVerdict) {
               "  idx(1) char[0x9] is not a printable char.\n"
               "  idx(3) char[0xC3] is not a printable char.\n"
               "  idx(4) char[0xA9] is not a printable char.\n"
-              "Error: [a\tb\xC3\xA9] is not pure string!\n");
+              "Error: [a\\tb\xC3\xA9] is not pure string!\n");  // the tab escaped
 
     // The length-bounded form looks at the first len bytes only and does not
     // log the verdict line.

@@ -366,3 +366,31 @@ TEST_F(RedisCliTest, AuthenticationNeedsTheServersPassword) {
 }
 
 }  // namespace
+
+namespace {
+
+// Deferred writes share the round trip of the next command; a failed one is
+// logged with the wrapper's text and the connection stays in step.
+TEST_F(RedisCliTest, DeferredWritesRideWithTheNextCommand) {
+    RawCommand({"SET", "a string", "x"});
+    RawCommand({"HSET", "gone", "f", "v"});
+    const size_t mark = LogMark();
+    {
+        RedisDeferredWrites defer(ctx());
+        EXPECT_EQ(RedisDelTable(ctx(), "gone"), RT_SUCCESS);
+        EXPECT_EQ(RedisHashSet(ctx(), "h", "f", "v"), RT_SUCCESS);
+        EXPECT_EQ(RedisHashSet(ctx(), "a string", "f", "v"), RT_SUCCESS);  // fails later
+    }
+    std::string value;
+    EXPECT_EQ(RedisGet(ctx(), "a string", &value), RT_SUCCESS);
+    EXPECT_EQ(value, "x");
+    EXPECT_TRUE(Logged(mark, {{"RedisHashSet", "Command[HSET a string f v] reply failed.\n"}}));
+    EXPECT_EQ(HGetAll("h"), (Fields{{"f", "v"}}));
+    EXPECT_FALSE(Exists("gone"));
+    // Outside the scope a write waits for its reply again; a drain with
+    // nothing outstanding sends nothing.
+    RedisDrainDeferred(ctx());
+    EXPECT_EQ(RedisHashSet(ctx(), "a string", "f", "v"), RT_FAILURE);
+}
+
+}  // namespace

@@ -234,6 +234,21 @@ TEST_F(RequestDispatchTest, PatchReadsTheBodyTreeAndMasksSecretsInTheAccessLog) 
     const std::string text = AccessLines(line);
     EXPECT_NE(text.find(line), std::string::npos) << text;
     EXPECT_EQ(text.find("hunter2"), std::string::npos);
+
+    // A client's newline, in a body value or in the user name, cannot start
+    // a line of its own: one request, one line.
+    const std::string forgedKey = fe.NextKey();
+    FrontEnd::Body forged;
+    forged.top = {{"AssetTag", "\"x\\nRSP[forged2] RC[200] MSG[] IP[6.6.6.6]\""}};
+    FrontEnd::Answer f =
+        fe.Send(kPatchQ, "PATCH", kSys1, &forged,
+                {{"&&Username", "eve\nRSP[forged3] RC[200] MSG[] IP[6.6.6.6]"}});
+    ASSERT_TRUE(f.answered);
+    const std::string escaped = "RSP[" + forgedKey + "]";
+    const std::string after = AccessLines(escaped);
+    EXPECT_NE(after.find("AUTH[eve\\nRSP[forged3]"), std::string::npos) << after;
+    EXPECT_NE(after.find("/AssetTag:x\\nRSP[forged2]"), std::string::npos) << after;
+    EXPECT_EQ(after.find("\nRSP[forged"), std::string::npos) << after;
 }
 
 TEST_F(RequestDispatchTest, CreateInTheCollectionAnswersTheNewMembersLocation) {

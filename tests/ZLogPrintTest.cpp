@@ -101,6 +101,7 @@ TEST_F(ZLogPrintTest, AccessLinesOnlyInTheAccessFileAndTheErrorFileOnlyAfterInit
     EXPECT_EQ(
         Echo([&] { log.LogPrint("", eZLogAccess, "F.cpp", "f", 1, "GET /redfish/v1 %d\n", 200); }),
         "");
+    log.Flush();  // access lines are written by the service's writer thread
     const std::string access = ReadFile(mBase + ".accesslog");
     EXPECT_TRUE(std::regex_match(access, std::regex("^" + kStamp + " GET /redfish/v1 200\n$")))
         << access;
@@ -134,7 +135,8 @@ TEST_F(ZLogPrintTest, SizeIsCheckedEveryTwentiethWriteAfterInitAndTwoGenerations
     log.SetAppInitDone(true);
     write(19);
     EXPECT_FALSE(FileExists(p + "1.gz"));
-    write(1);  // the 20th write after init: checked and rotated
+    write(1);  // the 20th write after init: checked and rotated (by the writer thread)
+    log.Flush();
     EXPECT_FALSE(FileExists(p));
     const auto gen1 = LinesWith(Gunzip(p + "1.gz"), "line ");
     ASSERT_EQ(gen1.size(), 70u);
@@ -142,6 +144,7 @@ TEST_F(ZLogPrintTest, SizeIsCheckedEveryTwentiethWriteAfterInitAndTwoGenerations
     // The next write re-creates the file; the next checks are 20 and 40
     // writes on, and the third rotation drops the oldest generation.
     write(41);
+    log.Flush();
     EXPECT_EQ(ListDir(mDir),
               (std::set<std::string>{"app.accesslog", "app.log", "app.log1.gz", "app.log2.gz"}));
     const auto newer = LinesWith(Gunzip(p + "1.gz"), "line ");
@@ -242,6 +245,7 @@ TEST_F(ZLogPrintTest, RerouteMsgGivesNamesTheirOwnFiles) {
                   log.LogPrint("SchC", eZLogInfo, "C.cpp", "c", 1, "from C\n");
               }),
               "A.cpp:a:WARNING: from A\nC.cpp:c:INFO: from C\n");
+    log.Flush();
     EXPECT_THAT(LinesWith(ReadFile(routedBase + ".log"), "from "),
                 ElementsAre(HasSubstr("from A")));
     EXPECT_THAT(ReadFile(routedBase + ".logerr"), HasSubstr("from A\n"));
@@ -326,6 +330,104 @@ TEST_F(ZLogPrintTest, ConcurrentWritersNeverSplitALine) {
             ASSERT_TRUE(std::regex_match(l, m, line)) << l;
             EXPECT_TRUE(seen.insert(m[1].str() + "/" + m[2].str()).second) << l;
         }
+    }
+}
+
+// A value never makes a second line: control bytes inside the arguments are
+// escaped, the format's own newlines kept; a pre-built "%s" text is kept.
+TEST_F(ZLogPrintTest, ControlBytesInValuesAreEscaped) {
+    ZLogPrint log(mBase, 1 << 20);
+    log.SetDebugLevel(1);
+    struct Row {
+        const char* value;
+        const char* logged;
+    };
+    const Row rows[] = {
+        {"x\nRSP[forged] RC[200] MSG[] IP[6.6.6.6]", "x\\nRSP[forged] RC[200] MSG[] IP[6.6.6.6]"},
+        {"a\rb\tc", "a\\rb\\tc"},
+        {"\x01\x1b[31m\x7f", "\\x01\\x1B[31m\\x7F"},
+        {"caf\xc3\xa9 \"q\" %s", "caf\xc3\xa9 \"q\" %s"},  // high bytes, quotes, percent: kept
+    };
+    Echo([&] {
+        for (const Row& row : rows) {
+            log.LogPrint("", eZLogAccess, "A.cpp", "a", 1, "REQ[k] U[%s]\n", row.value);
+            log.LogPrint("", eZLogInfo, "A.cpp", "a", 1, "v[%-3s|%.40s]\n", row.value, row.value);
+        }
+        log.LogPrint("", eZLogInfo, "A.cpp", "a", 1, "C[%c]\n", '\n');
+        log.LogPrint("", eZLogRaw, "A.cpp", "a", 1, "%s", "dump line 1\ndump line 2\n");
+    });
+    log.Flush();
+    const auto access = Lines(ReadFile(mBase + ".accesslog"));
+    const auto normal = LinesWith(ReadFile(mBase + ".log"), "v[");
+    ASSERT_EQ(access.size(), std::size(rows));
+    ASSERT_EQ(normal.size(), std::size(rows));
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        EXPECT_THAT(access[i], HasSubstr(std::string("U[") + rows[i].logged + "]"));
+        EXPECT_THAT(normal[i], HasSubstr(std::string("|") + rows[i].logged + "]"));
+    }
+    EXPECT_THAT(ReadFile(mBase + ".log"), HasSubstr("C[\\n]\n"));
+    EXPECT_THAT(ReadFile(mBase + ".log"), HasSubstr("dump line 1\ndump line 2\n"));
+}
+
+// A dropped debug line is kept for the dump without being formatted; the
+// dump formats it as it would have been then.
+TEST_F(ZLogPrintTest, DroppedDebugLinesAreFormattedOnlyByTheDump) {
+    ZLogPrint log(mBase, 1 << 20);
+    std::string changing = "before\nvalue";
+    const uint64_t formatted = ZLogPrint::FormattedLineCount();
+    for (int i = 0; i < 100; ++i) {
+        log.LogPrint("ZComLib", eZLogDebug, "D.cpp", "d", 1, "n=%d s=%s w=%5.1f %lld %hhu %p\n", i,
+                     changing.c_str(), 2.25, -7LL, 300, static_cast<void*>(nullptr));
+    }
+    changing = "after";
+    EXPECT_EQ(ZLogPrint::FormattedLineCount(), formatted);
+    log.DumpMsgCache2File();
+    const auto lines = LinesWith(ReadFile(mBase + ".log"), "n=");
+    ASSERT_EQ(lines.size(), 100u);
+    char expected[128];
+    std::snprintf(expected, sizeof expected, "n=99 s=before\\nvalue w=  2.2 -7 44 %p",
+                  static_cast<void*>(nullptr));
+    EXPECT_TRUE(std::regex_match(lines.back(), std::regex("^" + kStamp +
+                                                          R"(\[DEBUG\] D\.cpp:d\(\): .*)")))
+        << lines.back();
+    EXPECT_THAT(lines.back(), ::testing::EndsWith(expected));
+}
+
+// Rotation runs on the writer thread while others log: every line is in
+// exactly one generation, in each thread's order.
+TEST_F(ZLogPrintTest, NothingIsLostOrReorderedAcrossRotationsUnderLoad) {
+    ZLogPrint log(mBase, 50000);
+    log.SetAppInitDone(true);
+    const int kThreads = 4;
+    const int kLines = 400;  // about 130 KB per file: two rotations, three generations
+    Echo([&] {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&log, t] {
+                for (int i = 0; i < kLines; ++i) {
+                    log.LogPrint("", eZLogAccess, "T.cpp", "t", 1,
+                                 "REQ[k] %d %04d ..................................................\n",
+                                 t, i);
+                    log.LogPrint("", eZLogInfo, "T.cpp", "t", 1, "line %d %04d ..............\n", t,
+                                 i);
+                }
+            });
+        }
+        for (auto& th : threads) th.join();
+    });
+    log.Flush();
+    for (const std::string& p : {mBase + ".accesslog", mBase + ".log"}) {
+        SCOPED_TRACE(p);
+        ASSERT_TRUE(FileExists(p + "1.gz") && FileExists(p + "2.gz"));
+        const auto lines = Lines(Gunzip(p + "2.gz") + Gunzip(p + "1.gz") + ReadFile(p));
+        std::vector<int> next(kThreads, 0);
+        const std::regex re(R"(.* (\d) (\d{4}) \.+$)");
+        for (const auto& l : lines) {
+            std::smatch m;
+            ASSERT_TRUE(std::regex_match(l, m, re)) << l;
+            ASSERT_EQ(std::stoi(m[2].str()), next[std::stoi(m[1].str())]++) << l;
+        }
+        EXPECT_EQ(next, std::vector<int>(kThreads, kLines));
     }
 }
 

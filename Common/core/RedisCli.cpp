@@ -138,9 +138,68 @@ ReplyPtr ReadReply(redisContext* c) {
     return TakeReply(c, raw);
 }
 
-// Sends one command and waits for its reply.
+// Commands sent without waiting for their replies (RedisDeferredWrites), in
+// the order sent; each thread has its own.
+struct DeferredReply {
+    redisContext* c;
+    bool isHashSet;  // else an UNLINK, whose reply is not checked
+    std::string key, name, shownValue;
+};
+thread_local std::vector<DeferredReply> tDeferred;
+thread_local redisContext* tDeferringOn = nullptr;
+
+bool Deferring(redisContext* c) {
+    return c != nullptr && c == tDeferringOn && (c->flags & REDIS_BLOCK) != 0 && c->err == 0;
+}
+
+void DrainDeferred(redisContext* c) {
+    if (tDeferred.empty()) return;
+    size_t kept = 0;
+    for (size_t i = 0; i < tDeferred.size(); ++i) {
+        DeferredReply& d = tDeferred[i];
+        if (d.c != c) {
+            if (kept != i) tDeferred[kept] = std::move(d);
+            ++kept;
+            continue;
+        }
+        ReplyPtr reply = ReadReply(c);
+        if (!d.isHashSet) continue;
+        if (!reply) {
+            ZLOG_AS("RedisHashSet", eZLogError, "Command[HSET %s %s %s] reply is NULL. err[%s]\n",
+                    d.key.c_str(), d.name.c_str(), d.shownValue.c_str(), c->errstr);
+        } else if (reply->type != REDIS_REPLY_INTEGER ||
+                   (reply->integer != 0 && reply->integer != 1)) {
+            RedisDumpReply("HSET", reply.get());
+            ZLOG_AS("RedisHashSet", eZLogError, "Command[HSET %s %s %s] reply failed.\n",
+                    d.key.c_str(), d.name.c_str(), d.shownValue.c_str());
+        }
+    }
+    tDeferred.resize(kept);
+}
+
+// Queues a command whose reply DrainDeferred reads; false when it could not
+// be queued (the caller then sends it the usual way).
+bool Defer(redisContext* c, std::initializer_list<Arg> args, DeferredReply d) {
+    const char* argv[4];
+    size_t lens[4];
+    size_t argc = 0;
+    for (const Arg& a : args) {
+        argv[argc] = a.data;
+        lens[argc] = a.size;
+        ++argc;
+    }
+    if (!AppendArgv(c, argc, argv, lens)) return false;
+    d.c = c;
+    tDeferred.push_back(std::move(d));
+    return true;
+}
+
+// Sends one command and waits for its reply (after those of the commands
+// deferred before it, which share its round trip).
 ReplyPtr SendArgv(redisContext* c, size_t argc, const char* const* argv, const size_t* argvLen) {
-    if (!AppendArgv(c, argc, argv, argvLen)) return ReplyPtr();
+    const bool queued = AppendArgv(c, argc, argv, argvLen);
+    DrainDeferred(c);
+    if (!queued) return ReplyPtr();
     return ReadReply(c);
 }
 
@@ -483,6 +542,18 @@ redisContext* RedisSubscribeFromChannel(std::string channel) {
     return c;
 }
 
+RedisDeferredWrites::RedisDeferredWrites(redisContext* c) : mPrevious(cli::tDeferringOn) {
+    cli::tDeferringOn = c;
+}
+
+RedisDeferredWrites::~RedisDeferredWrites() {
+    cli::tDeferringOn = mPrevious;
+}
+
+void RedisDrainDeferred(redisContext* c) {
+    cli::DrainDeferred(c);
+}
+
 eRtCode RedisPipeline(redisContext* c, const std::vector<std::vector<std::string>>& commands,
                       std::vector<eRtCode>& results) {
     results.assign(commands.size(), RT_FAILURE);
@@ -503,11 +574,13 @@ eRtCode RedisPipeline(redisContext* c, const std::vector<std::vector<std::string
                  static_cast<unsigned>(commands.size()));
             // What was queued goes out now, so that no later call of the
             // connection reads these replies as its own.
+            DrainDeferred(ctx.get());
             for (size_t i = 0; i < queued; ++i)
                 results[i] = ReadReply(ctx.get()) ? RT_SUCCESS : RT_FAILURE;
             return RT_FAILURE;
         }
     }
+    DrainDeferred(ctx.get());
     for (size_t i = 0; i < commands.size(); ++i) {
         ReplyPtr reply = ReadReply(ctx.get());
         if (!reply) {
@@ -661,6 +734,7 @@ eRtCode RedisDelTable(redisContext* c, const char* key) {
     // large tree does not stall the front end. Replies are not checked: a
     // key that is already gone is as good as deleted.
     for (const std::string& k : keys) {
+        if (Deferring(ctx.get()) && Defer(ctx.get(), {"UNLINK", k}, DeferredReply{})) continue;
         Command(ctx.get(), {"UNLINK", k});
     }
     return RT_SUCCESS;
@@ -684,6 +758,11 @@ eRtCode RedisHashSet(redisContext* c, const char* key, const char* name, const c
         ZLOG(eZLogError, "NULL arg! key:%p pptName:%p pptValue:%p\n", static_cast<const void*>(key),
              static_cast<const void*>(name), static_cast<const void*>(value));
         return RT_FAILURE;
+    }
+    if (Deferring(ctx.get()) &&
+        Defer(ctx.get(), {"HSET", key, name, value},
+              DeferredReply{nullptr, true, key, name, MaskSecretValue(name, value)})) {
+        return RT_SUCCESS;
     }
     ReplyPtr reply = Command(ctx.get(), {"HSET", key, name, value});
     if (!reply) {

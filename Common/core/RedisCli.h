@@ -122,6 +122,29 @@ void RedisDumpReply(const char* cmd, redisReply* reply);
 // that context (the caller reads messages with redisGetReply and closes it),
 // or null.
 redisContext* RedisSubscribeFromChannel(std::string channel);
+// While an instance lives, RedisDelTable (one key) and RedisHashSet on the
+// connection `c` from this thread do not wait for their replies: each command
+// goes out with the next command that waits on `c`, in its round trip, and its
+// reply is read then (an HSET failure is logged with the wrapper's usual
+// text). Such a call returns 0 once the command is queued. For writes whose
+// result the caller does not act on before its next command (a request's
+// set-up). What is still outstanding when the instance ends is read by the
+// next call on `c`, or by RedisDrainDeferred(c), which the owner of `c` must
+// call before it closes `c` or hands it to anything but this store client.
+// Threads: the thread's own connection only; instances nest.
+class RedisDeferredWrites {
+public:
+    explicit RedisDeferredWrites(redisContext* c);
+    ~RedisDeferredWrites();
+    RedisDeferredWrites(const RedisDeferredWrites&) = delete;
+    RedisDeferredWrites& operator=(const RedisDeferredWrites&) = delete;
+
+private:
+    redisContext* mPrevious;
+};
+// Reads the replies of the commands deferred on `c` by this thread.
+void RedisDrainDeferred(redisContext* c);
+
 // Sends `commands` (each an argument vector) in one round trip and reads a
 // reply for each, in order. `results[i]` is 0 when command i got a reply
 // that is not an error, else 2; the call returns 0 when every reply was

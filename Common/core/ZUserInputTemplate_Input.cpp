@@ -157,7 +157,10 @@ public:
     // One node: `key` is expected to be a hash (`object`) or a list. A key
     // that does not exist is an empty container: the store keeps no empty
     // hash or list.
-    bool ReadNode(const std::string& key, const std::string& jpath, bool object, unsigned depth) {
+    // `knownType`: the key's type when the caller has just asked the store
+    // for it, else -1.
+    bool ReadNode(const std::string& key, const std::string& jpath, bool object, unsigned depth,
+                  int knownType = -1) {
         if (depth > ZUserInputTemplate::kMaxDepth) {
             ZLOG(eZLogError, "Request data deeper than %u levels at [%s]. schema[%s]\n",
                  ZUserInputTemplate::kMaxDepth, key.c_str(), mSchema.c_str());
@@ -165,7 +168,7 @@ public:
                               " levels",
                           jpath);
         }
-        const int type = RedisType(mCtx, key.c_str());
+        const int type = knownType >= 0 ? knownType : RedisType(mCtx, key.c_str());
         mItems = 0;
         if (type == REDIS_TABLE_NONE) return true;
         if (type != (object ? REDIS_TABLE_HASH : REDIS_TABLE_LIST)) {
@@ -323,7 +326,8 @@ eRtCode ZUserInputTemplate::ParserUserInputData(redisContext* c, const std::stri
         return type == REDIS_TABLE_NONE ? RT_SUCCESS : RT_FAILURE;
     }
     TreeReader reader(c, out, schemaName, fault);
-    return reader.ReadNode(rootKey, "", type == REDIS_TABLE_HASH, 1) ? RT_SUCCESS : RT_FAILURE;
+    return reader.ReadNode(rootKey, "", type == REDIS_TABLE_HASH, 1, type) ? RT_SUCCESS
+                                                                            : RT_FAILURE;
 }
 
 }  // namespace Orbel
