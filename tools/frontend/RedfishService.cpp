@@ -1,6 +1,8 @@
 // Request handling of the development front end.
 #include "RedfishService.h"
 
+#include "HttpServer.h"
+
 #include <cinttypes>
 #include <cstdio>
 
@@ -39,6 +41,22 @@ const char* DefaultMessage(int status) {
         default:
             return "Base.1.12.GeneralError";
     }
+}
+
+// Client text for the log: control bytes, bytes past ASCII and "\\" as
+// \xHH, so one request stays one line and the log stays valid text.
+std::string LogText(const std::string& text) {
+    std::string out;
+    for (unsigned char c : text) {
+        if (c < 0x20 || c >= 0x7F || c == '\\') {
+            char hex[5];
+            snprintf(hex, sizeof hex, "\\x%02X", c);
+            out += hex;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
 }
 
 // A path the store can name: printable ASCII without the bytes that are
@@ -86,6 +104,12 @@ void RedfishService::Install(httplib::Server& server) {
     server.set_error_handler([this](const httplib::Request& req, httplib::Response& res) {
         if (!res.body.empty()) return;
         sCall call{req, res, req.method, req.path, {}};
+        // The connection layer's own refusals: a header past its bounds, a
+        // request that did not arrive in time.
+        const std::string fault = ConnectionFault();
+        if (fault == "header") res.status = 431;
+        if (fault == "slow") res.status = 408;
+        if (!fault.empty()) res.set_header("Connection", "close");
         const int status = res.status;
         _Error(call, status, "Base.1.12.GeneralError");
     });
@@ -133,15 +157,15 @@ void RedfishService::_Serve(const httplib::Request& req, httplib::Response& res)
     }
     if (!mConfig.quiet) {
         // Never a header or a body: they may carry a password.
-        fprintf(stderr, "orbel-frontend: %s %s %d user[%s]\n", call.method.c_str(),
-                call.uri.c_str(), res.status, call.user.name.c_str());
+        fprintf(stderr, "orbel-frontend: %s %s %d user[%s]\n", LogText(call.method).c_str(),
+                LogText(call.uri).c_str(), res.status, LogText(call.user.name).c_str());
     }
 }
 
 void RedfishService::_Read(sCall& call) {
     StoreRequest store(mConfig.socketPath);
     if (!store.Connected())
-        return _Error(call, 503, "Base.1.12.ServiceTemporarilyUnavailable", {"5"});
+        return _Unavailable(call);
     if (!store.IsResource(call.uri)) {
         return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
     }
@@ -173,9 +197,7 @@ void RedfishService::_Read(sCall& call) {
         if (fields["&&OperationPrivileges"].empty()) fields.erase("&&OperationPrivileges");
         StoreRequest::sAnswer answer =
             store.Send(channel, fields, nullptr, mConfig.answerTimeoutMs);
-        if (!answer.answered) {
-            return _Error(call, 503, "Base.1.12.ServiceTemporarilyUnavailable", {"5"});
-        }
+        if (!answer.answered) return _Unavailable(call);
         if (answer.status != "OK" && answer.status != "IGNORE") return _Answer(call, answer);
         messages = mRegistry.ExpandAll(answer.messages);
     } else {
@@ -228,7 +250,7 @@ bool RedfishService::_Document(sCall& call, const std::string& uri, nlohmann::js
 void RedfishService::_Write(sCall& call) {
     StoreRequest store(mConfig.socketPath);
     if (!store.Connected())
-        return _Error(call, 503, "Base.1.12.ServiceTemporarilyUnavailable", {"5"});
+        return _Unavailable(call);
     std::string resource = call.uri;
     std::string method;
     std::string queue;
@@ -317,8 +339,7 @@ void RedfishService::_Write(sCall& call) {
             store.DiscardTask(task);
         }
     }
-    if (!answer.answered)
-        return _Error(call, 503, "Base.1.12.ServiceTemporarilyUnavailable", {"5"});
+    if (!answer.answered) return _Unavailable(call);
     _Answer(call, answer);
 }
 
@@ -372,6 +393,11 @@ void RedfishService::_Answer(sCall& call, const StoreRequest::sAnswer& answer) {
     if (!_Document(call, target, &doc)) doc = nlohmann::json::object();
     if (doc.is_object() && !messages.empty()) doc["@Message.ExtendedInfo"] = messages;
     send(created ? 201 : 200, doc);
+}
+
+void RedfishService::_Unavailable(sCall& call) {
+    call.res.set_header("Retry-After", "5");
+    _Error(call, 503, "Base.1.12.ServiceTemporarilyUnavailable", {"5"});
 }
 
 void RedfishService::_Error(sCall& call, int status, const std::string& messageId,

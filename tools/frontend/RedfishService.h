@@ -47,6 +47,7 @@ private:
     void _Read(sCall& call);
     void _Write(sCall& call);
     void _Answer(sCall& call, const StoreRequest::sAnswer& answer);
+    void _Unavailable(sCall& call);  // 503 with Retry-After
     void _Error(sCall& call, int status, const std::string& messageId,
                 const nlohmann::json& args = nlohmann::json::array());
     void _ErrorWith(sCall& call, int status, nlohmann::json messages);

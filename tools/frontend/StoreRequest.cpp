@@ -254,8 +254,12 @@ StoreRequest::sAnswer StoreRequest::Send(const std::string& channel,
         hset.push_back(f.second);
     }
     Command(mCmd, hset);
-    Command(mCmd, {"PUBLISH", channel, mKey});
-    answer.answered = _Wait(mKey, timeoutMs);
+    ReplyPtr published = Command(mCmd, {"PUBLISH", channel, mKey});
+    // Nobody subscribed (a plug-in starting or restarting): no answer will
+    // come, so the client is told at once instead of after the time-out.
+    answer.noListener =
+        published && published->type == REDIS_REPLY_INTEGER && published->integer == 0;
+    answer.answered = !answer.noListener && _Wait(mKey, timeoutMs);
 
     ReplyPtr all = Command(mCmd, {"HGETALL", mKey});
     if (all && all->type == REDIS_REPLY_ARRAY) {

@@ -51,6 +51,7 @@ class StoreRequest {
 public:
     struct sAnswer {
         bool answered = false;  // the key came back in time
+        bool noListener = false;  // PUBLISH reached nobody: no plug-in serves the channel
         std::map<std::string, std::string> hash;  // the request hash as answered
         std::string status;                       // "&&ReturnStatus"
         nlohmann::json messages = nlohmann::json::array();  // stored messages, unexpanded

@@ -1,0 +1,227 @@
+// The development front end's protocol rules over real connections: the
+// sample plug-in and orbel-frontend run as children against the suite's
+// store; curl (and raw sockets where curl cannot misbehave enough) talk to
+// it on 127.0.0.1.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "TestEnv.h"
+#include "vex.h"
+
+using namespace OrbelTest;
+using nlohmann::json;
+
+namespace {
+
+constexpr int kTimeoutMs = 15000;
+
+struct sHttp {
+    int status = 0;
+    std::map<std::string, std::string> headers;  // last value of each name
+    std::string body;
+    json doc;  // null when the body is not JSON
+};
+
+class FrontEndProtocolTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        ASSERT_TRUE(RedisServer::Instance().Start());
+        RedisServer::Instance().FlushAll();
+        const std::string users = SysrootDir() + "/frontend-users";
+        WriteFile(users, "admin:admin-pw:Administrator\nro:ro-pw:ReadOnly\n");
+        InstallSampleTemplates();
+        sPlugin.reset(
+            new ChildProcess({BuiltProgram("examples/RF_Root/RF_Root")}, {{"PLATFLAGS", "0x0"}}));
+        ASSERT_TRUE(sPlugin->Start());
+        ASSERT_TRUE(
+            sPlugin->WaitForOutput("PreCorvelReady_InitAllSchemaResources done!\n", kTimeoutMs));
+        sFront.reset(new ChildProcess({BuiltProgram("tools/frontend/orbel-frontend"), "--users",
+                                       users, "--https-port", "0", "--registries",
+                                       SourceDir() + "/tools/frontend/registries"}));
+        ASSERT_TRUE(sFront->Start());
+        ASSERT_TRUE(sFront->WaitForOutput("/ (store ", kTimeoutMs)) << sFront->Output();
+        const std::string out = sFront->Output();
+        sPort = atoi(out.c_str() + out.find("http://127.0.0.1:") + 17);
+        sSecurePort = atoi(out.c_str() + out.find("https://127.0.0.1:") + 18);
+        ASSERT_TRUE(WaitForFile(SysrootDir() + "/tmp/Redfish/RF_Root.run", kTimeoutMs));
+    }
+    static void TearDownTestSuite() {
+        if (sFront && sFront->Signal(SIGTERM)) {
+            EXPECT_EQ(sFront->Wait(kTimeoutMs), 0);
+        }
+        sFront.reset();
+        sPlugin.reset();
+    }
+
+    // curl with `more` before the URL; `-w` output (when asked) ends the body.
+    static sHttp Curl(const std::string& method, const std::string& path,
+                      std::vector<std::string> more = {}, bool secure = false) {
+        std::vector<std::string> argv = {"/usr/bin/curl", "-s", "-i", "--max-time", "20", "-k"};
+        if (method == "HEAD") {
+            argv.push_back("-I");
+        } else {
+            argv.insert(argv.end(), {"-X", method});
+        }
+        argv.insert(argv.end(), more.begin(), more.end());
+        argv.push_back((secure ? "https://127.0.0.1:" + std::to_string(sSecurePort)
+                               : "http://127.0.0.1:" + std::to_string(sPort)) +
+                       path);
+        ChildProcess curl(argv);
+        sHttp r;
+        if (!curl.Start() || curl.Wait(30000) != 0) return r;
+        std::string out = curl.Output();
+        // A 100 Continue comes before the answer.
+        while (out.compare(0, 25, "HTTP/1.1 100 Continue\r\n\r\n") == 0) out.erase(0, 25);
+        const size_t end = out.find("\r\n\r\n");
+        const std::string head = out.substr(0, end);
+        r.body = end == std::string::npos ? std::string() : out.substr(end + 4);
+        r.status = atoi(head.c_str() + head.find(' ') + 1);
+        for (size_t pos = head.find("\r\n"); pos != std::string::npos;) {
+            const size_t next = head.find("\r\n", pos + 2);
+            const std::string line = head.substr(pos + 2, next - pos - 2);
+            const size_t colon = line.find(": ");
+            if (colon != std::string::npos) r.headers[line.substr(0, colon)] = line.substr(colon + 2);
+            pos = next;
+        }
+        r.doc = json::parse(r.body, nullptr, false);
+        if (r.doc.is_discarded()) r.doc = nullptr;
+        return r;
+    }
+    static std::vector<std::string> Basic() { return {"-u", "admin:admin-pw"}; }
+    static std::string ErrorId(const sHttp& r) {
+        return r.doc.is_object() && r.doc.contains("error") ? r.doc["error"].value("code", "")
+                                                            : "<no error body>";
+    }
+
+    // A raw connection to the front end.
+    static int Connect() {
+        const int fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(static_cast<uint16_t>(sPort));
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+            close(fd);
+            return -1;
+        }
+        return fd;
+    }
+    // Everything the peer sends until it closes or `ms` pass.
+    static std::string ReadAll(int fd, int ms) {
+        std::string out;
+        char buf[4096];
+        pollfd p{fd, POLLIN, 0};
+        while (poll(&p, 1, ms) > 0) {
+            const ssize_t n = recv(fd, buf, sizeof buf, 0);
+            if (n <= 0) break;
+            out.append(buf, static_cast<size_t>(n));
+        }
+        return out;
+    }
+
+    static std::unique_ptr<ChildProcess> sPlugin;
+    static std::unique_ptr<ChildProcess> sFront;
+    static int sPort;
+    static int sSecurePort;
+};
+
+std::unique_ptr<ChildProcess> FrontEndProtocolTest::sPlugin;
+std::unique_ptr<ChildProcess> FrontEndProtocolTest::sFront;
+int FrontEndProtocolTest::sPort = 0;
+int FrontEndProtocolTest::sSecurePort = 0;
+
+// Keep-alive: many requests on one connection, none of them waiting on a
+// delayed ACK, and the same over HTTPS.
+TEST_F(FrontEndProtocolTest, KeepAliveServesManyRequestsWithoutStalls) {
+    for (bool secure : {false, true}) {
+        const std::string url = (secure ? "https://127.0.0.1:" + std::to_string(sSecurePort)
+                                         : "http://127.0.0.1:" + std::to_string(sPort)) +
+                                "/redfish/v1/Systems/1";
+        std::vector<std::string> argv = {"/usr/bin/curl", "-s", "-k", "-u", "admin:admin-pw"};
+        for (int i = 0; i < 20; ++i) {
+            argv.insert(argv.end(),
+                        {"-o", "/dev/null", "-w", "%{num_connects} %{time_total}\n", url});
+        }
+        ChildProcess curl(argv);
+        ASSERT_TRUE(curl.Start());
+        ASSERT_EQ(curl.Wait(30000), 0);
+        const sHttp r{0, {}, curl.Output(), nullptr};
+        int connects = 0, stalls = 0, answers = 0;
+        for (size_t pos = 0; pos < r.body.size();) {
+            const size_t eol = r.body.find('\n', pos);
+            const std::string line = r.body.substr(pos, eol - pos);
+            pos = eol == std::string::npos ? r.body.size() : eol + 1;
+            connects += atoi(line.c_str());
+            stalls += atof(line.c_str() + line.find(' ')) >= 0.035 ? 1 : 0;
+            ++answers;
+        }
+        EXPECT_EQ(answers, 20) << r.body;
+        EXPECT_EQ(connects, 1) << "keep-alive cut: " << r.body;
+        // A delayed ACK costs 40 ms each time; a loaded machine may be slow
+        // once or twice, never on most requests.
+        EXPECT_LE(stalls, 3) << r.body;
+    }
+}
+
+// Hostile clients: a header past its bounds answers 431; 100 clients that
+// send a byte at a time keep nobody else out.
+TEST_F(FrontEndProtocolTest, HostileConnectionsAreBounded) {
+    std::string big = "GET /redfish/v1/ HTTP/1.1\r\nHost: x\r\n";
+    for (int i = 0; i < 10000; ++i) big += "X-H" + std::to_string(i) + ": v\r\n";
+    const int fd = Connect();
+    ASSERT_GE(fd, 0);
+    send(fd, big.data(), big.size(), MSG_NOSIGNAL);
+    EXPECT_EQ(ReadAll(fd, 5000).compare(0, 12, "HTTP/1.1 431"), 0);
+    close(fd);
+
+    std::vector<int> slow;
+    for (int i = 0; i < 100; ++i) {
+        const int s = Connect();
+        if (s >= 0 && send(s, "GE", 2, MSG_NOSIGNAL) == 2) slow.push_back(s);
+    }
+    EXPECT_GT(slow.size(), 50u);
+    const auto start = std::chrono::steady_clock::now();
+    const sHttp r = Curl("GET", "/redfish/v1/Systems/1", Basic());
+    EXPECT_EQ(r.status, 200);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
+    for (int s : slow) close(s);
+
+    // Raw bytes of a request stay escaped in the front end's log line.
+    const int raw = Connect();
+    const std::string evil =
+        "GET /redfish/v1/\xff\x1b[31mX HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n";
+    send(raw, evil.data(), evil.size(), MSG_NOSIGNAL);
+    ReadAll(raw, 2000);
+    close(raw);
+    const std::string log = sFront->Output();
+    EXPECT_EQ(log.find("\x1b"), std::string::npos);
+    EXPECT_EQ(log.find("\xff"), std::string::npos);
+    EXPECT_NE(log.find("/redfish/v1/\\xFF\\x1B[31mX 400"), std::string::npos) << log;
+}
+
+// A request that reaches no listener answers 503 with Retry-After at once.
+TEST_F(FrontEndProtocolTest, NoListenerAnswersUnavailableAtOnce) {
+    RawCommand({"HSET", "/redfish/v1/Orphan", "@odata.id", "\"/redfish/v1/Orphan\""});
+    RawCommand({"RPUSH", "&&/redfish/v1/Orphan/PATCHQ", "Nobody:PATCH"});
+    const auto start = std::chrono::steady_clock::now();
+    sHttp r = Curl("PATCH", "/redfish/v1/Orphan",
+                         {"-u", "admin:admin-pw", "-H", "Content-Type: application/json", "-d",
+                          R"({"Name":"x"})"});
+    EXPECT_EQ(r.status, 503);
+    EXPECT_EQ(r.headers["Retry-After"], "5");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    RawCommand({"DEL", "/redfish/v1/Orphan", "&&/redfish/v1/Orphan/PATCHQ"});
+}
+
+}  // namespace
