@@ -225,3 +225,168 @@ TEST_F(FrontEndProtocolTest, NoListenerAnswersUnavailableAtOnce) {
 }
 
 }  // namespace
+
+namespace {
+
+// Sessions: login, use (the plug-in sees the session), logout, refusals; a
+// name that keeps failing is locked out, and no password is logged.
+TEST_F(FrontEndProtocolTest, SessionsLoginUseAndLogout) {
+    const std::vector<std::string> json = {"-H", "Content-Type: application/json", "-d"};
+    auto login = [&json](const std::string& body) {
+        std::vector<std::string> args = json;
+        args.push_back(body);
+        return Curl("POST", "/redfish/v1/SessionService/Sessions", args);
+    };
+    sHttp r = login(R"({"UserName":"admin","Password":"admin-pw"})");
+    ASSERT_EQ(r.status, 201) << r.body;
+    const std::string token = r.headers["X-Auth-Token"];
+    const std::string session = r.headers["Location"];
+    EXPECT_EQ(token.size(), 48u);
+    EXPECT_EQ(r.doc["@odata.id"], session);
+    EXPECT_EQ(r.doc["UserName"], "admin");
+    EXPECT_TRUE(r.doc["Password"].is_null());
+
+    const std::vector<std::string> auth = {"-H", "X-Auth-Token: " + token};
+    EXPECT_EQ(Curl("GET", "/redfish/v1/Systems/1", auth).status, 200);
+    EXPECT_EQ(Curl("GET", session, auth).doc["Id"], session.substr(session.rfind('/') + 1));
+    EXPECT_EQ(Curl("GET", "/redfish/v1/SessionService/Sessions", auth).doc["Members@odata.count"],
+              1);
+    // The plug-in logged the request as one made with a session.
+    EXPECT_TRUE(WaitUntil(
+        [] {
+            return ReadFile(SysrootDir() + "/tmp/Redfish/RF_Root.accesslog").find("SESS[admin:") !=
+                   std::string::npos;
+        },
+        kTimeoutMs));
+    EXPECT_EQ(Curl("DELETE", session, auth).status, 204);
+    EXPECT_EQ(Curl("GET", "/redfish/v1/Systems/1", auth).status, 401);
+
+    struct Row {
+        const char* body;
+        int status;
+        const char* messageId;
+    } rows[] = {
+        {R"({"UserName":"admin","Password":"wrong"})", 401, "Base.1.12.NoValidSession"},
+        {R"({"UserName":"admin"})", 400, "Base.1.12.PropertyMissing"},
+        {"not json", 400, "Base.1.12.MalformedJSON"},
+    };
+    for (const Row& row : rows) {
+        r = login(row.body);
+        EXPECT_EQ(r.status, row.status) << row.body;
+        EXPECT_EQ(ErrorId(r), row.messageId) << row.body;
+    }
+    // Five failures in a row lock the name: then even its password fails.
+    for (int i = 0; i < 5; ++i) login(R"({"UserName":"ro","Password":"Guess-1234"})");
+    EXPECT_EQ(login(R"({"UserName":"ro","Password":"ro-pw"})").status, 401);
+    EXPECT_EQ(Curl("GET", "/redfish/v1/Systems", {"-u", "ro:ro-pw"}).status, 401);
+    const std::string log = sFront->Output();
+    EXPECT_NE(log.find("user[ro] locked out"), std::string::npos) << log;
+    EXPECT_EQ(log.find("Guess-1234"), std::string::npos);
+}
+
+// The front end's own documents: $metadata and the service document open,
+// accounts without passwords, the predefined roles, the root's links.
+TEST_F(FrontEndProtocolTest, OwnResourcesAndRootLinks) {
+    sHttp r = Curl("GET", "/redfish/v1/$metadata");
+    EXPECT_EQ(r.status, 200);
+    EXPECT_EQ(r.headers["Content-Type"], "application/xml");
+    for (const char* ns : {"ComputerSystem.v1_20_0", "ServiceRoot.v1_15_0", "Session.v1_7_0",
+                           "EntityContainer"}) {
+        EXPECT_NE(r.body.find(ns), std::string::npos) << ns;
+    }
+    r = Curl("GET", "/redfish/v1/odata");
+    EXPECT_EQ(r.doc["@odata.context"], "/redfish/v1/$metadata");
+    EXPECT_TRUE(r.doc["value"].is_array());
+
+    r = Curl("GET", "/redfish/v1/", Basic());
+    EXPECT_EQ(r.doc["Links"]["Sessions"]["@odata.id"], "/redfish/v1/SessionService/Sessions");
+    EXPECT_EQ(r.doc["AccountService"]["@odata.id"], "/redfish/v1/AccountService");
+    EXPECT_TRUE(r.doc["ProtocolFeaturesSupported"]["SelectQuery"]);
+
+    r = Curl("GET", "/redfish/v1/AccountService/Accounts/admin", Basic());
+    EXPECT_EQ(r.doc["RoleId"], "Administrator");
+    EXPECT_TRUE(r.doc["Password"].is_null());
+    EXPECT_EQ(r.body.find("admin-pw"), std::string::npos);
+    r = Curl("GET", "/redfish/v1/AccountService/Roles/ReadOnly", Basic());
+    EXPECT_EQ(r.doc["AssignedPrivileges"], json({"Login", "ConfigureSelf"}));
+    // Accounts come from the users file: not changed over HTTP.
+    r = Curl("POST", "/redfish/v1/AccountService/Accounts",
+             {"-u", "admin:admin-pw", "-H", "Content-Type: application/json", "-d", "{}"});
+    EXPECT_EQ(r.status, 405);
+    EXPECT_EQ(r.headers["Allow"], "GET, HEAD");
+}
+
+// Headers and methods, ETags and queries.
+TEST_F(FrontEndProtocolTest, HeadersEtagsAndQueries) {
+    sHttp r = Curl("GET", "/redfish/v1/Systems/1", Basic());
+    EXPECT_EQ(r.headers["Allow"], "GET, HEAD, PATCH, DELETE");
+    EXPECT_EQ(r.headers["Cache-Control"], "no-cache");
+    EXPECT_EQ(r.headers["Link"],
+              "<http://redfish.dmtf.org/schemas/v1/ComputerSystem.v1_20_0.json>; rel=describedby");
+    // Action objects carry only what the schema allows.
+    EXPECT_FALSE(r.doc["Actions"]["#ComputerSystem.Reset"].contains("PercentComplete"));
+    EXPECT_FALSE(r.doc["Actions"]["Oem"]["#Orbel.FailingSelfTest"].contains("HidePayload"));
+    const std::string etag = r.headers["ETag"];
+    ASSERT_EQ(etag.compare(0, 3, "W/\""), 0);
+
+    const std::vector<std::string> patch = {"-u", "admin:admin-pw", "-H",
+                                            "Content-Type: application/json", "-d",
+                                            R"({"AssetTag":"etag-test"})"};
+    auto with = [&patch](std::vector<std::string> more) {
+        more.insert(more.begin(), patch.begin(), patch.end());
+        return more;
+    };
+    struct Row {
+        const char* what;
+        const char* method;
+        const char* path;
+        std::vector<std::string> args;
+        int status;
+    } rows[] = {
+        {"If-None-Match current", "GET", "/redfish/v1/Systems/1",
+         {"-u", "admin:admin-pw", "-H", "If-None-Match: " + etag}, 304},
+        {"OData-Version 4.1", "GET", "/redfish/v1/Systems/1",
+         {"-u", "admin:admin-pw", "-H", "OData-Version: 4.1"}, 412},
+        {"unknown method", "FROB", "/redfish/v1/Systems/1", Basic(), 501},
+        {"PUT", "PUT", "/redfish/v1/Systems/1", Basic(), 405},
+        {"text body", "PATCH", "/redfish/v1/Systems/1",
+         {"-u", "admin:admin-pw", "-H", "Content-Type: text/plain", "-d", "{}"}, 415},
+        {"stale If-Match", "PATCH", "/redfish/v1/Systems/1", with({"-H", "If-Match: W/\"0\""}),
+         412},
+        {"current If-Match", "PATCH", "/redfish/v1/Systems/1", with({"-H", "If-Match: " + etag}),
+         200},
+        {"unknown plain parameter", "GET", "/redfish/v1/Systems?foo=bar", Basic(), 200},
+        {"$filter", "GET", "/redfish/v1/Systems?$filter=Id%20eq%201", Basic(), 501},
+        {"bad $top", "GET", "/redfish/v1/Systems?$top=-1", Basic(), 400},
+        {"deep $expand", "GET", "/redfish/v1/Systems?$expand=*($levels=9)", Basic(), 400},
+    };
+    for (const Row& row : rows) {
+        r = Curl(row.method, row.path, row.args);
+        EXPECT_EQ(r.status, row.status) << row.what << ": " << r.body;
+        EXPECT_EQ(r.headers["OData-Version"], "4.0") << row.what;
+    }
+    EXPECT_EQ(Curl("PUT", "/redfish/v1/Systems/1", Basic()).headers["Allow"],
+              "GET, HEAD, PATCH, DELETE");
+    // The PATCH changed the document: its ETag changed with it.
+    EXPECT_NE(Curl("GET", "/redfish/v1/Systems/1", Basic()).headers["ETag"], etag);
+
+    r = Curl("GET", "/redfish/v1/Systems?$skip=1&$top=1", Basic());
+    EXPECT_EQ(r.doc["Members"], json::parse(R"([{"@odata.id":"/redfish/v1/Systems/2"}])"));
+    EXPECT_EQ(r.doc["Members@odata.count"], 2);
+    r = Curl("GET", "/redfish/v1/Systems?$top=1", Basic());
+    EXPECT_EQ(r.doc["Members@odata.nextLink"], "/redfish/v1/Systems?$skip=1&$top=1");
+    r = Curl("GET", "/redfish/v1/Systems/1?$select=Status/Health,Name", Basic());
+    EXPECT_EQ(r.doc, json::parse(R"({"@odata.context":"/redfish/v1/$metadata#ComputerSystem",
+        "@odata.id":"/redfish/v1/Systems/1","@odata.type":"#ComputerSystem.v1_20_0.ComputerSystem",
+        "Name":"Sample System 1","Status":{"Health":"OK"}})"));
+    r = Curl("GET", "/redfish/v1/Systems?$expand=.($levels=1)", Basic());
+    EXPECT_EQ(r.doc["Members"][1]["Id"], "2");
+    r = Curl("GET", "/redfish/v1/Systems/1?$expand=~", Basic());
+    EXPECT_EQ(r.doc["Links"]["ConsumingComputerSystems"][0]["Id"], "2");
+    // Messages carry MessageSeverity, not the deprecated Severity.
+    r = Curl("GET", "/redfish/v1/NoSuchThing", Basic());
+    EXPECT_FALSE(r.doc["error"]["@Message.ExtendedInfo"][0].contains("Severity"));
+    EXPECT_TRUE(r.doc["error"]["@Message.ExtendedInfo"][0].contains("MessageSeverity"));
+}
+
+}  // namespace

@@ -55,6 +55,10 @@ std::string Address(int fd, bool peer, int* port) {
 
 const char* ConnectionFault() { return tFault; }
 
+void EndConnectionAfterAnswer() {
+    if (*tFault == '\0') tFault = "end";
+}
+
 // One connection as cpp-httplib reads it: byte-wise reads from a buffer,
 // answers collected and sent in one write when the next read begins.
 class ConnStream : public httplib::Stream {
@@ -79,6 +83,8 @@ public:
         if (!running()) return false;
         mDeadline = Clock::now() + std::chrono::milliseconds(mServer.mLimits.requestArrivalMs);
         mInHeader = true;
+        mNoBody = false;
+        mHeader.clear();
         mHeaderBytes = mHeaderLines = mLineBytes = 0;
         tFault = "";
         return true;
@@ -109,6 +115,9 @@ public:
     bool is_writable() const override { return true; }
 
     ssize_t read(char* ptr, size_t size) override {
+        // A request without a length has no body (HTTP/1.1): its end is here,
+        // not at the end of the connection.
+        if (mNoBody) return 0;
         if (mPos == mLen && !_Fill()) return -1;
         size_t n = mLen - mPos;
         if (n > size) n = size;
@@ -169,6 +178,7 @@ private:
             if (p[i] == '\n') {
                 if (mLineBytes == 0) {
                     mInHeader = false;
+                    mNoBody = !_DeclaresBody();
                     std::lock_guard<std::mutex> lock(mServer.mMutex);
                     mConn->arriving = false;
                 } else if (++mHeaderLines > mServer.mLimits.maxHeaderLines) {
@@ -178,8 +188,13 @@ private:
             } else if (p[i] != '\r') {
                 ++mLineBytes;
             }
+            mHeader += static_cast<char>(tolower(static_cast<unsigned char>(p[i])));
         }
         return true;
+    }
+    bool _DeclaresBody() const {
+        return mHeader.find("\ncontent-length:") != std::string::npos ||
+               mHeader.find("\ntransfer-encoding:") != std::string::npos;
     }
     bool _TooLarge() {
         tFault = "header";
@@ -196,6 +211,8 @@ private:
     std::string mOut;
     Clock::time_point mDeadline;
     bool mInHeader = false;
+    bool mNoBody = false;
+    std::string mHeader;  // lowered, for the length headers
     size_t mHeaderBytes = 0;
     size_t mHeaderLines = 0;
     size_t mLineBytes = 0;
@@ -257,8 +274,21 @@ bool HttpServer::process_and_close_socket(socket_t sock) {
         timeval tv{mLimits.requestArrivalMs / 1000, (mLimits.requestArrivalMs % 1000) * 1000};
         setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
         setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-        ssl = SSL_new(mTls);
-        ok = ssl != nullptr && SSL_set_fd(ssl, sock) == 1 && SSL_accept(ssl) == 1;
+        // Plain HTTP sent to the HTTPS port gets a plain refusal, not a
+        // silent close (a TLS record starts with 0x16).
+        unsigned char first = 0;
+        pollfd p{sock, POLLIN, 0};
+        if (poll(&p, 1, mLimits.requestArrivalMs) == 1 && recv(sock, &first, 1, MSG_PEEK) == 1 &&
+            first != 0x16) {
+            static const char kPlain[] =
+                "HTTP/1.1 400 Bad Request\r\nContent-Type: text/plain\r\nContent-Length: 35\r\n"
+                "Connection: close\r\n\r\nThis port speaks HTTPS, not HTTP.\r\n";
+            send(sock, kPlain, sizeof kPlain - 1, MSG_NOSIGNAL);
+            ok = false;
+        } else {
+            ssl = SSL_new(mTls);
+            ok = ssl != nullptr && SSL_set_fd(ssl, sock) == 1 && SSL_accept(ssl) == 1;
+        }
     }
     if (ok) {
         ConnStream strm(*this, conn, sock, ssl);
@@ -291,7 +321,7 @@ bool HttpServer::process_and_close_socket(socket_t sock) {
 }
 
 SSL_CTX* MakeTlsContext(const std::string& certFile, const std::string& keyFile,
-                        std::string* error) {
+                        const std::string& certOut, std::string* error) {
     SSL_CTX* ctx = SSL_CTX_new(TLS_server_method());
     if (ctx == nullptr) {
         *error = "SSL_CTX_new failed";
@@ -344,8 +374,19 @@ SSL_CTX* MakeTlsContext(const std::string& certFile, const std::string& keyFile,
         ok = ok && X509_sign(cert, key, EVP_sha256()) > 0 &&
              SSL_CTX_use_certificate(ctx, cert) == 1 && SSL_CTX_use_PrivateKey(ctx, key) == 1;
     }
+    if (ok && !certOut.empty()) {
+        // The certificate only (public): clients that verify may trust it.
+        FILE* f = fopen(certOut.c_str(), "w");
+        ok = f != nullptr && PEM_write_X509(f, cert) == 1;
+        if (f != nullptr) ok = fclose(f) == 0 && ok;
+        if (!ok) *error = "cannot write the certificate to " + certOut;
+    }
     X509_free(cert);
     EVP_PKEY_free(key);
+    if (!ok && !error->empty()) {
+        SSL_CTX_free(ctx);
+        return nullptr;
+    }
     if (!ok) {
         char text[256];
         ERR_error_string_n(ERR_get_error(), text, sizeof text);

@@ -43,6 +43,9 @@ struct sConnectionLimits {
 // Why the connection layer refused a request, for the error answer that the
 // worker thread writes next ("" when it did not).
 const char* ConnectionFault();
+// Ends the calling worker's connection after the answer it writes now (the
+// request could not be parsed whole: what follows it is out of step).
+void EndConnectionAfterAnswer();
 
 class HttpServer : public httplib::Server {
 public:
@@ -74,11 +77,12 @@ private:
 };
 
 // A TLS server context with a self-signed certificate for 127.0.0.1 and
-// localhost, made now (EC P-256, valid for one year); null with `*error`
-// set when OpenSSL fails. `certFile`/`keyFile`, when not empty, name PEM
-// files to use instead.
+// localhost, made now (EC P-256, valid for one year; the key stays in
+// memory, the certificate is written to `certOut` when not empty); null with
+// `*error` set when OpenSSL fails. `certFile`/`keyFile`, when not empty, name
+// PEM files to use instead.
 SSL_CTX* MakeTlsContext(const std::string& certFile, const std::string& keyFile,
-                        std::string* error);
+                        const std::string& certOut, std::string* error);
 
 }  // namespace OrbelFrontEnd
 

@@ -230,6 +230,32 @@ bool StoreRequest::WaitUnlocked(const std::string& uri, int timeoutMs) {
     }
 }
 
+std::set<std::string> StoreRequest::ResourceTypes() {
+    std::set<std::string> types;
+    std::string cursor = "0";
+    do {
+        ReplyPtr r = Command(mCmd, {"SCAN", cursor, "MATCH", "/redfish/v1*", "COUNT", "1000"});
+        if (!r || r->type != REDIS_REPLY_ARRAY || r->elements != 2) break;
+        cursor = Text(r->element[0]);
+        const redisReply* keys = r->element[1];
+        // One round trip for the batch's types.
+        for (size_t i = 0; i < keys->elements; ++i) {
+            redisAppendCommand(mCmd, "HGET %b @odata.type", keys->element[i]->str,
+                               keys->element[i]->len);
+        }
+        for (size_t i = 0; i < keys->elements; ++i) {
+            void* raw = nullptr;
+            if (redisGetReply(mCmd, &raw) != REDIS_OK) return types;
+            ReplyPtr t(static_cast<redisReply*>(raw));
+            // Stored as a JSON string: "\"#Type.v1_0_0.Type\"".
+            std::string v = Text(t.get());
+            if (v.size() > 2 && v.front() == '"' && v.back() == '"') v = v.substr(1, v.size() - 2);
+            if (!v.empty()) types.insert(v);
+        }
+    } while (cursor != "0");
+    return types;
+}
+
 bool StoreRequest::ReadDoc(const std::string& jpath, std::string* json) {
     Orbel::sStoreTreeOptions options;
     options.pretty = false;

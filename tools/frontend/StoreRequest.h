@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -80,6 +81,8 @@ public:
     // Waits up to `timeoutMs` while the resource lock of `uri` is held;
     // true when it is free.
     bool WaitUnlocked(const std::string& uri, int timeoutMs);
+    // The "@odata.type" values of every resource below /redfish/v1.
+    std::set<std::string> ResourceTypes();
     // The document of `jpath` on one line; false when it cannot be read.
     bool ReadDoc(const std::string& jpath, std::string* json);
 

@@ -2,13 +2,15 @@
 // 127.0.0.1 from the plug-ins' store, so curl and redfishtool can talk to a
 // plug-in on a development host (docs/frontend.md).
 //
-//   orbel-frontend --users FILE [--port N] [--https-port N [--cert PEM --key PEM]]
-//                  [--registries DIR] [--timeout-ms N] [--quiet]
+//   orbel-frontend --users FILE [--port N]
+//                  [--https-port N [--cert PEM --key PEM | --cert-out PEM]]
+//                  [--registries DIR] [--schemas DIR] [--timeout-ms N] [--quiet]
 //
 // Port 0 (the default) takes a free port; the line
 // "orbel-frontend: listening on http://127.0.0.1:<port>/" tells which (and
 // "... https://127.0.0.1:<port>/" the HTTPS one, with a self-signed
-// certificate made at start unless --cert and --key name one). Once
+// certificate made at start unless --cert and --key name one; --cert-out
+// writes the made one, for clients that verify). Once
 // listening it sets "nginx_redfish_ready" in the (simulated) platform, so
 // waiting plug-ins start serving; SIGINT or SIGTERM clears it and ends.
 #include <signal.h>
@@ -35,8 +37,9 @@ namespace {
 
 int Usage() {
     fprintf(stderr,
-            "usage: orbel-frontend --users FILE [--port N] [--https-port N [--cert PEM --key PEM]]\n"
-            "                      [--registries DIR] [--timeout-ms N] [--quiet]\n"
+            "usage: orbel-frontend --users FILE [--port N]\n"
+            "                      [--https-port N [--cert PEM --key PEM | --cert-out PEM]]\n"
+            "                      [--registries DIR] [--schemas DIR] [--timeout-ms N] [--quiet]\n"
             "  FILE: one user a line, name:password:role\n"
             "        (roles: Administrator, Operator, ReadOnly, NoAccess)\n");
     return 2;
@@ -59,6 +62,7 @@ int main(int argc, char** argv) {
     long httpsPort = -1;
     std::string certFile;
     std::string keyFile;
+    std::string certOut;
     OrbelFrontEnd::sServiceConfig config;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
@@ -72,8 +76,12 @@ int main(int argc, char** argv) {
             ++i;
         } else if (a == "--https-port" && hasValue && Number(argv[i + 1], 0, 65535, &httpsPort)) {
             ++i;
+        } else if (a == "--schemas" && hasValue) {
+            config.schemaDir = argv[++i];
         } else if (a == "--cert" && hasValue) {
             certFile = argv[++i];
+        } else if (a == "--cert-out" && hasValue) {
+            certOut = argv[++i];
         } else if (a == "--key" && hasValue) {
             keyFile = argv[++i];
         } else if (a == "--timeout-ms" && hasValue && Number(argv[i + 1], 1, 600000, &n)) {
@@ -126,7 +134,7 @@ int main(int argc, char** argv) {
     std::unique_ptr<OrbelFrontEnd::HttpServer> secure;
     std::thread secureThread;
     if (httpsPort >= 0) {
-        tls.reset(OrbelFrontEnd::MakeTlsContext(certFile, keyFile, &error));
+        tls.reset(OrbelFrontEnd::MakeTlsContext(certFile, keyFile, certOut, &error));
         if (!tls) {
             fprintf(stderr, "orbel-frontend: %s\n", error.c_str());
             return 1;

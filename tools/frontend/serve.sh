@@ -3,6 +3,8 @@
 #
 #   tools/frontend/serve.sh BUILD_DIR [PORT]   (./run serve [PORT] calls it with build/debug)
 #
+# HTTPS_PORT (environment) chooses the HTTPS port (default: a free one).
+#
 # Under a private sysroot (a fresh temporary directory that ORBEL_SYSROOT
 # points at): its own Redis server, the sample plug-in RF_Root and the front
 # end orbel-frontend on 127.0.0.1 (PORT, or a free one). It prints the URL
@@ -53,11 +55,12 @@ cp "$(dirname "${BASH_SOURCE[0]}")"/../../examples/RF_Root/templates/*.dat \
 PLATFLAGS="${PLATFLAGS:-0x0}" "$PLUGIN" >"$SYSROOT/RF_Root.out" 2>&1 &
 PIDS+=($!)
 "$FRONT" --users "$SYSROOT/users" --registries "$HERE/registries" --port "$PORT" \
+  --https-port "${HTTPS_PORT:-0}" --cert-out "$SYSROOT/frontend-cert.pem" --schemas "$HERE/../../examples/RF_Root/schemas" \
   >"$SYSROOT/frontend.out" 2>&1 &
 PIDS+=($!)
 URL=""
 for _ in $(seq 100); do
-  URL="$(sed -n 's/^orbel-frontend: listening on \(http[^ ]*\) .*/\1/p' "$SYSROOT/frontend.out")"
+  URL="$(sed -n 's/^orbel-frontend: listening on \(http:[^ ]*\) (store .*/\1/p' "$SYSROOT/frontend.out")"
   [ -n "$URL" ] && break
   sleep 0.1
 done
@@ -66,12 +69,16 @@ for _ in $(seq 100); do [ -f "$SYSROOT/tmp/Redfish/RF_Root.run" ] && break; slee
 
 HOSTPORT="${URL#http://}"
 HOSTPORT="${HOSTPORT%/}"
+SURL="$(sed -n 's/^orbel-frontend: listening on \(https:[^ ]*\) .*/\1/p' "$SYSROOT/frontend.out")"
 cat <<EOT
 Serving the sample plug-in at ${URL}redfish/v1/
+  and over HTTPS (self-signed certificate made at start) at ${SURL}redfish/v1/
+  certificate: $SYSROOT/frontend-cert.pem
   users: admin:admin-pw (Administrator), operator:operator-pw (Operator),
          readonly:readonly-pw (ReadOnly)
   try:   curl -u admin:admin-pw ${URL}redfish/v1/Systems/1
          redfishtool -r $HOSTPORT -S Never -u admin -p admin-pw Systems -I 1
+         redfishtool -r $HOSTPORT -S Never -A Session -u admin -p admin-pw Systems -I 1
   logs:  $SYSROOT/tmp/Redfish/RF_Root.log, $SYSROOT/frontend.out
 Ctrl-C stops it all.
 EOT
