@@ -16,7 +16,12 @@ BUILD="${1:?usage: serve.sh BUILD_DIR [PORT]}"
 BUILD="$(cd "$BUILD" && pwd)"
 PORT="${2:-0}"
 HERE="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
-PLUGIN="$BUILD/examples/RF_Root/RF_Root"
+# Another plug-in (an author's own) runs instead of the sample with
+# ORBEL_PLUGIN (its program), ORBEL_TEMPLATES (its template directory) and
+# ORBEL_SCHEMAS (the CSDL of its OEM namespaces, may be empty).
+PLUGIN="${ORBEL_PLUGIN:-$BUILD/examples/RF_Root/RF_Root}"
+TEMPLATES="${ORBEL_TEMPLATES:-$HERE/../../examples/RF_Root/templates}"
+SCHEMAS="${ORBEL_SCHEMAS-$HERE/../../examples/RF_Root/schemas}"
 FRONT="$BUILD/tools/frontend/orbel-frontend"
 for f in "$PLUGIN" "$FRONT"; do
   [ -x "$f" ] || { echo "serve: $f is not built" >&2; exit 1; }
@@ -50,12 +55,11 @@ USERS
 
 # The sample's user-input templates, where its schemas load them.
 mkdir -p "$SYSROOT/var/PellPlugin/UserInputTemplate"
-cp "$(dirname "${BASH_SOURCE[0]}")"/../../examples/RF_Root/templates/*.dat \
-  "$SYSROOT/var/PellPlugin/UserInputTemplate/"
+cp "$TEMPLATES"/*.dat "$SYSROOT/var/PellPlugin/UserInputTemplate/"
 PLATFLAGS="${PLATFLAGS:-0x0}" "$PLUGIN" >"$SYSROOT/RF_Root.out" 2>&1 &
 PIDS+=($!)
 "$FRONT" --users "$SYSROOT/users" --registries "$HERE/registries" --port "$PORT" \
-  --https-port "${HTTPS_PORT:-0}" --cert-out "$SYSROOT/frontend-cert.pem" --schemas "$HERE/../../examples/RF_Root/schemas" \
+  --https-port "${HTTPS_PORT:-0}" --cert-out "$SYSROOT/frontend-cert.pem" --schemas "$SCHEMAS" \
   >"$SYSROOT/frontend.out" 2>&1 &
 PIDS+=($!)
 URL=""
@@ -65,7 +69,8 @@ for _ in $(seq 100); do
   sleep 0.1
 done
 [ -n "$URL" ] || { cat "$SYSROOT/frontend.out" >&2; echo "serve: the front end did not start" >&2; exit 1; }
-for _ in $(seq 100); do [ -f "$SYSROOT/tmp/Redfish/RF_Root.run" ] && break; sleep 0.1; done
+# The plug-in's ready file (<app>.run) says it serves.
+for _ in $(seq 100); do compgen -G "$SYSROOT/tmp/Redfish/*.run" >/dev/null && break; sleep 0.1; done
 
 HOSTPORT="${URL#http://}"
 HOSTPORT="${HOSTPORT%/}"
@@ -79,7 +84,7 @@ Serving the sample plug-in at ${URL}redfish/v1/
   try:   curl -u admin:admin-pw ${URL}redfish/v1/Systems/1
          redfishtool -r $HOSTPORT -S Never -u admin -p admin-pw Systems -I 1
          redfishtool -r $HOSTPORT -S Never -A Session -u admin -p admin-pw Systems -I 1
-  logs:  $SYSROOT/tmp/Redfish/RF_Root.log, $SYSROOT/frontend.out
+  logs:  $SYSROOT/tmp/Redfish/, $SYSROOT/frontend.out
 Ctrl-C stops it all.
 EOT
 wait "${PIDS[2]}"

@@ -4,7 +4,8 @@
 #
 #   tools/validate/validate.sh BUILD_DIR OUTDIR [SCHEMA_DIR]   (./run validate)
 #
-# Starts the sample plug-in behind orbel-frontend (tools/frontend/serve.sh),
+# Starts the sample plug-in (or the one ORBEL_PLUGIN, ORBEL_TEMPLATES and
+# ORBEL_SCHEMAS name, see serve.sh) behind orbel-frontend (tools/frontend/serve.sh),
 # runs DMTF's validate.sh (from $ORBEL_DMTF_TOOLS, default
 # ../shared/dmtf-tools beside the tree) and ends non-zero on any failure.
 # DMTF's tools read CSDL from the directory beside them; they run from a
@@ -15,7 +16,7 @@ set -uo pipefail
 BUILD="${1:?usage: validate.sh BUILD_DIR OUTDIR [SCHEMA_DIR]}"
 OUT="${2:?usage: validate.sh BUILD_DIR OUTDIR [SCHEMA_DIR]}"
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
-SCHEMAS="${3:-$ROOT/examples/RF_Root/schemas}"
+SCHEMAS="${3:-${ORBEL_SCHEMAS-$ROOT/examples/RF_Root/schemas}}"
 TOOLS="${ORBEL_DMTF_TOOLS:-$ROOT/../shared/dmtf-tools}"
 DMTF_CSDL="${ORBEL_DMTF_CSDL:-$TOOLS/../dmtf/csdl}"
 [ -x "$TOOLS/validate.sh" ] || { echo "validate: no DMTF tools at $TOOLS (set ORBEL_DMTF_TOOLS)" >&2; exit 2; }
