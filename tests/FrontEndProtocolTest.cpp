@@ -47,7 +47,8 @@ protected:
         ASSERT_TRUE(
             sPlugin->WaitForOutput("PreCorvelReady_InitAllSchemaResources done!\n", kTimeoutMs));
         sFront.reset(new ChildProcess({BuiltProgram("tools/frontend/orbel-frontend"), "--users",
-                                       users, "--https-port", "0", "--registries",
+                                       users, "--https-port", "0", "--session-timeout", "3",
+                                       "--registries",
                                        SourceDir() + "/tools/frontend/registries"}));
         ASSERT_TRUE(sFront->Start());
         ASSERT_TRUE(sFront->WaitForOutput("/ (store ", kTimeoutMs)) << sFront->Output();
@@ -260,6 +261,10 @@ TEST_F(FrontEndProtocolTest, SessionsLoginUseAndLogout) {
         kTimeoutMs));
     EXPECT_EQ(Curl("DELETE", session, auth).status, 204);
     EXPECT_EQ(Curl("GET", "/redfish/v1/Systems/1", auth).status, 401);
+    // A session left unused ends by itself (the suite's idle time-out: 3 s).
+    // Watched with Basic credentials: a use of the token would keep it alive.
+    const std::string idle = login(R"({"UserName":"admin","Password":"admin-pw"})").headers["Location"];
+    EXPECT_TRUE(WaitUntil([&idle] { return Curl("GET", idle, Basic()).status == 404; }, kTimeoutMs));
 
     struct Row {
         const char* body;
@@ -383,6 +388,9 @@ TEST_F(FrontEndProtocolTest, HeadersEtagsAndQueries) {
     EXPECT_EQ(r.doc["Members"][1]["Id"], "2");
     r = Curl("GET", "/redfish/v1/Systems/1?$expand=~", Basic());
     EXPECT_EQ(r.doc["Links"]["ConsumingComputerSystems"][0]["Id"], "2");
+    // The open root expands nothing for a client without credentials.
+    r = Curl("GET", "/redfish/v1/?$expand=*");
+    EXPECT_EQ(r.doc["Systems"], json::parse(R"({"@odata.id":"/redfish/v1/Systems"})"));
     // Messages carry MessageSeverity, not the deprecated Severity.
     r = Curl("GET", "/redfish/v1/NoSuchThing", Basic());
     EXPECT_FALSE(r.doc["error"]["@Message.ExtendedInfo"][0].contains("Severity"));

@@ -227,11 +227,13 @@ void RedfishService::_Serve(const httplib::Request& req, httplib::Response& res)
             _Write(call);
         } else {
             StoreRequest store(mConfig.socketPath);
-            if (!store.Connected()) return _Unavailable(call);
-            if (!store.IsResource(call.uri)) {
+            StoreRequest::sResourceInfo info;
+            if (!store.Describe(call.uri, &info)) {
+                _Unavailable(call);
+            } else if (!info.resource) {
                 _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
             } else {
-                res.set_header("Allow", _AllowOf(store, call.uri));
+                res.set_header("Allow", _AllowOf(info));
                 _Error(call, 405, "Base.1.12.GeneralError");
             }
         }
@@ -264,11 +266,11 @@ bool RedfishService::_Authenticate(sCall& call) {
     return true;
 }
 
-std::string RedfishService::_AllowOf(StoreRequest& store, const std::string& uri) {
+std::string RedfishService::_AllowOf(const StoreRequest::sResourceInfo& info) {
     std::string allow = "GET, HEAD";
-    if (!store.Channel(uri, "PATCHQ").empty()) allow += ", PATCH";
-    if (!store.Channel(uri, "POSTCREATEQ").empty()) allow += ", POST";
-    if (!store.Channel(uri, "DELETEQ").empty()) allow += ", DELETE";
+    if (info.channels.count("PATCHQ") != 0) allow += ", PATCH";
+    if (info.channels.count("POSTCREATEQ") != 0) allow += ", POST";
+    if (info.channels.count("DELETEQ") != 0) allow += ", DELETE";
     return allow;
 }
 
@@ -299,11 +301,10 @@ std::map<std::string, std::string> RedfishService::_Fields(const sCall& call,
 
 void RedfishService::_Read(sCall& call) {
     StoreRequest store(mConfig.socketPath);
-    if (!store.Connected()) return _Unavailable(call);
-    if (!store.IsResource(call.uri)) {
-        return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
-    }
-    const std::string channel = store.Channel(call.uri, "GETQ");
+    StoreRequest::sResourceInfo info;
+    if (!store.Describe(call.uri, &info)) return _Unavailable(call);
+    if (!info.resource) return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
+    const std::string channel = info.channels["GETQ"];
     nlohmann::json messages = nlohmann::json::array();
     if (!channel.empty() && !store.Fresh(call.uri)) {
         // A dynamic resource: its plug-in refreshes it (and checks the user).
@@ -318,7 +319,7 @@ void RedfishService::_Read(sCall& call) {
         if (call.uri != kServiceRoot && (call.user.privileges & 0x8) == 0) {
             return _Error(call, 403, "Base.1.12.InsufficientPrivilege");
         }
-        if (!store.WaitUnlocked(call.uri, mConfig.lockWaitMs)) {
+        if (info.locked && !store.WaitUnlocked(call.uri, mConfig.lockWaitMs)) {
             return _Error(call, 503, "Base.1.12.ResourceInUse");
         }
     }
@@ -327,7 +328,7 @@ void RedfishService::_Read(sCall& call) {
     if (!_Resource(call, call.uri, &doc, &etag)) {
         return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
     }
-    _SendResource(call, std::move(doc), etag, _AllowOf(store, call.uri), messages);
+    _SendResource(call, std::move(doc), etag, _AllowOf(info), messages);
 }
 
 void RedfishService::_ReadOwn(sCall& call) {
@@ -442,8 +443,11 @@ void RedfishService::_SendResource(sCall& call, nlohmann::json doc, const std::s
     if (call.query.any) {
         ApplyQuery(call.query, call.uri, &doc, [this, &call](const std::string& uri,
                                                               nlohmann::json* linked) {
+            // Expanded documents are reads of their own: they need Login
+            // (the open service root expands nothing for a client without it).
             std::string ignored;
-            return PathIsClean(uri) && _Resource(call, uri, linked, &ignored);
+            return (call.user.privileges & 0x8) != 0 && PathIsClean(uri) &&
+                   _Resource(call, uri, linked, &ignored);
         });
     }
     if (!messages.empty()) doc["@Message.ExtendedInfo"] = messages;
@@ -532,14 +536,14 @@ void RedfishService::_Write(sCall& call) {
         method = call.method;
         queue = call.method + "Q";
     }
-    if (!store.IsResource(resource)) {
-        return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
-    }
-    const std::string channel = store.Channel(resource, queue);
+    StoreRequest::sResourceInfo info;
+    if (!store.Describe(resource, &info)) return _Unavailable(call);
+    if (!info.resource) return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
+    const std::string channel = info.channels[queue];
     if (channel.empty() || (method == "POSTACTION" && action.empty())) {
         if (method == "POSTACTION")
             return _Error(call, 405, "Base.1.12.ActionNotSupported", {action});
-        call.res.set_header("Allow", _AllowOf(store, resource));
+        call.res.set_header("Allow", _AllowOf(info));
         if (method == "DELETE") return _Error(call, 405, "Base.1.12.ResourceCannotBeDeleted");
         return _Error(call, 405, "Base.1.12.GeneralError");
     }

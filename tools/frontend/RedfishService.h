@@ -68,7 +68,7 @@ private:
     // the query applied; 304 when If-None-Match names its ETag.
     void _SendResource(sCall& call, nlohmann::json doc, const std::string& etag,
                        const std::string& allow, const nlohmann::json& messages);
-    std::string _AllowOf(StoreRequest& store, const std::string& uri);
+    static std::string _AllowOf(const StoreRequest::sResourceInfo& info);
     std::map<std::string, std::string> _Fields(const sCall& call, const std::string& method,
                                                const std::string& needs);
     void _Answer(sCall& call, const StoreRequest::sAnswer& answer);

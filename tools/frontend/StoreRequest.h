@@ -67,6 +67,16 @@ public:
 
     bool Connected() const { return mCmd != nullptr; }
 
+    // What a request needs to know of a resource, in one round trip.
+    struct sResourceInfo {
+        bool resource = false;  // as IsResource
+        bool locked = false;    // its resource lock is held
+        std::map<std::string, std::string> channels;  // queue word -> first channel
+    };
+    // Fills `*info` for `uri` (the queue words GETQ, PATCHQ, POSTCREATEQ,
+    // POSTACTIONQ, DELETEQ); false when the store cannot be asked.
+    bool Describe(const std::string& uri, sResourceInfo* info);
+
     // True when `uri` names a resource: a hash holding "@odata.id" (or a
     // RawJson resource's "&&RawJSON"). Nested objects, message lists and
     // response data hold neither and are not served.

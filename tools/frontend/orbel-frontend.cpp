@@ -4,7 +4,8 @@
 //
 //   orbel-frontend --users FILE [--port N]
 //                  [--https-port N [--cert PEM --key PEM | --cert-out PEM]]
-//                  [--registries DIR] [--schemas DIR] [--timeout-ms N] [--quiet]
+//                  [--registries DIR] [--schemas DIR] [--timeout-ms N]
+//                  [--session-timeout SECONDS] [--quiet]
 //
 // Port 0 (the default) takes a free port; the line
 // "orbel-frontend: listening on http://127.0.0.1:<port>/" tells which (and
@@ -39,7 +40,8 @@ int Usage() {
     fprintf(stderr,
             "usage: orbel-frontend --users FILE [--port N]\n"
             "                      [--https-port N [--cert PEM --key PEM | --cert-out PEM]]\n"
-            "                      [--registries DIR] [--schemas DIR] [--timeout-ms N] [--quiet]\n"
+            "                      [--registries DIR] [--schemas DIR] [--timeout-ms N]\n"
+            "                      [--session-timeout SECONDS] [--quiet]\n"
             "  FILE: one user a line, name:password:role\n"
             "        (roles: Administrator, Operator, ReadOnly, NoAccess)\n");
     return 2;
@@ -84,6 +86,10 @@ int main(int argc, char** argv) {
             certOut = argv[++i];
         } else if (a == "--key" && hasValue) {
             keyFile = argv[++i];
+        } else if (a == "--session-timeout" && hasValue &&
+                   Number(argv[i + 1], 1, 86400, &n)) {
+            config.sessionIdleSeconds = static_cast<int>(n);
+            ++i;
         } else if (a == "--timeout-ms" && hasValue && Number(argv[i + 1], 1, 600000, &n)) {
             config.answerTimeoutMs = static_cast<int>(n);
             ++i;
