@@ -325,7 +325,7 @@ void RedfishService::_Read(sCall& call) {
     }
     nlohmann::json doc;
     std::string etag;
-    if (!_Resource(call, call.uri, &doc, &etag)) {
+    if (!_Resource(call.uri, &doc, &etag)) {
         return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
     }
     _SendResource(call, std::move(doc), etag, _AllowOf(info), messages);
@@ -355,20 +355,19 @@ void RedfishService::_ReadOwn(sCall& call) {
     nlohmann::json doc;
     std::string etag;
     if (call.own == eOwn::kOData) {
-        if (!_Resource(call, kServiceRoot, &doc, &etag)) doc = nlohmann::json::object();
+        if (!_Resource(kServiceRoot, &doc, &etag)) doc = nlohmann::json::object();
         call.res.status = 200;
         call.res.set_content(Dump(ServiceResources::ServiceDocument(doc)), "application/json");
         return;
     }
-    if (!_Resource(call, call.uri, &doc, &etag)) {
+    if (!_Resource(call.uri, &doc, &etag)) {
         return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
     }
     _SendResource(call, std::move(doc), etag, ServiceResources::Allow(call.own),
                   nlohmann::json::array());
 }
 
-bool RedfishService::_Resource(sCall& call, const std::string& uri, nlohmann::json* doc,
-                               std::string* etag) {
+bool RedfishService::_Resource(const std::string& uri, nlohmann::json* doc, std::string* etag) {
     std::string id;
     const eOwn own = ServiceResources::Classify(uri, &id);
     if (own != eOwn::kNone) {
@@ -392,7 +391,6 @@ bool RedfishService::_Resource(sCall& call, const std::string& uri, nlohmann::js
     } else {
         *etag = EtagOf(*doc);
     }
-    (void)call;
     return true;
 }
 
@@ -447,7 +445,7 @@ void RedfishService::_SendResource(sCall& call, nlohmann::json doc, const std::s
             // (the open service root expands nothing for a client without it).
             std::string ignored;
             return (call.user.privileges & 0x8) != 0 && PathIsClean(uri) &&
-                   _Resource(call, uri, linked, &ignored);
+                   _Resource(uri, linked, &ignored);
         });
     }
     if (!messages.empty()) doc["@Message.ExtendedInfo"] = messages;
@@ -469,7 +467,7 @@ void RedfishService::_WriteOwn(sCall& call) {
         const std::string ifMatch = call.req.get_header_value("If-Match");
         nlohmann::json doc;
         std::string etag;
-        if (!ifMatch.empty() && ifMatch != "*" && _Resource(call, call.uri, &doc, &etag) &&
+        if (!ifMatch.empty() && ifMatch != "*" && _Resource(call.uri, &doc, &etag) &&
             etag != ifMatch) {
             return _Error(call, 412, "Base.1.12.PreconditionFailed");
         }
@@ -480,7 +478,7 @@ void RedfishService::_WriteOwn(sCall& call) {
     // Accounts and roles come from the users file: read-only over HTTP.
     nlohmann::json doc;
     std::string etag;
-    if (!ServiceResources::Open(call.own) && !_Resource(call, call.uri, &doc, &etag)) {
+    if (!ServiceResources::Open(call.own) && !_Resource(call.uri, &doc, &etag)) {
         return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
     }
     call.res.set_header("Allow", ServiceResources::Allow(call.own));
@@ -553,7 +551,7 @@ void RedfishService::_Write(sCall& call) {
     if (!ifMatch.empty() && ifMatch != "*") {
         nlohmann::json doc;
         std::string etag;
-        if (!_Resource(call, resource, &doc, &etag) || etag != ifMatch) {
+        if (!_Resource(resource, &doc, &etag) || etag != ifMatch) {
             return _Error(call, 412, "Base.1.12.PreconditionFailed");
         }
     }
@@ -624,7 +622,7 @@ void RedfishService::_Answer(sCall& call, const StoreRequest::sAnswer& answer) {
         // The task monitor: the client polls it.
         call.res.set_header("Location", location());
         std::string etag;
-        if (!_Resource(call, location(), &doc, &etag)) doc = nlohmann::json::object();
+        if (!_Resource(location(), &doc, &etag)) doc = nlohmann::json::object();
         if (doc.is_object() && !messages.empty()) doc["@Message.ExtendedInfo"] = messages;
         return send(202, doc);
     }
@@ -650,7 +648,7 @@ void RedfishService::_Answer(sCall& call, const StoreRequest::sAnswer& answer) {
     const std::string target = created ? location() : call.uri;
     if (created) call.res.set_header("Location", target);
     std::string etag;
-    if (_Resource(call, target, &doc, &etag)) {
+    if (_Resource(target, &doc, &etag)) {
         call.res.set_header("ETag", etag);
     } else {
         doc = nlohmann::json::object();

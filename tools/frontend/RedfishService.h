@@ -62,7 +62,7 @@ private:
     void _Login(sCall& call);
     // The document a client gets of `uri` (own or stored, presented) and its
     // ETag; false when there is none.
-    bool _Resource(sCall& call, const std::string& uri, nlohmann::json* doc, std::string* etag);
+    bool _Resource(const std::string& uri, nlohmann::json* doc, std::string* etag);
     void _Present(const std::string& uri, nlohmann::json* doc);
     // Sends `doc` with the headers of a resource read (Allow, Link, ETag),
     // the query applied; 304 when If-None-Match names its ETag.
