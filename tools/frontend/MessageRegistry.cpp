@@ -102,7 +102,8 @@ nlohmann::json MessageRegistry::Expand(const std::string& messageId, const nlohm
         text += pattern[i];
     }
     msg["Message"] = text;
-    for (const char* member : {"Severity", "MessageSeverity", "Resolution"}) {
+    // "Severity" is deprecated beside "MessageSeverity": clients get the latter.
+    for (const char* member : {"MessageSeverity", "Resolution"}) {
         if (entry->contains(member)) msg[member] = (*entry)[member];
     }
     return msg;

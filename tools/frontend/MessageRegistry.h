@@ -26,8 +26,8 @@ public:
     // The message object for `messageId` ("Base.1.12.PropertyUnknown"):
     // "@odata.type", "MessageId", "MessageArgs", "RelatedProperties" and,
     // when the registry and its entry are known (prefix and major.minor
-    // version match), "Message" with %1..%n filled in, "Severity",
-    // "MessageSeverity" and "Resolution". An unknown id keeps the other
+    // version match), "Message" with %1..%n filled in, "MessageSeverity"
+    // and "Resolution". An unknown id keeps the other
     // members: a client still sees what the plug-in said.
     nlohmann::json Expand(const std::string& messageId, const nlohmann::json& args,
                           const nlohmann::json& related = nlohmann::json::array()) const;

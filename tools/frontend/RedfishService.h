@@ -2,10 +2,12 @@
 // redfishtool turned into store reads and plug-in requests, and the
 // plug-ins' answers turned into HTTP statuses, headers and bodies.
 //
-// What the front end decides on its own (docs/frontend.md): Basic
-// authentication and the privileges an operation needs, 405 for a method a
-// resource does not serve, 4xx for input the request-data layout cannot
-// carry, and reads served from the store when no plug-in asks to be called.
+// What the front end decides on its own (docs/frontend.md): authentication
+// (Basic and sessions) and the privileges an operation needs, the protocol
+// rules (headers, methods, ETags, queries), 405 for a method a resource does
+// not serve, 4xx for input the request-data layout cannot carry, its own
+// resources (ServiceResources), and reads served from the store when no
+// plug-in asks to be called.
 //
 // Threads: Install() once before the server listens; the handlers then run
 // on the server's worker threads, each request with its own StoreRequest.
@@ -20,6 +22,9 @@
 #include <string>
 
 #include "MessageRegistry.h"
+#include "Query.h"
+#include "ServiceResources.h"
+#include "SessionTable.h"
 #include "StoreRequest.h"
 #include "TaskFollower.h"
 #include "UserTable.h"
@@ -32,6 +37,11 @@ struct sServiceConfig {
     int lockWaitMs = 3000;        // how long a read waits for a locked resource
     size_t maxBodyBytes = 64 * 1024;
     bool quiet = false;           // no access line per request
+    size_t maxSessions = 64;
+    int sessionIdleSeconds = 600;
+    unsigned lockoutThreshold = 5;  // failed logins of one name in a row
+    int lockoutSeconds = 60;
+    std::string schemaDir;  // CSDL of the plug-ins' OEM namespaces
 };
 
 class RedfishService {
@@ -43,21 +53,42 @@ public:
 private:
     // One request's state.
     struct sCall {
+        sCall(const httplib::Request& q, httplib::Response& r)
+            : req(q), res(r), method(q.method), uri(q.path) {}
         const httplib::Request& req;
         httplib::Response& res;
         std::string method;  // HTTP method
         std::string uri;     // normalized target
         sUser user;
+        std::string session;  // the session's URI when the client used one
+        eOwn own = eOwn::kNone;
+        std::string ownId;
+        sQuery query;
     };
 
     void _Serve(const httplib::Request& req, httplib::Response& res);
+    bool _Authenticate(sCall& call);
     void _Read(sCall& call);
+    void _ReadOwn(sCall& call);
     void _Write(sCall& call);
+    void _WriteOwn(sCall& call);
+    void _Login(sCall& call);
+    // The document a client gets of `uri` (own or stored, presented) and its
+    // ETag; false when there is none.
+    bool _Resource(const std::string& uri, nlohmann::json* doc, std::string* etag);
+    void _Present(const std::string& uri, nlohmann::json* doc);
+    // Sends `doc` with the headers of a resource read (Allow, Link, ETag),
+    // the query applied; 304 when If-None-Match names its ETag.
+    void _SendResource(sCall& call, nlohmann::json doc, const std::string& etag,
+                       const std::string& allow, const nlohmann::json& messages);
+    static std::string _AllowOf(const StoreRequest::sResourceInfo& info);
+    std::map<std::string, std::string> _Fields(const sCall& call, const std::string& method,
+                                               const std::string& needs);
     void _Answer(sCall& call, const StoreRequest::sAnswer& answer);
+    void _Unavailable(sCall& call);  // 503 with Retry-After
     void _Error(sCall& call, int status, const std::string& messageId,
                 const nlohmann::json& args = nlohmann::json::array());
     void _ErrorWith(sCall& call, int status, nlohmann::json messages);
-    bool _Document(sCall& call, const std::string& uri, nlohmann::json* doc);
 
     // The task service (TaskService.cpp). _ServeTasks answers `call` and
     // returns true when its URI is the TaskService, the Tasks collection, a
@@ -74,6 +105,9 @@ private:
     const sServiceConfig mConfig;
     const UserTable& mUsers;
     const MessageRegistry& mRegistry;
+    SessionTable mSessions;
+    LoginGuard mGuard;
+    ServiceResources mOwn;
     // Follows "TASK_STATE_CHANGE" into the Task resources, from the
     // construction on.
     std::unique_ptr<TaskFollower> mTasks;

@@ -52,6 +52,52 @@ redisContext* Connect(const std::string& socket) {
 
 std::atomic<uint32_t> gSequence{0};
 
+struct ContextFree {
+    void operator()(redisContext* c) const {
+        if (c != nullptr) redisFree(c);
+    }
+};
+using ContextPtr = std::unique_ptr<redisContext, ContextFree>;
+
+// Each worker thread keeps its connections for the next request: a command
+// one, and one subscribed to the thread's own return channel. A connection
+// that failed (the store restarted, a wait timed out) is replaced.
+struct sThreadStore {
+    std::string socket;
+    ContextPtr cmd;
+    ContextPtr listen;
+    std::string channel;
+};
+thread_local sThreadStore tStore;
+
+redisContext* ThreadCmd(const std::string& socket) {
+    if (!tStore.cmd || tStore.cmd->err != 0 || tStore.socket != socket) {
+        tStore.cmd.reset(Connect(socket));
+        tStore.listen.reset();
+        tStore.socket = socket;
+    }
+    return tStore.cmd.get();
+}
+
+redisContext* ThreadListen(const std::string& socket, const std::string& channel) {
+    if (!tStore.listen || tStore.listen->err != 0 || tStore.channel != channel) {
+        tStore.listen.reset(Connect(socket));
+        if (!tStore.listen) return nullptr;
+        redisReply* r = static_cast<redisReply*>(
+            redisCommand(tStore.listen.get(), "SUBSCRIBE %b", channel.data(), channel.size()));
+        if (r == nullptr) {
+            tStore.listen.reset();
+            return nullptr;
+        }
+        freeReplyObject(r);
+        tStore.channel = channel;
+    }
+    return tStore.listen.get();
+}
+
+std::atomic<uint32_t> gThreadSequence{0};
+thread_local uint32_t tThreadNumber = 0;
+
 // A name the plug-in reads between quotes or as one word of a link field.
 bool NameIsCarried(const std::string& name, bool linkName) {
     if (linkName && (name.empty() || name.compare(0, 2, "&&") == 0 || name[0] == '/')) {
@@ -185,15 +231,17 @@ bool BuildBodyTree(const nlohmann::json& body, const std::string& rootKey, sBody
 
 StoreRequest::StoreRequest(const std::string& socketPath) : mSocket(socketPath) {
     const uint32_t n = ++gSequence;
+    if (tThreadNumber == 0) tThreadNumber = ++gThreadSequence;
     mKey = "Corvel:Req:FE" + std::to_string(getpid()) + ":" + std::to_string(n);
-    mReturnChannel = "Corvel:Return:FE" + std::to_string(getpid()) + ":" + std::to_string(n);
-    mCmd = Connect(socketPath);
+    // One return channel per worker thread: its answers are told apart by
+    // the request key they carry.
+    mReturnChannel =
+        "Corvel:Return:FE" + std::to_string(getpid()) + ":T" + std::to_string(tThreadNumber);
+    mCmd = ThreadCmd(socketPath);
 }
 
-StoreRequest::~StoreRequest() {
-    if (mCmd != nullptr) redisFree(mCmd);
-    if (mListen != nullptr) redisFree(mListen);
-}
+// The connections stay with the thread.
+StoreRequest::~StoreRequest() = default;
 
 bool StoreRequest::IsResource(const std::string& uri) {
     ReplyPtr type = Command(mCmd, {"TYPE", uri});
@@ -202,6 +250,45 @@ bool StoreRequest::IsResource(const std::string& uri) {
     if (id && id->type == REDIS_REPLY_INTEGER && id->integer == 1) return true;
     ReplyPtr raw = Command(mCmd, {"HEXISTS", uri, "&&RawJSON"});
     return raw && raw->type == REDIS_REPLY_INTEGER && raw->integer == 1;
+}
+
+bool StoreRequest::Describe(const std::string& uri, sResourceInfo* info) {
+    static const char* const kQueues[] = {"GETQ", "PATCHQ", "POSTCREATEQ", "POSTACTIONQ",
+                                          "DELETEQ"};
+    if (mCmd == nullptr || mCmd->err != 0) return false;
+    std::vector<std::vector<std::string>> cmds = {
+        {"TYPE", uri},
+        {"HEXISTS", uri, "@odata.id"},
+        {"HEXISTS", uri, "&&RawJSON"},
+        {"EXISTS", "&&ResourceLock:" + uri},
+    };
+    for (const char* q : kQueues) cmds.push_back({"LINDEX", "&&" + uri + "/" + q, "0"});
+    for (const auto& c : cmds) {
+        std::vector<const char*> argv;
+        std::vector<size_t> lens;
+        for (const auto& a : c) {
+            argv.push_back(a.data());
+            lens.push_back(a.size());
+        }
+        redisAppendCommandArgv(mCmd, static_cast<int>(argv.size()), argv.data(), lens.data());
+    }
+    std::vector<ReplyPtr> replies;
+    for (size_t i = 0; i < cmds.size(); ++i) {
+        void* raw = nullptr;
+        if (redisGetReply(mCmd, &raw) != REDIS_OK) return false;
+        replies.emplace_back(static_cast<redisReply*>(raw));
+    }
+    auto one = [&replies](size_t i) {
+        return replies[i] && replies[i]->type == REDIS_REPLY_INTEGER && replies[i]->integer == 1;
+    };
+    info->resource = Text(replies[0].get()) == "hash" && (one(1) || one(2));
+    info->locked = one(3);
+    info->channels.clear();
+    for (size_t i = 0; i < sizeof kQueues / sizeof kQueues[0]; ++i) {
+        const redisReply* r = replies[4 + i].get();
+        if (r != nullptr && r->type == REDIS_REPLY_STRING) info->channels[kQueues[i]] = Text(r);
+    }
+    return true;
 }
 
 std::string StoreRequest::Channel(const std::string& uri, const std::string& queueWord) {
@@ -232,6 +319,32 @@ bool StoreRequest::WaitUnlocked(const std::string& uri, int timeoutMs) {
     }
 }
 
+std::set<std::string> StoreRequest::ResourceTypes() {
+    std::set<std::string> types;
+    std::string cursor = "0";
+    do {
+        ReplyPtr r = Command(mCmd, {"SCAN", cursor, "MATCH", "/redfish/v1*", "COUNT", "1000"});
+        if (!r || r->type != REDIS_REPLY_ARRAY || r->elements != 2) break;
+        cursor = Text(r->element[0]);
+        const redisReply* keys = r->element[1];
+        // One round trip for the batch's types.
+        for (size_t i = 0; i < keys->elements; ++i) {
+            redisAppendCommand(mCmd, "HGET %b @odata.type", keys->element[i]->str,
+                               keys->element[i]->len);
+        }
+        for (size_t i = 0; i < keys->elements; ++i) {
+            void* raw = nullptr;
+            if (redisGetReply(mCmd, &raw) != REDIS_OK) return types;
+            ReplyPtr t(static_cast<redisReply*>(raw));
+            // Stored as a JSON string: "\"#Type.v1_0_0.Type\"".
+            std::string v = Text(t.get());
+            if (v.size() > 2 && v.front() == '"' && v.back() == '"') v = v.substr(1, v.size() - 2);
+            if (!v.empty()) types.insert(v);
+        }
+    } while (cursor != "0");
+    return types;
+}
+
 bool StoreRequest::ReadDoc(const std::string& jpath, std::string* json) {
     Orbel::sStoreTreeOptions options;
     options.pretty = false;
@@ -243,8 +356,8 @@ StoreRequest::sAnswer StoreRequest::Send(const std::string& channel,
                                          const sBodyTree* body, int timeoutMs) {
     sAnswer answer;
     if (mCmd == nullptr) return answer;
-    mListen = Connect(mSocket);
-    if (mListen == nullptr || !Command(mListen, {"SUBSCRIBE", mReturnChannel})) return answer;
+    mListen = ThreadListen(mSocket, mReturnChannel);
+    if (mListen == nullptr) return answer;
     if (body != nullptr) {
         for (const auto& cmd : body->commands) Command(mCmd, cmd);
         fields["&&RequestData"] = RequestDataKey();
@@ -256,8 +369,12 @@ StoreRequest::sAnswer StoreRequest::Send(const std::string& channel,
         hset.push_back(f.second);
     }
     Command(mCmd, hset);
-    Command(mCmd, {"PUBLISH", channel, mKey});
-    answer.answered = _Wait(mKey, timeoutMs);
+    ReplyPtr published = Command(mCmd, {"PUBLISH", channel, mKey});
+    // Nobody subscribed (a plug-in starting or restarting): no answer will
+    // come, so the client is told at once instead of after the time-out.
+    answer.noListener =
+        published && published->type == REDIS_REPLY_INTEGER && published->integer == 0;
+    answer.answered = !answer.noListener && _Wait(mKey, timeoutMs);
 
     ReplyPtr all = Command(mCmd, {"HGETALL", mKey});
     if (all && all->type == REDIS_REPLY_ARRAY) {

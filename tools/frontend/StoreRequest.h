@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,7 @@ class StoreRequest {
 public:
     struct sAnswer {
         bool answered = false;  // the key came back in time
+        bool noListener = false;  // PUBLISH reached nobody: no plug-in serves the channel
         std::map<std::string, std::string> hash;  // the request hash as answered
         std::string status;                       // "&&ReturnStatus"
         nlohmann::json messages = nlohmann::json::array();  // stored messages, unexpanded
@@ -64,6 +66,16 @@ public:
     StoreRequest& operator=(const StoreRequest&) = delete;
 
     bool Connected() const { return mCmd != nullptr; }
+
+    // What a request needs to know of a resource, in one round trip.
+    struct sResourceInfo {
+        bool resource = false;  // as IsResource
+        bool locked = false;    // its resource lock is held
+        std::map<std::string, std::string> channels;  // queue word -> first channel
+    };
+    // Fills `*info` for `uri` (the queue words GETQ, PATCHQ, POSTCREATEQ,
+    // POSTACTIONQ, DELETEQ); false when the store cannot be asked.
+    bool Describe(const std::string& uri, sResourceInfo* info);
 
     // True when `uri` names a resource: a hash holding "@odata.id" (or a
     // RawJson resource's "&&RawJSON"). Nested objects, message lists and
@@ -79,6 +91,8 @@ public:
     // Waits up to `timeoutMs` while the resource lock of `uri` is held;
     // true when it is free.
     bool WaitUnlocked(const std::string& uri, int timeoutMs);
+    // The "@odata.type" values of every resource below /redfish/v1.
+    std::set<std::string> ResourceTypes();
     // The document of `jpath` on one line; false when it cannot be read.
     bool ReadDoc(const std::string& jpath, std::string* json);
 

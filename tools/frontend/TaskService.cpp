@@ -138,13 +138,15 @@ void RedfishService::_TaskRead(sCall& call, StoreRequest& store, redisContext* c
                      nullptr, mConfig.answerTimeoutMs);
     }
     nlohmann::json doc;
-    if (!_Document(call, task, &doc)) {
+    std::string etag;
+    if (!_Resource(task, &doc, &etag)) {
         return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
     }
     if (monitor && TaskFollower::IsFinished(c, task) && IsFinalState(doc)) {
         return _TaskFinalAnswer(call, store, task);
     }
     call.res.status = monitor && !IsFinalState(doc) ? 202 : 200;
+    if (call.res.status == 200) call.res.set_header("ETag", etag);
     if (call.res.status == 202) {
         call.res.set_header("Location", task + kMonitor);
         call.res.set_header("Retry-After", "1");
@@ -177,7 +179,10 @@ void RedfishService::_TaskFinalAnswer(sCall& call, StoreRequest& store, const st
     std::string target = store.Field(task, "&&FinalTargetURI");
     const size_t actions = target.find("/Actions/");
     if (actions != std::string::npos) target.resize(actions);
-    sCall original{call.req, call.res, "POST", target.empty() ? task : target, call.user};
+    sCall original(call.req, call.res);
+    original.method = "POST";
+    original.uri = target.empty() ? task : target;
+    original.user = call.user;
     _Answer(original, answer);
 }
 
@@ -206,7 +211,8 @@ void RedfishService::_TaskDelete(sCall& call, StoreRequest& store, redisContext*
         return _Error(call, 409, "Base.1.12.ResourceInUse");
     }
     nlohmann::json doc;
-    if (!_Document(call, task, &doc)) doc = nlohmann::json::object();
+    std::string etag;
+    if (!_Resource(task, &doc, &etag)) doc = nlohmann::json::object();
     call.res.status = 202;
     call.res.set_header("Location", task + kMonitor);
     call.res.set_content(doc.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace),

@@ -131,19 +131,35 @@ bool UserTable::Load(const std::string& path, std::string* error) {
     return true;
 }
 
-bool UserTable::Authenticate(const std::string& header, sUser* user) const {
+bool ParseBasic(const std::string& header, std::string* name, std::string* password) {
     static const std::string kBasic = "Basic ";
     if (header.compare(0, kBasic.size(), kBasic) != 0) return false;
     std::string pair;
     if (!Base64Decode(header.substr(kBasic.size()), &pair)) return false;
     const size_t colon = pair.find(':');
     if (colon == std::string::npos) return false;
-    auto it = mUsers.find(pair.substr(0, colon));
-    if (it == mUsers.end() || !SameText(it->second.password, pair.substr(colon + 1))) {
-        return false;
-    }
+    *name = pair.substr(0, colon);
+    *password = pair.substr(colon + 1);
+    return true;
+}
+
+bool UserTable::Authenticate(const std::string& header, sUser* user) const {
+    std::string name;
+    std::string password;
+    return ParseBasic(header, &name, &password) && Check(name, password, user);
+}
+
+bool UserTable::Check(const std::string& name, const std::string& password, sUser* user) const {
+    auto it = mUsers.find(name);
+    if (it == mUsers.end() || !SameText(it->second.password, password)) return false;
     *user = it->second.user;
     return true;
+}
+
+std::vector<sUser> UserTable::Users() const {
+    std::vector<sUser> out;
+    for (const auto& kv : mUsers) out.push_back(kv.second.user);
+    return out;
 }
 
 }  // namespace OrbelFrontEnd

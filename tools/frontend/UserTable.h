@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace OrbelFrontEnd {
 
@@ -37,6 +38,10 @@ struct sUser {
     uint32_t privileges = 0;
 };
 
+// The name and password of an "Authorization: Basic" header value; false
+// when it is not one.
+bool ParseBasic(const std::string& header, std::string* name, std::string* password);
+
 class UserTable {
 public:
     // Reads the file. Returns false with the reason (a line number, never a
@@ -48,6 +53,10 @@ public:
     // Checks an "Authorization" header value ("Basic <base64 of name:pw>").
     // Returns true and fills `*user` when it names a user with that password.
     bool Authenticate(const std::string& header, sUser* user) const;
+    // Checks a name and password (a login); true and `*user` when they match.
+    bool Check(const std::string& name, const std::string& password, sUser* user) const;
+    // Every user, in name order (no passwords).
+    std::vector<sUser> Users() const;
 
 private:
     struct sEntry {

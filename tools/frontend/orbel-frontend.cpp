@@ -2,11 +2,16 @@
 // 127.0.0.1 from the plug-ins' store, so curl and redfishtool can talk to a
 // plug-in on a development host (docs/frontend.md).
 //
-//   orbel-frontend --users FILE [--port N] [--registries DIR]
-//                  [--timeout-ms N] [--quiet]
+//   orbel-frontend --users FILE [--port N]
+//                  [--https-port N [--cert PEM --key PEM | --cert-out PEM]]
+//                  [--registries DIR] [--schemas DIR] [--timeout-ms N]
+//                  [--session-timeout SECONDS] [--quiet]
 //
 // Port 0 (the default) takes a free port; the line
-// "orbel-frontend: listening on http://127.0.0.1:<port>/" tells which. Once
+// "orbel-frontend: listening on http://127.0.0.1:<port>/" tells which (and
+// "... https://127.0.0.1:<port>/" the HTTPS one, with a self-signed
+// certificate made at start unless --cert and --key name one; --cert-out
+// writes the made one, for clients that verify). Once
 // listening it sets "nginx_redfish_ready" in the (simulated) platform, so
 // waiting plug-ins start serving; SIGINT or SIGTERM clears it and ends.
 #include <signal.h>
@@ -14,10 +19,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 
 #include "FixedPaths.h"
+#include "HttpServer.h"
 #include "MessageRegistry.h"
 #include "RedfishService.h"
 #include "UserTable.h"
@@ -31,8 +38,10 @@ namespace {
 
 int Usage() {
     fprintf(stderr,
-            "usage: orbel-frontend --users FILE [--port N] [--registries DIR]\n"
-            "                      [--timeout-ms N] [--quiet]\n"
+            "usage: orbel-frontend --users FILE [--port N]\n"
+            "                      [--https-port N [--cert PEM --key PEM | --cert-out PEM]]\n"
+            "                      [--registries DIR] [--schemas DIR] [--timeout-ms N]\n"
+            "                      [--session-timeout SECONDS] [--quiet]\n"
             "  FILE: one user a line, name:password:role\n"
             "        (roles: Administrator, Operator, ReadOnly, NoAccess)\n");
     return 2;
@@ -52,6 +61,10 @@ int main(int argc, char** argv) {
     std::string usersPath;
     std::string registryDir = ORBEL_FRONTEND_REGISTRY_DIR;
     long port = 0;
+    long httpsPort = -1;
+    std::string certFile;
+    std::string keyFile;
+    std::string certOut;
     OrbelFrontEnd::sServiceConfig config;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
@@ -63,6 +76,20 @@ int main(int argc, char** argv) {
             registryDir = argv[++i];
         } else if (a == "--port" && hasValue && Number(argv[i + 1], 0, 65535, &port)) {
             ++i;
+        } else if (a == "--https-port" && hasValue && Number(argv[i + 1], 0, 65535, &httpsPort)) {
+            ++i;
+        } else if (a == "--schemas" && hasValue) {
+            config.schemaDir = argv[++i];
+        } else if (a == "--cert" && hasValue) {
+            certFile = argv[++i];
+        } else if (a == "--cert-out" && hasValue) {
+            certOut = argv[++i];
+        } else if (a == "--key" && hasValue) {
+            keyFile = argv[++i];
+        } else if (a == "--session-timeout" && hasValue &&
+                   Number(argv[i + 1], 1, 86400, &n)) {
+            config.sessionIdleSeconds = static_cast<int>(n);
+            ++i;
         } else if (a == "--timeout-ms" && hasValue && Number(argv[i + 1], 1, 600000, &n)) {
             config.answerTimeoutMs = static_cast<int>(n);
             ++i;
@@ -72,7 +99,7 @@ int main(int argc, char** argv) {
             return Usage();
         }
     }
-    if (usersPath.empty()) return Usage();
+    if (usersPath.empty() || certFile.empty() != keyFile.empty()) return Usage();
 
     OrbelFrontEnd::UserTable users;
     std::string error;
@@ -97,23 +124,43 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
-    httplib::Server server;
+    OrbelFrontEnd::sConnectionLimits limits;
+    OrbelFrontEnd::HttpServer server(limits);
     OrbelFrontEnd::RedfishService service(config, users, registry);
     service.Install(server);
-    int bound = static_cast<int>(port);
-    if (port == 0) {
-        bound = server.bind_to_any_port("127.0.0.1");
-    } else if (!server.bind_to_port("127.0.0.1", bound)) {
-        bound = -1;
-    }
+    auto bind = [](OrbelFrontEnd::HttpServer& s, long wanted) {
+        return s.Bind("127.0.0.1", static_cast<int>(wanted));
+    };
+    const int bound = bind(server, port);
     if (bound <= 0) {
         fprintf(stderr, "orbel-frontend: cannot listen on 127.0.0.1:%ld\n", port);
         return 1;
     }
-    std::thread stopper([&server, stopSignals] {
+    std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> tls(nullptr, SSL_CTX_free);
+    std::unique_ptr<OrbelFrontEnd::HttpServer> secure;
+    std::thread secureThread;
+    if (httpsPort >= 0) {
+        tls.reset(OrbelFrontEnd::MakeTlsContext(certFile, keyFile, certOut, &error));
+        if (!tls) {
+            fprintf(stderr, "orbel-frontend: %s\n", error.c_str());
+            return 1;
+        }
+        secure.reset(new OrbelFrontEnd::HttpServer(limits, tls.get()));
+        service.Install(*secure);
+        const int securePort = bind(*secure, httpsPort);
+        if (securePort <= 0) {
+            fprintf(stderr, "orbel-frontend: cannot listen on 127.0.0.1:%ld\n", httpsPort);
+            return 1;
+        }
+        printf("orbel-frontend: listening on https://127.0.0.1:%d/ (%s)\n", securePort,
+               certFile.empty() ? "self-signed certificate" : certFile.c_str());
+        secureThread = std::thread([&secure] { secure->listen_after_bind(); });
+    }
+    std::thread stopper([&server, &secure, stopSignals] {
         int sig = 0;
         sigwait(&stopSignals, &sig);
         server.stop();
+        if (secure) secure->stop();
     });
     if (vex_config_set_bool("nginx_redfish_ready", 1, 0) == 0) {
         fprintf(stderr, "orbel-frontend: could not set nginx_redfish_ready\n");
@@ -128,6 +175,7 @@ int main(int argc, char** argv) {
         pthread_kill(stopper.native_handle(), SIGTERM);
         stopper.join();
     }
+    if (secureThread.joinable()) secureThread.join();
     printf("orbel-frontend: stopped\n");
     return 0;
 }
