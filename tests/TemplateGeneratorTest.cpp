@@ -194,6 +194,99 @@ TEST(TemplateGenerator, BoundsRequiredMembersAndRecursion) {
     EXPECT_EQ(RunTool({}, &log), 2);
 }
 
+// Writes the template of `schema` with `args`; its parsed cache, the
+// tool's messages in `log`.
+ZUserInputTemplate::sParsed Parsed(const std::vector<std::string>& args, std::string* log) {
+    const std::string out = FreshTestDir("gen") + "/out.dat";
+    std::vector<std::string> all = {"-o", out};
+    all.insert(all.end(), args.begin(), args.end());
+    EXPECT_EQ(RunTool(all, log), 0) << *log;
+    ZUserInputTemplate::sParsed parsed;
+    EXPECT_EQ(ZUserInputTemplate::ParseTemplateText(ReadFile(out), "gen", out, parsed), RT_SUCCESS);
+    return parsed;
+}
+
+// A reference to a resource definition, the described type's own included,
+// is a link: an object whose only member is "@odata.id" (the resource's own
+// "@odata.id" aside), and no definition is expanded into itself.
+TEST(TemplateGenerator, EveryLinkIsAnOdataIdOnly) {
+    for (const char* schema : {"Chassis.json", "ComputerSystem.v1_20_0.json"}) {
+        std::string log;
+        auto parsed = Parsed({"-d", kSchemaDir, kSchemaDir + "/" + schema}, &log);
+        ASSERT_NE(parsed.cache, nullptr);
+        EXPECT_EQ(log.find("recursive"), std::string::npos) << schema << log;
+        const UsrInTemplateCache& cache = *parsed.cache;
+        const std::string id = "/@odata.id";
+        size_t links = 0;
+        for (const auto& entry : cache) {
+            const std::string& key = entry.first;
+            if (key.size() <= id.size() || key.compare(key.size() - id.size(), id.size(), id) != 0)
+                continue;
+            const std::string object = key.substr(0, key.size() - id.size()) + "/";
+            size_t members = 0;
+            for (auto it = cache.lower_bound(object);
+                 it != cache.end() && it->first.compare(0, object.size(), object) == 0; ++it) {
+                ++members;
+            }
+            EXPECT_EQ(members, 1u) << schema << ": " << object;
+            ++links;
+        }
+        EXPECT_GT(links, 10u) << schema;
+    }
+    std::string log;
+    auto chassis = Parsed({"-d", kSchemaDir, kSchemaDir + "/Chassis.json"}, &log);
+    EXPECT_NE(chassis.cache->count("/Links/ContainedBy/@odata.id"), 0u);
+    EXPECT_NE(chassis.cache->count("/Links/Contains/{}/@odata.id"), 0u);
+}
+
+// Deprecated enum values are left out unless -D keeps them; a keep list
+// narrows the writable properties, replaces attributes and picks actions.
+TEST(TemplateGenerator, DeprecatedValuesAndKeepList) {
+    const std::string chassis = kSchemaDir + "/Chassis.v1_28_0.json";
+    const auto indicatorEnums = [&](const std::vector<std::string>& args) {
+        std::string log;
+        auto parsed = Parsed(args, &log);
+        return parsed.cache->at("/IndicatorLED")->limits.enumStrings;
+    };
+    const std::vector<std::string> current = {"Lit", "Blinking", "Off"};
+    EXPECT_EQ(indicatorEnums({chassis}), current);
+    EXPECT_EQ(indicatorEnums({"-D", chassis}).front(), "Unknown");
+
+    const std::string keep = FreshTestDir("keep") + "/chassis.keep";
+    WriteFile(keep,
+              "# what the plug-in accepts\n/AssetTag\n"
+              "  /IndicatorLED   S@p@@e:Lit,Off  \n\n/Actions/#Chassis.Reset\n");
+    std::string log;
+    auto parsed = Parsed({"-k", keep, chassis}, &log);
+    const UsrInTemplateCache& cache = *parsed.cache;
+    EXPECT_EQ(cache.at("/AssetTag")->supportMethods, kWritable);
+    EXPECT_EQ(cache.at("/IndicatorLED")->dataTypes, UIT_TYPE_STRING);
+    EXPECT_EQ(cache.at("/IndicatorLED")->supportMethods, UIT_METHOD_PatchOption);
+    EXPECT_EQ(cache.at("/IndicatorLED")->limits.enumStrings,
+              (std::vector<std::string>{"Lit", "Off"}));
+    for (const char* narrowed : {"/LocationIndicatorActive", "/Location", "/Links/ContainedBy"}) {
+        EXPECT_EQ(cache.at(narrowed)->supportMethods, UIT_METHOD_ReadOnly) << narrowed;
+    }
+    EXPECT_EQ(cache.at("/Actions/#Chassis.Reset/ResetType")->supportMethods,
+              UIT_METHOD_ActionOption);
+    WriteFile(keep, "/Actions/#ComputerSystem.Reset\n");
+    auto system = Parsed({"-k", keep, kSchemaDir + "/ComputerSystem.v1_20_0.json"}, &log);
+    EXPECT_NE(system.cache->count("/Actions/#ComputerSystem.Reset/ResetType"), 0u);
+    EXPECT_EQ(system.cache->count("/Actions/#ComputerSystem.AddResourceBlock"), 0u);
+    EXPECT_EQ(system.cache->at("/AssetTag")->supportMethods, UIT_METHOD_ReadOnly);
+
+    WriteFile(keep, "/AssetTagg\n");
+    EXPECT_EQ(RunTool({"-k", keep, chassis}, &log), 1);
+    EXPECT_NE(log.find("has no property /AssetTagg"), std::string::npos) << log;
+    EXPECT_EQ(RunTool({"-k", keep + ".missing", chassis}, &log), 1);
+    EXPECT_NE(log.find("(option -k)"), std::string::npos) << log;
+
+    EXPECT_EQ(RunTool({"-h"}, &log), 0);
+    for (const char* text : {"-k KEEP", "-D ", "Example:", "orbel-template -d"}) {
+        EXPECT_NE(log.find(text), std::string::npos) << text << "\n" << log;
+    }
+}
+
 TEST(TemplateGenerator, SampleTemplatesAreTheToolsOutputAndLoadWhenInstalled) {
     const std::string samples = SourceDir() + "/examples/RF_Root/templates/";
     const std::pair<const char*, const char*> schemas[] = {
