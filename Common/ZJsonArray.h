@@ -26,6 +26,11 @@ class ZJsonArray : public ZObject {
 public:
     // Class attribute: publish the element count in the parent.
     static constexpr uint32_t ARRAY_ATTR_OdataCount = 1u;
+    // Class attribute: a resource's request channel list ("<app>:<schema>:
+    // <word>" elements). Several plug-ins may list their channels in it, so
+    // clearing it removes only this application's channels, never another
+    // process's (a restarting owner keeps the channels of the others).
+    static constexpr uint32_t ARRAY_ATTR_ChannelList = 2u;
 
     // Runs Initial(), then writes <name>@odata.count = 0 into the parent
     // (with ARRAY_ATTR_OdataCount), or, on a MultiBackend node, takes the

@@ -90,7 +90,7 @@ void ZResource::_InitFillDefaultContents() {
     const uint32_t crudq = mSchema->GetCRUDqFlag();
     for (int method = 0; method < eReqMethodNum && !IsDataFmtRawJson(); ++method) {
         if ((crudq & (1u << method)) == 0) continue;
-        auto* channels = new ZJsonArray(this, QueueWord(method), 0);
+        auto* channels = new ZJsonArray(this, QueueWord(method), ZJsonArray::ARRAY_ATTR_ChannelList);
         if (channels->GetJPath().empty()) {
             channels->ObjDestroy(eDestroyDelete, false);
             continue;
