@@ -288,25 +288,31 @@ TEST(TemplateGenerator, DeprecatedValuesAndKeepList) {
 }
 
 TEST(TemplateGenerator, SampleTemplatesAreTheToolsOutputAndLoadWhenInstalled) {
-    const std::string samples = SourceDir() + "/examples/RF_Root/templates/";
-    const std::pair<const char*, const char*> schemas[] = {
-        {"ComputerSystem", "ComputerSystem.v1_20_0.json"},
-        {"ComputerSystemCollection", "ComputerSystemCollection.json"},
-        {"ServiceRoot", "ServiceRoot.v1_15_0.json"},
+    const std::string examples = SourceDir() + "/examples/";
+    // Sample, template, schema file, keep list ("" none).
+    const char* const schemas[][4] = {
+        {"RF_Root", "ComputerSystem", "ComputerSystem.v1_20_0.json", ""},
+        {"RF_Root", "ComputerSystemCollection", "ComputerSystemCollection.json", ""},
+        {"RF_Root", "ServiceRoot", "ServiceRoot.v1_15_0.json", ""},
+        {"RF_Chassis", "Chassis", "Chassis.v1_28_0.json", "chassis.keep"},
+        {"RF_Chassis", "ChassisCollection", "ChassisCollection.json", ""},
     };
     for (const auto& schema : schemas) {
-        const std::string committed = ReadFile(samples + schema.first + ".dat");
-        ASSERT_FALSE(committed.empty()) << schema.first;
+        const std::string dir = examples + schema[0] + "/templates/";
+        const std::string committed = ReadFile(dir + schema[1] + ".dat");
+        ASSERT_FALSE(committed.empty()) << schema[1];
+        std::vector<std::string> args = {kSchemaDir + "/" + schema[2]};
+        if (*schema[3] != '\0') args.insert(args.begin(), {"-k", dir + schema[3]});
         std::string written;
-        EXPECT_EQ(RunTool({kSchemaDir + "/" + schema.second}, &written), 0);
+        EXPECT_EQ(RunTool(args, &written), 0);
         // The tool's warnings go to standard error, which the child shares.
-        EXPECT_NE(written.find(committed), std::string::npos) << schema.first;
+        EXPECT_NE(written.find(committed), std::string::npos) << schema[1];
 
-        WriteFile(UserInputTemplateDir() + schema.first + ".dat", committed);
-        std::string name = schema.first;
+        WriteFile(UserInputTemplateDir() + schema[1] + ".dat", committed);
+        std::string name = schema[1];
         ZUserInputTemplate tmpl(nullptr, &name, false);
-        EXPECT_EQ(tmpl.GetLoadResult(), RT_SUCCESS) << schema.first;
-        EXPECT_NE(tmpl.FindAttr("/@odata.id"), nullptr) << schema.first;
+        EXPECT_EQ(tmpl.GetLoadResult(), RT_SUCCESS) << schema[1];
+        EXPECT_NE(tmpl.FindAttr("/@odata.id"), nullptr) << schema[1];
     }
 }
 

@@ -1,22 +1,25 @@
 #!/usr/bin/env bash
-# Serve the sample plug-in over HTTP on this machine until Ctrl-C.
+# Serve the sample plug-ins over HTTP on this machine until Ctrl-C.
 #
 #   tools/frontend/serve.sh BUILD_DIR [PORT]   (./run serve [PORT] calls it with build/debug)
 #
 # Under a private sysroot (a fresh temporary directory that ORBEL_SYSROOT
-# points at): its own Redis server, the sample plug-in RF_Root and the front
-# end orbel-frontend on 127.0.0.1 (PORT, or a free one). It prints the URL
-# and the development users, then waits; Ctrl-C stops everything and removes
-# the sysroot.
+# points at): its own Redis server, the sample plug-ins RF_Root and
+# RF_Chassis side by side in one store, and the front end orbel-frontend on
+# 127.0.0.1 (PORT, or a free one). It prints the URL and the development
+# users, then waits; a plug-in that ends (kill -TERM its pid, printed) is
+# started again, so each can be restarted on its own; Ctrl-C stops
+# everything and removes the sysroot.
 set -euo pipefail
 
 BUILD="${1:?usage: serve.sh BUILD_DIR [PORT]}"
 BUILD="$(cd "$BUILD" && pwd)"
 PORT="${2:-0}"
 HERE="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
-PLUGIN="$BUILD/examples/RF_Root/RF_Root"
+PLUGINS=(RF_Root RF_Chassis)
 FRONT="$BUILD/tools/frontend/orbel-frontend"
-for f in "$PLUGIN" "$FRONT"; do
+SIM="$BUILD/platform/sim/orbel-sim"
+for f in "$BUILD/examples/RF_Root/RF_Root" "$BUILD/examples/RF_Chassis/RF_Chassis" "$FRONT" "$SIM"; do
   [ -x "$f" ] || { echo "serve: $f is not built" >&2; exit 1; }
 done
 
@@ -26,7 +29,9 @@ mkdir -p "$SYSROOT/tmp/Redfish"
 PIDS=()
 cleanup() {
   local p
+  touch "$SYSROOT/stopping"
   for p in "${PIDS[@]}"; do kill -TERM "$p" 2>/dev/null || true; done
+  for p in "$SYSROOT"/*.pid; do [ -f "$p" ] && kill -TERM "$(cat "$p")" 2>/dev/null || true; done
   for p in "${PIDS[@]}"; do wait "$p" 2>/dev/null || true; done
   rm -rf "$SYSROOT"
 }
@@ -46,15 +51,30 @@ operator:operator-pw:Operator
 readonly:readonly-pw:ReadOnly
 USERS
 
-# The sample's user-input templates, where its schemas load them.
+# The samples' user-input templates, where their schemas load them, and
+# RF_Chassis's name known to the simulated VEX.
 mkdir -p "$SYSROOT/var/PellPlugin/UserInputTemplate"
-cp "$(dirname "${BASH_SOURCE[0]}")"/../../examples/RF_Root/templates/*.dat \
-  "$SYSROOT/var/PellPlugin/UserInputTemplate/"
-PLATFLAGS="${PLATFLAGS:-0x0}" "$PLUGIN" >"$SYSROOT/RF_Root.out" 2>&1 &
-PIDS+=($!)
-"$FRONT" --users "$SYSROOT/users" --registries "$HERE/registries" --port "$PORT" \
-  >"$SYSROOT/frontend.out" 2>&1 &
-PIDS+=($!)
+for p in "${PLUGINS[@]}"; do
+  cp "$HERE"/../../examples/"$p"/templates/*.dat "$SYSROOT/var/PellPlugin/UserInputTemplate/"
+done
+"$SIM" vex app add RF_Chassis >/dev/null
+# Each plug-in runs under a loop that starts it again when it ends, until
+# Ctrl-C: `kill -TERM $(cat $SYSROOT/<name>.pid)` restarts one on its own.
+supervise() {
+  local name="$1"
+  while [ ! -e "$SYSROOT/stopping" ]; do
+    PLATFLAGS="${PLATFLAGS:-0x0}" "$BUILD/examples/$name/$name" >>"$SYSROOT/$name.out" 2>&1 &
+    echo $! >"$SYSROOT/$name.pid"
+    wait $! || true
+  done
+}
+for p in "${PLUGINS[@]}"; do
+  supervise "$p" &
+  PIDS+=($!)
+done
+"$FRONT" --users "$SYSROOT/users" --port "$PORT" >"$SYSROOT/frontend.out" 2>&1 &
+FRONT_PID=$!
+PIDS+=($FRONT_PID)
 URL=""
 for _ in $(seq 100); do
   URL="$(sed -n 's/^orbel-frontend: listening on \(http[^ ]*\) .*/\1/p' "$SYSROOT/frontend.out")"
@@ -62,17 +82,22 @@ for _ in $(seq 100); do
   sleep 0.1
 done
 [ -n "$URL" ] || { cat "$SYSROOT/frontend.out" >&2; echo "serve: the front end did not start" >&2; exit 1; }
-for _ in $(seq 100); do [ -f "$SYSROOT/tmp/Redfish/RF_Root.run" ] && break; sleep 0.1; done
+for p in "${PLUGINS[@]}"; do
+  for _ in $(seq 100); do [ -f "$SYSROOT/tmp/Redfish/$p.run" ] && break; sleep 0.1; done
+done
 
 HOSTPORT="${URL#http://}"
 HOSTPORT="${HOSTPORT%/}"
 cat <<EOT
-Serving the sample plug-in at ${URL}redfish/v1/
+Serving the sample plug-ins RF_Root and RF_Chassis at ${URL}redfish/v1/
   users: admin:admin-pw (Administrator), operator:operator-pw (Operator),
          readonly:readonly-pw (ReadOnly)
   try:   curl -u admin:admin-pw ${URL}redfish/v1/Systems/1
+         curl -u admin:admin-pw -X PATCH -H 'Content-Type: application/json' \\
+              -d '{"IndicatorLED":"Lit"}' ${URL}redfish/v1/Chassis/1
          redfishtool -r $HOSTPORT -S Never -u admin -p admin-pw Systems -I 1
-  logs:  $SYSROOT/tmp/Redfish/RF_Root.log, $SYSROOT/frontend.out
+  restart one plug-in: kill -TERM \$(cat $SYSROOT/RF_Root.pid)   (or RF_Chassis.pid)
+  logs:  $SYSROOT/tmp/Redfish/RF_Root.log, RF_Chassis.log, $SYSROOT/frontend.out
 Ctrl-C stops it all.
 EOT
-wait "${PIDS[2]}"
+wait "$FRONT_PID"
