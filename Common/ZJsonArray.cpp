@@ -231,7 +231,10 @@ eRtCode ZJsonArray::CleanItemsFromRedis(redisContext* c) {
         std::vector<std::string> items;
         eRtCode rt = RedisListGetAll(c, mJPath.c_str(), 0, -1, items);
         for (const std::string& item : items) {
-            if (item.compare(0, own.size(), own) != 0) continue;
+            if (item.compare(0, own.size(), own) != 0) {
+                mKeptForeignChannels = true;
+                continue;
+            }
             if (RedisListDelAll(c, mJPath.c_str(), item) != RT_SUCCESS) rt = RT_FAILURE;
         }
         return rt;

@@ -60,6 +60,9 @@ public:
     // changed since the last publication. `c` may be null.
     eRtCode UpdateParentOdataCount(redisContext* c);
     eRtCode CleanItemsFromRedis(redisContext* c);
+    // A channel list whose clearing left other processes' channels in it.
+    // Read by the thread that made the array, right after its constructor.
+    bool KeptForeignChannels() const { return mKeptForeignChannels; }
 
     // Deletes the parent's <name>@odata.navigationLink and <name>@odata.count
     // fields, then retires the array.
@@ -83,6 +86,7 @@ private:
     std::vector<ZObject*> mMembers;
     std::unique_ptr<std::unordered_set<ZObject*>> mMemberIndex;  // null below kMemberIndexFrom
     int32_t mPublishedCount = -1;
+    bool mKeptForeignChannels = false;  // set while the constructor clears the key
 };
 
 }  // namespace Orbel

@@ -115,6 +115,19 @@ void ZResource::_InitFillCRUDChannel(ZJsonArray* channelArray, int method) {
             return;
         }
         if (std::find(stored.begin(), stored.end(), channel) != stored.end()) return;
+    } else if (channelArray->KeptForeignChannels()) {
+        // The resource's owner goes before the other processes' channels:
+        // the front end sends a request to the first one.
+        RedisCallConnection conn;
+        std::vector<eRtCode> results;
+        if (conn.get() != nullptr &&
+            RedisPipeline(conn.get(), {{"LPUSH", channelArray->GetJPath(), channel}}, results) ==
+                RT_SUCCESS &&
+            results[0] == RT_SUCCESS) {
+            return;
+        }
+        ZLOG(eZLogError, "Failed to put channel[%s] first in [%s].\n", channel.c_str(),
+             channelArray->GetJPath().c_str());
     }
     channelArray->ListWriteRawString(channel);
 }

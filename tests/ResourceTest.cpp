@@ -304,10 +304,10 @@ TEST_F(ResourceTest, MultiBackendResourcesShareTheirChannelListsAndHash) {
     again->ObjDestroy(ZObject::eDestroyDelete, false);
     Recycle();
     // The resource's owner (a plain resource) starting again replaces its
-    // own stale channel and keeps the other process's.
+    // own stale channel, first, and keeps the other process's.
     new ZResource(nullptr, &schema, "/redfish/v1/Chassis/1");
     EXPECT_EQ(LRange("&&/redfish/v1/Chassis/1/GETQ"),
-              (Items{"RF_Other:Chassis:GETQ", "RF_Test:Chassis:GETQ"}));
+              (Items{"RF_Test:Chassis:GETQ", "RF_Other:Chassis:GETQ"}));
 }
 
 TEST_F(ResourceTest, AnArrayKeepsItsMembersInOrderAndOnlyARootObjectIsDestroyed) {
