@@ -204,7 +204,8 @@ bool Service::Start(std::string* why) {
     const std::string users = mSysroot + "/frontend-users";
     {
         std::ofstream file(users);
-        for (const sUser& u : mConfig.users) file << u.name << ':' << u.password << ':' << u.role << '\n';
+        for (const sUser& u : mConfig.users)
+            file << u.name << ':' << u.password << ':' << u.role << '\n';
     }
     std::vector<std::string> argv = {front, "--users", users, "--port", "0", "--quiet"};
     if (!registries.empty()) argv.insert(argv.end(), {"--registries", registries});
@@ -340,8 +341,9 @@ sResponse Service::Send(const sRequest& request) {
     for (const auto& h : request.headers) req.headers.emplace(h.first, h.second);
     for (const sUser& u : mConfig.users) {
         if (!request.user.empty() && u.name == request.user && !req.has_header("Authorization")) {
-            req.headers.emplace("Authorization",
-                                httplib::make_basic_authentication_header(u.name, u.password).second);
+            req.headers.emplace(
+                "Authorization",
+                httplib::make_basic_authentication_header(u.name, u.password).second);
         }
     }
     if (!request.body.empty()) {
@@ -395,11 +397,22 @@ sResponse Service::Login(const std::string& user, std::string* token) {
 }
 
 sResponse Service::WaitTask(const std::string& monitor, const std::string& user) {
+    // A monitor answers 202 while the task runs; a front end that serves the
+    // Task itself instead answers 200 with a state that is not final yet.
+    const auto running = [](const sResponse& r) {
+        if (r.status == 202) return true;
+        if (r.status != 200 || !r.body.is_object() || !r.body.contains("TaskState")) return false;
+        const std::string state =
+            r.body["TaskState"].is_string() ? r.body["TaskState"].get<std::string>() : "";
+        return state == "New" || state == "Starting" || state == "Running" || state == "Pending" ||
+               state == "Stopping" || state == "Suspended" || state == "Service" ||
+               state == "Cancelling";
+    };
     sResponse r = Get(monitor, user);
     WaitUntil(mConfig.timeoutMs, [&]() {
-        if (r.status != 202) return true;
+        if (!running(r)) return true;
         r = Get(monitor, user);
-        return r.status != 202;
+        return !running(r);
     });
     return r;
 }

@@ -143,7 +143,8 @@ public:
     sResponse Action(const std::string& resource, const std::string& action,
                      const nlohmann::json& params = nlohmann::json::object(),
                      const std::string& user = "admin");
-    // Reads a task monitor until it stops answering 202 (or the time-out);
+    // Reads a task monitor until it stops answering 202 and, when it
+    // answers with a Task, until its TaskState is final (or the time-out);
     // the last answer.
     sResponse WaitTask(const std::string& monitor, const std::string& user = "admin");
 
