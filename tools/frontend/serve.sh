@@ -66,6 +66,7 @@ supervise() {
     PLATFLAGS="${PLATFLAGS:-0x0}" "$BUILD/examples/$name/$name" >>"$SYSROOT/$name.out" 2>&1 &
     echo $! >"$SYSROOT/$name.pid"
     wait $! || true
+    sleep 1  # a plug-in that cannot start is not restarted in a tight loop
   done
 }
 for p in "${PLUGINS[@]}"; do
