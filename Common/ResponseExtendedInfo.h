@@ -315,6 +315,8 @@ public:
     // whole JPath. Returns 0, or 2 (logged) for a null or foreign record, no
     // target resource ("Schema[%s] tgtResource is NULL.\n") or a message whose
     // related properties are gone (ApplyExtInfoToRedis retires them).
+    // The pointers never reach a client: the message writer retires the list
+    // before it writes (docs/extended-info.md, "Related properties").
     eRtCode ExtendedInfo_AppendRelatedProperty(sExtendedInfo* info, ZObject* node,
                                                const std::string& property);
     eRtCode ExtendedInfo_AppendRelatedProperties(sExtendedInfo* info, ZObject* node,

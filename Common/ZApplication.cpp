@@ -577,6 +577,17 @@ void ZApplication::_RegisterVexInit() {
         }
         return;
     }
+    // Beyond the fixed table, the platform may know further applications
+    // (on a development host, those an author registered with orbel-sim).
+    unsigned int code = 0;
+    if (vex_app_code != nullptr && vex_app_code(mAppName.c_str(), &code) != 0 && code != 0) {
+        if (vex_init(mAppName.c_str(), code) == 0) {
+            ZLOG(eZLogError, "Failed to call vex_init( %s, 0x%x ) \n", mAppName.c_str(), code);
+        } else {
+            ZLOG(eZLogInfo, "Success to call vex_init( %s, 0x%x ) \n", mAppName.c_str(), code);
+        }
+        return;
+    }
     ZLOG(eZLogError, "Unsupported app name[ %s ]\n", mAppName.c_str());
 }
 

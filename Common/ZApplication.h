@@ -109,6 +109,10 @@ public:
     // in the lines. Returns the number of warnings written. Any thread; the
     // frame itself calls it on the main thread (ZApplication_Diagnostics.cpp).
     size_t CheckTreeAfterStage(const char* stage);
+    // True the first time it is asked for this node and `kind` (the tree
+    // check's kinds 0 and 1; the request path's unapplied changes 2), so
+    // that each node is reported once per kind. Any thread.
+    bool FirstNodeWarning(ZObject* node, int kind) { return _FirstTreeWarning(node, kind); }
     uint32_t LastLoopProcTimetick() const { return mLastLoopProcTimetick.load(); }
     // "/tmp/Redfish/" + the application name behind its last "/".
     const std::string& WorkDir() const { return mWorkDir; }

@@ -222,6 +222,23 @@ eRtCode ZJsonArray::UpdateParentOdataCount(redisContext* c) {
 }
 
 eRtCode ZJsonArray::CleanItemsFromRedis(redisContext* c) {
+    ZApplication* app = zApp;
+    if ((GetAttribute() & ATTR_MultiBackend) == 0 && (mClassAttributes & ARRAY_ATTR_ChannelList) != 0 &&
+        app != nullptr && !app->AppName().empty()) {
+        // Only this application's channels: the other elements name the
+        // channels of other processes that serve the same resource.
+        const std::string own = app->AppName() + ":";
+        std::vector<std::string> items;
+        eRtCode rt = RedisListGetAll(c, mJPath.c_str(), 0, -1, items);
+        for (const std::string& item : items) {
+            if (item.compare(0, own.size(), own) != 0) {
+                mKeptForeignChannels = true;
+                continue;
+            }
+            if (RedisListDelAll(c, mJPath.c_str(), item) != RT_SUCCESS) rt = RT_FAILURE;
+        }
+        return rt;
+    }
     if ((GetAttribute() & ATTR_MultiBackend) == 0) return RedisDelTable(c, mJPath.c_str());
     eRtCode rt = RT_SUCCESS;
     for (const std::string& item : _TakeWritten()) {

@@ -26,6 +26,11 @@ class ZJsonArray : public ZObject {
 public:
     // Class attribute: publish the element count in the parent.
     static constexpr uint32_t ARRAY_ATTR_OdataCount = 1u;
+    // Class attribute: a resource's request channel list ("<app>:<schema>:
+    // <word>" elements). Several plug-ins may list their channels in it, so
+    // clearing it removes only this application's channels, never another
+    // process's (a restarting owner keeps the channels of the others).
+    static constexpr uint32_t ARRAY_ATTR_ChannelList = 2u;
 
     // Runs Initial(), then writes <name>@odata.count = 0 into the parent
     // (with ARRAY_ATTR_OdataCount), or, on a MultiBackend node, takes the
@@ -55,6 +60,9 @@ public:
     // changed since the last publication. `c` may be null.
     eRtCode UpdateParentOdataCount(redisContext* c);
     eRtCode CleanItemsFromRedis(redisContext* c);
+    // A channel list whose clearing left other processes' channels in it.
+    // Read by the thread that made the array, right after its constructor.
+    bool KeptForeignChannels() const { return mKeptForeignChannels; }
 
     // Deletes the parent's <name>@odata.navigationLink and <name>@odata.count
     // fields, then retires the array.
@@ -78,6 +86,7 @@ private:
     std::vector<ZObject*> mMembers;
     std::unique_ptr<std::unordered_set<ZObject*>> mMemberIndex;  // null below kMemberIndexFrom
     int32_t mPublishedCount = -1;
+    bool mKeptForeignChannels = false;  // set while the constructor clears the key
 };
 
 }  // namespace Orbel

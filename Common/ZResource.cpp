@@ -90,7 +90,7 @@ void ZResource::_InitFillDefaultContents() {
     const uint32_t crudq = mSchema->GetCRUDqFlag();
     for (int method = 0; method < eReqMethodNum && !IsDataFmtRawJson(); ++method) {
         if ((crudq & (1u << method)) == 0) continue;
-        auto* channels = new ZJsonArray(this, QueueWord(method), 0);
+        auto* channels = new ZJsonArray(this, QueueWord(method), ZJsonArray::ARRAY_ATTR_ChannelList);
         if (channels->GetJPath().empty()) {
             channels->ObjDestroy(eDestroyDelete, false);
             continue;
@@ -115,6 +115,19 @@ void ZResource::_InitFillCRUDChannel(ZJsonArray* channelArray, int method) {
             return;
         }
         if (std::find(stored.begin(), stored.end(), channel) != stored.end()) return;
+    } else if (channelArray->KeptForeignChannels()) {
+        // The resource's owner goes before the other processes' channels:
+        // the front end sends a request to the first one.
+        RedisCallConnection conn;
+        std::vector<eRtCode> results;
+        if (conn.get() != nullptr &&
+            RedisPipeline(conn.get(), {{"LPUSH", channelArray->GetJPath(), channel}}, results) ==
+                RT_SUCCESS &&
+            results[0] == RT_SUCCESS) {
+            return;
+        }
+        ZLOG(eZLogError, "Failed to put channel[%s] first in [%s].\n", channel.c_str(),
+             channelArray->GetJPath().c_str());
     }
     channelArray->ListWriteRawString(channel);
 }

@@ -326,6 +326,10 @@ void ZSchema::_RunHandler(HTTP_MethodContext& ctx, sCRUD_ReqData& req, ZResource
     const bool upload =
         req.transferMethod != eReqTransferNone &&
         schema->GetAsyncUploadTaskParam(target, uploadTask, uploadArg) == RT_SUCCESS;
+    // Changes a handler queued on the resources and forgot to apply would
+    // reach the store only with a later write: they are applied here, before
+    // the answer, and reported once per node.
+    ZUnappliedWatch watch;
     try {
         if (upload) {
             // An upload runs as a task: the answer is the task monitor.
@@ -357,6 +361,15 @@ void ZSchema::_RunHandler(HTTP_MethodContext& ctx, sCRUD_ReqData& req, ZResource
         ZLOG(eZLogError, "Schema[%s]: the handler of request[%s] threw.\n", mName.c_str(),
              req.reqKey.c_str());
         AnswerInternalError(ctx);
+    }
+    for (ZObject* node : watch.Unapplied()) {
+        if (app != nullptr && app->FirstNodeWarning(node, 2)) {
+            ZLOG(eZLogWarning,
+                 "Schema[%s]: the handler of %s left changes of node[%s] unapplied; applied "
+                 "after it (ApplyRedisChanges).\n",
+                 mName.c_str(), req.methodText.c_str(), node->GetJPath().c_str());
+        }
+        node->ApplyRedisChanges(false, ctx.GetRedisContext());
     }
     target->Unlock();
 }

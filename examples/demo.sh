@@ -24,10 +24,11 @@ case "${2:-}" in
   *) echo "usage: demo.sh BUILD_DIR [--keep]" >&2; exit 2 ;;
 esac
 PLUGIN="$BUILD/examples/RF_Root/RF_Root"
+CHASSIS="$BUILD/examples/RF_Chassis/RF_Chassis"
 SIM="$BUILD/platform/sim/orbel-sim"
 TREE="$BUILD/tools/treereader/orbel-tree"
 FRONT="$BUILD/tools/frontend/orbel-frontend"
-for f in "$PLUGIN" "$SIM" "$TREE"; do
+for f in "$PLUGIN" "$CHASSIS" "$SIM" "$TREE"; do
   [ -x "$f" ] || { echo "demo: $f is not built" >&2; exit 1; }
 done
 command -v redis-server >/dev/null || { echo "demo: redis-server not found" >&2; exit 1; }
@@ -54,6 +55,7 @@ export PLATFLAGS=0x0
 SCRIPTS="$(cd "$(dirname "${BASH_SOURCE[0]}")/../tests/support/scripts" && pwd)"
 REDIS_PID=""
 PLUGIN_PID=""
+CHASSIS_PID=""
 LISTEN_PID=""
 FRONT_PID=""
 TASK_LISTEN_PID=""
@@ -63,6 +65,7 @@ cleanup() {
     exit 0  # left running on purpose; stop.sh in the sysroot ends it all
   fi
   [ -n "$PLUGIN_PID" ] && kill -KILL "$PLUGIN_PID" 2>/dev/null || true
+  [ -n "$CHASSIS_PID" ] && kill -TERM "$CHASSIS_PID" 2>/dev/null || true
   [ -n "$FRONT_PID" ] && kill -TERM "$FRONT_PID" 2>/dev/null || true
   [ -n "$TASK_LISTEN_PID" ] && kill -TERM "$TASK_LISTEN_PID" 2>/dev/null || true
   [ -n "$REDIS_PID" ] && kill -TERM "$REDIS_PID" 2>/dev/null || true
@@ -344,6 +347,70 @@ wait "$FRONT_PID" 2>/dev/null || true
 FRONT_PID=""
 "$SIM" vex set nginx_redfish_ready true >/dev/null  # the front end cleared it on exit
 
+step "7d. A second plug-in in the same store: RF_Chassis"
+note "RF_Chassis is a process of its own. It adds /redfish/v1/Chassis under the service"
+note "root that RF_Root owns: a MultiBackend node of the root in RF_Chassis writes the"
+note "link, and only that link is RF_Chassis's (docs/plugin-guide.md, \"A plug-in that"
+note "adds to another's resource\"). Its name is new to VEX, so it is registered with"
+note "the simulated platform first, and its templates (generated from the Chassis"
+note "schema, narrowed by templates/chassis.keep) are installed:"
+note "\$ orbel-sim vex app add RF_Chassis"
+"$SIM" vex app add RF_Chassis | show
+cp "$HERE"/RF_Chassis/templates/*.dat "$TEMPLATES/"
+CHASSIS_OUT="$SYSROOT/RF_Chassis.out"
+"$CHASSIS" >"$CHASSIS_OUT" 2>&1 &
+CHASSIS_PID=$!
+wait_for 15 test -e "$RD/RF_Chassis.run" || fail "RF_Chassis is not ready"
+grep -q "Success to call vex_init( RF_Chassis" "$CHASSIS_OUT" || fail "RF_Chassis is unknown to VEX"
+"$FRONT" --users "$SYSROOT/users" --quiet >"$SYSROOT/frontend.out" 2>&1 &
+FRONT_PID=$!
+wait_for 10 grep -q "listening on http" "$SYSROOT/frontend.out" || fail "orbel-frontend did not start"
+URL="$(sed -n 's/^orbel-frontend: listening on \(http[^ ]*\) .*/\1/p' "$SYSROOT/frontend.out")"
+URL="${URL%/}"
+note "(orbel-frontend again, found its registries beside itself: $URL)"
+web GET /redfish/v1/ '' Chassis Systems
+web GET /redfish/v1/Chassis/1 '' Id IndicatorLED AssetTag
+web PATCH /redfish/v1/Chassis/1 '{"IndicatorLED":"Lit"}' IndicatorLED
+[ "$WEB_STATUS" = 200 ] || fail "the chassis PATCH was not accepted"
+note "The keep list allows only Lit and Off: the deprecated Unknown (left out of the"
+note "generated template) and null are refused before the handler runs:"
+web PATCH /redfish/v1/Chassis/1 '{"IndicatorLED":"Unknown"}'
+[ "$WEB_STATUS" = 400 ] || fail "a deprecated value was not refused"
+# restart NAME PID_VAR BINARY OUTPUT: SIGTERM, wait for the exit, start again
+# and wait until its start-up is done (one more "Initial done!" line).
+restart() {
+  local name="$1" var="$2" bin="$3" out="$4" pid done
+  pid="${!var}"
+  kill -TERM "$pid"
+  wait "$pid" || fail "$name did not exit cleanly"
+  done="$(grep -c 'Initial done!' "$out" || true)"
+  "$bin" >>"$out" 2>&1 &
+  printf -v "$var" '%s' "$!"
+  wait_for 15 sh -c "[ \"\$(grep -c 'Initial done!' '$out')\" -gt $done ]" ||
+    fail "$name did not start again"
+}
+served() {
+  local u
+  for u in /redfish/v1/ /redfish/v1/Systems/1 /redfish/v1/Chassis /redfish/v1/Chassis/1; do
+    [ "$(curl -s -o /dev/null -w '%{http_code}' -u admin:admin-pw "$URL$u")" = 200 ] ||
+      fail "$u is not served"
+  done
+}
+note "Each restarts on its own and keeps the other's parts: RF_Root replaces only its"
+note "own channels in the root's lists, RF_Chassis only its own field of the root."
+restart RF_Root PLUGIN_PID "$PLUGIN" "$OUT"
+note "RF_Root restarted; the root still links Chassis, and its GET channel list is:"
+rcli LRANGE '&&/redfish/v1/GETQ' 0 -1 | show
+served
+restart RF_Chassis CHASSIS_PID "$CHASSIS" "$CHASSIS_OUT"
+note "RF_Chassis restarted; every resource of both is served:"
+served
+web GET /redfish/v1/ '' Chassis Systems
+kill -TERM "$FRONT_PID" 2>/dev/null || true
+wait "$FRONT_PID" 2>/dev/null || true
+FRONT_PID=""
+"$SIM" vex set nginx_redfish_ready true >/dev/null
+
 step "8. Diagnostics through the debug-info variable"
 note "\$ orbel-sim vex set RF_Root_dbg_Info ru     (resource usage; '?' lists the requests)"
 "$SIM" vex set RF_Root_dbg_Info ru >/dev/null
@@ -402,12 +469,12 @@ if [ "$KEEP" -eq 1 ]; then
   cat >"$SYSROOT/stop.sh" <<STOP
 #!/bin/sh
 # Ends what 'run demo --keep' left running and removes its sysroot.
-kill -TERM $PLUGIN_PID 2>/dev/null
+kill -TERM $PLUGIN_PID $CHASSIS_PID 2>/dev/null
 sleep 1
 kill -TERM $REDIS_PID 2>/dev/null
 sleep 0.5
 rm -rf "$SYSROOT"
-echo "stopped RF_Root ($PLUGIN_PID) and redis-server ($REDIS_PID); $SYSROOT removed"
+echo "stopped RF_Root ($PLUGIN_PID), RF_Chassis ($CHASSIS_PID) and redis-server ($REDIS_PID); $SYSROOT removed"
 STOP
   chmod +x "$SYSROOT/stop.sh"
   step "Left running for you"

@@ -271,6 +271,26 @@ TEST_F(PluginProcessTest, WaitsForTheFrontEndThenReportsReadyAndExitsInOrder) {
                       "Deleted schema[Charlie]\n", "Deleted schema[Delta]\n"}));
 }
 
+// A name outside the fixed table is unsupported until the author registers
+// it with the simulated platform; then the process registers with VEX.
+TEST_F(PluginProcessTest, AnAuthorRegistersANewApplicationName) {
+    const std::string app = "RF_Chassis";
+    for (bool registered : {false, true}) {
+        if (registered) {
+            ASSERT_EQ(RunSimTool({"vex", "app", "add", app, "0x72666368"}), 0);
+        }
+        auto child = StartPlugin(app, {});
+        ASSERT_TRUE(WaitRunning(*child, app));
+        ASSERT_TRUE(child->Signal(SIGTERM));
+        ASSERT_EQ(child->Wait(kTimeoutMs), 0);
+        const std::string out = child->Output();
+        EXPECT_EQ(Has(out, "Unsupported app name[ RF_Chassis ]\n"), !registered) << out;
+        EXPECT_EQ(Has(out, "Success to call vex_init( RF_Chassis, 0x72666368 ) \n"), registered);
+    }
+    EXPECT_EQ(RunSimTool({"vex", "app", "remove", app}), 0);
+    EXPECT_EQ(RunSimTool({"vex", "app", "add", app, "0"}), 2);
+}
+
 TEST_F(PluginProcessTest, TerminationIsIgnoredWhileTheControllerShutsDown) {
     const std::string app = "RF_Session";
     auto child = StartPlugin(app, {});

@@ -36,7 +36,7 @@ const std::string kCreateQ = "RF_Test:ComputerSystemCollection:POSTCREATEQ";
 
 // What a handler does besides its normal work; set by the test thread
 // before it sends the request.
-enum eMode { kNormal, kThrow, kFail, kFailConflict, kNotWritableAndError };
+enum eMode { kNormal, kThrow, kFail, kFailConflict, kNotWritableAndError, kForgetApply };
 
 std::string Msg(const std::string& id, const std::string& args = "") {
     return R"({"MessageArgs":[)" + args + R"(],"MessageId":")" + id + R"(","RelatedProperties":[]})";
@@ -81,6 +81,7 @@ public:
             res->HashWrite("BootTarget", target);
         }
         if (ctx->GetUserInputData("/Count", count) == RT_SUCCESS) res->HashWrite("Count", count);
+        if (mode == kForgetApply) return RT_SUCCESS;
         return res->ApplyRedisChanges(false, ctx->GetRedisContext());
     }
     eRtCode HttpMethod_CREATE(HTTP_MethodContext* ctx) override {
@@ -368,6 +369,26 @@ TEST_F(RequestDispatchTest, FaultsGetTheirStatusAndMessagesAndServingGoesOn) {
     mSys->mode = kNormal;
     EXPECT_FALSE(fe.PublishAndWait(kReadQ, "Corvel:Req:none", 300));
     EXPECT_EQ(fe.Send(kReadQ, "GET", kSys1).status, "OK");
+}
+
+// A handler that forgets to apply: the answer still finds the change in the
+// store, and the node is reported once, not at every request.
+TEST_F(RequestDispatchTest, ChangesAHandlerLeftUnappliedAreAppliedBeforeTheAnswer) {
+    FrontEnd fe;
+    mSys->mode = kForgetApply;
+    const size_t mark = LogMark();
+    for (const char* tag : {"first", "second"}) {
+        FrontEnd::Body body;
+        body.top = {{"AssetTag", std::string("\"") + tag + "\""}};
+        ASSERT_EQ(fe.Send(kPatchQ, "PATCH", kSys1, &body).status, "OK");
+        EXPECT_EQ(HGetAll(kSys1)["AssetTag"], std::string("\"") + tag + "\"");
+    }
+    mSys->mode = kNormal;
+    const std::string log = LogSince(mark);
+    const std::string line = "the handler of PATCH left changes of node[" + kSys1 + "] unapplied";
+    const size_t at = log.find(line);
+    EXPECT_NE(at, std::string::npos) << log;
+    EXPECT_EQ(log.find(line, at + 1), std::string::npos) << log;
 }
 
 TEST_F(RequestDispatchTest, ABusyResourceIsAnsweredAfterTheBudget) {

@@ -312,17 +312,31 @@ TEST_F(ResourceTest, MultiBackendResourcesShareTheirChannelListsAndHash) {
     EXPECT_EQ(LRange("&&/redfish/v1/Chassis/1/GETQ"),
               (Items{"RF_Other:Chassis:GETQ", "RF_Test:Chassis:GETQ"}));
     EXPECT_EQ(HGetAll("/redfish/v1/Chassis/1").at("Foreign"), "\"theirs\"");
+    shared->HashWrite("Mine", "ours");
+    shared->ApplyRedisChanges();
     shared->ObjDestroy(ZObject::eDestroyDelete, true);
-    // Only this backend's fields and channel went.
-    EXPECT_EQ(HGetAll("/redfish/v1/Chassis/1"), (Fields{{"Foreign", "\"theirs\""}}));
+    // Only this backend's fields and channel went; the resource's own
+    // "@odata." fields are every backend's.
+    Fields left = HGetAll("/redfish/v1/Chassis/1");
+    EXPECT_EQ(left.count("Mine"), 0u);
+    EXPECT_EQ(left.at("Foreign"), "\"theirs\"");
+    EXPECT_EQ(left.at("@odata.id"), "\"/redfish/v1/Chassis/1\"");
     EXPECT_EQ(LRange("&&/redfish/v1/Chassis/1/GETQ"), (Items{"RF_Other:Chassis:GETQ"}));
 
     // Our channel is already listed: it is not added twice.
     RawCommand({"RPUSH", "&&/redfish/v1/Chassis/1/GETQ", "RF_Test:Chassis:GETQ"});
     Recycle();
-    new ZResource(nullptr, &schema, "/redfish/v1/Chassis/1", "", ZObject::ATTR_MultiBackend);
+    auto* again =
+        new ZResource(nullptr, &schema, "/redfish/v1/Chassis/1", "", ZObject::ATTR_MultiBackend);
     EXPECT_EQ(LRange("&&/redfish/v1/Chassis/1/GETQ"),
               (Items{"RF_Other:Chassis:GETQ", "RF_Test:Chassis:GETQ"}));
+    again->ObjDestroy(ZObject::eDestroyDelete, false);
+    Recycle();
+    // The resource's owner (a plain resource) starting again replaces its
+    // own stale channel, first, and keeps the other process's.
+    new ZResource(nullptr, &schema, "/redfish/v1/Chassis/1");
+    EXPECT_EQ(LRange("&&/redfish/v1/Chassis/1/GETQ"),
+              (Items{"RF_Test:Chassis:GETQ", "RF_Other:Chassis:GETQ"}));
 }
 
 TEST_F(ResourceTest, AnArrayKeepsItsMembersInOrderAndOnlyARootObjectIsDestroyed) {

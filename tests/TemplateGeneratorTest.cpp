@@ -194,26 +194,120 @@ TEST(TemplateGenerator, BoundsRequiredMembersAndRecursion) {
     EXPECT_EQ(RunTool({}, &log), 2);
 }
 
+// Writes the template of `schema` with `args`; its parsed cache, the
+// tool's messages in `log`.
+ZUserInputTemplate::sParsed Parsed(const std::vector<std::string>& args, std::string* log) {
+    const std::string out = FreshTestDir("gen") + "/out.dat";
+    std::vector<std::string> all = {"-o", out};
+    all.insert(all.end(), args.begin(), args.end());
+    EXPECT_EQ(RunTool(all, log), 0) << *log;
+    ZUserInputTemplate::sParsed parsed;
+    EXPECT_EQ(ZUserInputTemplate::ParseTemplateText(ReadFile(out), "gen", out, parsed), RT_SUCCESS);
+    return parsed;
+}
+
+// A reference to a resource definition, the described type's own included,
+// is a link: an object whose only member is "@odata.id" (the resource's own
+// "@odata.id" aside), and no definition is expanded into itself.
+TEST(TemplateGenerator, EveryLinkIsAnOdataIdOnly) {
+    for (const char* schema : {"Chassis.json", "ComputerSystem.v1_20_0.json"}) {
+        std::string log;
+        auto parsed = Parsed({"-d", kSchemaDir, kSchemaDir + "/" + schema}, &log);
+        ASSERT_NE(parsed.cache, nullptr);
+        EXPECT_EQ(log.find("recursive"), std::string::npos) << schema << log;
+        const UsrInTemplateCache& cache = *parsed.cache;
+        size_t links = 0;
+        for (const auto& entry : cache) {
+            const size_t at = entry.first.rfind("/@odata.id");
+            if (at == 0 || at == std::string::npos || at + 10 != entry.first.size()) continue;
+            const std::string object = entry.first.substr(0, at + 1);
+            auto it = cache.lower_bound(object);
+            while (it != cache.end() && it->first.compare(0, object.size(), object) == 0) ++it;
+            EXPECT_EQ(std::distance(cache.lower_bound(object), it), 1) << schema << ": " << object;
+            ++links;
+        }
+        EXPECT_GT(links, 10u) << schema;
+        if (schema[0] == 'C' && schema[1] == 'h') {
+            EXPECT_NE(cache.count("/Links/ContainedBy/@odata.id") *
+                          cache.count("/Links/Contains/{}/@odata.id"),
+                      0u);
+        }
+    }
+}
+
+// Deprecated enum values are left out unless -D keeps them; a keep list
+// narrows the writable properties, replaces attributes and picks actions.
+TEST(TemplateGenerator, DeprecatedValuesAndKeepList) {
+    const std::string chassis = kSchemaDir + "/Chassis.v1_28_0.json";
+    std::string log;
+    using Enums = std::vector<std::string>;
+    EXPECT_EQ(Parsed({chassis}, &log).cache->at("/IndicatorLED")->limits.enumStrings,
+              (Enums{"Lit", "Blinking", "Off"}));
+    EXPECT_EQ(Parsed({"-D", chassis}, &log).cache->at("/IndicatorLED")->limits.enumStrings.front(),
+              "Unknown");
+
+    const std::string keep = FreshTestDir("keep") + "/chassis.keep";
+    WriteFile(
+        keep,
+        "# accepted\n/AssetTag\n  /IndicatorLED   S@p@@e:Lit,Off  \n\n/Actions/#Chassis.Reset\n");
+    auto parsed = Parsed({"-k", keep, chassis}, &log);
+    const std::pair<const char*, uint8_t> methods[] = {
+        {"/AssetTag", kWritable},
+        {"/IndicatorLED", UIT_METHOD_PatchOption},
+        {"/Location", UIT_METHOD_ReadOnly},
+        {"/LocationIndicatorActive", UIT_METHOD_ReadOnly},
+        {"/Links/ContainedBy", UIT_METHOD_ReadOnly},
+        {"/Actions/#Chassis.Reset/ResetType", UIT_METHOD_ActionOption}};
+    for (const auto& row : methods)
+        EXPECT_EQ(parsed.cache->at(row.first)->supportMethods, row.second) << row.first;
+    EXPECT_EQ(parsed.cache->at("/IndicatorLED")->dataTypes, UIT_TYPE_STRING);
+    EXPECT_EQ(parsed.cache->at("/IndicatorLED")->limits.enumStrings, (Enums{"Lit", "Off"}));
+    WriteFile(keep, "/Actions/#ComputerSystem.Reset\n");
+    auto system = Parsed({"-k", keep, kSchemaDir + "/ComputerSystem.v1_20_0.json"}, &log);
+    EXPECT_NE(system.cache->count("/Actions/#ComputerSystem.Reset/ResetType"), 0u);
+    EXPECT_EQ(system.cache->count("/Actions/#ComputerSystem.AddResourceBlock"), 0u);
+
+    // A typo, a missing list; -h.
+    WriteFile(keep, "/AssetTagg\n");
+    const std::pair<std::vector<std::string>, const char*> refused[] = {
+        {{"-k", keep, chassis}, "has no property /AssetTagg"},
+        {{"-k", keep + ".missing", chassis}, "(option -k)"}};
+    for (const auto& row : refused) {
+        EXPECT_EQ(RunTool(row.first, &log), 1);
+        EXPECT_NE(log.find(row.second), std::string::npos) << log;
+    }
+    EXPECT_EQ(RunTool({"-h"}, &log), 0);
+    for (const char* text : {"-k KEEP", "-D ", "Example:", "orbel-template -d"}) {
+        EXPECT_NE(log.find(text), std::string::npos) << text << "\n" << log;
+    }
+}
+
 TEST(TemplateGenerator, SampleTemplatesAreTheToolsOutputAndLoadWhenInstalled) {
-    const std::string samples = SourceDir() + "/examples/RF_Root/templates/";
-    const std::pair<const char*, const char*> schemas[] = {
-        {"ComputerSystem", "ComputerSystem.v1_20_0.json"},
-        {"ComputerSystemCollection", "ComputerSystemCollection.json"},
-        {"ServiceRoot", "ServiceRoot.v1_15_0.json"},
+    const std::string examples = SourceDir() + "/examples/";
+    // Sample, template, schema file, keep list ("" none).
+    const char* const schemas[][4] = {
+        {"RF_Root", "ComputerSystem", "ComputerSystem.v1_20_0.json", ""},
+        {"RF_Root", "ComputerSystemCollection", "ComputerSystemCollection.json", ""},
+        {"RF_Root", "ServiceRoot", "ServiceRoot.v1_15_0.json", ""},
+        {"RF_Chassis", "Chassis", "Chassis.v1_28_0.json", "chassis.keep"},
+        {"RF_Chassis", "ChassisCollection", "ChassisCollection.json", ""},
     };
     for (const auto& schema : schemas) {
-        const std::string committed = ReadFile(samples + schema.first + ".dat");
-        ASSERT_FALSE(committed.empty()) << schema.first;
+        const std::string dir = examples + schema[0] + "/templates/";
+        const std::string committed = ReadFile(dir + schema[1] + ".dat");
+        ASSERT_FALSE(committed.empty()) << schema[1];
+        std::vector<std::string> args = {kSchemaDir + "/" + schema[2]};
+        if (*schema[3] != '\0') args.insert(args.begin(), {"-k", dir + schema[3]});
         std::string written;
-        EXPECT_EQ(RunTool({kSchemaDir + "/" + schema.second}, &written), 0);
+        EXPECT_EQ(RunTool(args, &written), 0);
         // The tool's warnings go to standard error, which the child shares.
-        EXPECT_NE(written.find(committed), std::string::npos) << schema.first;
+        EXPECT_NE(written.find(committed), std::string::npos) << schema[1];
 
-        WriteFile(UserInputTemplateDir() + schema.first + ".dat", committed);
-        std::string name = schema.first;
+        WriteFile(UserInputTemplateDir() + schema[1] + ".dat", committed);
+        std::string name = schema[1];
         ZUserInputTemplate tmpl(nullptr, &name, false);
-        EXPECT_EQ(tmpl.GetLoadResult(), RT_SUCCESS) << schema.first;
-        EXPECT_NE(tmpl.FindAttr("/@odata.id"), nullptr) << schema.first;
+        EXPECT_EQ(tmpl.GetLoadResult(), RT_SUCCESS) << schema[1];
+        EXPECT_NE(tmpl.FindAttr("/@odata.id"), nullptr) << schema[1];
     }
 }
 

@@ -510,6 +510,31 @@ private:
     ZObject* mObj;
 };
 
+// Notes, on the thread that makes it, every node that gets a change queued
+// while its queue was empty, so that what a request handler left unapplied
+// is found without walking the tree (the request path makes one around each
+// handler). Watches nest; the innermost one notes. The noted nodes are held
+// (using count) until the watch ends. One thread only.
+class ZUnappliedWatch {
+public:
+    ZUnappliedWatch();
+    ~ZUnappliedWatch();
+    ZUnappliedWatch(const ZUnappliedWatch&) = delete;
+    ZUnappliedWatch& operator=(const ZUnappliedWatch&) = delete;
+
+    // The noted nodes that still hold unapplied changes and are part of a
+    // resource (a resource, or a node below one), each once, in the order
+    // noted. Valid while the watch lives.
+    std::vector<ZObject*> Unapplied() const;
+
+    // Called by the change queue (ZObject::AppendRedisChange).
+    static void NoteFirstChange(ZObject* node);
+
+private:
+    ZUnappliedWatch* mOuter;
+    std::vector<ZObject*> mNodes;
+};
+
 }  // namespace Orbel
 
 #endif  // ORBEL_ZOBJECT_H

@@ -285,8 +285,48 @@ void ZObject::AppendRedisChange(sRedisCmdItem* item) {
              "Cached data over 10 seconds. It might forget to apply changes into Redis? Obj[%s]\n",
              _LogName().c_str());
     }
+    const bool first = mRedisCmdQueue->empty();
     mRedisCmdQueue->push_back(item);
     mLastAppendTick = now;
+    if (first) ZUnappliedWatch::NoteFirstChange(this);
+}
+
+namespace {
+thread_local ZUnappliedWatch* tWatch = nullptr;
+}  // namespace
+
+ZUnappliedWatch::ZUnappliedWatch() : mOuter(tWatch) {
+    tWatch = this;
+}
+
+ZUnappliedWatch::~ZUnappliedWatch() {
+    tWatch = mOuter;
+    for (ZObject* node : mNodes) node->DecreaseUsingCount();
+}
+
+void ZUnappliedWatch::NoteFirstChange(ZObject* node) {
+    ZUnappliedWatch* watch = tWatch;
+    if (watch == nullptr) return;
+    // Held, so the pointer stays good until the watch ends, even when the
+    // node is retired meanwhile.
+    node->IncreaseUsingCount();
+    watch->mNodes.push_back(node);
+}
+
+std::vector<ZObject*> ZUnappliedWatch::Unapplied() const {
+    std::vector<ZObject*> out;
+    std::set<ZObject*> seen;
+    for (ZObject* node : mNodes) {
+        if (node->IsDied() || node->GetPendingChangeNum() == 0 || !seen.insert(node).second) continue;
+        // A request's own nodes (messages, response data, tasks) have no
+        // resource above them and are written by the answer.
+        bool inResource = false;
+        for (ZObject* p = node; p != nullptr && !inResource; p = p->GetParent()) {
+            inResource = p->IsResourceType();
+        }
+        if (inResource) out.push_back(node);
+    }
+    return out;
 }
 
 // ---------------------------------------------------------------------------

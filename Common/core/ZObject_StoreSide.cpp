@@ -45,7 +45,12 @@ std::set<std::string> ZObject::_TakeWritten() {
 }
 
 eRtCode ZObject::_HashFieldSet(redisContext* c, const std::string& key, const std::string& value) {
-    if ((mAttribute & ATTR_MultiBackend) != 0) _NoteWritten(key);
+    // A shared resource's "@odata." fields describe the resource itself, the
+    // same from every backend: one backend leaving must not take them along.
+    if ((mAttribute & ATTR_MultiBackend) != 0 &&
+        !(IsResourceType() && key.compare(0, 7, "@odata.") == 0)) {
+        _NoteWritten(key);
+    }
     return RedisHashSet(c, mJPath.c_str(), key.c_str(), value.c_str());
 }
 

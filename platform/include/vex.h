@@ -26,6 +26,13 @@ typedef void (*vex_event_callback_t)(EVENT_TYPE type, char* eventName, int dataL
 /* Registers the calling process as application `appName` with its
  * four-character code. */
 int vex_init(const char* appName, unsigned int appCode);
+/* The code under which `appName` may call vex_init, from the table of
+ * applications that the platform knows: non-zero and `*appCode` set when
+ * the name is in it. Optional: the simulated platform has it (an author
+ * registers a new plug-in's name with `orbel-sim vex app add`); a platform
+ * without it leaves the symbol null, and the library then knows only its
+ * own table. */
+int vex_app_code(const char* appName, unsigned int* appCode) __attribute__((weak));
 /* Subscribes to events named `eventName`. */
 int vex_event_register(const char* eventName);
 /* Sets the one callback that receives the subscribed events. */

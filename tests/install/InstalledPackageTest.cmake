@@ -142,6 +142,37 @@ if(EXISTS "${PREFIX}/bin/orbel-frontend")
   endif()
 endif()
 
+# --- the installed samples, built outside the tree: two plug-ins in one store
+foreach(f doc/plugin-guide.md doc/templates.md examples/CMakeLists.txt
+          examples/RF_Chassis/templates/chassis.keep)
+  if(NOT EXISTS "${PREFIX}/share/PellCommon_Orbel/${f}")
+    message(FATAL_ERROR "InstalledPackageTest: share/PellCommon_Orbel/${f} was not installed")
+  endif()
+endforeach()
+foreach(f include/PellCommon_Orbel/StoreTreeReader.h "${LIBDIR}/libOrbelTreeReader.a")
+  if(NOT IS_ABSOLUTE "${f}")
+    set(f "${PREFIX}/${f}")
+  endif()
+  if(NOT EXISTS "${f}")
+    message(FATAL_ERROR "InstalledPackageTest: ${f} was not installed")
+  endif()
+endforeach()
+set(SAMPLES_BUILD "${WORK_DIR}/samples")
+run_step(samples-configure "${CMAKE_COMMAND}" -S "${PREFIX}/share/PellCommon_Orbel/examples"
+  -B "${SAMPLES_BUILD}" ${generator_args}
+  "-DCMAKE_CXX_COMPILER=${CXX}"
+  "-DCMAKE_PREFIX_PATH=${PREFIX}"
+  -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF
+  -DCMAKE_BUILD_TYPE=Release)
+run_step(samples-build "${CMAKE_COMMAND}" --build "${SAMPLES_BUILD}")
+if(EXISTS "${PREFIX}/bin/orbel-frontend")
+  run_step(two-plugins bash "${SOURCE_DIR}/tests/install/TwoPlugins.sh" "${PREFIX}"
+    "${SAMPLES_BUILD}" "${SOURCE_DIR}/tests/data/dmtf" "${WORK_DIR}")
+  if(NOT STEP_OUTPUT MATCHES "TwoPlugins: all checks passed")
+    message(FATAL_ERROR "InstalledPackageTest: two plug-ins: ${STEP_OUTPUT}")
+  endif()
+endif()
+
 # --- pkg-config ----------------------------------------------------------
 set(ENV{PKG_CONFIG_PATH} "${LIBDIR}/pkgconfig")
 run_step(pkg-config pkg-config --cflags --libs PellCommon_Orbel)

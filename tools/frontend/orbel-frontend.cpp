@@ -15,6 +15,8 @@
 // listening it sets "nginx_redfish_ready" in the (simulated) platform, so
 // waiting plug-ins start serving; SIGINT or SIGTERM clears it and ends.
 #include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -47,6 +49,26 @@ int Usage() {
     return 2;
 }
 
+// The message registries: ORBEL_FRONTEND_REGISTRIES when set; else beside
+// the program, wherever its prefix was installed or moved
+// (<bin>/ORBEL_FRONTEND_REGISTRY_DIR, a path relative to the program's
+// directory), or in the build tree (<dir>/registries).
+std::string DefaultRegistryDir() {
+    const char* forced = getenv("ORBEL_FRONTEND_REGISTRIES");
+    if (forced != nullptr && *forced != '\0') return forced;
+    char self[4096];
+    const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    if (n <= 0) return ORBEL_FRONTEND_REGISTRY_DIR;
+    std::string dir(self, static_cast<size_t>(n));
+    dir.erase(dir.rfind('/'));
+    const std::string installed = dir + "/" + ORBEL_FRONTEND_REGISTRY_DIR;
+    for (const std::string& candidate : {installed, dir + "/registries"}) {
+        struct stat st{};
+        if (stat(candidate.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return candidate;
+    }
+    return installed;
+}
+
 bool Number(const char* text, long lo, long hi, long* out) {
     char* end = nullptr;
     const long v = strtol(text, &end, 10);
@@ -59,7 +81,7 @@ bool Number(const char* text, long lo, long hi, long* out) {
 
 int main(int argc, char** argv) {
     std::string usersPath;
-    std::string registryDir = ORBEL_FRONTEND_REGISTRY_DIR;
+    std::string registryDir;
     long port = 0;
     long httpsPort = -1;
     std::string certFile;
@@ -100,17 +122,20 @@ int main(int argc, char** argv) {
         }
     }
     if (usersPath.empty() || certFile.empty() != keyFile.empty()) return Usage();
+    if (registryDir.empty()) registryDir = DefaultRegistryDir();
 
     OrbelFrontEnd::UserTable users;
     std::string error;
     if (!users.Load(usersPath, &error)) {
-        fprintf(stderr, "orbel-frontend: %s\n", error.c_str());
+        fprintf(stderr, "orbel-frontend: %s (option --users)\n", error.c_str());
         return 1;
     }
     OrbelFrontEnd::MessageRegistry registry;
     if (registry.Load(registryDir, &error) == 0) {
-        fprintf(stderr, "orbel-frontend: no message registry in %s (%s)\n", registryDir.c_str(),
-                error.c_str());
+        fprintf(stderr,
+                "orbel-frontend: no message registry in %s (%s); name the directory with "
+                "--registries DIR or ORBEL_FRONTEND_REGISTRIES\n",
+                registryDir.c_str(), error.c_str());
         return 1;
     }
     config.socketPath = Orbel::RedisSocketPath();

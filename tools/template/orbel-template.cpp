@@ -2,16 +2,20 @@
 // schema, so that a plug-in author starts from the published schema instead
 // of writing a long template by hand.
 //
-//   orbel-template [-d DIR] [-t DEFINITION] [-o OUT] SCHEMA.json
+//   orbel-template [-d DIR] [-t DEFINITION] [-k KEEP] [-D] [-o OUT] SCHEMA.json
 //
 // SCHEMA.json is a versioned (or unversioned) schema file; DIR (default: the
 // file's directory) holds the files its "$ref"s name. DEFINITION is the
-// definition to describe (default: the one the file's "$ref" names). The
-// template goes to OUT, or to standard output. The written text is loaded
-// with the library's own parser before the tool reports success.
+// definition to describe (default: the one the file's "$ref" names). KEEP
+// narrows the template to what the plug-in accepts (a keep list of writable
+// properties, with optional attribute strings of their own); -D keeps enum
+// values the schema marks deprecated. The template goes to OUT, or to
+// standard output. The written text is loaded with the library's own parser
+// before the tool reports success.
 //
 // docs/templates.md ("Templates from schemas") gives the mapping. Exit
-// status: 0 written, 1 the schema could not be read or described, 2 usage.
+// status: 0 written, 1 the schema or the keep list could not be read or
+// applied, 2 usage.
 #include <getopt.h>
 #include <regex.h>
 
@@ -143,12 +147,16 @@ public:
         }
     }
 
-    // A reference to another resource (its own type's main definition, or
-    // the generic reference) is a link: an object holding "@odata.id".
-    static bool IsLinkRef(const std::string& file, const std::string& definition,
-                          const std::string& from) {
+    void KeepDeprecated(bool keep) { mKeepDeprecated = keep; }
+
+    // A reference to a resource definition (a type's main definition, in its
+    // unversioned or a versioned file, of any type including the described
+    // one) or the generic reference is a link: an object holding
+    // "@odata.id". Only the chain that leads to the described definition
+    // itself is followed, never a link inside it.
+    static bool IsLinkRef(const std::string& file, const std::string& definition) {
         if (Stem(file) == "odata-v4" && definition == "idRef") return true;
-        return Stem(file) == definition && Stem(file) != Stem(from);
+        return Stem(file) == definition;
     }
 
     // Links are read-only unless the property says otherwise.
@@ -163,7 +171,10 @@ public:
         return p;
     }
 
-    bool Describe(const json& node, const std::string& file, unsigned depth, Prop& out) {
+    // `root`: `node` is the described definition or on the chain of
+    // references that leads to it, not a property inside it.
+    bool Describe(const json& node, const std::string& file, unsigned depth, Prop& out,
+                  bool root = false) {
         if (depth > kMaxDepth) {
             Warn("nesting deeper than " + std::to_string(kMaxDepth) + " in " + file);
             return false;
@@ -173,7 +184,7 @@ public:
             std::string refFile, definition;
             const std::string ref = node["$ref"].get<std::string>();
             const json* target = Resolve(ref, file, refFile, definition);
-            if (IsLinkRef(refFile, definition, file)) {
+            if (!root && IsLinkRef(refFile, definition)) {
                 out = Link();
             } else if (target == nullptr) {
                 // Unknown shape: an object without members, which no client
@@ -185,7 +196,7 @@ public:
                 out.types.insert('o');
             } else {
                 mExpanding.insert(ref);
-                const bool ok = Describe(*target, refFile, depth + 1, out);
+                const bool ok = Describe(*target, refFile, depth + 1, out, root);
                 mExpanding.erase(ref);
                 if (!ok) return false;
             }
@@ -202,14 +213,17 @@ public:
                 if (option.contains("$ref") && option["$ref"].is_string()) {
                     std::string f, d;
                     const std::string ref = option["$ref"].get<std::string>();
-                    if (Resolve(ref, file, f, d) != nullptr || IsLinkRef(f, d, file)) {
+                    const bool found = Resolve(ref, file, f, d) != nullptr;
+                    // The described definition itself is never the generic link.
+                    if (root && Stem(f) == "odata-v4") continue;
+                    if (found || (!root && IsLinkRef(f, d))) {
                         if (!(chosen != nullptr && Stem(f) == "odata-v4")) chosen = &option;
                     }
                 } else {
                     chosen = &option;
                 }
             }
-            if (chosen != nullptr && !Describe(*chosen, file, depth + 1, out)) return false;
+            if (chosen != nullptr && !Describe(*chosen, file, depth + 1, out, root)) return false;
             if (nullable) out.types.insert('n');
         }
         if (node.contains("readonly") && node["readonly"].is_boolean()) {
@@ -285,7 +299,7 @@ private:
         }
     }
 
-    static void _Limits(const json& node, Prop& out) {
+    void _Limits(const json& node, Prop& out) const {
         auto number = [&](const char* key, bool& has, double& value) {
             if (node.contains(key) && node[key].is_number()) {
                 has = true;
@@ -300,8 +314,16 @@ private:
         number("maxItems", out.hasMax, out.max);
         if (node.contains("enum") && node["enum"].is_array()) {
             out.enums.clear();
+            // A deprecated value is one a client should no longer send.
+            const json* deprecated = nullptr;
+            if (!mKeepDeprecated && node.contains("enumDeprecated") &&
+                node["enumDeprecated"].is_object()) {
+                deprecated = &node["enumDeprecated"];
+            }
             for (const json& e : node["enum"]) {
-                if (e.is_string()) out.enums.push_back(e.get<std::string>());
+                if (!e.is_string()) continue;
+                const std::string value = e.get<std::string>();
+                if (deprecated == nullptr || !deprecated->contains(value)) out.enums.push_back(value);
             }
         }
         if (node.contains("pattern") && node["pattern"].is_string()) {
@@ -314,11 +336,90 @@ private:
     std::string mDir;
     std::map<std::string, std::unique_ptr<json>> mFiles;
     std::set<std::string> mExpanding;
+    bool mKeepDeprecated = false;
 };
+
+// ---------------------------------------------------------------------------
+// Narrowing: the author's keep list
+// ---------------------------------------------------------------------------
+
+// What the plug-in accepts, by template JPath ("/Boot/BootOrder/{}"): the
+// writable properties to keep, each with an attribute string that replaces
+// the generated one ("" keeps the generated one).
+struct KeepList {
+    bool given = false;
+    std::map<std::string, std::string> entries;
+    bool actionsListed = false;  // an entry under /Actions restricts the actions
+};
+
+// One entry per line: a JPath, then optionally blanks and an attribute
+// string. Blank lines and lines whose first character is "#" are comments.
+bool ReadKeepList(const std::string& path, KeepList& keep) {
+    std::ifstream in(path);
+    if (!in) {
+        Warn("cannot read keep list " + path + " (option -k)");
+        return false;
+    }
+    keep.given = true;
+    std::string line;
+    for (unsigned n = 1; std::getline(in, line); ++n) {
+        const size_t start = line.find_first_not_of(" \t\r");
+        if (start == std::string::npos || line[start] == '#') continue;
+        const size_t end = line.find_first_of(" \t\r", start);
+        const std::string jpath = line.substr(start, end - start);
+        std::string attr;
+        if (end != std::string::npos) {
+            const size_t a = line.find_first_not_of(" \t\r", end);
+            if (a != std::string::npos) attr = line.substr(a, line.find_last_not_of(" \t\r") + 1 - a);
+        }
+        if (jpath.size() < 2 || jpath[0] != '/' || jpath.back() == '/') {
+            Warn(path + ":" + std::to_string(n) + ": [" + jpath + "] is not a template JPath");
+            return false;
+        }
+        keep.entries[jpath] = attr;
+        if (jpath.compare(0, 9, "/Actions/") == 0) keep.actionsListed = true;
+    }
+    return true;
+}
+
+void CollectPaths(const Prop& p, const std::string& path, std::set<std::string>& paths) {
+    paths.insert(path);
+    for (const auto& child : p.children) CollectPaths(child.second, path + "/" + child.first, paths);
+    if (p.item != nullptr) CollectPaths(*p.item, path + "/{}", paths);
+}
+
+bool HasKeptBelow(const KeepList& keep, const std::string& path) {
+    auto it = keep.entries.lower_bound(path + "/");
+    return it != keep.entries.end() && it->first.compare(0, path.size() + 1, path + "/") == 0;
+}
+
+// Makes what the keep list does not name read-only (and drops actions it
+// does not name, once it names one). False: drop `p` from its parent.
+bool Narrow(Prop& p, const std::string& path, const KeepList& keep, bool inActions) {
+    if (keep.entries.count(path) != 0) return true;
+    if (!path.empty() && !HasKeptBelow(keep, path)) {
+        if (inActions) return !keep.actionsListed;
+        p.readonly = true;
+        return true;
+    }
+    for (auto it = p.children.begin(); it != p.children.end();) {
+        const bool actions = inActions || path == "/Actions";
+        if (Narrow(it->second, path + "/" + it->first, keep, actions)) {
+            ++it;
+        } else {
+            it = p.children.erase(it);
+        }
+    }
+    if (p.item != nullptr) Narrow(*p.item, path + "/{}", keep, inActions);
+    return true;
+}
 
 // ---------------------------------------------------------------------------
 // Writing
 // ---------------------------------------------------------------------------
+
+// Attribute strings the keep list gives instead of the generated ones.
+const std::map<std::string, std::string>* gOverrides = nullptr;
 
 enum class Mode { Normal, ReadOnly, Action };
 
@@ -350,7 +451,11 @@ std::string Methods(const Prop& p, Mode mode) {
     return m;
 }
 
-std::string Attr(const std::string& name, const Prop& p, Mode mode) {
+std::string Attr(const std::string& name, const Prop& p, Mode mode, const std::string& path) {
+    if (gOverrides != nullptr) {
+        auto it = gOverrides->find(path);
+        if (it != gOverrides->end() && !it->second.empty()) return it->second;
+    }
     static const char kOrder[] = "SbusfoaiN";
     std::string types;
     for (const char* c = kOrder; *c != '\0'; ++c) {
@@ -387,32 +492,32 @@ std::string Attr(const std::string& name, const Prop& p, Mode mode) {
 }
 
 void WriteEntries(std::ostream& out, const std::vector<std::pair<std::string, Prop>>& members,
-                  Mode mode, unsigned indent);
+                  Mode mode, unsigned indent, const std::string& parent);
 
 // The block that follows an entry or an item: members of an object, or the
 // item of an array.
 void WriteBlock(std::ostream& out, const std::string& name, const Prop& p, Mode mode,
-                unsigned indent) {
+                unsigned indent, const std::string& path) {
     const std::string pad(indent * 2, ' ');
     if (p.types.count('a') != 0) {
         if (p.item == nullptr) {
             out << " [ ]";
             return;
         }
-        out << " [ '" << Attr(name, *p.item, mode) << "'";
-        WriteBlock(out, name, *p.item, mode, indent);
+        out << " [ '" << Attr(name, *p.item, mode, path + "/{}") << "'";
+        WriteBlock(out, name, *p.item, mode, indent, path + "/{}");
         out << " ]";
         return;
     }
     if (p.types.count('o') != 0 && !p.children.empty()) {
         out << " {\n";
-        WriteEntries(out, p.children, mode, indent + 1);
+        WriteEntries(out, p.children, mode, indent + 1, path);
         out << "\n" << pad << "}";
     }
 }
 
 void WriteEntries(std::ostream& out, const std::vector<std::pair<std::string, Prop>>& members,
-                  Mode mode, unsigned indent) {
+                  Mode mode, unsigned indent, const std::string& parent) {
     const std::string pad(indent * 2, ' ');
     bool first = true;
     for (const auto& member : members) {
@@ -423,24 +528,58 @@ void WriteEntries(std::ostream& out, const std::vector<std::pair<std::string, Pr
         if (!first) out << ",\n";
         first = false;
         // The actions object takes the actions, whose parameters follow.
+        const std::string path = parent + "/" + member.first;
         const std::string attr = member.first == "Actions" && mode == Mode::Normal
                                      ? "o@a@@"
-                                     : Attr(member.first, p, childMode);
+                                     : Attr(member.first, p, childMode, path);
         out << pad << "'" << member.first << "':'" << attr << "'";
-        WriteBlock(out, member.first, p, childMode, indent);
+        WriteBlock(out, member.first, p, childMode, indent, path);
     }
 }
 
-void Usage() {
-    std::cerr << "usage: orbel-template [-d DIR] [-t DEFINITION] [-o OUT] SCHEMA.json\n";
+const char kUsage[] =
+    "usage: orbel-template [-d DIR] [-t DEFINITION] [-k KEEP] [-D] [-o OUT] SCHEMA.json\n";
+
+void Usage() { std::cerr << kUsage; }
+
+void Help() {
+    std::cout << kUsage
+              << "\n"
+                 "Writes a user-input template from a Redfish JSON schema.\n"
+                 "\n"
+                 "Options:\n"
+                 "  -d DIR         directory of the files the schema's $refs name\n"
+                 "                 (default: the schema file's directory)\n"
+                 "  -t DEFINITION  the definition to describe (default: the one the file's\n"
+                 "                 $ref names; for an unversioned file its newest version)\n"
+                 "  -k KEEP        narrow the template: KEEP lists the writable properties\n"
+                 "                 the plug-in accepts, one template JPath a line, each\n"
+                 "                 optionally followed by an attribute string replacing\n"
+                 "                 the generated one; every other property is read-only.\n"
+                 "                 Entries under /Actions/ keep only the actions named.\n"
+                 "  -D             keep enum values that the schema marks deprecated\n"
+                 "  -o OUT         write the template to OUT (default: standard output)\n"
+                 "  -h             print this help\n"
+                 "\n"
+                 "Example:\n"
+                 "  cat > chassis.keep <<'EOF'\n"
+                 "  /AssetTag\n"
+                 "  /IndicatorLED  S@p@@e:Lit,Off\n"
+                 "  /Actions/#Chassis.Reset\n"
+                 "  EOF\n"
+                 "  orbel-template -d json-schema -k chassis.keep -o Chassis.dat \\\n"
+                 "      json-schema/Chassis.v1_28_0.json\n"
+                 "\n"
+                 "Exit status: 0 written, 1 the schema or keep list could not be used, 2 usage.\n";
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string dir, definition, outPath;
+    std::string dir, definition, outPath, keepPath;
+    bool keepDeprecated = false;
     int opt;
-    while ((opt = getopt(argc, argv, "d:t:o:h")) != -1) {
+    while ((opt = getopt(argc, argv, "d:t:o:k:Dh")) != -1) {
         switch (opt) {
             case 'd':
                 dir = optarg;
@@ -451,6 +590,15 @@ int main(int argc, char** argv) {
             case 'o':
                 outPath = optarg;
                 break;
+            case 'k':
+                keepPath = optarg;
+                break;
+            case 'D':
+                keepDeprecated = true;
+                break;
+            case 'h':
+                Help();
+                return 0;
             default:
                 Usage();
                 return 2;
@@ -465,7 +613,11 @@ int main(int argc, char** argv) {
     const std::string file = slash == std::string::npos ? schemaPath : schemaPath.substr(slash + 1);
     if (dir.empty()) dir = slash == std::string::npos ? "." : schemaPath.substr(0, slash);
 
+    KeepList keep;
+    if (!keepPath.empty() && !ReadKeepList(keepPath, keep)) return 1;
+
     Generator gen(dir);
+    gen.KeepDeprecated(keepDeprecated);
     const json* doc = gen.File(file);
     if (doc == nullptr) {
         std::cerr << "orbel-template: cannot read JSON schema " << dir << "/" << file << "\n";
@@ -488,14 +640,27 @@ int main(int argc, char** argv) {
     }
     // An unversioned schema's definition lists its versions: the newest present.
     Prop top;
-    if (!gen.Describe(*root, rootFile, 0, top) || top.children.empty()) {
+    if (!gen.Describe(*root, rootFile, 0, top, true) || top.children.empty()) {
         std::cerr << "orbel-template: " << ref << " describes no properties\n";
         return 1;
+    }
+    if (keep.given) {
+        std::set<std::string> paths;
+        CollectPaths(top, "", paths);
+        for (const auto& entry : keep.entries) {
+            if (paths.count(entry.first) == 0) {
+                std::cerr << "orbel-template: " << keepPath << ": " << rootName
+                          << " has no property " << entry.first << "\n";
+                return 1;
+            }
+        }
+        Narrow(top, "", keep, false);
+        gOverrides = &keep.entries;
     }
 
     std::ostringstream text;
     text << "{\n";
-    WriteEntries(text, top.children, Mode::Normal, 1);
+    WriteEntries(text, top.children, Mode::Normal, 1, "");
     text << "\n}\n";
 
     Orbel::ZUserInputTemplate::sParsed parsed;

@@ -17,6 +17,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "StoreTreeReader.h"
 #include "ZApplication.h"
 
 namespace fs = std::filesystem;
@@ -168,6 +169,11 @@ bool Service::Start(std::string* why) {
     const std::string templates = mSysroot + "/var/PellPlugin/UserInputTemplate";
     fs::create_directories(templates, ec);
     if (!mConfig.templateDir.empty()) {
+        // A wrong directory would show only as every write answered 500.
+        if (!fs::is_directory(mConfig.templateDir, ec)) {
+            return fail("sConfig::templateDir " + mConfig.templateDir +
+                        " is not a directory (the plug-in's *.dat templates)");
+        }
         for (const auto& entry : fs::directory_iterator(mConfig.templateDir, ec)) {
             if (entry.path().extension() == ".dat") {
                 fs::copy_file(entry.path(), templates + "/" + entry.path().filename().string(),
@@ -188,23 +194,7 @@ bool Service::Start(std::string* why) {
     }
 
     // The plug-in.
-    std::map<std::string, std::string> env = mConfig.env;
-    env["ORBEL_SYSROOT"] = mSysroot;
-    if (mConfig.pluginMain) {
-        for (const auto& kv : env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
-        std::vector<std::string> args = {mConfig.appName};
-        args.insert(args.end(), mConfig.pluginArgs.begin(), mConfig.pluginArgs.end());
-        mInProcess = std::thread([this, args]() mutable {
-            std::vector<char*> argv;
-            for (std::string& a : args) argv.push_back(&a[0]);
-            argv.push_back(nullptr);
-            mInProcessResult = mConfig.pluginMain(static_cast<int>(args.size()), argv.data());
-        });
-    } else {
-        std::vector<std::string> argv = {mConfig.pluginPath};
-        argv.insert(argv.end(), mConfig.pluginArgs.begin(), mConfig.pluginArgs.end());
-        if (!_Spawn(mPlugin, argv, env, "plugin")) return fail("cannot start " + mConfig.pluginPath);
-    }
+    if (!_StartPlugin(nullptr)) return fail("cannot start " + mConfig.pluginPath);
 
     // The front end, which reports itself ready to the plug-in.
     const std::string front = FindBeside("ORBEL_TESTKIT_FRONTEND", "bin/orbel-frontend");
@@ -214,7 +204,8 @@ bool Service::Start(std::string* why) {
     const std::string users = mSysroot + "/frontend-users";
     {
         std::ofstream file(users);
-        for (const sUser& u : mConfig.users) file << u.name << ':' << u.password << ':' << u.role << '\n';
+        for (const sUser& u : mConfig.users)
+            file << u.name << ':' << u.password << ':' << u.role << '\n';
     }
     std::vector<std::string> argv = {front, "--users", users, "--port", "0", "--quiet"};
     if (!registries.empty()) argv.insert(argv.end(), {"--registries", registries});
@@ -239,22 +230,87 @@ bool Service::Start(std::string* why) {
     return true;
 }
 
-int Service::Stop() {
-    if (!mStarted) return 0;
-    mStarted = false;
-    if (mFront.pid > 0) kill(mFront.pid, SIGTERM);
-    _Reap(mFront, mConfig.timeoutMs);
-    int result = 0;
+bool Service::_StartPlugin(std::string* why) {
+    std::map<std::string, std::string> env = mConfig.env;
+    env["ORBEL_SYSROOT"] = mSysroot;
+    if (mConfig.pluginMain) {
+        for (const auto& kv : env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+        std::vector<std::string> args = {mConfig.appName};
+        args.insert(args.end(), mConfig.pluginArgs.begin(), mConfig.pluginArgs.end());
+        mInProcess = std::thread([this, args]() mutable {
+            std::vector<char*> argv;
+            for (std::string& a : args) argv.push_back(&a[0]);
+            argv.push_back(nullptr);
+            mInProcessResult = mConfig.pluginMain(static_cast<int>(args.size()), argv.data());
+        });
+        return true;
+    }
+    std::vector<std::string> argv = {mConfig.pluginPath};
+    argv.insert(argv.end(), mConfig.pluginArgs.begin(), mConfig.pluginArgs.end());
+    if (_Spawn(mPlugin, argv, env, "plugin")) return true;
+    if (why != nullptr) *why = "cannot start " + mConfig.pluginPath;
+    return false;
+}
+
+int Service::_StopPlugin() {
     if (mInProcess.joinable()) {
         // Exec returns once told to exit; it may still be starting up.
         WaitUntil(mConfig.timeoutMs, []() { return Orbel::zApp != nullptr; });
         if (Orbel::zApp != nullptr) Orbel::zApp->Exit();
         mInProcess.join();
-        result = mInProcessResult;
-    } else {
-        if (mPlugin.pid > 0) kill(mPlugin.pid, SIGTERM);
-        result = _Reap(mPlugin, mConfig.timeoutMs);
+        return mInProcessResult;
     }
+    if (mPlugin.pid > 0) kill(mPlugin.pid, SIGTERM);
+    return _Reap(mPlugin, mConfig.timeoutMs);
+}
+
+bool Service::Reset(std::string* why) {
+    if (!mStarted) {
+        if (why != nullptr) *why = "the service is not started";
+        return false;
+    }
+    _StopPlugin();
+    redisContext* c = redisConnectUnix(SocketPath().c_str());
+    bool flushed = false;
+    if (c != nullptr && c->err == 0) {
+        auto* reply = static_cast<redisReply*>(redisCommand(c, "FLUSHALL"));
+        flushed = reply != nullptr && reply->type == REDIS_REPLY_STATUS;
+        if (reply != nullptr) freeReplyObject(reply);
+    }
+    if (c != nullptr) redisFree(c);
+    const std::string readyFile = mSysroot + "/tmp/Redfish/" + mConfig.appName + ".run";
+    std::error_code ec;
+    fs::remove(readyFile, ec);
+    if (!flushed || !_StartPlugin(why)) {
+        if (why != nullptr && why->empty()) *why = "cannot empty the store";
+        return false;
+    }
+    if (!WaitUntil(mConfig.timeoutMs, [&readyFile]() { return fs::exists(readyFile); })) {
+        if (why != nullptr) {
+            *why = "the plug-in did not become ready again (no " + readyFile + ")\n" +
+                   Output("plugin");
+        }
+        return false;
+    }
+    return true;
+}
+
+nlohmann::json Service::Stored(const std::string& jpath) const {
+    redisContext* c = redisConnectUnix(SocketPath().c_str());
+    std::string text;
+    const bool ok = c != nullptr && c->err == 0 && Orbel::ReadStoreTree(c, jpath, text);
+    if (c != nullptr) redisFree(c);
+    if (!ok) return nullptr;
+    nlohmann::json doc = nlohmann::json::parse(text, nullptr, false);
+    return doc.is_discarded() ? nlohmann::json() : doc;
+}
+
+int Service::Stop() {
+    if (!mStarted) return 0;
+    mStarted = false;
+    if (mFront.pid > 0) kill(mFront.pid, SIGTERM);
+    _Reap(mFront, mConfig.timeoutMs);
+    const int result = _StopPlugin();
     if (mRedis.pid > 0) kill(mRedis.pid, SIGTERM);
     _Reap(mRedis, mConfig.timeoutMs);
     std::error_code ec;
@@ -264,20 +320,39 @@ int Service::Stop() {
 
 sResponse Service::_Send(const std::string& method, const std::string& path,
                          const std::string& body, const std::string& user) {
+    sRequest request;
+    request.method = method;
+    request.path = path;
+    request.body = body;
+    request.user = user;
+    return Send(request);
+}
+
+sResponse Service::Send(const sRequest& request) {
     sResponse r;
     if (mPort == 0) return r;
     httplib::Client client(mHost, mPort);
     const int seconds = mConfig.timeoutMs / 1000 + 1;
     client.set_read_timeout(seconds, 0);
     client.set_write_timeout(seconds, 0);
+    httplib::Request req;
+    req.method = request.method;
+    req.path = request.path;
+    for (const auto& h : request.headers) req.headers.emplace(h.first, h.second);
     for (const sUser& u : mConfig.users) {
-        if (u.name == user) client.set_basic_auth(u.name, u.password);
+        if (!request.user.empty() && u.name == request.user && !req.has_header("Authorization")) {
+            req.headers.emplace(
+                "Authorization",
+                httplib::make_basic_authentication_header(u.name, u.password).second);
+        }
     }
-    const char* type = "application/json";
-    httplib::Result res = method == "GET"     ? client.Get(path)
-                          : method == "PATCH" ? client.Patch(path, body, type)
-                          : method == "POST"  ? client.Post(path, body, type)
-                                              : client.Delete(path);
+    if (!request.body.empty()) {
+        req.body = request.body;
+        if (!request.contentType.empty() && !req.has_header("Content-Type")) {
+            req.headers.emplace("Content-Type", request.contentType);
+        }
+    }
+    httplib::Result res = client.send(req);
     if (!res) return r;
     r.status = res->status;
     for (const auto& h : res->headers) r.headers[h.first] = h.second;
@@ -306,12 +381,38 @@ sResponse Service::Action(const std::string& resource, const std::string& action
     return Post(resource + "/Actions/" + action, params, user);
 }
 
+sResponse Service::Login(const std::string& user, std::string* token) {
+    std::string password;
+    for (const sUser& u : mConfig.users) {
+        if (u.name == user) password = u.password;
+    }
+    sRequest request;
+    request.method = "POST";
+    request.path = "/redfish/v1/SessionService/Sessions";
+    request.body = nlohmann::json{{"UserName", user}, {"Password", password}}.dump();
+    request.user.clear();
+    sResponse r = Send(request);
+    if (token != nullptr) *token = r.status == 201 ? r.Header("X-Auth-Token") : std::string();
+    return r;
+}
+
 sResponse Service::WaitTask(const std::string& monitor, const std::string& user) {
+    // A monitor answers 202 while the task runs; a front end that serves the
+    // Task itself instead answers 200 with a state that is not final yet.
+    const auto running = [](const sResponse& r) {
+        if (r.status == 202) return true;
+        if (r.status != 200 || !r.body.is_object() || !r.body.contains("TaskState")) return false;
+        const std::string state =
+            r.body["TaskState"].is_string() ? r.body["TaskState"].get<std::string>() : "";
+        return state == "New" || state == "Starting" || state == "Running" || state == "Pending" ||
+               state == "Stopping" || state == "Suspended" || state == "Service" ||
+               state == "Cancelling";
+    };
     sResponse r = Get(monitor, user);
     WaitUntil(mConfig.timeoutMs, [&]() {
-        if (r.status != 202) return true;
+        if (!running(r)) return true;
         r = Get(monitor, user);
-        return r.status != 202;
+        return !running(r);
     });
     return r;
 }

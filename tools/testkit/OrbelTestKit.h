@@ -7,8 +7,12 @@
 // 127.0.0.1; the plug-in's templates are installed where it loads them, and
 // the simulated platform lives in the sysroot. Get/Patch/Post/Delete/Action
 // then send real HTTP requests and return the status, the headers and the
-// parsed JSON body. PluginTest<Derived> wraps one Service per test suite for
-// GoogleTest. docs/plugin-guide.md ("Testing a plug-in") shows a whole test.
+// parsed JSON body; Send takes any method, headers and raw body. Stored reads
+// a document from the store as the front end assembles it; Reset brings the
+// store back to the plug-in's start state. PluginTest<Derived> wraps one
+// Service per test suite, or one per test (sConfig::freshServicePerTest),
+// for GoogleTest. docs/plugin-guide.md ("Testing a plug-in") shows a whole
+// test.
 //
 // Programs: orbel-frontend and its registries are found beside the installed
 // kit (<prefix>/bin, <prefix>/share/PellCommon_Orbel/registries), or where
@@ -43,6 +47,18 @@ struct sResponse {
     std::string Header(const std::string& name) const;
 };
 
+// One request as a client sends it: any method (HEAD included), any
+// headers (If-Match, If-None-Match, X-Auth-Token, ...), and the body as raw
+// bytes, malformed JSON included.
+struct sRequest {
+    std::string method = "GET";
+    std::string path;
+    std::map<std::string, std::string> headers;
+    std::string body;                            // sent as it is ("" sends none)
+    std::string contentType = "application/json";  // with a body; "" sends none
+    std::string user = "admin";                  // Basic credentials; "" sends none
+};
+
 struct sUser {
     std::string name;
     std::string password;
@@ -70,6 +86,9 @@ struct sConfig {
                                 {"operator", "operator-pw", "Operator"},
                                 {"readonly", "readonly-pw", "ReadOnly"}};
     int timeoutMs = 20000;  // for each start step and each request
+    // PluginTest: a new Service (store, plug-in, front end) for every test
+    // instead of one per suite, so no test sees another's changes.
+    bool freshServicePerTest = false;
 };
 
 class Service {
@@ -95,6 +114,24 @@ public:
     // What a child wrote so far ("redis", "plugin" or "frontend").
     std::string Output(const std::string& child) const;
 
+    // The plug-in stopped, the store emptied and the plug-in started again:
+    // the state a test starts from, without a new front end or store
+    // process. False with `*why` when the plug-in does not come back.
+    bool Reset(std::string* why = nullptr);
+
+    // The document stored under `jpath` as the front end assembles it
+    // (links followed, "&&" fields left out); null when there is none.
+    nlohmann::json Stored(const std::string& jpath) const;
+
+    // Any request (see sRequest).
+    sResponse Send(const sRequest& request);
+    // Logs in through the front end's session service (POST
+    // /redfish/v1/SessionService/Sessions) as a user of the configuration;
+    // the answer's X-Auth-Token is `*token` ("" when the front end serves no
+    // sessions). Send it back with headers {{"X-Auth-Token", token}} and
+    // user "".
+    sResponse Login(const std::string& user, std::string* token);
+
     // One request as `user` ("" sends none). Bodies are JSON.
     sResponse Get(const std::string& path, const std::string& user = "admin");
     sResponse Patch(const std::string& path, const nlohmann::json& body,
@@ -106,7 +143,8 @@ public:
     sResponse Action(const std::string& resource, const std::string& action,
                      const nlohmann::json& params = nlohmann::json::object(),
                      const std::string& user = "admin");
-    // Reads a task monitor until it stops answering 202 (or the time-out);
+    // Reads a task monitor until it stops answering 202 and, when it
+    // answers with a Task, until its TaskState is final (or the time-out);
     // the last answer.
     sResponse WaitTask(const std::string& monitor, const std::string& user = "admin");
 
@@ -117,6 +155,8 @@ private:
     };
     sResponse _Send(const std::string& method, const std::string& path, const std::string& body,
                     const std::string& user);
+    bool _StartPlugin(std::string* why);
+    int _StopPlugin();
     bool _Spawn(sChild& child, const std::vector<std::string>& argv,
                 const std::map<std::string, std::string>& env, const std::string& name);
     static int _Reap(sChild& child, int timeoutMs);
@@ -138,6 +178,20 @@ template <class Derived>
 class PluginTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
+        if (!Derived::KitConfig().freshServicePerTest) _StartService();
+    }
+    static void TearDownTestSuite() { _StopService(); }
+    void SetUp() override {
+        if (Derived::KitConfig().freshServicePerTest) _StartService();
+        ASSERT_NE(sService, nullptr) << "the plug-in's service did not start: " << sStartFailure;
+    }
+    void TearDown() override {
+        if (Derived::KitConfig().freshServicePerTest) _StopService();
+    }
+    static Service& Kit() { return *sService; }
+
+private:
+    static void _StartService() {
         sService = new Service(Derived::KitConfig());
         std::string why;
         if (!sService->Start(&why)) {
@@ -146,16 +200,10 @@ protected:
             sService = nullptr;
         }
     }
-    static void TearDownTestSuite() {
+    static void _StopService() {
         delete sService;
         sService = nullptr;
     }
-    void SetUp() override {
-        ASSERT_NE(sService, nullptr) << "the plug-in's service did not start: " << sStartFailure;
-    }
-    static Service& Kit() { return *sService; }
-
-private:
     static Service* sService;
     static std::string sStartFailure;
 };

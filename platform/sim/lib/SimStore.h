@@ -28,6 +28,7 @@
 
 #include <ctime>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "vex.h"
@@ -92,6 +93,15 @@ struct VexEntry {
 };
 // Every variable as a get would see it, sorted by name.
 std::vector<VexEntry> VexList();
+
+// The development host's table of VEX applications beyond the library's
+// own: one file per name under etc/vex/apps/, holding "code=0x<8 hex>".
+// Persistent, since it stands for the controller's configuration.
+std::string VexAppTableDir();
+bool VexAppAdd(const std::string& name, unsigned int code);
+bool VexAppLookup(const char* name, unsigned int& code);
+bool VexAppRemove(const std::string& name);
+std::vector<std::pair<std::string, unsigned int>> VexAppList();
 
 // Sends one datagram (kind byte, name, NUL, payload) to every event socket.
 // Returns false for an invalid name or a payload over kMaxEventPayload.

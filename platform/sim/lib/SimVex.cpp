@@ -70,6 +70,50 @@ std::vector<VexEntry> VexList() {
     return out;
 }
 
+std::string VexAppTableDir() {
+    return SysrootPath("/etc/vex/apps");
+}
+
+bool VexAppAdd(const std::string& name, unsigned int code) {
+    if (code == 0 || !IsValidName(name.c_str())) return false;
+    char text[32];
+    std::snprintf(text, sizeof(text), "code=0x%08x\n", code);
+    return WriteFileAtomic(VexAppTableDir() + "/" + name, text);
+}
+
+bool VexAppRemove(const std::string& name) {
+    if (!IsValidName(name.c_str())) return false;
+    return unlink((VexAppTableDir() + "/" + name).c_str()) == 0;
+}
+
+namespace {
+
+bool VexAppRead(const std::string& name, unsigned int& code) {
+    std::string text;
+    if (!IsValidName(name.c_str()) || !ReadRegularFile(VexAppTableDir() + "/" + name, text)) {
+        return false;
+    }
+    unsigned int value = 0;
+    if (std::sscanf(text.c_str(), "code=0x%x", &value) != 1 || value == 0) return false;
+    code = value;
+    return true;
+}
+
+}  // namespace
+
+std::vector<std::pair<std::string, unsigned int>> VexAppList() {
+    std::vector<std::pair<std::string, unsigned int>> out;
+    for (const std::string& name : ListNames(VexAppTableDir())) {
+        unsigned int code = 0;
+        if (VexAppRead(name, code)) out.emplace_back(name, code);
+    }
+    return out;
+}
+
+bool VexAppLookup(const char* name, unsigned int& code) {
+    return name != nullptr && VexAppRead(name, code);
+}
+
 }  // namespace OrbelSim
 
 using OrbelSim::VexRead;
@@ -83,6 +127,13 @@ int vex_init(const char* appName, unsigned int appCode) {
     std::snprintf(text, sizeof(text), "pid=%ld\ncode=0x%08x\n", static_cast<long>(getpid()),
                   appCode);
     return OrbelSim::WriteFileAtomic(OrbelSim::VexAppsDir() + "/" + appName, text) ? 1 : 0;
+}
+
+int vex_app_code(const char* appName, unsigned int* appCode) {
+    unsigned int code = 0;
+    if (appCode == nullptr || !OrbelSim::VexAppLookup(appName, code)) return 0;
+    *appCode = code;
+    return 1;
 }
 
 int vex_config_get_bool(const char* name, int* value) {

@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -37,6 +39,10 @@ const char kUsage[] =
     "  vex set NAME VALUE [--persist]  set a VEX variable (volatile unless --persist);\n"
     "                                  a bool one (nginx_redfish_ready) takes true|false|1|0\n"
     "  vex list                        list VEX variables: name, persist|volatile, value\n"
+    "  vex app add NAME [CODE]         register a plug-in's application name with VEX\n"
+    "                                  (CODE: 0x and 8 hex digits; default from the name)\n"
+    "  vex app remove NAME             forget a registered application name\n"
+    "  vex app list                    list registered application names and codes\n"
     "  event raise NAME [PAYLOAD]      raise a VEX event in every listening process\n"
     "  koba get NAME                   print a KOBA variable\n"
     "  koba set NAME b|s|u|S VALUE     set a KOBA bool, signed, unsigned or string variable\n"
@@ -164,6 +170,45 @@ int VexList() {
                     Escaped(entry.value).c_str());
     }
     return kExitOk;
+}
+
+// A code for a name without one: its FNV-1a hash, never 0.
+unsigned int CodeOfName(const std::string& name) {
+    uint32_t h = 2166136261u;
+    for (unsigned char c : name) h = (h ^ c) * 16777619u;
+    return h != 0 ? h : 1;
+}
+
+int VexApp(const std::vector<std::string>& a) {
+    if (a.size() == 1 && a[0] == "list") {
+        for (const auto& app : OrbelSim::VexAppList()) {
+            std::printf("%s\t0x%08x\n", app.first.c_str(), app.second);
+        }
+        return kExitOk;
+    }
+    if (a.size() == 2 && a[0] == "remove") {
+        return OrbelSim::VexAppRemove(a[1])
+                   ? kExitOk
+                   : Complain(kExitFailed, "no registered application %s", a[1].c_str());
+    }
+    if ((a.size() == 2 || a.size() == 3) && a[0] == "add") {
+        unsigned int code = CodeOfName(a[1]);
+        if (a.size() == 3) {
+            char* end = nullptr;
+            const unsigned long v = std::strtoul(a[2].c_str(), &end, 16);
+            if (a[2].compare(0, 2, "0x") != 0 || *end != '\0' || v == 0 || v > 0xFFFFFFFFul) {
+                return Complain(kExitUsage, "'%s' is not a code (0x and up to 8 hex digits, not 0)",
+                                a[2].c_str());
+            }
+            code = static_cast<unsigned int>(v);
+        }
+        if (!OrbelSim::VexAppAdd(a[1], code)) {
+            return Complain(kExitFailed, "cannot register application %s", a[1].c_str());
+        }
+        std::printf("%s\t0x%08x\n", a[1].c_str(), code);
+        return kExitOk;
+    }
+    return Usage();
 }
 
 int EventRaise(const std::string& name, const std::string& payload) {
@@ -395,6 +440,7 @@ int Run(const std::vector<std::string>& a) {
         if (sub == "get" && n == 3) return VexGet(a[2]);
         if (sub == "set" && n >= 4) return VexSet(std::vector<std::string>(a.begin() + 2, a.end()));
         if (sub == "list" && n == 2) return VexList();
+        if (sub == "app" && n >= 3) return VexApp(std::vector<std::string>(a.begin() + 2, a.end()));
     } else if (cmd == "event") {
         if (sub == "raise" && (n == 3 || n == 4)) return EventRaise(a[2], n == 4 ? a[3] : "");
     } else if (cmd == "koba") {
