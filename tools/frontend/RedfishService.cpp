@@ -111,6 +111,8 @@ void RedfishService::_Serve(const httplib::Request& req, httplib::Response& res)
     } else if (call.uri.compare(0, 11, "/redfish/v1") != 0 ||
                (call.uri.size() > 11 && call.uri[11] != '/')) {
         _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
+    } else if (mEvents != nullptr && EventService::Owns(call.uri)) {
+        call.user.name = mEvents->Serve(req, res);
     } else if (req.target.find('?') != std::string::npos) {
         _Error(call, 400, "Base.1.12.QueryNotSupported");
     } else {
@@ -192,6 +194,7 @@ void RedfishService::_Read(sCall& call) {
         return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
     }
     if (!messages.empty()) doc["@Message.ExtendedInfo"] = messages;
+    if (mEvents != nullptr && call.uri == kServiceRoot) EventService::LinkFromRoot(&doc);
     const std::string etag = call.res.get_header_value("ETag");
     if (!etag.empty() && call.req.get_header_value("If-None-Match") == etag) {
         call.res.status = 304;

@@ -19,6 +19,7 @@
 #include <memory>
 #include <string>
 
+#include "EventService.h"
 #include "MessageRegistry.h"
 #include "StoreRequest.h"
 #include "TaskFollower.h"
@@ -39,6 +40,9 @@ public:
     RedfishService(sServiceConfig config, const UserTable& users, const MessageRegistry& registry);
     // Registers the handlers and limits on `server`.
     void Install(httplib::Server& server);
+    // Hands the EventService's URIs to `events` and links it from the root
+    // (before Install; `events` outlives the server).
+    void SetEventService(EventService* events) { mEvents = events; }
 
 private:
     struct sCall;  // one request's state (RedfishService.cpp)
@@ -58,6 +62,7 @@ private:
     // Follows "TASK_STATE_CHANGE" into the Task resources, from the
     // construction on.
     std::unique_ptr<TaskFollower> mTasks;
+    EventService* mEvents = nullptr;
 };
 
 }  // namespace OrbelFrontEnd

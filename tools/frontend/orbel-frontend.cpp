@@ -99,6 +99,17 @@ int main(int argc, char** argv) {
 
     httplib::Server server;
     OrbelFrontEnd::RedfishService service(config, users, registry);
+    OrbelFrontEnd::sEventConfig eventConfig;
+    eventConfig.socketPath = config.socketPath;
+    OrbelFrontEnd::EventService events(
+        eventConfig, registry, [&users](const httplib::Request& req, OrbelFrontEnd::sUser* user) {
+            return users.Authenticate(req.get_header_value("Authorization"), user);
+        });
+    if (!events.Start(&server, &error)) {
+        fprintf(stderr, "orbel-frontend: event service: %s\n", error.c_str());
+        return 1;
+    }
+    service.SetEventService(&events);
     service.Install(server);
     int bound = static_cast<int>(port);
     if (port == 0) {
@@ -123,6 +134,7 @@ int main(int argc, char** argv) {
     fflush(stdout);
     server.listen_after_bind();
     vex_config_set_bool("nginx_redfish_ready", 0, 0);
+    events.Stop();
     if (stopper.joinable()) {
         // listen ended without a signal (an error): wake the stopper.
         pthread_kill(stopper.native_handle(), SIGTERM);
