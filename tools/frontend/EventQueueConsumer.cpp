@@ -228,7 +228,15 @@ void EventQueueConsumer::_Run() {
         const std::string key = Text(r->element[1]);
         sQueuedPayload payload;
         std::vector<std::string> keys;
-        if (!Assemble(c, report, key, &payload, &keys)) {
+        bool assembled = false;
+        try {
+            assembled = Assemble(c, report, key, &payload, &keys);
+        } catch (const std::exception& e) {
+            // A tree the library did not write; it is dropped like one that
+            // is missing, and the thread goes on.
+            fprintf(stderr, "orbel-frontend: queued key[%s]: %s\n", key.c_str(), e.what());
+        }
+        if (!assembled) {
             fprintf(stderr, "orbel-frontend: queued %s[%s] has no stored tree, skipped\n",
                     report ? "metric report" : "event", key.c_str());
             continue;
@@ -300,7 +308,7 @@ bool EventQueueConsumer::Assemble(redisContext* c, bool metricReport, const std:
             facts.registryPrefix = facts.messageId.substr(0, facts.messageId.find('.'));
         }
         if (!walk.resourceType.empty()) facts.resourceTypes.push_back(walk.resourceType);
-        if (rec.contains("OriginOfCondition")) {
+        if (rec.contains("OriginOfCondition") && rec["OriginOfCondition"].is_object()) {
             facts.origin = rec["OriginOfCondition"].value("@odata.id", std::string());
             StoreReply t = StoreCommand(c, {"HGET", facts.origin, "@odata.type"});
             const nlohmann::json type = Value(t ? Text(t.get()) : std::string());

@@ -580,6 +580,7 @@ void EventService::_Member(sCall& call, const std::string& id, const std::string
         if (d->sse) return _Error(call, 400, "Base.1.12.ActionNotSupported", {kResume});
         std::lock_guard<std::mutex> dl(d->m);
         d->suspended = false;
+        d->cv.notify_all();
         call.res.status = 204;
         return;
     }
