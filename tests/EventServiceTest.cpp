@@ -341,6 +341,18 @@ TEST_F(EventServiceTest, SubmitTestEventAndRefusedRequests) {
     EXPECT_EQ(rec["Message"], "The task with Id '7' has started.");
     EXPECT_EQ(rec["OriginOfCondition"]["@odata.id"], "/redfish/v1/Systems/1");
 
+    // A metric report stored in the meta-key space and queued as a plug-in
+    // does: streamed as it is, its tree deleted.
+    Conn reports(mPort, Get("/redfish/v1/EventService/SSE?$filter=EventFormatType%20eq%20'MetricReport'"));
+    RawCommand({"HSET", "&&MR1", "Name", "\"Power\"", "&&Array MetricValues &&&&MR1/V", ""});
+    RawCommand({"RPUSH", "&&&&MR1/V", "\"12\""});
+    auto sha = RawCommand({"HGET", "redisSHAScripts", "enqueueMetricReport"});
+    EXPECT_EQ(RawCommand({"EVALSHA", sha->str, "1", "&&MR1"})->integer, 1);
+    ASSERT_TRUE(reports.WaitEvents(1));
+    EXPECT_EQ(reports.Events()[0].second["MetricValues"], json::array({"12"}));
+    EXPECT_FALSE(Exists("&&MR1") || Exists("&&&&MR1/V"));
+    EXPECT_EQ(a.Events().size(), 1u);
+
     const struct {
         const char* method;
         const char* path;

@@ -332,7 +332,10 @@ void EventService::Publish(sQueuedPayload&& payload) {
     // start time), so an old "Last-Event-ID" never names a newer payload.
     if (mSeq == 0) mSeq = static_cast<uint64_t>(time(nullptr)) << 20;
     p->seq = ++mSeq;
-    p->payload.doc["Id"] = std::to_string(p->seq);
+    // An event is named by its number; a report keeps an Id of its own.
+    if (!p->payload.metricReport || !p->payload.doc.contains("Id")) {
+        p->payload.doc["Id"] = std::to_string(p->seq);
+    }
     p->text = Dump(p->payload.doc);
     for (const auto& r : p->payload.records) {
         for (const auto& t : r.resourceTypes) mResourceTypes[t] = true;
@@ -461,7 +464,6 @@ nlohmann::json EventService::_ServiceDoc() {
         {"ServerSentEventUri", kSSE},
         {"SSEFilterPropertiesSupported",
          {{"EventFormatType", true},
-          {"EventType", true},
           {"MessageId", true},
           {"MetricReportDefinition", true},
           {"OriginResource", true},
