@@ -188,6 +188,9 @@ struct EventService::sDestination {
     std::string context;  // guarded by m
     // Push subscriptions.
     std::string destination;  // "http://127.0.0.1:<port>/<path>"
+    std::string host;         // its parts: "127.0.0.1", "localhost" or "::1"
+    int port = 80;
+    std::string path = "/";
     std::string format = "Event";
     std::string policy = "TerminateAfterRetries";
     std::set<std::string> prefixes, messageIds, resourceTypes, origins, eventTypes;
@@ -667,7 +670,12 @@ void EventService::_SubmitTestEvent(sCall& call) {
         }
     }
     if (body.contains("Severity") && !body.contains("MessageSeverity")) body["MessageSeverity"] = body["Severity"];
+    body.erase("Severity");
     if (!body.contains("MessageSeverity")) body["MessageSeverity"] = "OK";
+    const std::string severity = body["MessageSeverity"].get<std::string>();
+    if (severity != "OK" && severity != "Warning" && severity != "Critical") {
+        return _Error(call, 400, "Base.1.12.ActionParameterValueNotInList", {severity, "MessageSeverity", action});
+    }
     if (!body.contains("Message")) {
         const nlohmann::json m = mRegistry.Expand(body["MessageId"].get<std::string>(),
                                                   body.value("MessageArgs", nlohmann::json::array()));
@@ -749,8 +757,12 @@ void EventService::_Create(sCall& call) {
     // Only this machine: the front end is a development tool and must not
     // become a way to make requests to other hosts.
     std::string rest;
-    for (const char* host : {"http://127.0.0.1", "http://localhost", "http://[::1]"}) {
-        if (d->destination.compare(0, strlen(host), host) == 0) rest = d->destination.substr(strlen(host));
+    for (const char* host : {"127.0.0.1", "localhost", "[::1]"}) {
+        const std::string prefix = std::string("http://") + host;
+        if (d->destination.compare(0, prefix.size(), prefix) == 0) {
+            rest = d->destination.substr(prefix.size());
+            d->host = host[0] == '[' ? "::1" : host;
+        }
     }
     size_t i = 0;
     if (!rest.empty() && rest[0] == ':') {
@@ -759,7 +771,9 @@ void EventService::_Create(sCall& call) {
             port = port * 10 + static_cast<unsigned>(rest[i] - '0');
         }
         if (port == 0 || port > 65535) rest.clear();
+        d->port = static_cast<int>(port);
     }
+    if (i < rest.size()) d->path = rest.substr(i);
     bool clean = !rest.empty() && d->destination.size() <= 512;
     for (unsigned char c : d->destination) clean = clean && c > 0x20 && c < 0x7F;
     if (!clean || (i < rest.size() && rest[i] != '/')) {
@@ -789,10 +803,8 @@ void EventService::_Create(sCall& call) {
 // service says, then the subscription suspended or ended.
 void EventService::_Push(std::shared_ptr<sDestination> d) {
     const std::string& url = d->destination;
-    const size_t pathAt = url.find('/', 8);
-    const std::string origin = pathAt == std::string::npos ? url : url.substr(0, pathAt);
-    const std::string path = pathAt == std::string::npos ? "/" : url.substr(pathAt);
-    httplib::Client client(origin);
+    const std::string& path = d->path;
+    httplib::Client client(d->host, d->port);
     client.set_connection_timeout(2, 0);
     client.set_read_timeout(5, 0);
     client.set_write_timeout(5, 0);
