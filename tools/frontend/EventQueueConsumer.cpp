@@ -183,13 +183,15 @@ bool EventQueueConsumer::_Prepare(redisContext* c, std::string* error) {
 bool EventQueueConsumer::Start(std::string* error) {
     redisContext* c = redisConnectUnix(mSocket.c_str());
     if (c == nullptr || c->err != 0) {
-        *error = "cannot reach the store at " + mSocket;
-        if (c != nullptr) redisFree(c);
+        // The store may come later (or back): the thread keeps trying, as
+        // the request path answers 503 meanwhile.
+        fprintf(stderr, "orbel-frontend: event queue: cannot reach the store at %s yet\n",
+                mSocket.c_str());
+    } else if (!_Prepare(c, error)) {
+        redisFree(c);
         return false;
     }
-    const bool ok = _Prepare(c, error);
-    redisFree(c);
-    if (!ok) return false;
+    if (c != nullptr) redisFree(c);
     mStop = false;
     mThread = std::thread(&EventQueueConsumer::_Run, this);
     return true;

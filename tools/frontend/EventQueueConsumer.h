@@ -53,9 +53,10 @@ public:
     EventQueueConsumer(const EventQueueConsumer&) = delete;
     EventQueueConsumer& operator=(const EventQueueConsumer&) = delete;
 
-    // Loads the scripts and the state into the store and starts the thread.
-    // False, with the reason in `*error`, when the store cannot be reached
-    // or refuses a script; nothing runs then.
+    // Loads the scripts and the state into the store and starts the thread
+    // (which loads them again whenever it connects). False, with the reason
+    // in `*error`, when the store refuses a script; nothing runs then. A
+    // store that cannot be reached yet is not a failure.
     bool Start(std::string* error);
     // Ends the thread (within about a second). Entries still queued stay in
     // the store for the next start.
