@@ -59,6 +59,8 @@ CHASSIS_PID=""
 LISTEN_PID=""
 FRONT_PID=""
 TASK_LISTEN_PID=""
+SSE_PID=""
+PUSH_PID=""
 cleanup() {
   local rc=$?
   if [ "$KEEP" -eq 1 ] && [ "$rc" -eq 0 ]; then
@@ -68,6 +70,8 @@ cleanup() {
   [ -n "$CHASSIS_PID" ] && kill -TERM "$CHASSIS_PID" 2>/dev/null || true
   [ -n "$FRONT_PID" ] && kill -TERM "$FRONT_PID" 2>/dev/null || true
   [ -n "$TASK_LISTEN_PID" ] && kill -TERM "$TASK_LISTEN_PID" 2>/dev/null || true
+  [ -n "$SSE_PID" ] && kill -TERM "$SSE_PID" 2>/dev/null || true
+  [ -n "$PUSH_PID" ] && kill -TERM "$PUSH_PID" 2>/dev/null || true
   [ -n "$REDIS_PID" ] && kill -TERM "$REDIS_PID" 2>/dev/null || true
   [ -n "$REDIS_PID" ] && wait "$REDIS_PID" 2>/dev/null || true
   rm -rf "$SYSROOT"
@@ -463,6 +467,77 @@ for key in "$EVENT" "$REC" "$REC/Oem/Veltra"; do
   rcli HGETALL "$key" | paste - - | show
 done
 [ "$(rcli HGET "$REC/Oem/Veltra" SystemSerialNumber)" = '"SIM0000001"' ] || fail "no alert block"
+
+step "10b. The alert reaches a client: a Server-Sent Events stream and a push"
+note "orbel-frontend stands in for the event service as it does for HTTP. It starts"
+note "again, loads the same two scripts, and takes the alert that waited in the queue:"
+"$FRONT" --users "$SYSROOT/users" --registries "$HERE/../tools/frontend/registries" --quiet \
+  >"$SYSROOT/frontend.out" 2>&1 &
+FRONT_PID=$!
+wait_for 10 grep -q "listening on http" "$SYSROOT/frontend.out" || fail "orbel-frontend did not start"
+URL="$(sed -n 's/^orbel-frontend: listening on \(http[^ ]*\) .*/\1/p' "$SYSROOT/frontend.out")"
+URL="${URL%/}"
+wait_for 10 sh -c "[ \"\$(redis-cli -s '$SOCK' EXISTS '$EVENT')\" = 0 ]" ||
+  fail "the queued alert was not taken"
+note "redisEventQueue holds $(rcli LLEN redisEventQueue) entries; the keys of $EVENT are gone."
+note "A tiny local listener takes pushed events (python3, 127.0.0.1, a free port):"
+python3 -u -c '
+import http.server, sys
+class H(http.server.BaseHTTPRequestHandler):
+    def do_POST(self):
+        body = self.rfile.read(int(self.headers.get("Content-Length", 0)))
+        with open(sys.argv[1], "ab") as f:
+            f.write(body + b"\n")
+        self.send_response(204)
+        self.end_headers()
+    def log_message(self, *args):
+        pass
+server = http.server.HTTPServer(("127.0.0.1", 0), H)
+print(server.server_address[1])
+server.serve_forever()
+' "$SYSROOT/pushed.json" >"$SYSROOT/listener.out" 2>&1 &
+PUSH_PID=$!
+wait_for 10 grep -q '^[0-9]' "$SYSROOT/listener.out" || fail "the listener did not start"
+PUSH_PORT="$(head -n 1 "$SYSROOT/listener.out")"
+SUBS="$URL/redfish/v1/EventService/Subscriptions"
+note "\$ curl -u admin:admin-pw -H 'Content-Type: application/json' \\"
+note "    -d '{\"Destination\":\"http://127.0.0.1:$PUSH_PORT/events\",\"Protocol\":\"Redfish\",\"Context\":\"demo\"}' \\"
+note "    $SUBS"
+curl -s -i -u admin:admin-pw -H 'Content-Type: application/json' \
+  -d "{\"Destination\":\"http://127.0.0.1:$PUSH_PORT/events\",\"Protocol\":\"Redfish\",\"Context\":\"demo\"}" \
+  "$SUBS" | grep -E '^HTTP|^Location' | tr -d '\r' | show
+note "\$ curl -N -u admin:admin-pw \"$URL/redfish/v1/EventService/SSE?\\\$filter=RegistryPrefix eq 'ResourceEvent'\" &"
+curl -s -N -u admin:admin-pw \
+  "$URL/redfish/v1/EventService/SSE?\$filter=RegistryPrefix%20eq%20%27ResourceEvent%27" \
+  >"$SYSROOT/sse.out" 2>&1 &
+SSE_PID=$!
+wait_for 10 sh -c "curl -s -u admin:admin-pw '$SUBS' | grep -q '\"Members@odata.count\":2'" ||
+  fail "the stream did not open"
+note "Plug system 3 in and pull it out again:"
+"$SIM" event raise SampleSystemPresence present
+wait_for 10 sh -c "[ \"\$(redis-cli -s '$SOCK' EXISTS /redfish/v1/Systems/3)\" = 1 ]" ||
+  fail "no system plugged in"
+"$SIM" event raise SampleSystemPresence absent
+wait_for 10 grep -q '^data: ' "$SYSROOT/sse.out" || fail "no event on the stream"
+wait_for 15 test -s "$SYSROOT/pushed.json" || fail "no event pushed"
+note "What curl -N printed: the id line, and the Event document on the data line:"
+grep -m 1 '^id: ' "$SYSROOT/sse.out" | show
+grep -m 1 '^data: ' "$SYSROOT/sse.out" | sed 's/^data: //' | python3 -m json.tool | show
+note "What the listener received (the subscription's Context comes with it):"
+head -n 1 "$SYSROOT/pushed.json" | python3 -c '
+import json, sys
+d = json.load(sys.stdin)
+r = d["Events"][0]
+print("Context:", d.get("Context"), " MessageId:", r["MessageId"], " Origin:", r["OriginOfCondition"]["@odata.id"])
+' | show
+grep -q '"MessageId":"ResourceEvent.1.0.ResourceRemoved"' "$SYSROOT/pushed.json" ||
+  fail "the pushed event is not the alert"
+kill -TERM "$SSE_PID" "$PUSH_PID" "$FRONT_PID" 2>/dev/null || true
+wait "$FRONT_PID" 2>/dev/null || true
+SSE_PID=""
+PUSH_PID=""
+FRONT_PID=""
+"$SIM" vex set nginx_redfish_ready true >/dev/null  # the front end cleared it on exit
 
 if [ "$KEEP" -eq 1 ]; then
   [ -n "$LISTEN_PID" ] && kill -TERM "$LISTEN_PID" 2>/dev/null || true

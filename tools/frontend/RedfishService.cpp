@@ -183,6 +183,8 @@ void RedfishService::_Serve(const httplib::Request& req, httplib::Response& res)
     } else if (req.has_header("OData-Version") && req.get_header_value("OData-Version") != "4.0") {
         // The one protocol version served.
         _Error(call, 412, "Base.1.12.PreconditionFailed");
+    } else if (mEvents != nullptr && EventService::Owns(call.uri)) {
+        call.user.name = mEvents->Serve(req, res);
     } else if (read && !ParseQuery(QueryParams(req.target), &call.query, &queryFault)) {
         _Error(call, queryFault.status, queryFault.messageId, queryFault.args);
     } else {
@@ -232,6 +234,14 @@ void RedfishService::_Serve(const httplib::Request& req, httplib::Response& res)
         fprintf(stderr, "orbel-frontend: %s %s %d user[%s]\n", LogText(call.method).c_str(),
                 LogText(call.uri).c_str(), res.status, LogText(call.user.name).c_str());
     }
+}
+
+bool RedfishService::Authenticate(const httplib::Request& req, sUser* user) {
+    httplib::Response unused;
+    sCall call(req, unused);
+    if (!_Authenticate(call)) return false;
+    *user = call.user;
+    return true;
 }
 
 bool RedfishService::_Authenticate(sCall& call) {
@@ -367,9 +377,6 @@ bool RedfishService::_Resource(const std::string& uri, nlohmann::json* doc, std:
         if (!store.ReadDoc(uri, &text)) return false;
         *doc = nlohmann::json::parse(text, nullptr, false);
         if (doc->is_discarded() || !doc->is_object()) return false;
-        if (uri == kServiceRoot && store.IsResource("/redfish/v1/TaskService")) {
-            (*doc)["Tasks"] = {{"@odata.id", "/redfish/v1/TaskService"}};
-        }
     }
     _Present(uri, doc);
     // The plug-in's own ETag when it keeps one, else one of the document.
@@ -390,6 +397,7 @@ void RedfishService::_Present(const std::string& uri, nlohmann::json* doc) {
         if (d.is_object() && !d.contains("Tasks")) {
             d["Tasks"] = {{"@odata.id", "/redfish/v1/TaskService"}};
         }
+        if (mEvents != nullptr) EventService::LinkFromRoot(doc);
     }
     // The task properties the library keeps in action objects are for the
     // front end; Redfish allows none of them there.

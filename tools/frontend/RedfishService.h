@@ -21,6 +21,7 @@
 #include <memory>
 #include <string>
 
+#include "EventService.h"
 #include "MessageRegistry.h"
 #include "Query.h"
 #include "ServiceResources.h"
@@ -49,6 +50,12 @@ public:
     RedfishService(sServiceConfig config, const UserTable& users, const MessageRegistry& registry);
     // Registers the handlers and limits on `server`.
     void Install(httplib::Server& server);
+    // Hands the EventService's URIs to `events` and links it from the root
+    // (before Install; `events` outlives the server).
+    void SetEventService(EventService* events) { mEvents = events; }
+    // Checks a request's session token or Basic credentials (with the
+    // lockout of repeated failures) and fills `user`.
+    bool Authenticate(const httplib::Request& req, sUser* user);
 
 private:
     // One request's state.
@@ -111,6 +118,7 @@ private:
     // Follows "TASK_STATE_CHANGE" into the Task resources, from the
     // construction on.
     std::unique_ptr<TaskFollower> mTasks;
+    EventService* mEvents = nullptr;
 };
 
 }  // namespace OrbelFrontEnd

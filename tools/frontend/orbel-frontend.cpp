@@ -152,6 +152,18 @@ int main(int argc, char** argv) {
     OrbelFrontEnd::sConnectionLimits limits;
     OrbelFrontEnd::HttpServer server(limits);
     OrbelFrontEnd::RedfishService service(config, users, registry);
+    OrbelFrontEnd::sEventConfig eventConfig;
+    eventConfig.socketPath = config.socketPath;
+    OrbelFrontEnd::EventService events(
+        eventConfig, registry,
+        [&service](const httplib::Request& req, OrbelFrontEnd::sUser* user) {
+            return service.Authenticate(req, user);
+        });
+    if (!events.Start(&server, &error)) {
+        fprintf(stderr, "orbel-frontend: event service: %s\n", error.c_str());
+        return 1;
+    }
+    service.SetEventService(&events);
     service.Install(server);
     auto bind = [](OrbelFrontEnd::HttpServer& s, long wanted) {
         return s.Bind("127.0.0.1", static_cast<int>(wanted));
@@ -195,6 +207,7 @@ int main(int argc, char** argv) {
     fflush(stdout);
     server.listen_after_bind();
     vex_config_set_bool("nginx_redfish_ready", 0, 0);
+    events.Stop();
     if (stopper.joinable()) {
         // listen ended without a signal (an error): wake the stopper.
         pthread_kill(stopper.native_handle(), SIGTERM);
