@@ -59,6 +59,9 @@ eRtCode ZTask::RunTask() {
     }
     // The task is "Running" with its first message before the request is
     // answered: the "PROCESSING" answer's document is then a whole Task.
+    // The task's own connection serves these writes: the work thread, the
+    // next to use it, does not run yet.
+    RedisConnectionScope scope(_ExtInfoContext());
     SetTaskState(TASK_STATE_Running);
     AddTaskMessage(RESP_Task_TaskStarted, {mTaskId});
     ApplyTaskChange(true);

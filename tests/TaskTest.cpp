@@ -32,7 +32,7 @@ const std::string kSys = "/redfish/v1/Systems/1";
 const std::string kActionQ = "RF_Test:ComputerSystem:POSTACTIONQ";
 
 // What the work function does, chosen per test before the request is sent.
-enum eWork { kProgress, kFail, kFailConflict, kThrow, kUntilStopped, kIgnoreStop, kShort, kAtOnce, kHelperThread };
+enum eWork { kProgress, kFail, kFailConflict, kThrow, kUntilStopped, kIgnoreStop, kShort, kAtOnce, kHelperThread, kGated };
 std::atomic<int> gWork{kProgress};
 // A gate the test opens to let a kProgress work finish.
 std::mutex gGateMutex;
@@ -79,6 +79,11 @@ eRtCode Work(ZTask* task) {
             return RT_SUCCESS;
         case kAtOnce:
             return RT_SUCCESS;
+        case kGated: {
+            std::unique_lock<std::mutex> lock(gGateMutex);
+            gGateCv.wait(lock, []() { return gGateOpen; });
+            return RT_SUCCESS;
+        }
         case kHelperThread: {
             // Progress from a helper thread while the work thread publishes
             // whole changes.
@@ -219,10 +224,11 @@ TEST_F(TaskTest, ProgressMonitorReadsAndTheFinalAnswer) {
 // that starts a task finds a whole Task (state and first message with its
 // argument), and the monitor's first final answer finds the final state.
 TEST_F(TaskTest, AnswersNeverRunAheadOfTheTaskDocument) {
-    gWork = kShort;
+    gWork = kGated;
     FrontEnd fe;
     for (int i = 0; i < 15; ++i) {
         SCOPED_TRACE(i);
+        SetGate(false);  // the work waits until the answer's document is checked
         std::string url;
         const FrontEnd::Answer a = SendAction(fe, &url);
         ASSERT_EQ(a.status, "PROCESSING");
@@ -238,6 +244,7 @@ TEST_F(TaskTest, AnswersNeverRunAheadOfTheTaskDocument) {
 
         // Polled as fast as it answers until it says the task is done.
         const std::string channel = "RF_Test:Task:" + a.key;
+        SetGate(true);
         for (;;) {
             const FrontEnd::Answer read =
                 fe.Send(channel, fe.RequestFields("GET", url, false), nullptr, 300);
@@ -293,7 +300,8 @@ TEST_F(TaskTest, ProgressFromAnyThreadKeepsItsOrder) {
 
 // A work function that outlives the application object ends without it.
 TEST_F(TaskTest, WorkThatOutlivesTheApplicationEndsWithoutIt) {
-    gWork = kIgnoreStop;
+    gWork = kGated;  // runs until the application is gone
+    SetGate(false);
     FrontEnd fe;
     const FrontEnd::Answer a = SendAction(fe, nullptr);
     ASSERT_EQ(a.status, "PROCESSING");
@@ -305,6 +313,7 @@ TEST_F(TaskTest, WorkThatOutlivesTheApplicationEndsWithoutIt) {
     delete mApp;
     mApp = nullptr;
     ZTask::SetExitWaitMs(10000);
+    SetGate(true);
     EXPECT_TRUE(ZTask::WaitRunningTasks(5000));
     const TaskFollower::sTaskRecord rec = mFollower->Wait(a.key, 5000);
     EXPECT_EQ(rec.state, "Killed");

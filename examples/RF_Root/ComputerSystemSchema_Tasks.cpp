@@ -32,7 +32,8 @@ using Orbel::ZTask;
 
 namespace {
 
-constexpr unsigned kStepMs = 250;
+constexpr unsigned kStepMs = 500;
+constexpr unsigned kSelfTestMs = 250;
 constexpr unsigned kSteps = 4;
 const char kNewVersion[] = "1.1.0";
 
@@ -65,7 +66,7 @@ eRtCode RunFirmwareUpdate(ZTask* task) {
 }
 
 eRtCode RunFailingSelfTest(ZTask* task) {
-    Orbel::MyMSleep(kStepMs);
+    Orbel::MyMSleep(kSelfTestMs);
     task->UpdatePercentComplete(50);
     // The reason of the failure goes into the final answer's messages.
     task->NewExtendedInfo(Orbel::RESP_Base_ResourceInUse);

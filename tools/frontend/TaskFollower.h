@@ -31,7 +31,7 @@ public:
     // The client's task monitor of a Task: <Task URI> + kMonitorSuffix.
     static constexpr const char* kMonitorSuffix = "/Monitor";
     // Finished tasks kept at most; the oldest finished one goes first.
-    static constexpr size_t kKeptFinishedTasks = 64;
+    static constexpr size_t kKeptFinishedTasks = 128;
 
     // Makes the Task resource of a request about to be forwarded: an id
     // (one a synchronous answer gave back, else the next of the counter
