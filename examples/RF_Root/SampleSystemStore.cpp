@@ -28,6 +28,9 @@ std::string StateName(const std::string& id) {
 }  // namespace
 
 bool SaveSystemState(const std::string& id, const sSystemData* data) {
+    // A plugged-in system is the platform's to announce again after a
+    // restart; only its id stays taken (the collection's mark).
+    if (data != nullptr && data->hotPlugged) return true;
     std::string text;
     if (data != nullptr) {
         text += data->created ? 'c' : 'b';
