@@ -43,7 +43,7 @@ trap 'exit 0' INT TERM
 redis-server --port 0 --unixsocket "$SYSROOT/tmp/redis.sock" --save '' --appendonly no \
   --dir "$SYSROOT" >"$SYSROOT/redis.log" 2>&1 &
 PIDS+=($!)
-for _ in $(seq 50); do [ -S "$SYSROOT/tmp/redis.sock" ] && break; sleep 0.1; done
+for _ in $(seq 300); do [ -S "$SYSROOT/tmp/redis.sock" ] && break; sleep 0.1; done
 [ -S "$SYSROOT/tmp/redis.sock" ] || { echo "serve: redis-server did not start" >&2; exit 1; }
 
 # Development users only: the front end listens on 127.0.0.1 alone.
@@ -63,14 +63,14 @@ PIDS+=($!)
   >"$SYSROOT/frontend.out" 2>&1 &
 PIDS+=($!)
 URL=""
-for _ in $(seq 100); do
+for _ in $(seq 300); do
   URL="$(sed -n 's/^orbel-frontend: listening on \(http:[^ ]*\) (store .*/\1/p' "$SYSROOT/frontend.out")"
   [ -n "$URL" ] && break
   sleep 0.1
 done
 [ -n "$URL" ] || { cat "$SYSROOT/frontend.out" >&2; echo "serve: the front end did not start" >&2; exit 1; }
 # The plug-in's ready file (<app>.run) says it serves.
-for _ in $(seq 100); do compgen -G "$SYSROOT/tmp/Redfish/*.run" >/dev/null && break; sleep 0.1; done
+for _ in $(seq 300); do compgen -G "$SYSROOT/tmp/Redfish/*.run" >/dev/null && break; sleep 0.1; done
 
 HOSTPORT="${URL#http://}"
 HOSTPORT="${HOSTPORT%/}"
