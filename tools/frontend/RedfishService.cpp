@@ -312,6 +312,13 @@ void RedfishService::_Read(sCall& call) {
                        nullptr, mConfig.answerTimeoutMs);
         if (!answer.answered) return _Unavailable(call);
         if (answer.status != "OK" && answer.status != "IGNORE") return _Answer(call, answer);
+        // A task's read thread says "finished" as soon as its work ends; the
+        // final state reaches the Task resource through the task follower a
+        // moment later: the client reads it once it is there.
+        const std::string tasks = std::string(TaskFollower::kTasksURI) + "/";
+        if (call.uri.compare(0, tasks.size(), tasks) == 0) {
+            store.WaitField(call.uri, "EndTime", mConfig.lockWaitMs);
+        }
         messages = mRegistry.ExpandAll(answer.messages);
     } else {
         // Served from the store alone: the common privilege check is ours.

@@ -345,6 +345,17 @@ std::set<std::string> StoreRequest::ResourceTypes() {
     return types;
 }
 
+bool StoreRequest::WaitField(const std::string& key, const std::string& field, int timeoutMs) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        ReplyPtr r = Command(mCmd, {"HEXISTS", key, field});
+        if (!r || r->type != REDIS_REPLY_INTEGER) return false;
+        if (r->integer == 1) return true;
+        if (std::chrono::steady_clock::now() >= until) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
 bool StoreRequest::ReadDoc(const std::string& jpath, std::string* json) {
     Orbel::sStoreTreeOptions options;
     options.pretty = false;

@@ -93,6 +93,9 @@ public:
     bool WaitUnlocked(const std::string& uri, int timeoutMs);
     // The "@odata.type" values of every resource below /redfish/v1.
     std::set<std::string> ResourceTypes();
+    // Waits up to `timeoutMs` for `field` to appear in hash `key`; true
+    // when it did.
+    bool WaitField(const std::string& key, const std::string& field, int timeoutMs);
     // The document of `jpath` on one line; false when it cannot be read.
     bool ReadDoc(const std::string& jpath, std::string* json);
 

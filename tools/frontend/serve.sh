@@ -53,7 +53,7 @@ trap 'exit 0' INT TERM
 redis-server --port 0 --unixsocket "$SYSROOT/tmp/redis.sock" --save '' --appendonly no \
   --dir "$SYSROOT" >"$SYSROOT/redis.log" 2>&1 &
 PIDS+=($!)
-for _ in $(seq 50); do [ -S "$SYSROOT/tmp/redis.sock" ] && break; sleep 0.1; done
+for _ in $(seq 300); do [ -S "$SYSROOT/tmp/redis.sock" ] && break; sleep 0.1; done
 [ -S "$SYSROOT/tmp/redis.sock" ] || { echo "serve: redis-server did not start" >&2; exit 1; }
 
 # Development users only: the front end listens on 127.0.0.1 alone.
@@ -92,7 +92,7 @@ done
 FRONT_PID=$!
 PIDS+=($FRONT_PID)
 URL=""
-for _ in $(seq 100); do
+for _ in $(seq 300); do
   URL="$(sed -n 's/^orbel-frontend: listening on \(http:[^ ]*\) (store .*/\1/p' "$SYSROOT/frontend.out")"
   [ -n "$URL" ] && break
   sleep 0.1
@@ -103,7 +103,7 @@ done
 for p in "${PLUGIN_PROGS[@]}"; do
   ready="$SYSROOT/tmp/Redfish/$(basename "$p").run"
   [ -z "${ORBEL_PLUGIN:-}" ] || ready=""
-  for _ in $(seq 100); do
+  for _ in $(seq 300); do
     if [ -n "$ready" ]; then [ -f "$ready" ] && break
     else compgen -G "$SYSROOT/tmp/Redfish/*.run" >/dev/null && break; fi
     sleep 0.1

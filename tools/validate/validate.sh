@@ -39,7 +39,7 @@ for f in "$DMTF_CSDL"/*.xml "$SCHEMAS"/*.xml; do [ -e "$f" ] && ln -sf "$f" "$WO
 bash "$ROOT/tools/frontend/serve.sh" "$BUILD" >"$WORK/serve.out" 2>&1 &
 SERVE_PID=$!
 URL=""
-for _ in $(seq 300); do
+for _ in $(seq 600); do
   URL="$(sed -n 's/^  and over HTTPS .* at \(https:[^ ]*\)redfish\/v1\/$/\1/p' "$WORK/serve.out")"
   [ -n "$URL" ] && break
   kill -0 "$SERVE_PID" 2>/dev/null || break
