@@ -12,8 +12,8 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -76,7 +76,8 @@ public:
             const size_t idEnd = t.find('\n', at + 5);
             const size_t data = t.find("data: ", idEnd);
             const size_t dataEnd = t.find('\n', data);
-            if (idEnd == std::string::npos || data != idEnd + 1 || dataEnd == std::string::npos) break;
+            if (idEnd == std::string::npos || data != idEnd + 1 || dataEnd == std::string::npos)
+                break;
             out.emplace_back(t.substr(at + 5, idEnd - at - 5),
                              json::parse(t.substr(data + 6, dataEnd - data - 6), nullptr, false));
         }
@@ -146,7 +147,8 @@ private:
                 if (head == std::string::npos) continue;
                 size_t cl = in.find("Content-Length: ");
                 if (cl == std::string::npos) cl = in.find("content-length: ");
-                const size_t len = cl == std::string::npos ? 0 : strtoul(in.c_str() + cl + 16, nullptr, 10);
+                const size_t len =
+                    cl == std::string::npos ? 0 : strtoul(in.c_str() + cl + 16, nullptr, 10);
                 if (in.size() < head + 4 + len) continue;
                 {
                     std::lock_guard<std::mutex> lk(mMutex);
@@ -172,8 +174,8 @@ protected:
         ObjectModelTest::SetUp();
         const std::string users = SysrootDir() + "/event-users";
         WriteFile(users, "admin:admin-pw:Administrator\n");
-        mFront.reset(new ChildProcess({BuiltProgram("tools/frontend/orbel-frontend"), "--users", users,
-                                       "--quiet", "--registries",
+        mFront.reset(new ChildProcess({BuiltProgram("tools/frontend/orbel-frontend"), "--users",
+                                       users, "--quiet", "--registries",
                                        SourceDir() + "/tools/frontend/registries"}));
         ASSERT_TRUE(mFront->Start());
         ASSERT_TRUE(mFront->WaitForOutput("/ (store ", kTimeoutMs)) << mFront->Output();
@@ -196,20 +198,23 @@ protected:
     // One request on a connection of its own: status and body.
     std::pair<int, json> Http(const std::string& method, const std::string& path,
                               const std::string& body = std::string()) {
-        Conn c(mPort, method + " " + path + " HTTP/1.1\r\nHost: t\r\nConnection: close\r\n" + kAuth +
-                          "Content-Type: application/json\r\nContent-Length: " +
+        Conn c(mPort, method + " " + path + " HTTP/1.1\r\nHost: t\r\nConnection: close\r\n" +
+                          kAuth + "Content-Type: application/json\r\nContent-Length: " +
                           std::to_string(body.size()) + "\r\n\r\n" + body);
-        for (int i = 0; i < 3000 && !c.Closed(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        for (int i = 0; i < 3000 && !c.Closed(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
         const std::string t = c.Text();
         const size_t end = t.find("\r\n\r\n");
         const int status = t.size() > 12 ? atoi(t.c_str() + 9) : 0;
-        return {status, end == std::string::npos ? json() : json::parse(t.substr(end + 4), nullptr, false)};
+        return {status,
+                end == std::string::npos ? json() : json::parse(t.substr(end + 4), nullptr, false)};
     }
     // Waits until `n` streams and subscriptions are listed (a stream is
     // listed once the front end has taken its request).
     void WaitListed(int n) {
         for (int i = 0; i < 1500 && Http("GET", "/redfish/v1/EventService/Subscriptions")
-                                          .second.value("Members@odata.count", 0) < n; ++i) {
+                                            .second.value("Members@odata.count", 0) < n;
+             ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
     }
@@ -245,7 +250,10 @@ protected:
         std::vector<int> next(4, 0);
         std::vector<std::string> seq;
         for (const json& d : docs) {
-            if (!d.is_object()) { ADD_FAILURE() << "not an event: " << d.dump(); continue; }
+            if (!d.is_object()) {
+                ADD_FAILURE() << "not an event: " << d.dump();
+                continue;
+            }
             const json& args = d["Events"][0]["MessageArgs"];
             const int t = std::stoi(args[0].get<std::string>());
             EXPECT_TRUE(threads.count(t)) << d.dump();
@@ -270,7 +278,9 @@ TEST_F(EventServiceTest, EventsFromFourThreadsReachStreamsAndSubscriptionOnceInO
     Listener good;
     // Two dead destinations (nothing listens), retried once a second.
     ASSERT_EQ(Http("PATCH", "/redfish/v1/EventService",
-                   R"({"DeliveryRetryAttempts":1,"DeliveryRetryIntervalSeconds":1})").first, 200);
+                   R"({"DeliveryRetryAttempts":1,"DeliveryRetryIntervalSeconds":1})")
+                  .first,
+              200);
     int deadPort;
     {
         Listener gone;
@@ -280,9 +290,11 @@ TEST_F(EventServiceTest, EventsFromFourThreadsReachStreamsAndSubscriptionOnceInO
     const std::string suspended = Subscribe(deadPort, R"(,"DeliveryRetryPolicy":"SuspendRetries")");
     const std::string terminated = Subscribe(deadPort);
     Conn a(mPort, Get("/redfish/v1/EventService/SSE"));
-    auto b = std::make_unique<Conn>(mPort, Get("/redfish/v1/EventService/SSE", "Accept: text/event-stream\r\n"));
-    Conn filtered(mPort, Get("/redfish/v1/EventService/SSE?$filter=RegistryPrefix%20eq%20'TaskEvent'"
-                             "%20or%20(MessageId%20eq%20'Base.Success'%20and%20EventType%20ne%20'Other')"));
+    auto b = std::make_unique<Conn>(
+        mPort, Get("/redfish/v1/EventService/SSE", "Accept: text/event-stream\r\n"));
+    Conn filtered(
+        mPort, Get("/redfish/v1/EventService/SSE?$filter=RegistryPrefix%20eq%20'TaskEvent'"
+                   "%20or%20(MessageId%20eq%20'Base.Success'%20and%20EventType%20ne%20'Other')"));
     Conn stalled(mPort, Get("/redfish/v1/EventService/SSE"), false);
     WaitListed(7);
     // Open streams are bounded.
@@ -323,13 +335,16 @@ TEST_F(EventServiceTest, EventsFromFourThreadsReachStreamsAndSubscriptionOnceInO
     // A client back with Last-Event-ID gets exactly what it missed: its
     // stream is gone once the front end finds it closed.
     const auto seen = a.Events();
-    const size_t open = Http("GET", "/redfish/v1/EventService/Subscriptions").second.value("Members@odata.count", 0u);
+    const size_t open = Http("GET", "/redfish/v1/EventService/Subscriptions")
+                            .second.value("Members@odata.count", 0u);
     b.reset();
     for (int i = 0; i < 1000 && Http("GET", "/redfish/v1/EventService/Subscriptions")
-                                        .second.value("Members@odata.count", 0u) >= open; ++i) {
+                                        .second.value("Members@odata.count", 0u) >= open;
+         ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    Conn resumed(mPort, Get("/redfish/v1/EventService/SSE", "Last-Event-ID: " + seen[899].first + "\r\n"));
+    Conn resumed(mPort,
+                 Get("/redfish/v1/EventService/SSE", "Last-Event-ID: " + seen[899].first + "\r\n"));
     ASSERT_TRUE(resumed.WaitEvents(100));
     const auto again = resumed.Events();
     ASSERT_EQ(again.size(), 100u);
@@ -337,13 +352,19 @@ TEST_F(EventServiceTest, EventsFromFourThreadsReachStreamsAndSubscriptionOnceInO
 }
 
 TEST_F(EventServiceTest, SubmitTestEventAndRefusedRequests) {
-    Conn a(mPort, Get("/redfish/v1/EventService/SSE?$filter=OriginResource%20eq%20'/redfish/v1/Systems/1'"));
+    Conn a(
+        mPort,
+        Get("/redfish/v1/EventService/SSE?$filter=OriginResource%20eq%20'/redfish/v1/Systems/1'"));
     WaitListed(1);
     ASSERT_EQ(Http("POST", "/redfish/v1/EventService/Actions/EventService.SubmitTestEvent",
-                   R"({"MessageId":"Base.1.12.Success"})").first, 204);
+                   R"({"MessageId":"Base.1.12.Success"})")
+                  .first,
+              204);
     ASSERT_EQ(Http("POST", "/redfish/v1/EventService/Actions/EventService.SubmitTestEvent",
                    R"({"MessageId":"TaskEvent.1.0.TaskStarted","MessageArgs":["7"],)"
-                   R"("OriginOfCondition":"/redfish/v1/Systems/1"})").first, 204);
+                   R"("OriginOfCondition":"/redfish/v1/Systems/1"})")
+                  .first,
+              204);
     ASSERT_TRUE(a.WaitEvents(1));
     const json rec = a.Events()[0].second["Events"][0];
     EXPECT_EQ(rec["Message"], "The task with Id '7' has started.");
@@ -351,7 +372,8 @@ TEST_F(EventServiceTest, SubmitTestEventAndRefusedRequests) {
 
     // A metric report stored in the meta-key space and queued as a plug-in
     // does: streamed as it is, its tree deleted.
-    Conn reports(mPort, Get("/redfish/v1/EventService/SSE?$filter=EventFormatType%20eq%20'MetricReport'"));
+    Conn reports(mPort,
+                 Get("/redfish/v1/EventService/SSE?$filter=EventFormatType%20eq%20'MetricReport'"));
     WaitListed(2);
     RawCommand({"HSET", "&&MR1", "Name", "\"Power\"", "&&Array MetricValues &&&&MR1/V", ""});
     RawCommand({"RPUSH", "&&&&MR1/V", "\"12\""});
@@ -368,12 +390,18 @@ TEST_F(EventServiceTest, SubmitTestEventAndRefusedRequests) {
         const char* body;
         int status;
     } kRefused[] = {
-        {"POST", "/redfish/v1/EventService/Subscriptions", R"({"Destination":"https://192.168.1.50/x","Protocol":"Redfish"})", 400},
-        {"POST", "/redfish/v1/EventService/Subscriptions", R"({"Destination":"http://localhost.example/x","Protocol":"Redfish"})", 400},
-        {"POST", "/redfish/v1/EventService/Subscriptions", R"({"Destination":"http://127.0.0.1@example/x","Protocol":"Redfish"})", 400},
-        {"POST", "/redfish/v1/EventService/Subscriptions", R"({"Destination":"http://127.0.0.1:1/x","Protocol":"FTP"})", 400},
-        {"POST", "/redfish/v1/EventService/Subscriptions", R"({"Destination":"http://[::1]:1/x","Protocol":"Redfish","Bogus":1})", 400},
-        {"POST", "/redfish/v1/EventService/Actions/EventService.SubmitTestEvent", R"({"Message":"no id"})", 400},
+        {"POST", "/redfish/v1/EventService/Subscriptions",
+         R"({"Destination":"https://192.168.1.50/x","Protocol":"Redfish"})", 400},
+        {"POST", "/redfish/v1/EventService/Subscriptions",
+         R"({"Destination":"http://localhost.example/x","Protocol":"Redfish"})", 400},
+        {"POST", "/redfish/v1/EventService/Subscriptions",
+         R"({"Destination":"http://127.0.0.1@example/x","Protocol":"Redfish"})", 400},
+        {"POST", "/redfish/v1/EventService/Subscriptions",
+         R"({"Destination":"http://127.0.0.1:1/x","Protocol":"FTP"})", 400},
+        {"POST", "/redfish/v1/EventService/Subscriptions",
+         R"({"Destination":"http://[::1]:1/x","Protocol":"Redfish","Bogus":1})", 400},
+        {"POST", "/redfish/v1/EventService/Actions/EventService.SubmitTestEvent",
+         R"({"Message":"no id"})", 400},
         {"PATCH", "/redfish/v1/EventService", R"({"ServiceEnabled":false})", 400},
         {"GET", "/redfish/v1/EventService/SSE?$filter=Severity%20eq%20'OK'", "", 400},
         {"GET", "/redfish/v1/EventService/SSE?$filter=MessageId%20eq%20'x", "", 400},

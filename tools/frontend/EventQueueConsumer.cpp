@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstring>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <set>
 
@@ -115,8 +115,8 @@ struct sTreeWalk {
 // meta-key space. A resource (a key beginning "/") is never collected.
 void CollectTree(redisContext* c, const std::string& key, unsigned depth,
                  std::set<std::string>* keys) {
-    if (depth > Orbel::kStoreTreeMaxDepth || keys->size() > kMaxNodes || key.empty() || key[0] == '/' ||
-        !keys->insert(key).second) {
+    if (depth > Orbel::kStoreTreeMaxDepth || keys->size() > kMaxNodes || key.empty() ||
+        key[0] == '/' || !keys->insert(key).second) {
         return;
     }
     auto linked = [](const std::string& text) -> std::string {
@@ -150,7 +150,9 @@ void CollectTree(redisContext* c, const std::string& key, unsigned depth,
 EventQueueConsumer::EventQueueConsumer(std::string socketPath, unsigned queueLimit, Sink sink)
     : mSocket(std::move(socketPath)), mQueueLimit(queueLimit), mSink(std::move(sink)) {}
 
-EventQueueConsumer::~EventQueueConsumer() { Stop(); }
+EventQueueConsumer::~EventQueueConsumer() {
+    Stop();
+}
 
 bool EventQueueConsumer::_Prepare(redisContext* c, std::string* error) {
     std::string shaEvent;
@@ -168,11 +170,11 @@ bool EventQueueConsumer::_Prepare(redisContext* c, std::string* error) {
     // The front end's history takes every event while it runs, so it counts
     // as a subscriber of both kinds; the limit bounds the queue while the
     // front end is not there to take it.
-    StoreReply a = StoreCommand(c, {"HSET", "redisSHAScripts", "enqueueEvent", shaEvent,
-                                    "enqueueMetricReport", shaReport});
-    StoreReply b = StoreCommand(c, {"HSET", "redisEventService", "EventSubscriptions", "1",
-                                    "MetricReportSubscriptions", "1", "QueueLimit",
-                                    std::to_string(mQueueLimit)});
+    StoreReply a = StoreCommand(
+        c, {"HSET", "redisSHAScripts", "enqueueEvent", shaEvent, "enqueueMetricReport", shaReport});
+    StoreReply b = StoreCommand(
+        c, {"HSET", "redisEventService", "EventSubscriptions", "1", "MetricReportSubscriptions",
+            "1", "QueueLimit", std::to_string(mQueueLimit)});
     if (!a || !b || a->type != REDIS_REPLY_INTEGER || b->type != REDIS_REPLY_INTEGER) {
         *error = "the store refused the event service's state";
         return false;
@@ -299,7 +301,8 @@ bool EventQueueConsumer::Assemble(redisContext* c, bool metricReport, const std:
         if (!rec.is_object()) continue;
         const std::string member = std::to_string(records.size());
         rec["MemberId"] = member;
-        if (!rec.contains("EventId")) rec["EventId"] = count == 1 ? storedId : storedId + "." + member;
+        if (!rec.contains("EventId"))
+            rec["EventId"] = count == 1 ? storedId : storedId + "." + member;
         if (!rec.contains("EventTimestamp")) rec["EventTimestamp"] = now;
         if (!rec.contains("EventType")) rec["EventType"] = "Alert";
         if (!rec.contains("MessageArgs")) rec["MessageArgs"] = nlohmann::json::array();
@@ -322,11 +325,11 @@ bool EventQueueConsumer::Assemble(redisContext* c, bool metricReport, const std:
         out->records.push_back(std::move(facts));
         records.push_back(std::move(rec));
     }
-    nlohmann::json doc = {{"@odata.type", "#Event.v1_13_0.Event"},
-                          {"Name", root.contains("Name") && root["Name"].is_string()
-                                       ? root["Name"]
-                                       : nlohmann::json("Event")},
-                          {"Events", std::move(records)}};
+    nlohmann::json doc = {
+        {"@odata.type", "#Event.v1_13_0.Event"},
+        {"Name", root.contains("Name") && root["Name"].is_string() ? root["Name"]
+                                                                   : nlohmann::json("Event")},
+        {"Events", std::move(records)}};
     out->doc = std::move(doc);
     return true;
 }
@@ -351,12 +354,12 @@ int EventQueueConsumer::SubmitTestEvent(const nlohmann::json& record) {
         {"RPUSH", events, rec},
     };
     std::vector<std::string> hset = {"HSET", rec};
-    for (const char* name : {"MessageId", "EventType", "EventId", "EventTimestamp",
-                             "EventGroupId", "MessageSeverity", "Message"}) {
+    for (const char* name : {"MessageId", "EventType", "EventId", "EventTimestamp", "EventGroupId",
+                             "MessageSeverity", "Message"}) {
         if (record.contains(name)) {
             hset.push_back(name);
-            hset.push_back(record[name].dump(-1, ' ', false,
-                                              nlohmann::json::error_handler_t::replace));
+            hset.push_back(
+                record[name].dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
         }
     }
     if (record.contains("OriginOfCondition")) {

@@ -25,10 +25,10 @@ namespace OrbelFrontEnd {
 
 // What the filters of a stream or subscription look at in one event record.
 struct sRecordFacts {
-    std::string eventType;      // "Alert" unless the record names its own
-    std::string messageId;      // as stored
-    std::string registryPrefix; // the MessageId up to its first "."
-    std::string origin;         // the OriginOfCondition URI, "" without
+    std::string eventType;                   // "Alert" unless the record names its own
+    std::string messageId;                   // as stored
+    std::string registryPrefix;              // the MessageId up to its first "."
+    std::string origin;                      // the OriginOfCondition URI, "" without
     std::vector<std::string> resourceTypes;  // stored "&&ResourceType", the origin's type
 };
 

@@ -2,11 +2,11 @@
 #include "EventService.h"
 
 #include <chrono>
-#include <cstring>
-#include <thread>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <set>
+#include <thread>
 
 namespace OrbelFrontEnd {
 
@@ -39,9 +39,9 @@ struct sFilterNode {
 };
 
 const std::set<std::string>& FilterProps() {
-    static const std::set<std::string> k = {"EventFormatType", "EventType",      "MessageId",
-                                            "MetricReportDefinition", "OriginResource",
-                                            "RegistryPrefix",  "ResourceType"};
+    static const std::set<std::string> k = {
+        "EventFormatType", "EventType",      "MessageId",   "MetricReportDefinition",
+        "OriginResource",  "RegistryPrefix", "ResourceType"};
     return k;
 }
 
@@ -296,8 +296,7 @@ struct EventService::sCall {
 // Life cycle and publishing
 // ---------------------------------------------------------------------------
 
-EventService::EventService(sEventConfig config, const MessageRegistry& registry,
-                           Authenticator auth)
+EventService::EventService(sEventConfig config, const MessageRegistry& registry, Authenticator auth)
     : mConfig(std::move(config)),
       mRegistry(registry),
       mAuth(std::move(auth)),
@@ -308,7 +307,9 @@ EventService::EventService(sEventConfig config, const MessageRegistry& registry,
                                            [this](sQueuedPayload&& p) { Publish(std::move(p)); }));
 }
 
-EventService::~EventService() { Stop(); }
+EventService::~EventService() {
+    Stop();
+}
 
 bool EventService::Start(const httplib::Server* server, std::string* error) {
     mServer = server;
@@ -440,7 +441,8 @@ void EventService::_Error(sCall& call, int status, const std::string& messageId,
     nlohmann::json msg = mRegistry.Expand(messageId, args);
     nlohmann::json error = {
         {"code", messageId},
-        {"message", !text.empty() ? text : msg.value("Message", std::string("See @Message.ExtendedInfo."))},
+        {"message",
+         !text.empty() ? text : msg.value("Message", std::string("See @Message.ExtendedInfo."))},
         {"@Message.ExtendedInfo", nlohmann::json::array({msg})},
     };
     call.res.status = status;
@@ -495,10 +497,12 @@ void EventService::_Root(sCall& call) {
     int attempts = -1;
     int interval = -1;
     for (const auto& [name, v] : body.items()) {
-        const bool known = name == "DeliveryRetryAttempts" || name == "DeliveryRetryIntervalSeconds";
+        const bool known =
+            name == "DeliveryRetryAttempts" || name == "DeliveryRetryIntervalSeconds";
         if (!known) {
             const nlohmann::json doc = _ServiceDoc();
-            if (doc.contains(name)) return _Error(call, 400, "Base.1.12.PropertyNotWritable", {name});
+            if (doc.contains(name))
+                return _Error(call, 400, "Base.1.12.PropertyNotWritable", {name});
             return _Error(call, 400, "Base.1.12.PropertyUnknown", {name});
         }
         const int hi = name == "DeliveryRetryAttempts" ? 10 : 3600;
@@ -555,15 +559,17 @@ void EventService::_Collection(sCall& call) {
     nlohmann::json members = nlohmann::json::array();
     {
         std::lock_guard<std::mutex> lk(mMutex);
-        for (const auto& [id, d] : mDests) members.push_back({{"@odata.id", std::string(kSubs) + "/" + id}});
+        for (const auto& [id, d] : mDests)
+            members.push_back({{"@odata.id", std::string(kSubs) + "/" + id}});
     }
     const size_t count = members.size();
-    call.res.set_content(Dump({{"@odata.id", kSubs},
-                               {"@odata.type", "#EventDestinationCollection.EventDestinationCollection"},
-                               {"Name", "Event Subscriptions"},
-                               {"Members", std::move(members)},
-                               {"Members@odata.count", count}}),
-                         "application/json");
+    call.res.set_content(
+        Dump({{"@odata.id", kSubs},
+              {"@odata.type", "#EventDestinationCollection.EventDestinationCollection"},
+              {"Name", "Event Subscriptions"},
+              {"Members", std::move(members)},
+              {"Members@odata.count", count}}),
+        "application/json");
 }
 
 void EventService::_Member(sCall& call, const std::string& id, const std::string& action) {
@@ -627,8 +633,9 @@ void EventService::_SubmitTestEvent(sCall& call) {
         call.res.set_header("Allow", "POST");
         return _Error(call, 405, "Base.1.12.GeneralError");
     }
-    nlohmann::json body = call.req.body.empty() ? nlohmann::json::object()
-                                                : nlohmann::json::parse(call.req.body, nullptr, false);
+    nlohmann::json body = call.req.body.empty()
+                              ? nlohmann::json::object()
+                              : nlohmann::json::parse(call.req.body, nullptr, false);
     if (!body.is_object()) return _Error(call, 400, "Base.1.12.MalformedJSON");
     static const std::map<std::string, nlohmann::json::value_t> kParams = {
         {"MessageId", nlohmann::json::value_t::string},
@@ -647,17 +654,20 @@ void EventService::_SubmitTestEvent(sCall& call) {
         if (it == kParams.end()) {
             return _Error(call, 400, "Base.1.12.ActionParameterUnknown", {action, name});
         }
-        const bool intOk = it->second == nlohmann::json::value_t::number_integer && v.is_number_integer();
+        const bool intOk =
+            it->second == nlohmann::json::value_t::number_integer && v.is_number_integer();
         bool ok = v.type() == it->second || intOk;
         if (name == "MessageArgs" && ok) {
             for (const auto& a : v) ok = ok && a.is_string();
         }
-        if (ok && v.is_string() && (v.get<std::string>().size() > 1024 ||
-                                    v.get<std::string>().find('\0') != std::string::npos)) {
+        if (ok && v.is_string() &&
+            (v.get<std::string>().size() > 1024 ||
+             v.get<std::string>().find('\0') != std::string::npos)) {
             ok = false;
         }
         if (!ok) {
-            return _Error(call, 400, "Base.1.12.ActionParameterValueTypeError", {Dump(v), name, action});
+            return _Error(call, 400, "Base.1.12.ActionParameterValueTypeError",
+                          {Dump(v), name, action});
         }
     }
     if (!body.contains("MessageId")) {
@@ -666,19 +676,23 @@ void EventService::_SubmitTestEvent(sCall& call) {
     if (body.contains("OriginOfCondition")) {
         const std::string o = body["OriginOfCondition"].get<std::string>();
         if (o.empty() || o[0] != '/' || o.find(' ') != std::string::npos) {
-            return _Error(call, 400, "Base.1.12.ActionParameterValueFormatError", {o, "OriginOfCondition", action});
+            return _Error(call, 400, "Base.1.12.ActionParameterValueFormatError",
+                          {o, "OriginOfCondition", action});
         }
     }
-    if (body.contains("Severity") && !body.contains("MessageSeverity")) body["MessageSeverity"] = body["Severity"];
+    if (body.contains("Severity") && !body.contains("MessageSeverity"))
+        body["MessageSeverity"] = body["Severity"];
     body.erase("Severity");
     if (!body.contains("MessageSeverity")) body["MessageSeverity"] = "OK";
     const std::string severity = body["MessageSeverity"].get<std::string>();
     if (severity != "OK" && severity != "Warning" && severity != "Critical") {
-        return _Error(call, 400, "Base.1.12.ActionParameterValueNotInList", {severity, "MessageSeverity", action});
+        return _Error(call, 400, "Base.1.12.ActionParameterValueNotInList",
+                      {severity, "MessageSeverity", action});
     }
     if (!body.contains("Message")) {
-        const nlohmann::json m = mRegistry.Expand(body["MessageId"].get<std::string>(),
-                                                  body.value("MessageArgs", nlohmann::json::array()));
+        const nlohmann::json m =
+            mRegistry.Expand(body["MessageId"].get<std::string>(),
+                             body.value("MessageArgs", nlohmann::json::array()));
         if (m.contains("Message")) body["Message"] = m["Message"];
     }
     const int result = mConsumer->SubmitTestEvent(body);
@@ -709,10 +723,12 @@ void EventService::_Create(sCall& call) {
         auto strings = [&](std::set<std::string>* out, bool links) {
             if (!v.is_array() || v.size() > 64) return false;
             for (const auto& e : v) {
-                const nlohmann::json& s = links && e.is_object() && e.size() == 1 && e.contains("@odata.id")
-                                              ? e["@odata.id"]
-                                              : e;
-                if (!s.is_string() || (links && !e.is_object()) || s.get<std::string>().size() > 256) {
+                const nlohmann::json& s =
+                    links && e.is_object() && e.size() == 1 && e.contains("@odata.id")
+                        ? e["@odata.id"]
+                        : e;
+                if (!s.is_string() || (links && !e.is_object()) ||
+                    s.get<std::string>().size() > 256) {
                     return false;
                 }
                 out->insert(s.get<std::string>());
@@ -728,7 +744,8 @@ void EventService::_Create(sCall& call) {
             hasProtocol = true;
             if (!oneOf({"Redfish"})) return fail("PropertyValueNotInList");
         } else if (name == "Context") {
-            if (!v.is_string() || v.get<std::string>().size() > 256) return fail("PropertyValueFormatError");
+            if (!v.is_string() || v.get<std::string>().size() > 256)
+                return fail("PropertyValueFormatError");
             d->context = v.get<std::string>();
         } else if (name == "EventFormatType") {
             if (!oneOf({"Event", "MetricReport"})) return fail("PropertyValueNotInList");
@@ -736,7 +753,8 @@ void EventService::_Create(sCall& call) {
         } else if (name == "SubscriptionType") {
             if (!oneOf({"RedfishEvent"})) return fail("PropertyValueNotInList");
         } else if (name == "DeliveryRetryPolicy") {
-            if (!oneOf({"TerminateAfterRetries", "SuspendRetries"})) return fail("PropertyValueNotInList");
+            if (!oneOf({"TerminateAfterRetries", "SuspendRetries"}))
+                return fail("PropertyValueNotInList");
             d->policy = v.get<std::string>();
         } else if (name == "RegistryPrefixes") {
             if (!strings(&d->prefixes, false)) return fail("PropertyValueFormatError");
@@ -767,7 +785,8 @@ void EventService::_Create(sCall& call) {
     size_t i = 0;
     if (!rest.empty() && rest[0] == ':') {
         unsigned port = 0;
-        for (i = 1; i < rest.size() && isdigit(static_cast<unsigned char>(rest[i])) != 0 && i < 7; ++i) {
+        for (i = 1; i < rest.size() && isdigit(static_cast<unsigned char>(rest[i])) != 0 && i < 7;
+             ++i) {
             port = port * 10 + static_cast<unsigned>(rest[i] - '0');
         }
         if (port == 0 || port > 65535) rest.clear();
@@ -777,9 +796,10 @@ void EventService::_Create(sCall& call) {
     bool clean = !rest.empty() && d->destination.size() <= 512;
     for (unsigned char c : d->destination) clean = clean && c > 0x20 && c < 0x7F;
     if (!clean || (i < rest.size() && rest[i] != '/')) {
-        return _Error(call, 400, "Base.1.12.PropertyValueFormatError", {d->destination, "Destination"},
-                      "Destination must be an http URL on this machine (127.0.0.1, [::1] or localhost); "
-                      "the development front end sends events nowhere else.");
+        return _Error(
+            call, 400, "Base.1.12.PropertyValueFormatError", {d->destination, "Destination"},
+            "Destination must be an http URL on this machine (127.0.0.1, [::1] or localhost); "
+            "the development front end sends events nowhere else.");
     }
     {
         std::lock_guard<std::mutex> lk(mMutex);
@@ -827,7 +847,8 @@ void EventService::_Push(std::shared_ptr<sDestination> d) {
         for (int a = 0; !sent && a <= attempts; ++a) {
             if (a > 0) {
                 std::unique_lock<std::mutex> wait(d->m);
-                if (d->cv.wait_for(wait, std::chrono::seconds(interval), [&] { return d->closed; })) break;
+                if (d->cv.wait_for(wait, std::chrono::seconds(interval), [&] { return d->closed; }))
+                    break;
             }
             httplib::Result r = client.Post(path.c_str(), text, "application/json");
             sent = r && r->status >= 200 && r->status < 300;
@@ -836,7 +857,8 @@ void EventService::_Push(std::shared_ptr<sDestination> d) {
         if (d->closed) break;
         if (!d->pending.empty() && d->pending.front() == p) d->pending.pop_front();
         if (sent) continue;
-        fprintf(stderr, "orbel-frontend: subscription %s: %s did not take event %llu after %d attempts%s\n",
+        fprintf(stderr,
+                "orbel-frontend: subscription %s: %s did not take event %llu after %d attempts%s\n",
                 d->id.c_str(), url.c_str(), static_cast<unsigned long long>(p->seq), attempts + 1,
                 d->policy == "SuspendRetries" ? ", suspended" : ", removed");
         if (d->policy == "SuspendRetries") {
@@ -875,10 +897,12 @@ void EventService::_Stream(sCall& call) {
         FilterParser parser(value);
         d->filter = parser.Parse(&why);
         if (!d->filter) {
-            return _Error(call, 400, "Base.1.12.QueryParameterValueFormatError", {value, name},
-                          "The $filter " + why + "; it takes EventFormatType, EventType, MessageId, "
-                          "MetricReportDefinition, OriginResource, RegistryPrefix and ResourceType "
-                          "with eq or ne, joined by and, or, not and parentheses.");
+            return _Error(
+                call, 400, "Base.1.12.QueryParameterValueFormatError", {value, name},
+                "The $filter " + why +
+                    "; it takes EventFormatType, EventType, MessageId, "
+                    "MetricReportDefinition, OriginResource, RegistryPrefix and ResourceType "
+                    "with eq or ne, joined by and, or, not and parentheses.");
         }
     }
     uint64_t last = 0;
@@ -899,7 +923,8 @@ void EventService::_Stream(sCall& call) {
         d->id = std::to_string(mNextId++);
         char ctx[40];
         snprintf(ctx, sizeof ctx, "SSE-%s-%08lx", d->id.c_str(),
-                 static_cast<unsigned long>(std::hash<std::string>()(d->id + std::to_string(time(nullptr)))));
+                 static_cast<unsigned long>(
+                     std::hash<std::string>()(d->id + std::to_string(time(nullptr)))));
         d->context = ctx;
         // The missed payloads still in the history come first, in order,
         // then whatever is published after this point.
@@ -920,9 +945,8 @@ void EventService::_Stream(sCall& call) {
             std::deque<std::shared_ptr<const sPublished>> batch;
             {
                 std::unique_lock<std::mutex> dl(d->m);
-                const bool woke = d->cv.wait_for(dl, std::chrono::seconds(1), [&] {
-                    return d->closed || !d->pending.empty();
-                });
+                const bool woke = d->cv.wait_for(dl, std::chrono::seconds(1),
+                                                 [&] { return d->closed || !d->pending.empty(); });
                 if (d->closed) return false;
                 if (!woke) {
                     dl.unlock();

@@ -39,13 +39,13 @@ namespace OrbelFrontEnd {
 
 struct sEventConfig {
     std::string socketPath;
-    unsigned queueLimit = 1000;      // the store queues' "QueueLimit"
-    size_t historySize = 1024;       // payloads kept for "Last-Event-ID"
-    size_t maxStreams = 4;           // open SSE streams (each holds a worker thread)
-    size_t maxSubscriptions = 16;    // push subscriptions
+    unsigned queueLimit = 1000;        // the store queues' "QueueLimit"
+    size_t historySize = 1024;         // payloads kept for "Last-Event-ID"
+    size_t maxStreams = 4;             // open SSE streams (each holds a worker thread)
+    size_t maxSubscriptions = 16;      // push subscriptions
     size_t destinationBacklog = 2048;  // payloads waiting for one stream or subscription
-    int retryAttempts = 3;           // DeliveryRetryAttempts
-    int retryIntervalSeconds = 5;    // DeliveryRetryIntervalSeconds
+    int retryAttempts = 3;             // DeliveryRetryAttempts
+    int retryIntervalSeconds = 5;      // DeliveryRetryIntervalSeconds
 };
 
 class EventService {
@@ -73,8 +73,8 @@ public:
     // Adds the "EventService" link to the service root's document.
     static void LinkFromRoot(nlohmann::json* root);
 
-    struct sPublished;   // one payload with its number (EventService.cpp)
-    struct sDestination; // a stream or a subscription
+    struct sPublished;    // one payload with its number (EventService.cpp)
+    struct sDestination;  // a stream or a subscription
 
     // Hands one payload to the history and every destination (the
     // consumer's sink; public for the tests).
