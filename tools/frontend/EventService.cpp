@@ -1,6 +1,8 @@
 // The event service of the development front end.
 #include "EventService.h"
 
+#include "HttpServer.h"
+
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -937,6 +939,7 @@ void EventService::_Stream(sCall& call) {
     }
     call.res.set_header("Cache-Control", "no-cache");
     call.res.set_header("X-Accel-Buffering", "no");
+    StreamThisAnswer();
     const std::string id = d->id;
     const httplib::Server* server = mServer;
     call.res.set_chunked_content_provider(

@@ -25,6 +25,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 thread_local const char* tFault = "";
+// Set while an answer streams (Server-Sent Events): every write goes out at once.
+thread_local bool tStreaming = false;
 
 int MsUntil(Clock::time_point t) {
     const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(t - Clock::now()).count();
@@ -54,6 +56,8 @@ std::string Address(int fd, bool peer, int* port) {
 }  // namespace
 
 const char* ConnectionFault() { return tFault; }
+
+void StreamThisAnswer() { tStreaming = true; }
 
 void EndConnectionAfterAnswer() {
     if (*tFault == '\0') tFault = "end";
@@ -87,6 +91,7 @@ public:
         mHeader.clear();
         mHeaderBytes = mHeaderLines = mLineBytes = 0;
         tFault = "";
+        tStreaming = false;
         return true;
     }
 
@@ -129,7 +134,7 @@ public:
 
     ssize_t write(const char* ptr, size_t size) override {
         mOut.append(ptr, size);
-        if (mOut.size() >= 64 * 1024 && !Flush()) return -1;
+        if ((tStreaming || mOut.size() >= 64 * 1024) && !Flush()) return -1;
         return static_cast<ssize_t>(size);
     }
 

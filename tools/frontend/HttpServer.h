@@ -46,6 +46,9 @@ const char* ConnectionFault();
 // Ends the calling worker's connection after the answer it writes now (the
 // request could not be parsed whole: what follows it is out of step).
 void EndConnectionAfterAnswer();
+// The answer of this thread's request streams (Server-Sent Events): each
+// write is sent at once instead of with the next request's read.
+void StreamThisAnswer();
 
 class HttpServer : public httplib::Server {
 public:

@@ -281,6 +281,9 @@ bool Service::Reset(std::string* why) {
     const std::string readyFile = mSysroot + "/tmp/Redfish/" + mConfig.appName + ".run";
     std::error_code ec;
     fs::remove(readyFile, ec);
+    // What a plug-in keeps across restarts lives in the platform's settings:
+    // the start state has none of it.
+    fs::remove_all(mSysroot + "/var/lib/koba", ec);
     if (!flushed || !_StartPlugin(why)) {
         if (why != nullptr && why->empty()) *why = "cannot empty the store";
         return false;

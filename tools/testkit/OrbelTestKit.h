@@ -114,7 +114,7 @@ public:
     // What a child wrote so far ("redis", "plugin" or "frontend").
     std::string Output(const std::string& child) const;
 
-    // The plug-in stopped, the store emptied and the plug-in started again:
+    // The plug-in stopped, the store and the platform settings emptied and the plug-in started again:
     // the state a test starts from, without a new front end or store
     // process. False with `*why` when the plug-in does not come back.
     bool Reset(std::string* why = nullptr);
