@@ -90,7 +90,10 @@ void FormatBody(std::string& body, const char* format, va_list args) {
     body.clear();
     if (!LogFormat::Render(body, format, args, !LogFormat::IsPreformatted(format))) {
         char buffer[kMessageBufferSize] = {};
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
         std::vsnprintf(buffer, sizeof(buffer), format, copy);
+#pragma GCC diagnostic pop
         body.assign(buffer);
     }
     va_end(copy);
