@@ -13,7 +13,7 @@ namespace {
 
 enum class Len : uint8_t { None, HH, H, L, LL, J, Z, T, BigL };
 
-struct Spec {
+struct Conversion {
     char flags[8] = {};
     int nflags = 0;
     int width = -1;  // -1: none
@@ -27,7 +27,7 @@ struct Spec {
 
 // Reads the conversion after '%' into `s`; the position after it, or null
 // for a conversion this formatter leaves to vsnprintf.
-const char* ParseSpec(const char* p, Spec& s) {
+const char* ParseConversion(const char* p, Conversion& s) {
     while (*p != '\0' && std::strchr("-+ #0'", *p) != nullptr) {
         if (s.nflags == 7) return nullptr;
         s.flags[s.nflags++] = *p++;
@@ -205,7 +205,7 @@ private:
 };
 
 // "%<flags><width>.<prec><lenmod><conv>" for one snprintf.
-void MiniFormat(char* fmt, const Spec& s, const char* lenmod) {
+void MiniFormat(char* fmt, const Conversion& s, const char* lenmod) {
     char* p = fmt;
     *p++ = '%';
     for (int i = 0; i < s.nflags; ++i) *p++ = s.flags[i];
@@ -221,7 +221,7 @@ void MiniFormat(char* fmt, const Spec& s, const char* lenmod) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 template <class T>
-void EmitPrintf(std::string& out, const Spec& s, const char* lenmod, T v) {
+void EmitPrintf(std::string& out, const Conversion& s, const char* lenmod, T v) {
     char fmt[48];
     MiniFormat(fmt, s, lenmod);
     char buf[256];
@@ -240,7 +240,7 @@ void EmitPrintf(std::string& out, const Spec& s, const char* lenmod, T v) {
 
 // An integer without precision and with no flag but '0' or '-' (the usual
 // "%d", "%08X", "%-5u"): digits, sign and padding without printf.
-bool EmitIntFast(std::string& out, const Spec& s, bool negative, unsigned long long magnitude) {
+bool EmitIntFast(std::string& out, const Conversion& s, bool negative, unsigned long long magnitude) {
     if (s.prec >= 0) return false;
     bool zero = false, left = false;
     for (int i = 0; i < s.nflags; ++i) {
@@ -282,7 +282,7 @@ bool EmitIntFast(std::string& out, const Spec& s, bool negative, unsigned long l
 }
 
 // A text value, escaped, then padded to the width.
-void EmitText(std::string& out, const Spec& s, const char* text, size_t n, bool escape) {
+void EmitText(std::string& out, const Conversion& s, const char* text, size_t n, bool escape) {
     const size_t at = out.size();
     if (escape) {
         AppendEscaped(out, text, n);
@@ -301,10 +301,10 @@ void EmitText(std::string& out, const Spec& s, const char* text, size_t n, bool 
 }
 
 template <class Src>
-const char* NextText(Src& src, const Spec& s, size_t* n);
+const char* NextText(Src& src, const Conversion& s, size_t* n);
 
 template <>
-const char* NextText<VaSource>(VaSource& src, const Spec& s, size_t* n) {
+const char* NextText<VaSource>(VaSource& src, const Conversion& s, size_t* n) {
     const char* t = src.Str();
     *n = t == nullptr ? 0
          : s.prec >= 0 ? strnlen(t, static_cast<size_t>(s.prec))
@@ -312,12 +312,12 @@ const char* NextText<VaSource>(VaSource& src, const Spec& s, size_t* n) {
     return t;
 }
 template <>
-const char* NextText<RecordingSource>(RecordingSource& src, const Spec& s, size_t* n) {
+const char* NextText<RecordingSource>(RecordingSource& src, const Conversion& s, size_t* n) {
     *n = 0;
     return src.Str(s.prec);
 }
 template <>
-const char* NextText<PackedSource>(PackedSource& src, const Spec&, size_t* n) {
+const char* NextText<PackedSource>(PackedSource& src, const Conversion&, size_t* n) {
     return src.Str(n);
 }
 
@@ -339,8 +339,8 @@ bool Walk(std::string* out, const char* format, Src& src, bool escape) {
             ++p;
             continue;
         }
-        Spec s;
-        const char* next = ParseSpec(p, s);
+        Conversion s;
+        const char* next = ParseConversion(p, s);
         if (next == nullptr) return false;
         p = next;
         if (s.starWidth) {
@@ -387,10 +387,10 @@ bool Walk(std::string* out, const char* format, Src& src, bool escape) {
                 const char* t = NextText(src, s, &n);
                 if (out == nullptr) break;
                 if (t == nullptr) {
-                    Spec nullSpec = s;
+                    Conversion nullConv = s;
                     const char* text = "(null)";
                     // As the C library does: "(null)" only when it fits the precision.
-                    EmitText(*out, nullSpec, text, s.prec < 0 || s.prec >= 6 ? 6 : 0, false);
+                    EmitText(*out, nullConv, text, s.prec < 0 || s.prec >= 6 ? 6 : 0, false);
                 } else {
                     EmitText(*out, s, t, n, escape);
                 }
