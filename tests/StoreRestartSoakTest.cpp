@@ -131,6 +131,9 @@ TEST_F(StoreRestartSoakTest, NothingAcknowledgedIsLostAndNoIdIsGivenTwice) {
     EXPECT_GT(checked, 0u);
     for (const std::string& uri : ledger.deleted) EXPECT_FALSE(Exists(uri)) << uri;
     EXPECT_TRUE(Exists("/redfish/v1/Systems/1") && Exists("/redfish/v1/Systems/2"));
+    // It serves before its start-up ends; an orderly exit needs the signal
+    // thread, which the last start-up step starts.
+    ASSERT_TRUE(WaitForFile(SysrootDir() + "/tmp/Redfish/RF_Root.run", kTimeoutMs));
     ASSERT_TRUE(plugin->Signal(SIGTERM));
     EXPECT_EQ(plugin->Wait(kTimeoutMs), 0) << plugin->Output();
 }
