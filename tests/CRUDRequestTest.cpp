@@ -13,10 +13,6 @@ using Fields = std::map<std::string, std::string>;
 
 namespace {
 
-bool LoggedSince(size_t mark, const std::string& text) {
-    return OrbelTest::LogSince(mark).find(text) != std::string::npos;
-}
-
 TEST(CRUDRequestTest, EveryMetaKeyLandsInTheRecordAndItsDumpLine) {
     const Fields fields = {
         {"&&RequestMethod", "POSTACTION"},
@@ -114,7 +110,7 @@ TEST(CRUDRequestTest, FaultsAreLoggedWithTheirTextsAndSkipped) {
         size_t mark = OrbelTest::LogMark();
         sCRUD_ReqData req;
         EXPECT_EQ(CRUDParseReqFields("k", row.fields, req), RT_SUCCESS);
-        EXPECT_TRUE(LoggedSince(mark, row.logged)) << row.logged;
+        EXPECT_TRUE(OrbelTest::Logged(mark, row.logged)) << row.logged;
         EXPECT_EQ(OrbelTest::LogSince(mark).find("hunter2"), std::string::npos);
         EXPECT_EQ(req.unexpectedFields + req.unknownValues + (req.method < 0 && !req.methodText.empty()),
                   1u)

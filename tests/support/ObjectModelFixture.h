@@ -4,7 +4,6 @@
 #ifndef ORBEL_TEST_OBJECTMODELFIXTURE_H
 #define ORBEL_TEST_OBJECTMODELFIXTURE_H
 
-#include <initializer_list>
 #include <string>
 
 #include "TestEnv.h"
@@ -38,23 +37,6 @@ protected:
 
     // Frees every retired node nobody holds (what the process loop does).
     void Recycle() { mApp->RecycleProcess(); }
-
-    // Success when every one of `texts` was logged since `mark`; the failure
-    // names the missing ones and shows the log.
-    static ::testing::AssertionResult Logged(size_t mark,
-                                             std::initializer_list<std::string> texts) {
-        const std::string log = LogSince(mark);
-        for (const std::string& text : texts) {
-            if (log.find(text) == std::string::npos) {
-                return ::testing::AssertionFailure() << "not logged: [" << text << "] in:\n"
-                                                     << log.substr(0, 4000);
-            }
-        }
-        return ::testing::AssertionSuccess();
-    }
-    static ::testing::AssertionResult Logged(size_t mark, const std::string& text) {
-        return Logged(mark, {text});
-    }
 
     TestApplication* mApp = nullptr;
 };

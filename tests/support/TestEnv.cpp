@@ -265,4 +265,23 @@ void StoreTest::SetUp() {
     RedisServer::Instance().FlushAll();
 }
 
+::testing::AssertionResult Logged(size_t mark, const std::vector<std::string>& texts) {
+    const std::string log = LogSince(mark);
+    for (const std::string& text : texts) {
+        if (log.find(text) == std::string::npos) {
+            return ::testing::AssertionFailure() << "not logged: [" << text << "] in:\n"
+                                                 << log.substr(0, 4000);
+        }
+    }
+    return ::testing::AssertionSuccess();
+}
+
+::testing::AssertionResult Logged(size_t mark, std::initializer_list<std::string> texts) {
+    return Logged(mark, std::vector<std::string>(texts));
+}
+
+::testing::AssertionResult Logged(size_t mark, const std::string& text) {
+    return Logged(mark, std::vector<std::string>{text});
+}
+
 }  // namespace OrbelTest

@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
 
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <set>
@@ -101,6 +102,12 @@ std::string StoreDoc(const std::string& jpath, bool meta = false);
 
 // How often `what` occurs in `text`, overlapping occurrences included.
 size_t CountOf(const std::string& text, const std::string& what);
+
+// Success when every one of `texts` was logged since `mark`; the failure
+// names the missing one and shows the log.
+::testing::AssertionResult Logged(size_t mark, const std::vector<std::string>& texts);
+::testing::AssertionResult Logged(size_t mark, std::initializer_list<std::string> texts);
+::testing::AssertionResult Logged(size_t mark, const std::string& text);
 
 // Fixture for tests that need the store: starts the server on first use
 // and empties it before each test.
