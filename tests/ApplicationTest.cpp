@@ -18,6 +18,7 @@
 #include "FixedPaths.h"
 #include "TestEnv.h"
 #include "TestFiles.h"
+#include "TestPluginProcess.h"
 #include "ZApplication.h"
 #include "ZLogPrint.h"
 #include "ZSchema.h"
@@ -45,9 +46,6 @@ const std::string kUsage =
     "SchemaIDs: \n  2  Alpha \n  3  Bravo \n  4  Charlie \n  5  Delta \n  6  Echo \n\n";
 
 const auto RedfishDir = [](const std::string& sysroot) { return sysroot + "/tmp/Redfish/"; };
-const auto ReadyFile = [](const std::string& app, const std::string& sysroot = SysrootDir()) {
-    return RedfishDir(sysroot) + app + ".run";
-};
 const auto Has = [](const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 };
@@ -83,30 +81,6 @@ Texts CreatedSchemas(const std::string& output) {
             names.push_back(line.substr(15, line.size() - 16));
     }
     return names;
-}
-
-// The test plug-in as a child, under its own application name (so ready
-// and log files of children running side by side never meet).
-std::unique_ptr<ChildProcess> StartPlugin(const std::string& app, Texts args,
-                                          std::map<std::string, std::string> env = {}) {
-    std::string sysroot = env.count("ORBEL_SYSROOT") ? env["ORBEL_SYSROOT"] : SysrootDir();
-    unlink(ReadyFile(app, sysroot).c_str());  // a stale one would look like success
-    args.insert(args.begin(), BuiltProgram("tests/TestPlugin"));
-    env["ORBEL_TEST_APP_NAME"] = app;
-    auto child = std::make_unique<ChildProcess>(args, env);
-    EXPECT_TRUE(child->Start());
-    return child;
-}
-
-// Waits until the plug-in has written its ready file and registered its
-// last signal, so it is fully running.
-::testing::AssertionResult WaitRunning(ChildProcess& child, const std::string& app,
-                                       const std::string& sysroot = SysrootDir()) {
-    if (WaitForFile(ReadyFile(app, sysroot), kTimeoutMs) &&
-        child.WaitForOutput("INFO: Register signal(12) \n", kTimeoutMs)) {
-        return ::testing::AssertionSuccess();
-    }
-    return ::testing::AssertionFailure() << "not running; output:\n" << child.Output();
 }
 
 int RunSimTool(const Texts& args, std::map<std::string, std::string> env = {}) {
