@@ -1,128 +1,44 @@
 // The development front end over HTTP: the sample plug-in and orbel-frontend
 // run as children against the suite's store, and curl and redfishtool talk
 // to the front end on 127.0.0.1, as a plug-in author would.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "ChildProcess.h"
+#include "HttpFrontEnd.h"
 #include "TestEnv.h"
-#include "vex.h"
 
 using namespace OrbelTest;
 using nlohmann::json;
 
 namespace {
 
-constexpr int kTimeoutMs = 15000;
 const char* const kAdminPassword = "pa:ss-Secret";  // a ":" inside on purpose
 
-struct sHttp {
-    int status = 0;
-    std::map<std::string, std::string> headers;
-    std::string body;
-    json doc;  // the body parsed (null when it is not JSON)
-};
-
-class FrontEndHttpTest : public ::testing::Test {
+class FrontEndHttpTest : public HttpFrontEndTest {
 protected:
     static void SetUpTestSuite() {
-        ASSERT_TRUE(RedisServer::Instance().Start());
-        RedisServer::Instance().FlushAll();
-        ASSERT_NE(vex_config_set_bool("nginx_redfish_ready", 0, 0), 0);
-        const std::string users = SysrootDir() + "/frontend-users";
-        WriteFile(users, std::string("# test users\nadmin:") + kAdminPassword +
-                             ":Administrator\nro:ro-pw:ReadOnly\nnobody:no-pw:NoAccess\n");
-        InstallSampleTemplates();
-        sPlugin.reset(
-            new ChildProcess({BuiltProgram("examples/RF_Root/RF_Root")}, {{"PLATFLAGS", "0x0"}}));
-        ASSERT_TRUE(sPlugin->Start());
-        ASSERT_TRUE(
-            sPlugin->WaitForOutput("PreCorvelReady_InitAllSchemaResources done!\n", kTimeoutMs))
-            << sPlugin->Output();
-        sFront.reset(
-            new ChildProcess({BuiltProgram("tools/frontend/orbel-frontend"), "--users", users,
-                              "--registries", SourceDir() + "/tools/frontend/registries"}));
-        ASSERT_TRUE(sFront->Start());
-        ASSERT_TRUE(sFront->WaitForOutput("/ (store ", kTimeoutMs)) << sFront->Output();
-        const std::string out = sFront->Output();
-        const size_t at = out.find("http://127.0.0.1:");
-        ASSERT_NE(at, std::string::npos) << out;
-        sBase = "http://127.0.0.1:" + std::to_string(atoi(out.c_str() + at + 17));
-        // The front end reported itself ready: the plug-in starts serving.
-        ASSERT_TRUE(WaitForFile(SysrootDir() + "/tmp/Redfish/RF_Root.run", kTimeoutMs))
-            << sPlugin->Output();
-    }
-    static void TearDownTestSuite() {
-        // A clean stop (a sanitizer's finding in the front end fails its
-        // exit status) clears the readiness it set.
-        if (sFront && sFront->Signal(SIGTERM)) {
-            const int rc = sFront->Wait(kTimeoutMs);
-            if (rc != 0)
-                ADD_FAILURE() << "orbel-frontend ended with " << rc << "\n" << sFront->Output();
-            int ready = -1;
-            vex_config_get_bool("nginx_redfish_ready", &ready);
-            if (ready != 0) ADD_FAILURE() << "nginx_redfish_ready still " << ready;
-        }
-        sFront.reset();
-        sPlugin.reset();
+        StartServices(std::string("# test users\nadmin:") + kAdminPassword +
+                      ":Administrator\nro:ro-pw:ReadOnly\nnobody:no-pw:NoAccess\n");
     }
 
-    // curl with `args` before the URL; the answer split into its parts.
+    // curl as `user` ("" for none), with a JSON body when one is given.
     static sHttp Curl(const std::string& method, const std::string& path, const std::string& user,
                       const std::string& body = std::string(), std::vector<std::string> more = {}) {
-        std::vector<std::string> argv = {"/usr/bin/curl", "-s", "-i", "--max-time", "20"};
-        if (method == "HEAD") {
-            argv.push_back("-I");
-        } else {
-            argv.insert(argv.end(), {"-X", method});
-        }
-        if (!user.empty()) argv.insert(argv.end(), {"-u", user});
+        if (!user.empty()) more.insert(more.end(), {"-u", user});
         if (!body.empty()) {
             const std::string file = SysrootDir() + "/curl-body";
             WriteFile(file, body);
-            argv.insert(argv.end(),
+            more.insert(more.end(),
                         {"-H", "Content-Type: application/json", "--data-binary", "@" + file});
         }
-        argv.insert(argv.end(), more.begin(), more.end());
-        argv.push_back(sBase + path);
-        ChildProcess curl(argv);
-        sHttp r;
-        if (!curl.Start() || curl.Wait(30000) != 0) return r;
-        const std::string out = curl.Output();
-        const size_t end = out.find("\r\n\r\n");
-        const std::string head = out.substr(0, end);
-        r.body = end == std::string::npos ? std::string() : out.substr(end + 4);
-        r.status = atoi(head.c_str() + head.find(' ') + 1);
-        size_t pos = head.find("\r\n");
-        while (pos != std::string::npos) {
-            const size_t next = head.find("\r\n", pos + 2);
-            const std::string line = head.substr(pos + 2, next - pos - 2);
-            const size_t colon = line.find(": ");
-            if (colon != std::string::npos)
-                r.headers[line.substr(0, colon)] = line.substr(colon + 2);
-            pos = next;
-        }
-        r.doc = json::parse(r.body, nullptr, false);
-        if (r.doc.is_discarded()) r.doc = nullptr;
-        return r;
+        return HttpFrontEndTest::Curl(method, path, more);
     }
 
     static std::string Admin() { return std::string("admin:") + kAdminPassword; }
-
-    // The MessageId of the first message of an error answer.
-    static std::string ErrorId(const sHttp& r) {
-        if (!r.doc.is_object() || !r.doc.contains("error")) return "<no error body>";
-        return r.doc["error"].value("code", std::string("<no code>"));
-    }
 
     // Nothing a request used stays in the store once it is answered.
     static void ExpectNoLeftovers() {
@@ -134,15 +50,7 @@ protected:
         }
         EXPECT_TRUE(keys.empty()) << keys.front();
     }
-
-    static std::unique_ptr<ChildProcess> sPlugin;
-    static std::unique_ptr<ChildProcess> sFront;
-    static std::string sBase;
 };
-
-std::unique_ptr<ChildProcess> FrontEndHttpTest::sPlugin;
-std::unique_ptr<ChildProcess> FrontEndHttpTest::sFront;
-std::string FrontEndHttpTest::sBase;
 
 TEST_F(FrontEndHttpTest, EveryMethodThroughCurl) {
     // The entry points answer without credentials.
@@ -302,13 +210,8 @@ TEST_F(FrontEndHttpTest, HostileInputGetsFourHundreds) {
     }
 
     // A request line that is no HTTP at all.
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    const int fd = Connect();
     ASSERT_GE(fd, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(atoi(sBase.c_str() + sBase.rfind(':') + 1)));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
     const std::string junk = "\x01\x02 NOT HTTP\r\n\r\n";
     ASSERT_EQ(write(fd, junk.data(), junk.size()), static_cast<ssize_t>(junk.size()));
     char buf[64] = {};
@@ -326,7 +229,7 @@ TEST_F(FrontEndHttpTest, HostileInputGetsFourHundreds) {
 }
 
 TEST_F(FrontEndHttpTest, RedfishToolReadsPatchesAndResets) {
-    const std::string host = sBase.substr(7);  // without "http://"
+    const std::string host = "127.0.0.1:" + std::to_string(sPort);
     auto tool = [&host](std::vector<std::string> args, int* rc) {
         std::vector<std::string> argv = {
             "/usr/bin/redfishtool", "-r", host, "-S", "Never", "-u", "admin", "-p", kAdminPassword};
@@ -353,17 +256,10 @@ TEST_F(FrontEndHttpTest, RedfishToolReadsPatchesAndResets) {
 
 // One HTTP/1.1 exchange on a socket of its own, without a child process: a
 // client polling as fast as it can.
-sHttp RawHttp(int port, const std::string& method, const std::string& path) {
+sHttp RawHttp(const std::string& method, const std::string& path) {
     sHttp r;
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        if (fd >= 0) close(fd);
-        return r;
-    }
+    const int fd = HttpFrontEndTest::Connect();
+    if (fd < 0) return r;
     const std::string body = method == "POST" ? "{}" : "";
     const std::string request = method + " " + path +
                                 " HTTP/1.1\r\nHost: 127.0.0.1\r\n"
@@ -401,8 +297,8 @@ std::string TaskDocFault(const json& doc) {
     if (!messages.is_array() || messages.empty()) return "Messages " + messages.dump();
     for (const json& m : messages) {
         const json& args = m["MessageArgs"];
-        if (!args.is_array() || args.empty() || !args[0].is_string() ||
-            args[0] != doc["Id"] || m.value("Message", std::string("%")).find('%') != std::string::npos) {
+        if (!args.is_array() || args.empty() || !args[0].is_string() || args[0] != doc["Id"] ||
+            m.value("Message", std::string("%")).find('%') != std::string::npos) {
             return "message " + m.dump();
         }
     }
@@ -420,7 +316,9 @@ TEST_F(FrontEndHttpTest, ActionsAnsweredWithATaskMonitor) {
 
     // A synchronous action uses up no Task id.
     EXPECT_EQ(Curl("POST", "/redfish/v1/Systems/1/Actions/ComputerSystem.Reset", Admin(),
-                   R"({"ResetType":"On"})").status, 200);
+                   R"({"ResetType":"On"})")
+                  .status,
+              200);
     r = Curl("POST", actions + "Orbel.SimulatedFirmwareUpdate", Admin(), "{}");
     ASSERT_EQ(r.status, 202) << r.body;
     const std::string monitor = r.headers["Location"];
@@ -432,21 +330,18 @@ TEST_F(FrontEndHttpTest, ActionsAnsweredWithATaskMonitor) {
 
     // While the work goes on (2 s): the Task cannot be cancelled, the monitor
     // answers 202, the Task 200.
-    const int port = atoi(sBase.c_str() + sBase.rfind(':') + 1);
-    EXPECT_EQ(RawHttp(port, "DELETE", task).status, 409);
-    sHttp read = RawHttp(port, "GET", monitor);
+    EXPECT_EQ(RawHttp("DELETE", task).status, 409);
+    sHttp read = RawHttp("GET", monitor);
     EXPECT_EQ(read.status, 202) << read.body;
     EXPECT_EQ(read.headers["Location"], monitor);
-    EXPECT_EQ(RawHttp(port, "GET", task).status, 200);
+    EXPECT_EQ(RawHttp("GET", task).status, 200);
     r = Curl("GET", "/redfish/v1/TaskService/Tasks", Admin());
-    EXPECT_EQ(r.doc["Members"], json::parse(R"([{"@odata.id":"/redfish/v1/TaskService/Tasks/1"}])"));
+    EXPECT_EQ(r.doc["Members"],
+              json::parse(R"([{"@odata.id":"/redfish/v1/TaskService/Tasks/1"}])"));
 
     // Once ended, the monitor answers as the action would have at once.
-    read = Curl("GET", monitor, Admin());
-    for (int i = 0; i < 200 && read.status == 202; ++i) {
-        usleep(50 * 1000);
-        read = Curl("GET", monitor, Admin());
-    }
+    EXPECT_TRUE(WaitUntil([&] { return (read = Curl("GET", monitor, Admin())).status != 202; },
+                          kTimeoutMs));
     EXPECT_EQ(read.status, 200) << read.body;
     EXPECT_EQ(read.doc["FirmwareVersion"], "1.1.0");
     EXPECT_EQ(Curl("GET", "/redfish/v1/Systems/1", Admin()).doc["BiosVersion"], "1.1.0");
@@ -466,11 +361,9 @@ TEST_F(FrontEndHttpTest, ActionsAnsweredWithATaskMonitor) {
 
     r = Curl("POST", actions + "Orbel.FailingSelfTest", Admin(), "{}");
     ASSERT_EQ(r.status, 202) << r.body;
-    read = Curl("GET", r.headers["Location"], Admin());
-    for (int i = 0; i < 200 && read.status == 202; ++i) {
-        usleep(50 * 1000);
-        read = Curl("GET", r.headers["Location"], Admin());
-    }
+    EXPECT_TRUE(WaitUntil(
+        [&] { return (read = Curl("GET", r.headers["Location"], Admin())).status != 202; },
+        kTimeoutMs));
     EXPECT_EQ(read.status, 409) << read.body;
     EXPECT_EQ(ErrorId(read), "Base.1.12.ResourceInUse");
     read = Curl("GET", r.doc["@odata.id"], Admin());
@@ -485,16 +378,15 @@ TEST_F(FrontEndHttpTest, ActionsAnsweredWithATaskMonitor) {
 // a whole running Task, and the first other answer is the finished
 // operation's own (the self test's 409).
 TEST_F(FrontEndHttpTest, MonitorsPolledHardNeverRunAhead) {
-    const int port = atoi(sBase.c_str() + sBase.rfind(':') + 1);
     constexpr int kClients = 8, kEach = 25;
     std::vector<std::string> faults[kClients];
     std::vector<std::thread> clients;
     for (int n = 0; n < kClients; ++n) {
-        clients.emplace_back([n, port, &faults]() {
+        clients.emplace_back([n, &faults]() {
             auto fault = [&](const std::string& what) { faults[n].push_back(what); };
             for (int i = 0; i < kEach; ++i) {
-                sHttp r = RawHttp(port, "POST",
-                                  "/redfish/v1/Systems/2/Actions/Oem/Orbel.FailingSelfTest");
+                sHttp r =
+                    RawHttp("POST", "/redfish/v1/Systems/2/Actions/Oem/Orbel.FailingSelfTest");
                 if (r.status != 202) {
                     fault("POST " + std::to_string(r.status) + " " + r.body);
                     continue;
@@ -502,7 +394,7 @@ TEST_F(FrontEndHttpTest, MonitorsPolledHardNeverRunAhead) {
                 if (!TaskDocFault(r.doc).empty()) fault("POST body: " + TaskDocFault(r.doc));
                 const std::string monitor = r.headers["Location"];
                 for (;;) {
-                    r = RawHttp(port, "GET", monitor);
+                    r = RawHttp("GET", monitor);
                     if (r.status != 202) break;
                     if (!TaskDocFault(r.doc).empty()) fault("202 body: " + TaskDocFault(r.doc));
                 }
@@ -517,11 +409,13 @@ TEST_F(FrontEndHttpTest, MonitorsPolledHardNeverRunAhead) {
     // The finished tasks kept are bounded (the follower trims just after the
     // last final state is stored).
     json count;
-    for (int i = 0; i < 100 && !(count.is_number() && count <= 128); ++i) {
-        if (i > 0) usleep(20 * 1000);
-        count = RawHttp(port, "GET", "/redfish/v1/TaskService/Tasks").doc["Members@odata.count"];
-    }
-    EXPECT_LE(count, 128);
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+            count = RawHttp("GET", "/redfish/v1/TaskService/Tasks").doc["Members@odata.count"];
+            return count.is_number() && count <= 128;
+        },
+        kTimeoutMs))
+        << count;
 }
 
 }  // namespace

@@ -2,145 +2,31 @@
 // sample plug-in and orbel-frontend run as children against the suite's
 // store; curl (and raw sockets where curl cannot misbehave enough) talk to
 // it on 127.0.0.1.
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-#include "ChildProcess.h"
+#include "HttpFrontEnd.h"
 #include "TestEnv.h"
-#include "vex.h"
 
 using namespace OrbelTest;
 using nlohmann::json;
 
 namespace {
 
-constexpr int kTimeoutMs = 15000;
-
-struct sHttp {
-    int status = 0;
-    std::map<std::string, std::string> headers;  // last value of each name
-    std::string body;
-    json doc;  // null when the body is not JSON
-};
-
-class FrontEndProtocolTest : public ::testing::Test {
+class FrontEndProtocolTest : public HttpFrontEndTest {
 protected:
     static void SetUpTestSuite() {
-        ASSERT_TRUE(RedisServer::Instance().Start());
-        RedisServer::Instance().FlushAll();
-        const std::string users = SysrootDir() + "/frontend-users";
-        WriteFile(users, "admin:admin-pw:Administrator\nro:ro-pw:ReadOnly\n");
-        InstallSampleTemplates();
-        sPlugin.reset(
-            new ChildProcess({BuiltProgram("examples/RF_Root/RF_Root")}, {{"PLATFLAGS", "0x0"}}));
-        ASSERT_TRUE(sPlugin->Start());
-        ASSERT_TRUE(
-            sPlugin->WaitForOutput("PreCorvelReady_InitAllSchemaResources done!\n", kTimeoutMs));
-        sFront.reset(new ChildProcess({BuiltProgram("tools/frontend/orbel-frontend"), "--users",
-                                       users, "--https-port", "0", "--session-timeout", "3",
-                                       "--registries",
-                                       SourceDir() + "/tools/frontend/registries"}));
-        ASSERT_TRUE(sFront->Start());
-        ASSERT_TRUE(sFront->WaitForOutput("/ (store ", kTimeoutMs)) << sFront->Output();
-        const std::string out = sFront->Output();
-        sPort = atoi(out.c_str() + out.find("http://127.0.0.1:") + 17);
-        sSecurePort = atoi(out.c_str() + out.find("https://127.0.0.1:") + 18);
-        ASSERT_TRUE(WaitForFile(SysrootDir() + "/tmp/Redfish/RF_Root.run", kTimeoutMs));
-    }
-    static void TearDownTestSuite() {
-        if (sFront && sFront->Signal(SIGTERM)) {
-            EXPECT_EQ(sFront->Wait(kTimeoutMs), 0);
-        }
-        sFront.reset();
-        sPlugin.reset();
-    }
-
-    // curl with `more` before the URL; `-w` output (when asked) ends the body.
-    static sHttp Curl(const std::string& method, const std::string& path,
-                      std::vector<std::string> more = {}, bool secure = false) {
-        std::vector<std::string> argv = {"/usr/bin/curl", "-s", "-i", "--max-time", "20", "-k"};
-        if (method == "HEAD") {
-            argv.push_back("-I");
-        } else {
-            argv.insert(argv.end(), {"-X", method});
-        }
-        argv.insert(argv.end(), more.begin(), more.end());
-        argv.push_back((secure ? "https://127.0.0.1:" + std::to_string(sSecurePort)
-                               : "http://127.0.0.1:" + std::to_string(sPort)) +
-                       path);
-        ChildProcess curl(argv);
-        sHttp r;
-        if (!curl.Start() || curl.Wait(30000) != 0) return r;
-        std::string out = curl.Output();
-        // A 100 Continue comes before the answer.
-        while (out.compare(0, 25, "HTTP/1.1 100 Continue\r\n\r\n") == 0) out.erase(0, 25);
-        const size_t end = out.find("\r\n\r\n");
-        const std::string head = out.substr(0, end);
-        r.body = end == std::string::npos ? std::string() : out.substr(end + 4);
-        r.status = atoi(head.c_str() + head.find(' ') + 1);
-        for (size_t pos = head.find("\r\n"); pos != std::string::npos;) {
-            const size_t next = head.find("\r\n", pos + 2);
-            const std::string line = head.substr(pos + 2, next - pos - 2);
-            const size_t colon = line.find(": ");
-            if (colon != std::string::npos) r.headers[line.substr(0, colon)] = line.substr(colon + 2);
-            pos = next;
-        }
-        r.doc = json::parse(r.body, nullptr, false);
-        if (r.doc.is_discarded()) r.doc = nullptr;
-        return r;
+        StartServices("admin:admin-pw:Administrator\nro:ro-pw:ReadOnly\n",
+                      {"--https-port", "0", "--session-timeout", "3"});
     }
     static std::vector<std::string> Basic() { return {"-u", "admin:admin-pw"}; }
-    static std::string ErrorId(const sHttp& r) {
-        return r.doc.is_object() && r.doc.contains("error") ? r.doc["error"].value("code", "")
-                                                            : "<no error body>";
-    }
-
-    // A raw connection to the front end.
-    static int Connect() {
-        const int fd = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(static_cast<uint16_t>(sPort));
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
-            close(fd);
-            return -1;
-        }
-        return fd;
-    }
-    // Everything the peer sends until it closes or `ms` pass.
-    static std::string ReadAll(int fd, int ms) {
-        std::string out;
-        char buf[4096];
-        pollfd p{fd, POLLIN, 0};
-        while (poll(&p, 1, ms) > 0) {
-            const ssize_t n = recv(fd, buf, sizeof buf, 0);
-            if (n <= 0) break;
-            out.append(buf, static_cast<size_t>(n));
-        }
-        return out;
-    }
-
-    static std::unique_ptr<ChildProcess> sPlugin;
-    static std::unique_ptr<ChildProcess> sFront;
-    static int sPort;
-    static int sSecurePort;
 };
-
-std::unique_ptr<ChildProcess> FrontEndProtocolTest::sPlugin;
-std::unique_ptr<ChildProcess> FrontEndProtocolTest::sFront;
-int FrontEndProtocolTest::sPort = 0;
-int FrontEndProtocolTest::sSecurePort = 0;
 
 // Keep-alive: many requests on one connection (also over HTTPS), and each
 // answer in one write: a header sent apart from its body waits for the
@@ -148,7 +34,7 @@ int FrontEndProtocolTest::sSecurePort = 0;
 TEST_F(FrontEndProtocolTest, KeepAliveServesManyRequestsInOneWriteEach) {
     for (bool secure : {false, true}) {
         const std::string url = (secure ? "https://127.0.0.1:" + std::to_string(sSecurePort)
-                                         : "http://127.0.0.1:" + std::to_string(sPort)) +
+                                        : "http://127.0.0.1:" + std::to_string(sPort)) +
                                 "/redfish/v1/Systems/1";
         std::vector<std::string> argv = {"/usr/bin/curl", "-s", "-k", "-u", "admin:admin-pw"};
         for (int i = 0; i < 20; ++i) {
@@ -221,9 +107,9 @@ TEST_F(FrontEndProtocolTest, NoListenerAnswersUnavailableAtOnce) {
     RawCommand({"HSET", "/redfish/v1/Orphan", "@odata.id", "\"/redfish/v1/Orphan\""});
     RawCommand({"RPUSH", "&&/redfish/v1/Orphan/PATCHQ", "Nobody:PATCH"});
     const auto start = std::chrono::steady_clock::now();
-    sHttp r = Curl("PATCH", "/redfish/v1/Orphan",
-                         {"-u", "admin:admin-pw", "-H", "Content-Type: application/json", "-d",
-                          R"({"Name":"x"})"});
+    sHttp r = Curl(
+        "PATCH", "/redfish/v1/Orphan",
+        {"-u", "admin:admin-pw", "-H", "Content-Type: application/json", "-d", R"({"Name":"x"})"});
     EXPECT_EQ(r.status, 503);
     EXPECT_EQ(r.headers["Retry-After"], "5");
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
@@ -268,8 +154,10 @@ TEST_F(FrontEndProtocolTest, SessionsLoginUseAndLogout) {
     EXPECT_EQ(Curl("GET", "/redfish/v1/Systems/1", auth).status, 401);
     // A session left unused ends by itself (the suite's idle time-out: 3 s).
     // Watched with Basic credentials: a use of the token would keep it alive.
-    const std::string idle = login(R"({"UserName":"admin","Password":"admin-pw"})").headers["Location"];
-    EXPECT_TRUE(WaitUntil([&idle] { return Curl("GET", idle, Basic()).status == 404; }, kTimeoutMs));
+    const std::string idle =
+        login(R"({"UserName":"admin","Password":"admin-pw"})").headers["Location"];
+    EXPECT_TRUE(
+        WaitUntil([&idle] { return Curl("GET", idle, Basic()).status == 404; }, kTimeoutMs));
 
     struct Row {
         const char* body;
@@ -300,8 +188,8 @@ TEST_F(FrontEndProtocolTest, OwnResourcesAndRootLinks) {
     sHttp r = Curl("GET", "/redfish/v1/$metadata");
     EXPECT_EQ(r.status, 200);
     EXPECT_EQ(r.headers["Content-Type"], "application/xml");
-    for (const char* ns : {"ComputerSystem.v1_20_0", "ServiceRoot.v1_15_0", "Session.v1_7_0",
-                           "EntityContainer"}) {
+    for (const char* ns :
+         {"ComputerSystem.v1_20_0", "ServiceRoot.v1_15_0", "Session.v1_7_0", "EntityContainer"}) {
         EXPECT_NE(r.body.find(ns), std::string::npos) << ns;
     }
     r = Curl("GET", "/redfish/v1/odata");
@@ -339,9 +227,9 @@ TEST_F(FrontEndProtocolTest, HeadersEtagsAndQueries) {
     const std::string etag = r.headers["ETag"];
     ASSERT_EQ(etag.compare(0, 3, "W/\""), 0);
 
-    const std::vector<std::string> patch = {"-u", "admin:admin-pw", "-H",
-                                            "Content-Type: application/json", "-d",
-                                            R"({"AssetTag":"etag-test"})"};
+    const std::vector<std::string> patch = {"-u", "admin:admin-pw",
+                                            "-H", "Content-Type: application/json",
+                                            "-d", R"({"AssetTag":"etag-test"})"};
     auto with = [&patch](std::vector<std::string> more) {
         more.insert(more.begin(), patch.begin(), patch.end());
         return more;
@@ -353,14 +241,23 @@ TEST_F(FrontEndProtocolTest, HeadersEtagsAndQueries) {
         std::vector<std::string> args;
         int status;
     } rows[] = {
-        {"If-None-Match current", "GET", "/redfish/v1/Systems/1",
-         {"-u", "admin:admin-pw", "-H", "If-None-Match: " + etag}, 304},
-        {"OData-Version 4.1", "GET", "/redfish/v1/Systems/1",
-         {"-u", "admin:admin-pw", "-H", "OData-Version: 4.1"}, 412},
+        {"If-None-Match current",
+         "GET",
+         "/redfish/v1/Systems/1",
+         {"-u", "admin:admin-pw", "-H", "If-None-Match: " + etag},
+         304},
+        {"OData-Version 4.1",
+         "GET",
+         "/redfish/v1/Systems/1",
+         {"-u", "admin:admin-pw", "-H", "OData-Version: 4.1"},
+         412},
         {"unknown method", "FROB", "/redfish/v1/Systems/1", Basic(), 501},
         {"PUT", "PUT", "/redfish/v1/Systems/1", Basic(), 405},
-        {"text body", "PATCH", "/redfish/v1/Systems/1",
-         {"-u", "admin:admin-pw", "-H", "Content-Type: text/plain", "-d", "{}"}, 415},
+        {"text body",
+         "PATCH",
+         "/redfish/v1/Systems/1",
+         {"-u", "admin:admin-pw", "-H", "Content-Type: text/plain", "-d", "{}"},
+         415},
         {"stale If-Match", "PATCH", "/redfish/v1/Systems/1", with({"-H", "If-Match: W/\"0\""}),
          412},
         {"current If-Match", "PATCH", "/redfish/v1/Systems/1", with({"-H", "If-Match: " + etag}),
