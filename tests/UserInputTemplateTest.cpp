@@ -27,131 +27,6 @@ std::unique_ptr<ZUserInputTemplate> Load(const std::string& name, const std::str
     return std::make_unique<ZUserInputTemplate>(nullptr, &n, false);
 }
 
-::testing::AssertionResult LoggedSince(size_t mark, const std::vector<std::string>& texts) {
-    const std::string log = LogSince(mark);
-    for (const std::string& text : texts) {
-        if (log.find(text) == std::string::npos) {
-            return ::testing::AssertionFailure() << "not logged: [" << text << "] in:\n"
-                                                 << log.substr(0, 3000);
-        }
-    }
-    return ::testing::AssertionSuccess();
-}
-
-TEST(UserInputTemplateAttr, SectionsLettersAndLimits) {
-    struct Row {
-        const char* text;
-        uint16_t types;
-        uint8_t methods;
-        uint8_t flags;
-        uint8_t presence;
-        double min, max;
-        uint8_t arrayType;
-        std::vector<std::string> enumStrings;
-        std::vector<double> enumValues;
-        const char* pattern;
-    };
-    const Row rows[] = {
-        {"S@p@@e:A,B", UIT_TYPE_STRING, UIT_METHOD_PatchOption, 0, 0, 0, 0, 0, {"A", "B"}, {}, ""},
-        {"S,n@cr,pr@s,l@m:1,M:64,p:^a{1,3}$",
-         UIT_TYPE_STRING | UIT_TYPE_NULL,
-         UIT_METHOD_CreateRequired | UIT_METHOD_PatchRequired,
-         UIT_FLAG_SecureProperty | UIT_FLAG_LifeCycleEvent,
-         UIT_LIMIT_MIN | UIT_LIMIT_MAX,
-         1,
-         64,
-         0,
-         {},
-         {},
-         "^a{1,3}$"},
-        // An enumeration ends at the next titled item.
-        {"S@c,a@@e:On,Off,M:5",
-         UIT_TYPE_STRING,
-         UIT_METHOD_CreateOption | UIT_METHOD_ActionOption,
-         0,
-         UIT_LIMIT_MAX,
-         0,
-         5,
-         0,
-         {"On", "Off"},
-         {},
-         ""},
-        {"u,s,f@ar@@e:3,-1.5,2,m:-2.5",
-         UIT_TYPE_UNSIGNED | UIT_TYPE_SIGNED | UIT_TYPE_FLOAT,
-         UIT_METHOD_ActionRequired,
-         0,
-         UIT_LIMIT_MIN,
-         -2.5,
-         0,
-         0,
-         {},
-         {-1.5, 2, 3},
-         ""},
-        {"a@p@@m:R,M:3",
-         UIT_TYPE_ARRAY,
-         UIT_METHOD_PatchOption,
-         0,
-         UIT_LIMIT_MIN | UIT_LIMIT_MAX,
-         3,
-         3,
-         UIT_ARRAY_Rigid,
-         {},
-         {},
-         ""},
-        {"a@p@@m:2,M:2",
-         UIT_TYPE_ARRAY,
-         UIT_METHOD_PatchOption,
-         0,
-         UIT_LIMIT_MIN | UIT_LIMIT_MAX,
-         2,
-         2,
-         UIT_ARRAY_FixedLength,
-         {},
-         {},
-         ""},
-        {"a@p@@m:1,M:4",
-         UIT_TYPE_ARRAY,
-         UIT_METHOD_PatchOption,
-         0,
-         UIT_LIMIT_MIN | UIT_LIMIT_MAX,
-         1,
-         4,
-         UIT_ARRAY_VariableLength,
-         {},
-         {},
-         ""},
-        // No method letter: read-only.
-        {"o,i,b@@@",
-         UIT_TYPE_OBJECT | UIT_TYPE_IGNORE | UIT_TYPE_BOOL,
-         UIT_METHOD_ReadOnly,
-         0,
-         0,
-         0,
-         0,
-         0,
-         {},
-         {},
-         ""},
-    };
-    for (const Row& row : rows) {
-        sPropertyAttrTag attr;
-        ASSERT_EQ(ZUserInputTemplate::ParsePropertyAttr(row.text, attr), RT_SUCCESS) << row.text;
-        EXPECT_EQ(attr.dataTypes, row.types) << row.text;
-        EXPECT_EQ(attr.supportMethods, row.methods) << row.text;
-        EXPECT_EQ(attr.flags, row.flags) << row.text;
-        EXPECT_EQ(attr.limits.presence, row.presence) << row.text;
-        EXPECT_EQ(attr.limits.min, row.min) << row.text;
-        EXPECT_EQ(attr.limits.max, row.max) << row.text;
-        EXPECT_EQ(attr.limits.arrayType, row.arrayType) << row.text;
-        EXPECT_EQ(attr.limits.enumStrings, row.enumStrings) << row.text;
-        EXPECT_EQ(std::vector<double>(attr.limits.enumValues.begin(), attr.limits.enumValues.end()),
-                  row.enumValues)
-            << row.text;
-        EXPECT_EQ(attr.limits.pattern, row.pattern) << row.text;
-        EXPECT_EQ(attr.limits.compiled != nullptr, *row.pattern != '\0') << row.text;
-    }
-}
-
 TEST(UserInputTemplateAttr, FaultsNameTheirCause) {
     // {text, message ("" when only the caller's PropertyAttr line says it)}
     const std::pair<const char*, const char*> rows[] = {
@@ -180,15 +55,15 @@ TEST(UserInputTemplateAttr, FaultsNameTheirCause) {
         {"S@p@@p:a++", ""},
         {"S@p@@p:a{,9}{,9}", ""},
         {"S@p@@p:((a{200}){200})", ""},
-        {"S@p@", ""},           // four sections
-        {"@p@@", ""},           // at least one type
+        {"S@p@", ""},  // four sections
+        {"@p@@", ""},  // at least one type
     };
     for (const auto& row : rows) {
         const size_t mark = LogMark();
         sPropertyAttrTag attr;
         EXPECT_EQ(ZUserInputTemplate::ParsePropertyAttr(row.first, attr), RT_FAILURE) << row.first;
         if (*row.second != '\0') {
-            EXPECT_TRUE(LoggedSince(mark, {row.second})) << row.first;
+            EXPECT_TRUE(Logged(mark, {row.second})) << row.first;
         }
     }
 }
@@ -220,7 +95,8 @@ TEST(UserInputTemplateFile, FaultsAreReportedWithTheirLine) {
         {"{'A':'o@p@@'{'{}':'S@p@@'}}",
          {"Template[Bad]: Cannot fetch propertyName from line[1].\n"}},
         // A NUL byte would cut a name or a pattern short.
-        {std::string("{\n'A\0B':'S@p@@'}", 16), {"Template[Bad]: Cannot fetch propertyName from line[2].\n"}},
+        {std::string("{\n'A\0B':'S@p@@'}", 16),
+         {"Template[Bad]: Cannot fetch propertyName from line[2].\n"}},
         {std::string("{'A':'S@p@@p:^a\0b$'}", 20), {"Template[Bad]: Format error at line[1].\n"}},
     };
     for (const auto& row : rows) {
@@ -228,13 +104,13 @@ TEST(UserInputTemplateFile, FaultsAreReportedWithTheirLine) {
         auto tmpl = Load("Bad", row.first);
         EXPECT_EQ(tmpl->GetLoadResult(), RT_FAILURE) << row.first.substr(0, 80);
         EXPECT_EQ(tmpl->GetCache(), nullptr);
-        EXPECT_TRUE(LoggedSince(mark, row.second)) << row.first.substr(0, 80);
+        EXPECT_TRUE(Logged(mark, row.second)) << row.first.substr(0, 80);
     }
     const size_t mark = LogMark();
     std::string missing = "Missing";
     ZUserInputTemplate none(nullptr, &missing, false);
     EXPECT_EQ(none.GetLoadResult(), RT_FAILURE);
-    EXPECT_TRUE(LoggedSince(
+    EXPECT_TRUE(Logged(
         mark, {"Failed to open user input template file[" + TemplatePath("Missing") + "].\n"}));
 }
 
@@ -326,50 +202,53 @@ TEST(UserInputTemplateFile, CacheHoldsEveryFormWithItsJPath) {
     EXPECT_TRUE(tmpl->GetRequiredList(eReqRead).empty());
 }
 
+// Every section, letter and limit of an attribute, as the dump lists them.
 TEST(UserInputTemplateFile, DumpsListAttributesAndRequiredLists) {
     auto tmpl = Load("Dump",
-                     "{'Boot':'o,n@pr@l@'{'Order':'a@p@@m:R,M:2'['S@p@s@e:Pxe,Hdd,p:^[A-Z]+$']},"
+                     "{'A':'S@p@@e:A,B', 'B':'S,n@cr,pr@s,l@m:1,M:64,p:^a{1,3}$',\n"
+                     // An enumeration ends at the next titled item.
+                     "'C':'S@c,a@@e:On,Off,M:5', 'D':'u,s,f@ar@@e:3,-1.5,2,m:-2.5',\n"
+                     "'E':'a@p@@m:R,M:3' [ ], 'F':'a@p@@m:2,M:2' [ ],\n"
+                     "'G':'a@p@@m:1,M:4' [ ], 'H':'i,b@@@',\n"  // no method letter: read-only
+                     "'Boot':'o,n@pr@l@'{'Order':'a@p@@m:R,M:2'['S@p@s@e:Pxe,Hdd,p:^[A-Z]+$']},\n"
                      "'Count':'u,f@c@@m:1,M:8,e:1,2.5'}");
     ASSERT_EQ(tmpl->GetLoadResult(), RT_SUCCESS);
-    EXPECT_EQ(tmpl->DumpTemplateCache(),
-              "Dump Template[Dump] cache:\n"
-              "  Property[/]\n"
-              "    allowTypes = object,\n"
-              "    supportMethods = CreateOption, PatchOption, ActionOption,\n"
-              "    Flags =\n"
-              "    Limits:\n"
-              "  Property[/Boot]\n"
-              "    allowTypes = null, object,\n"
-              "    supportMethods = PatchRequired,\n"
-              "    Flags = LifeCycleEvent,\n"
-              "    Limits:\n"
-              "  Property[/Boot/Order]\n"
-              "    allowTypes = array,\n"
-              "    supportMethods = PatchOption,\n"
-              "    Flags =\n"
-              "    Limits:\n"
-              "      arrayType = Rigid\n"
-              "      min = 2.000000\n"
-              "      max = 2.000000\n"
-              "  Property[/Boot/Order/{}]\n"
-              "    allowTypes = string,\n"
-              "    supportMethods = PatchOption,\n"
-              "    Flags = SecureProperty,\n"
-              "    Limits:\n"
-              "      pattern = [ ^[A-Z]+$ ]\n"
-              "      enumStrings = Pxe, Hdd,\n"
-              "  Property[/Count]\n"
-              "    allowTypes = float, unsigned,\n"
-              "    supportMethods = CreateOption,\n"
-              "    Flags =\n"
-              "    Limits:\n"
-              "      min = 1.000000\n"
-              "      max = 8.000000\n"
-              "      enumValues = 1, 2.5,\n");
+    auto ppt = [](const std::string& jpath, const std::string& types, const std::string& methods,
+                  const std::string& flags, const std::string& limits) {
+        return "  Property[" + jpath + "]\n    allowTypes = " + types +
+               ",\n    supportMethods = " + methods + ",\n    Flags =" + flags + "\n    Limits:\n" +
+               limits;
+    };
+    const std::string patch = "PatchOption";
+    EXPECT_EQ(
+        tmpl->DumpTemplateCache(),
+        "Dump Template[Dump] cache:\n" +
+            ppt("/", "object", "CreateOption, PatchOption, ActionOption", "", "") +
+            ppt("/A", "string", patch, "", "      enumStrings = A, B,\n") +
+            ppt("/B", "null, string", "CreateRequired, PatchRequired",
+                " LifeCycleEvent, SecureProperty,",
+                "      min = 1.000000\n      max = 64.000000\n      pattern = [ ^a{1,3}$ ]\n") +
+            ppt("/Boot", "null, object", "PatchRequired", " LifeCycleEvent,", "") +
+            ppt("/Boot/Order", "array", patch, "",
+                "      arrayType = Rigid\n      min = 2.000000\n      max = 2.000000\n") +
+            ppt("/Boot/Order/{}", "string", patch, " SecureProperty,",
+                "      pattern = [ ^[A-Z]+$ ]\n      enumStrings = Pxe, Hdd,\n") +
+            ppt("/C", "string", "CreateOption, ActionOption", "",
+                "      max = 5.000000\n      enumStrings = On, Off,\n") +
+            ppt("/Count", "float, unsigned", "CreateOption", "",
+                "      min = 1.000000\n      max = 8.000000\n      enumValues = 1, 2.5,\n") +
+            ppt("/D", "float, signed, unsigned", "ActionRequired", "",
+                "      min = -2.500000\n      enumValues = -1.5, 2, 3,\n") +
+            ppt("/E", "array", patch, "",
+                "      arrayType = Rigid\n      min = 3.000000\n      max = 3.000000\n") +
+            ppt("/F", "array", patch, "",
+                "      arrayType = FixedLength\n      min = 2.000000\n      max = 2.000000\n") +
+            ppt("/G", "array", patch, "",
+                "      arrayType = VariableLength\n      min = 1.000000\n      max = 4.000000\n") +
+            ppt("/H", "bool, ignore", "ReadOnly", "", ""));
     EXPECT_EQ(tmpl->DumpMethodRequiredList(),
-              "Dump Template[Dump] CreateRequiredList:\n"
-              "Dump Template[Dump] PatchRequiredList:\n"
-              "  /Boot\n");
+              "Dump Template[Dump] CreateRequiredList:\n  /B\n"
+              "Dump Template[Dump] PatchRequiredList:\n  /B\n  /Boot\n");
 }
 
 TEST(UserInputTemplateShare, AttachPinsAndSharesFreeWaitsForReaders) {

@@ -379,32 +379,19 @@ TEST_F(UserInputVerifyTest, FreeingWaitsForReadersOnOtherThreads) {
 // verified.
 TEST_F(UserInputVerifyTest, BodyTreeFromTheStoreIsReadAndVerified) {
     const std::string root = "RF_Test:Request:5:Data";
-    RawCommand({"HSET",
-                root,
-                "AssetTag",
-                "\"say \\\"hi\\\"\"",
-                "Count",
-                "4",
-                "Level",
-                "-1",
-                "Ratio",
-                "2.500000",
-                "Enabled",
-                "true",
-                "Id",
-                "null",
-                "Raw",
-                "{\"a\":1}",
-                "&&Object Boot " + root + "/Boot",
-                "",
-                "&&Array Tags " + root + "/Tags",
-                "",
-                "&&Array Slots " + root + "/Slots",
-                "",
-                "&&ObjectRef Link /redfish/v1/Chassis/1",
-                "",
-                "&&RequestMethod",
-                "PATCH"});
+    std::vector<std::string> hset = {"HSET", root};
+    for (const char* f :
+         {"AssetTag", "\"say \\\"hi\\\"\"", "Count", "4", "Level", "-1", "Ratio", "2.500000",
+          "Enabled", "true", "Id", "null", "Raw", "{\"a\":1}", "&&RequestMethod", "PATCH"}) {
+        hset.push_back(f);
+    }
+    for (const std::string& link :
+         {"&&Object Boot " + root + "/Boot", "&&Array Tags " + root + "/Tags",
+          "&&Array Slots " + root + "/Slots",
+          std::string("&&ObjectRef Link /redfish/v1/Chassis/1")}) {
+        hset.insert(hset.end(), {link, ""});
+    }
+    RawCommand(hset);
     RawCommand({"HSET", root + "/Boot", "Target", "\"Pxe\""});
     RawCommand({"RPUSH", root + "/Tags", "\"a\"", "&&Object " + root + "/Tags/1"});
     RawCommand({"HSET", root + "/Tags/1", "N", "1"});
