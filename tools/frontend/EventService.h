@@ -104,7 +104,7 @@ private:
     const MessageRegistry& mRegistry;
     const Authenticator mAuth;
     std::unique_ptr<EventQueueConsumer> mConsumer;
-    const httplib::Server* mServer = nullptr;
+    const httplib::Server* mServer = nullptr;  // no lock: set by Start, before the server listens
 
     Mutex mMutex;
     CondVar mThreadsDone;
