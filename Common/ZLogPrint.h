@@ -214,7 +214,9 @@ private:
     std::atomic<bool> mStopping{false};     // the destructor runs
     std::atomic<int32_t> mFlushers{0};      // threads waiting in Flush
     void _WakeAccessWriters();
-    std::thread mWriter;
+    // The destructor joins it without the lock: nothing starts it once
+    // mWriterStop is set.
+    std::thread mWriter GUARDED_BY(mWriterMutex);
 };
 
 // The one log service of the process; null until the application creates it.
