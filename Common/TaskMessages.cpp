@@ -47,7 +47,7 @@ std::string TaskMessages::GetTaskMsgsJPath() const {
 }
 
 uint32_t TaskMessages::GetTaskMessageNum() const {
-    std::lock_guard<std::mutex> lock(mTaskMsgsMutex);
+    MutexLock lock(mTaskMsgsMutex);
     return static_cast<uint32_t>(mTaskMsgs.size());
 }
 
@@ -58,7 +58,7 @@ int32_t TaskMessages::AddTaskMessage(eRespMsg msg, const std::vector<std::string
     }
     const _sMsgAttribute* row = GetRespMsgAttribute(msg);
     if (row == nullptr) return -1;
-    std::lock_guard<std::mutex> lock(mTaskMsgsMutex);
+    MutexLock lock(mTaskMsgsMutex);
     const uint32_t number = mTaskMsgCounter++;
     auto* node = new ZJsonObject(mTaskMsgsObj, std::to_string(number));
     if (node->GetJPath().empty() || node->IsDied()) {
@@ -82,7 +82,7 @@ void TaskMessages::_Drop(const sTaskMsg& m) {
 }
 
 void TaskMessages::RemoveTaskMessage(eRespMsg msg) {
-    std::lock_guard<std::mutex> lock(mTaskMsgsMutex);
+    MutexLock lock(mTaskMsgsMutex);
     auto keep = mTaskMsgs.begin();
     for (const sTaskMsg& m : mTaskMsgs) {
         if (m.msgId == msg) {
@@ -95,13 +95,13 @@ void TaskMessages::RemoveTaskMessage(eRespMsg msg) {
 }
 
 void TaskMessages::CleanAllTaskMessages() {
-    std::lock_guard<std::mutex> lock(mTaskMsgsMutex);
+    MutexLock lock(mTaskMsgsMutex);
     for (const sTaskMsg& m : mTaskMsgs) _Drop(m);
     mTaskMsgs.clear();
 }
 
 std::vector<std::string> TaskMessages::GetTaskMessageIDs() const {
-    std::lock_guard<std::mutex> lock(mTaskMsgsMutex);
+    MutexLock lock(mTaskMsgsMutex);
     std::vector<std::string> ids;
     for (const sTaskMsg& m : mTaskMsgs) ids.push_back(RespMsgID2Str(m.msgId));
     return ids;
@@ -114,7 +114,7 @@ eRtCode TaskMessages::ApplyTaskMsgsToRedis(redisContext* c) {
     }
     // Each message (its hash and its arguments) before the array's entry
     // for it: the list only ever names whole messages.
-    std::lock_guard<std::mutex> lock(mTaskMsgsMutex);
+    MutexLock lock(mTaskMsgsMutex);
     eRtCode rt = RT_SUCCESS;
     for (const sTaskMsg& m : mTaskMsgs) {
         if (m.node->ApplyRedisChanges(true, c) != RT_SUCCESS) rt = RT_FAILURE;

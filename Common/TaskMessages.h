@@ -20,10 +20,10 @@
 #include <hiredis/hiredis.h>
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "Orbel_Mutex.h"
 #include "ResponseExtendedInfo.h"
 
 namespace Orbel {
@@ -71,9 +71,10 @@ private:
     void _Drop(const sTaskMsg& m);
 
     ZJsonArray* mTaskMsgsObj = nullptr;  // owned; set once, before any message
-    mutable std::mutex mTaskMsgsMutex;   // guards the two below
-    std::vector<sTaskMsg> mTaskMsgs;     // in list order
-    uint32_t mTaskMsgCounter = 0;        // names the nodes; never reused
+    mutable Mutex mTaskMsgsMutex;
+    std::vector<sTaskMsg> mTaskMsgs GUARDED_BY(mTaskMsgsMutex);  // in list order
+    // Names the nodes; never reused.
+    uint32_t mTaskMsgCounter GUARDED_BY(mTaskMsgsMutex) = 0;
 };
 
 }  // namespace Orbel

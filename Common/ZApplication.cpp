@@ -67,8 +67,8 @@ const char* const kUsage =
 // no way to unregister, so every delivery takes this mutex: an application
 // is unhooked (under it) before Exec returns and again in its destructor, and
 // a callback in flight finishes first.
-std::mutex gVexDeliveryMutex;
-ZApplication* gVexDeliveryApp = nullptr;  // guarded by gVexDeliveryMutex
+Mutex gVexDeliveryMutex;
+ZApplication* gVexDeliveryApp GUARDED_BY(gVexDeliveryMutex) = nullptr;
 
 // calloc'ed flag arrays (the option texts name calloc, and a failure to get
 // one is reported, not thrown).
@@ -163,7 +163,7 @@ ZApplication::ZApplication(const std::string& appName)
 
 ZApplication::~ZApplication() {
     {
-        std::lock_guard<std::mutex> lock(gVexDeliveryMutex);
+        MutexLock lock(gVexDeliveryMutex);
         if (gVexDeliveryApp == this) gVexDeliveryApp = nullptr;
     }
     // No thread of ours may outlive the object: the signal thread first
@@ -208,12 +208,12 @@ void ZApplication::_DeleteAllSchemas() {
     for (;;) {
         ZSchema* schema = nullptr;
         {
-            std::lock_guard<std::mutex> lock(mSchemaListMutex);
+            MutexLock lock(mSchemaListMutex);
             if (mSchemaList.empty()) break;
             schema = mSchemaList.front();
         }
         delete schema;
-        std::lock_guard<std::mutex> lock(mSchemaListMutex);
+        MutexLock lock(mSchemaListMutex);
         if (!mSchemaList.empty() && mSchemaList.front() == schema) mSchemaList.pop_front();
     }
 }
@@ -271,16 +271,16 @@ int ZApplication::Exec(sExecParams& params) {
     // that already knows it (a restarted plug-in) may send a request at
     // once. It waits at the gate until every resource is complete.
     {
-        std::lock_guard<std::mutex> lock(mLoopMutex);
+        MutexLock lock(mLoopMutex);
         mServingGateClosed = true;
     }
     for (ZSchema* schema : GetSchemaList()) schema->_InitCRUDqDispather();
     _PreCorvelReady_InitAllSchemaResources();
     {
-        std::lock_guard<std::mutex> lock(mLoopMutex);
+        MutexLock lock(mLoopMutex);
         mServingGateClosed = false;
     }
-    mLoopCv.notify_all();
+    mLoopCv.SignalAll();
     mInitStep.store(3);
 
     // 8. Wait for the front end, without a time limit. A missing variable
@@ -302,13 +302,13 @@ int ZApplication::Exec(sExecParams& params) {
     // installed only once it exists.
     _StopSigThread();  // left over from an earlier Exec of this object
     {
-        std::lock_guard<std::mutex> lock(mSigPipeMutex);
+        MutexLock lock(mSigPipeMutex);
         mSigPipeReady = false;
     }
     try {
         mSigThread = std::thread(AppSysSigHandle, this);
-        std::unique_lock<std::mutex> lock(mSigPipeMutex);
-        mSigPipeCv.wait(lock, [this]() { return mSigPipeReady; });
+        MutexLock lock(mSigPipeMutex);
+        mSigPipeCv.Wait(mSigPipeMutex, [this]() REQUIRES(mSigPipeMutex) { return mSigPipeReady; });
     } catch (const std::exception& e) {
         ZLOG(eZLogError, "Failed to start the signal thread: %s\n", e.what());
     }
@@ -350,13 +350,13 @@ void ZApplication::_MarkExited() {
     }
     zAppExitCv.notify_one();
     // Taking the loop mutex orders the flag before the loop's next check.
-    { std::lock_guard<std::mutex> lock(mLoopMutex); }
-    mLoopCv.notify_all();
+    { MutexLock lock(mLoopMutex); }
+    mLoopCv.SignalAll();
 }
 
 bool ZApplication::WaitUntilServing() {
-    std::unique_lock<std::mutex> lock(mLoopMutex);
-    mLoopCv.wait(lock, [this]() { return !mServingGateClosed || mExited.load(); });
+    MutexLock lock(mLoopMutex);
+    mLoopCv.Wait(mLoopMutex, [this]() REQUIRES(mLoopMutex) { return !mServingGateClosed || mExited.load(); });
     return !mExited.load();
 }
 
@@ -594,7 +594,7 @@ void ZApplication::_RegisterVexInit() {
 void ZApplication::_RegisterVexEvents() {
     std::vector<std::string> names;
     {
-        std::lock_guard<std::mutex> lock(mVexEventMutex);
+        MutexLock lock(mVexEventMutex);
         for (const auto& kv : mVexEventCallbacks) names.push_back(kv.first);
     }
     if (names.empty()) {
@@ -611,7 +611,7 @@ void ZApplication::_RegisterVexEvents() {
         }
     }
     {
-        std::lock_guard<std::mutex> lock(gVexDeliveryMutex);
+        MutexLock lock(gVexDeliveryMutex);
         gVexDeliveryApp = this;
     }
     if (vex_event_callback_register(VexEventCallback) == 0) {
@@ -631,7 +631,7 @@ eRtCode ZApplication::RegisterVexEventCallback(const std::string& eventName,
         ZLOG(eZLogError, "NULL arg! callback:%p\n", reinterpret_cast<void*>(callback));
         return RT_INVALID_ARG;
     }
-    std::lock_guard<std::mutex> lock(mVexEventMutex);
+    MutexLock lock(mVexEventMutex);
     if (mVexEventCallbacks.count(eventName) != 0) {
         ZLOG(eZLogError, "VEX event[%s] has been registered.\n", eventName.c_str());
         return RT_FAILURE;
@@ -641,14 +641,14 @@ eRtCode ZApplication::RegisterVexEventCallback(const std::string& eventName,
 }
 
 ZApplication::VexEventCallback_t ZApplication::GetVexEventCallback(const std::string& eventName) {
-    std::lock_guard<std::mutex> lock(mVexEventMutex);
+    MutexLock lock(mVexEventMutex);
     auto it = mVexEventCallbacks.find(eventName);
     return it != mVexEventCallbacks.end() ? it->second : nullptr;
 }
 
 void ZApplication::VexEventCallback(EVENT_TYPE type, char* eventName, int dataLen, void* data) {
     if (eventName == nullptr) return;
-    std::lock_guard<std::mutex> lock(gVexDeliveryMutex);
+    MutexLock lock(gVexDeliveryMutex);
     ZApplication* app = gVexDeliveryApp;
     if (app == nullptr) return;  // no Exec running: nobody to deliver to
     VexEventCallback_t callback = app->GetVexEventCallback(eventName);
@@ -747,7 +747,7 @@ void ZApplication::_WaitAllThreadsExit() {
     // done by then.
     _StopSigThread();
     // Likewise no VEX event reaches the plug-in's callbacks any more.
-    std::lock_guard<std::mutex> lock(gVexDeliveryMutex);
+    MutexLock lock(gVexDeliveryMutex);
     if (gVexDeliveryApp == this) gVexDeliveryApp = nullptr;
 }
 
@@ -762,8 +762,8 @@ void ZApplication::AppProcessLoop(ZApplication* app) {
     for (;;) {
         app->UpdateLastLoopProcTimetick();
         {
-            std::unique_lock<std::mutex> lock(app->mLoopMutex);
-            app->mLoopCv.wait_for(lock, std::chrono::milliseconds(kProcLoopPeriodMs),
+            MutexLock lock(app->mLoopMutex);
+            app->mLoopCv.WaitFor(app->mLoopMutex, std::chrono::milliseconds(kProcLoopPeriodMs),
                                   [app]() { return app->mExited.load(); });
         }
         if (app->isExited()) break;

@@ -38,6 +38,7 @@
 #include <utility>
 #include <vector>
 
+#include "Orbel_Mutex.h"
 #include "OrbelDefs.h"
 #include "vex.h"
 
@@ -260,68 +261,70 @@ private:
 
     std::atomic<uint32_t> mInitStep{0};
     std::atomic<bool> mExited{false};
-    sExecParams mExecParams{};
+    sExecParams mExecParams{};  // no lock: main thread, before the other threads start
     std::atomic<uint32_t> mLastLoopProcTimetick{0};
 
-    std::mutex mVexEventMutex;  // guards mVexEventCallbacks
-    std::map<std::string, VexEventCallback_t> mVexEventCallbacks;
+    Mutex mVexEventMutex;
+    std::map<std::string, VexEventCallback_t> mVexEventCallbacks GUARDED_BY(mVexEventMutex);
 
-    std::mutex mSchemaListMutex;  // guards mSchemaList
-    std::deque<ZSchema*> mSchemaList;
+    Mutex mSchemaListMutex;
+    std::deque<ZSchema*> mSchemaList GUARDED_BY(mSchemaListMutex);
 
-    std::mutex mTreeWarnedMutex;  // guards mTreeWarned
+    Mutex mTreeWarnedMutex;
     // (OID, kind) pairs the tree check has reported.
-    std::set<std::pair<uint32_t, int>> mTreeWarned;
+    std::set<std::pair<uint32_t, int>> mTreeWarned GUARDED_BY(mTreeWarnedMutex);
 
-    std::mutex mThreadInfoMutex;  // guards mThreadInfo
+    Mutex mThreadInfoMutex;
     struct sThreadInfo {
         std::string owner;
         std::string name;
     };
-    std::map<long, sThreadInfo> mThreadInfo;  // by kernel thread id
+    std::map<long, sThreadInfo> mThreadInfo GUARDED_BY(mThreadInfoMutex);  // by kernel thread id
 
     // Registry containers; each guarded by its own mutex (ZApplication_ObjRegistry.cpp).
     // Hashed: looked up on nearly every node operation, never walked in order.
-    std::mutex mOIDMutex;
-    std::unordered_map<uint32_t, ZObject*> mOIDMap;
-    uint32_t mOIDSeq = 0;
-    std::mutex mValidObjMutex;
-    std::unordered_map<ZObject*, uint8_t> mValidObjMap;
-    std::mutex mObjectListMutex;
-    std::map<std::string, ZObject*> mObjectList;
-    std::mutex mResourceListMutex;
-    std::map<std::string, ZResource*> mResourceList;
+    Mutex mOIDMutex;
+    std::unordered_map<uint32_t, ZObject*> mOIDMap GUARDED_BY(mOIDMutex);
+    uint32_t mOIDSeq GUARDED_BY(mOIDMutex) = 0;
+    Mutex mValidObjMutex;
+    std::unordered_map<ZObject*, uint8_t> mValidObjMap GUARDED_BY(mValidObjMutex);
+    Mutex mObjectListMutex;
+    std::map<std::string, ZObject*> mObjectList GUARDED_BY(mObjectListMutex);
+    Mutex mResourceListMutex;
+    std::map<std::string, ZResource*> mResourceList GUARDED_BY(mResourceListMutex);
     struct lRecycleRef {
         ZObject* obj;               // a retired object, or null
         ZUserInputTemplate* tmpl;   // a template whose cache is to be freed, or null
         uint32_t dueTick;           // templates: MiniTimeTick() after which to free
     };
-    std::mutex mRecycleMutex;
-    std::list<lRecycleRef> mRecycleList;
+    Mutex mRecycleMutex;
+    std::list<lRecycleRef> mRecycleList GUARDED_BY(mRecycleMutex);
     struct _sOMTgt;
     struct sOMItem;
-    std::mutex mMonitorMutex;
-    std::list<sOMItem*> mMonitorList;
+    Mutex mMonitorMutex;
+    std::list<sOMItem*> mMonitorList GUARDED_BY(mMonitorMutex);
 
+    // No lock: started and joined by the main thread (or the destructor).
     std::thread mProcLoopThread;
     std::thread mSigThread;
 
     // The process loop sleeps on mLoopCv so that Exit() ends its 3 s pause
     // at once instead of delaying the shutdown.
-    std::mutex mLoopMutex;
-    std::condition_variable mLoopCv;
+    Mutex mLoopMutex;
+    CondVar mLoopCv;
     // Closed by Exec from the dispatchers' start to the end of the
     // pre-ready stage; waited on under mLoopMutex with mLoopCv.
-    bool mServingGateClosed = false;
+    bool mServingGateClosed GUARDED_BY(mLoopMutex) = false;
 
     // Handshake: the signal thread creates zAppSigPipe and then sets
     // mSigPipeReady; the main thread installs the handlers only after that.
-    std::mutex mSigPipeMutex;  // guards mSigPipeReady
-    std::condition_variable mSigPipeCv;
-    bool mSigPipeReady = false;
+    Mutex mSigPipeMutex;
+    CondVar mSigPipeCv;
+    bool mSigPipeReady GUARDED_BY(mSigPipeMutex) = false;
     bool mSigHandlersInstalled = false;  // main thread only
 
-    // What the constructor replaced, restored by the destructor.
+    // What the constructor replaced, restored by the destructor (no lock:
+    // only they touch these).
     ZApplication* mPrevApp = nullptr;
     ZLogPrint* mPrevLogService = nullptr;
     ZLogPrint* mOwnLogService = nullptr;  // created by the constructor, deleted by the destructor

@@ -34,7 +34,7 @@ void ZApplication::_ServeDbgInfoRequest() {
     } else if (request == "rb") {
         size_t waiting = 0;
         {
-            std::lock_guard<std::mutex> lock(mRecycleMutex);
+            MutexLock lock(mRecycleMutex);
             waiting = mRecycleList.size();
         }
         out << "Waiting Recycled Object Num = " << waiting << "\n";
@@ -89,7 +89,7 @@ std::string ZApplication::_DbgInfoResourceUsage() {
 // property or list of the parent links to (the front end reaches nested
 // nodes only through such links). One walk over the registry per stage.
 bool ZApplication::_FirstTreeWarning(ZObject* node, int kind) {
-    std::lock_guard<std::mutex> lock(mTreeWarnedMutex);
+    MutexLock lock(mTreeWarnedMutex);
     return mTreeWarned.insert({node->GetOID(), kind}).second;
 }
 
@@ -98,7 +98,7 @@ size_t ZApplication::CheckTreeAfterStage(const char* stage) {
     {
         // A listed node is not freed while listed; the count taken here keeps
         // it after the lock is gone.
-        std::lock_guard<std::mutex> lock(mObjectListMutex);
+        MutexLock lock(mObjectListMutex);
         nodes.reserve(mObjectList.size());
         for (const auto& entry : mObjectList) {
             entry.second->IncreaseUsingCount();
@@ -143,23 +143,23 @@ size_t ZApplication::CheckTreeAfterStage(const char* stage) {
 // ---------------------------------------------------------------------------
 
 void ZApplication::RegisterThreadInfo(const std::string& owner, const std::string& threadName) {
-    std::lock_guard<std::mutex> lock(mThreadInfoMutex);
+    MutexLock lock(mThreadInfoMutex);
     mThreadInfo[CurrentThreadId()] = sThreadInfo{owner, threadName};
 }
 
 bool ZApplication::RegisterThreadInfoIfAbsent(const std::string& owner,
                                               const std::string& threadName) {
-    std::lock_guard<std::mutex> lock(mThreadInfoMutex);
+    MutexLock lock(mThreadInfoMutex);
     return mThreadInfo.emplace(CurrentThreadId(), sThreadInfo{owner, threadName}).second;
 }
 
 void ZApplication::UnregisterThreadInfo() {
-    std::lock_guard<std::mutex> lock(mThreadInfoMutex);
+    MutexLock lock(mThreadInfoMutex);
     mThreadInfo.erase(CurrentThreadId());
 }
 
 std::string ZApplication::_ThreadInfoText() {
-    std::lock_guard<std::mutex> lock(mThreadInfoMutex);
+    MutexLock lock(mThreadInfoMutex);
     std::string text;
     for (const auto& kv : mThreadInfo) {
         text += std::to_string(kv.first) + " " + kv.second.owner + " " + kv.second.name + "\n";

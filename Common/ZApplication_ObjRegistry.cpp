@@ -46,7 +46,7 @@ constexpr int kOIDTries = 101;
 uint32_t ZApplication::NewOID(ZObject* obj) {
     uint32_t oid = kInvalidOID;
     {
-        std::lock_guard<std::mutex> lock(mOIDMutex);
+        MutexLock lock(mOIDMutex);
         for (int i = 0; i < kOIDTries; ++i) {
             uint32_t candidate = mOIDSeq++;
             // The number that means "none" is never handed out.
@@ -64,19 +64,19 @@ uint32_t ZApplication::NewOID(ZObject* obj) {
         }
         // Even without a number the node is a valid object, so its owner can
         // still retire it and the recycler free it.
-        std::lock_guard<std::mutex> validLock(mValidObjMutex);
+        MutexLock validLock(mValidObjMutex);
         mValidObjMap[obj] = 1;
     }
     return oid;
 }
 
 void ZApplication::SetNextOIDCandidate(uint32_t seq) {
-    std::lock_guard<std::mutex> lock(mOIDMutex);
+    MutexLock lock(mOIDMutex);
     mOIDSeq = seq;
 }
 
 bool ZApplication::IsValidObj(ZObject* obj) {
-    std::lock_guard<std::mutex> lock(mValidObjMutex);
+    MutexLock lock(mValidObjMutex);
     if (mValidObjMap.find(obj) == mValidObjMap.end()) {
         ZLOG(eZLogError, "Obj[%p] is an invalid ZObject. It might be a corrupt memory address.\n",
              static_cast<void*>(obj));
@@ -86,7 +86,7 @@ bool ZApplication::IsValidObj(ZObject* obj) {
 }
 
 bool ZApplication::UseIfValid(ZObject* obj) {
-    std::lock_guard<std::mutex> lock(mValidObjMutex);
+    MutexLock lock(mValidObjMutex);
     if (mValidObjMap.find(obj) == mValidObjMap.end()) {
         ZLOG(eZLogError, "Obj[%p] is an invalid ZObject. It might be a corrupt memory address.\n",
              static_cast<void*>(obj));
@@ -99,10 +99,10 @@ bool ZApplication::UseIfValid(ZObject* obj) {
 
 void ZApplication::_ForgetObject(ZObject* obj) {
     {
-        std::lock_guard<std::mutex> lock(mValidObjMutex);
+        MutexLock lock(mValidObjMutex);
         mValidObjMap.erase(obj);
     }
-    std::lock_guard<std::mutex> lock(mOIDMutex);
+    MutexLock lock(mOIDMutex);
     auto it = mOIDMap.find(obj->mOID);
     if (it != mOIDMap.end() && it->second == obj) mOIDMap.erase(it);
 }
@@ -114,7 +114,7 @@ void ZApplication::_ForgetObject(ZObject* obj) {
 eRtCode ZApplication::ObjectListAppend(ZObject* obj) {
     if (obj == nullptr) return RT_INVALID_ARG;
     const std::string& jpath = obj->mJPath;
-    std::lock_guard<std::mutex> lock(mObjectListMutex);
+    MutexLock lock(mObjectListMutex);
     if (mObjectList.find(jpath) != mObjectList.end()) {
         ZLOG(eZLogError, "Failed to append object[%s] to list due to the JPath is duplicated!\n",
              jpath.c_str());
@@ -122,7 +122,7 @@ eRtCode ZApplication::ObjectListAppend(ZObject* obj) {
     }
     mObjectList.emplace(jpath, obj);
     if (obj->IsResourceType()) {
-        std::lock_guard<std::mutex> resLock(mResourceListMutex);
+        MutexLock resLock(mResourceListMutex);
         auto inserted = mResourceList.emplace(obj->mName, static_cast<ZResource*>(obj));
         if (!inserted.second) {
             ZLOG(eZLogError,
@@ -139,7 +139,7 @@ eRtCode ZApplication::ObjectListRemove(ZObject* obj) {
     eRtCode rt = RT_SUCCESS;
     // A node whose Initial failed was never listed (and has no JPath).
     if (!obj->mJPath.empty()) {
-        std::lock_guard<std::mutex> lock(mObjectListMutex);
+        MutexLock lock(mObjectListMutex);
         auto it = mObjectList.find(obj->mJPath);
         if (it != mObjectList.end() && it->second == obj) {
             mObjectList.erase(it);
@@ -148,7 +148,7 @@ eRtCode ZApplication::ObjectListRemove(ZObject* obj) {
             rt = RT_FAILURE;
         }
         if (obj->IsResourceType()) {
-            std::lock_guard<std::mutex> resLock(mResourceListMutex);
+            MutexLock resLock(mResourceListMutex);
             auto rit = mResourceList.find(obj->mName);
             if (rit != mResourceList.end() && rit->second == obj) {
                 mResourceList.erase(rit);
@@ -158,20 +158,20 @@ eRtCode ZApplication::ObjectListRemove(ZObject* obj) {
             }
         }
     }
-    std::lock_guard<std::mutex> oidLock(mOIDMutex);
+    MutexLock oidLock(mOIDMutex);
     auto oit = mOIDMap.find(obj->mOID);
     if (oit != mOIDMap.end() && oit->second == obj) mOIDMap.erase(oit);
     return rt;
 }
 
 size_t ZApplication::ObjectListSize() {
-    std::lock_guard<std::mutex> lock(mObjectListMutex);
+    MutexLock lock(mObjectListMutex);
     return mObjectList.size();
 }
 
 std::vector<std::string> ZApplication::GetObjectList() {
     std::vector<std::string> out;
-    std::lock_guard<std::mutex> lock(mObjectListMutex);
+    MutexLock lock(mObjectListMutex);
     out.reserve(mObjectList.size());
     for (const auto& entry : mObjectList) out.push_back(entry.first);
     return out;
@@ -179,7 +179,7 @@ std::vector<std::string> ZApplication::GetObjectList() {
 
 std::vector<std::string> ZApplication::GetOrphanObjsList() {
     std::vector<std::string> out;
-    std::lock_guard<std::mutex> lock(mObjectListMutex);
+    MutexLock lock(mObjectListMutex);
     for (const auto& entry : mObjectList) {
         ZObject* obj = entry.second;
         // A listed node is not freed while it is listed (it leaves the list
@@ -190,7 +190,7 @@ std::vector<std::string> ZApplication::GetOrphanObjsList() {
 }
 
 ZObject* ZApplication::_FindObject(const std::string& jpath, bool quiet) {
-    std::lock_guard<std::mutex> lock(mObjectListMutex);
+    MutexLock lock(mObjectListMutex);
     auto it = mObjectList.find(jpath);
     if (it != mObjectList.end()) return it->second;
     if (jpath.empty()) return nullptr;
@@ -212,7 +212,7 @@ ZObject* ZApplication::GetObject(const std::string& jpath) {
 }
 
 ZResource* ZApplication::GetResource(const std::string& resourceName) {
-    std::lock_guard<std::mutex> lock(mResourceListMutex);
+    MutexLock lock(mResourceListMutex);
     auto it = mResourceList.find(resourceName);
     return it != mResourceList.end() ? it->second : nullptr;
 }
@@ -238,19 +238,19 @@ std::string ZApplication::GetResourceURI(ZObject* obj) {
 
 void ZApplication::RecycledListAppend(ZObject* obj) {
     if (obj == nullptr) return;
-    std::lock_guard<std::mutex> lock(mRecycleMutex);
+    MutexLock lock(mRecycleMutex);
     mRecycleList.push_back(lRecycleRef{obj, nullptr, 0});
 }
 
 void ZApplication::RecycledListAppend(ZUserInputTemplate* tmpl, unsigned long delayMs) {
     if (tmpl == nullptr) return;
-    std::lock_guard<std::mutex> lock(mRecycleMutex);
+    MutexLock lock(mRecycleMutex);
     mRecycleList.push_back(
         lRecycleRef{nullptr, tmpl, MiniTimeTick() + static_cast<uint32_t>(delayMs)});
 }
 
 size_t ZApplication::RecycledListSize() {
-    std::lock_guard<std::mutex> lock(mRecycleMutex);
+    MutexLock lock(mRecycleMutex);
     return mRecycleList.size();
 }
 
@@ -258,7 +258,7 @@ void ZApplication::RecycleProcess() {
     std::vector<ZObject*> freeList;
     std::vector<ZUserInputTemplate*> tmplFreeList;
     {
-        std::lock_guard<std::mutex> lock(mRecycleMutex);
+        MutexLock lock(mRecycleMutex);
         const uint32_t now = MiniTimeTick();
         for (auto it = mRecycleList.begin(); it != mRecycleList.end();) {
             if (it->obj != nullptr) {
@@ -275,7 +275,7 @@ void ZApplication::RecycleProcess() {
                 {
                     // UseIfValid counts up under this mutex: once the entry is
                     // gone nobody can take a new count on the object.
-                    std::lock_guard<std::mutex> validLock(mValidObjMutex);
+                    MutexLock validLock(mValidObjMutex);
                     if (obj->GetUsingCount() > 0) {
                         ++it;
                         continue;
@@ -283,7 +283,7 @@ void ZApplication::RecycleProcess() {
                     mValidObjMap.erase(obj);
                 }
                 {
-                    std::lock_guard<std::mutex> oidLock(mOIDMutex);
+                    MutexLock oidLock(mOIDMutex);
                     auto oit = mOIDMap.find(obj->mOID);
                     if (oit != mOIDMap.end() && oit->second == obj) mOIDMap.erase(oit);
                 }
@@ -324,7 +324,7 @@ eRtCode ZApplication::RegisterMonitorObject(const std::string& jpath, ObjMonitor
     item->jpath = jpath;
     item->callback = callback;
     item->arg = arg;
-    std::lock_guard<std::mutex> lock(mMonitorMutex);
+    MutexLock lock(mMonitorMutex);
     mMonitorList.push_back(item);
     return RT_SUCCESS;
 }
@@ -346,7 +346,7 @@ eRtCode ZApplication::RegisterMonitorObjectWithRegExp(const std::string& pattern
     item->pattern = re;
     item->callback = callback;
     item->arg = arg;
-    std::lock_guard<std::mutex> lock(mMonitorMutex);
+    MutexLock lock(mMonitorMutex);
     mMonitorList.push_back(item);
     return RT_SUCCESS;
 }
@@ -360,14 +360,14 @@ void ZApplication::ObjMonitorScan() {
     std::vector<Call> calls;
     auto stillAlive = [this](const _sOMTgt& tgt) {
         bool alive = false;
-        std::lock_guard<std::mutex> lock(mValidObjMutex);
+        MutexLock lock(mValidObjMutex);
         if (mValidObjMap.find(tgt.obj) != mValidObjMap.end()) {
             alive = !tgt.obj->IsDied() && tgt.obj->GetOID() == tgt.oid;
         }
         return alive;
     };
     {
-        std::lock_guard<std::mutex> lock(mMonitorMutex);
+        MutexLock lock(mMonitorMutex);
         std::vector<std::string> jpaths;
         bool haveJPaths = false;
         for (auto it = mMonitorList.begin(); it != mMonitorList.end();) {
@@ -437,7 +437,7 @@ void ZApplication::ObjMonitorScan() {
 
 std::string ZApplication::DumpMonitorList() {
     std::string text;
-    std::lock_guard<std::mutex> lock(mMonitorMutex);
+    MutexLock lock(mMonitorMutex);
     for (const sOMItem* item : mMonitorList) {
         text += "   Monitor[" + item->jpath + "] " +
                 (item->pattern != nullptr ? "RegExp" : "JPath") + " targets[" +
@@ -457,7 +457,7 @@ void ZApplication::_ReleaseObjRegistry() {
     for (int pass = 0; pass < 2; ++pass) {
         std::vector<ZObject*> victims;
         {
-            std::lock_guard<std::mutex> lock(mObjectListMutex);
+            MutexLock lock(mObjectListMutex);
             for (const auto& entry : mObjectList) {
                 if (pass == 1 || entry.second->GetParent() == nullptr) {
                     victims.push_back(entry.second);
@@ -473,7 +473,7 @@ void ZApplication::_ReleaseObjRegistry() {
     RecycleProcess();
     std::vector<ZUserInputTemplate*> templates;  // no request is left to wait for
     {
-        std::lock_guard<std::mutex> lock(mRecycleMutex);
+        MutexLock lock(mRecycleMutex);
         for (auto it = mRecycleList.begin(); it != mRecycleList.end();) {
             if (it->tmpl == nullptr) {
                 ++it;
@@ -488,7 +488,7 @@ void ZApplication::_ReleaseObjRegistry() {
         }
     }
     for (ZUserInputTemplate* tmpl : templates) delete tmpl;
-    std::lock_guard<std::mutex> lock(mMonitorMutex);
+    MutexLock lock(mMonitorMutex);
     for (sOMItem* item : mMonitorList) {
         delete item->pattern;
         delete item;

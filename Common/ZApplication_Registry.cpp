@@ -18,7 +18,7 @@ eRtCode ZApplication::SchemaListAppend(ZSchema* schema) {
         ZLOG(eZLogError, "NULL arg! schema:%p\n", static_cast<void*>(schema));
         return RT_INVALID_ARG;
     }
-    std::lock_guard<std::mutex> lock(mSchemaListMutex);
+    MutexLock lock(mSchemaListMutex);
     for (ZSchema* listed : mSchemaList) {
         if (listed->GetName() == schema->GetName()) {
             ZLOG(eZLogError, "Failed to append schema[%s] to list due to the name is duplicated!\n",
@@ -36,7 +36,7 @@ eRtCode ZApplication::SchemaListRemove(ZSchema* schema) {
         ZLOG(eZLogError, "NULL arg! schema:%p\n", static_cast<void*>(schema));
         return RT_INVALID_ARG;
     }
-    std::lock_guard<std::mutex> lock(mSchemaListMutex);
+    MutexLock lock(mSchemaListMutex);
     auto it = std::find(mSchemaList.begin(), mSchemaList.end(), schema);
     if (it == mSchemaList.end()) {
         ZLOG(eZLogError, "Cannot find schema[%s] in list\n", schema->GetName().c_str());
@@ -48,12 +48,12 @@ eRtCode ZApplication::SchemaListRemove(ZSchema* schema) {
 }
 
 size_t ZApplication::SchemaListSize() {
-    std::lock_guard<std::mutex> lock(mSchemaListMutex);
+    MutexLock lock(mSchemaListMutex);
     return mSchemaList.size();
 }
 
 ZSchema* ZApplication::GetSchemaObj(const std::string& name) {
-    std::lock_guard<std::mutex> lock(mSchemaListMutex);
+    MutexLock lock(mSchemaListMutex);
     for (ZSchema* schema : mSchemaList) {
         if (schema->GetName() == name) return schema;
     }
@@ -61,7 +61,7 @@ ZSchema* ZApplication::GetSchemaObj(const std::string& name) {
 }
 
 std::deque<ZSchema*> ZApplication::GetSchemaList() {
-    std::lock_guard<std::mutex> lock(mSchemaListMutex);
+    MutexLock lock(mSchemaListMutex);
     return mSchemaList;
 }
 

@@ -122,10 +122,10 @@ void ZApplication::AppSysSigHandle(ZApplication* app) {
         __atomic_store_n(&zAppSigPipe[1], fds[1], __ATOMIC_RELEASE);
     }
     {
-        std::lock_guard<std::mutex> lock(app->mSigPipeMutex);
+        MutexLock lock(app->mSigPipeMutex);
         app->mSigPipeReady = true;
     }
-    app->mSigPipeCv.notify_all();
+    app->mSigPipeCv.SignalAll();
 
     const int rfd = fds[0];
     while (rt == 0) {

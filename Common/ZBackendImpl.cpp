@@ -113,7 +113,7 @@ std::string ZBackendImpl::GetPlatformName() {
 }
 
 std::string ZBackendImpl::GetTempWorkDirPath() {
-    std::lock_guard<std::mutex> lock(mWorkDirMutex);
+    MutexLock lock(mWorkDirMutex);
     if (!mTempWorkDir.empty()) return mTempWorkDir;
     if (mOwner == nullptr) {
         ZLOG(eZLogError, "Backend has no owner schema, so no work dir.\n");
@@ -144,10 +144,10 @@ std::string ZBackendImpl::CreateATempWorkDir(const std::string& name) {
     // Reseeded with the current second on every call (kept on purpose: the
     // same name within one second names the same directory). The lock keeps
     // another thread's call from slipping between the seed and the draw.
-    static std::mutex randMutex;
+    static Mutex randMutex;
     int number = 0;
     {
-        std::lock_guard<std::mutex> lock(randMutex);
+        MutexLock lock(randMutex);
         std::srand(static_cast<unsigned int>(std::time(nullptr)));
         number = std::rand();
     }
@@ -162,7 +162,7 @@ std::string ZBackendImpl::CreateATempWorkDir(const std::string& name) {
 eRtCode ZBackendImpl::RemoveTempWorkDir(const std::string& path) {
     std::string base;
     {
-        std::lock_guard<std::mutex> lock(mWorkDirMutex);
+        MutexLock lock(mWorkDirMutex);
         base = mTempWorkDir;
     }
     // A plug-in's stray path must never remove anything outside its own

@@ -19,10 +19,10 @@
 #ifndef ORBEL_ZBACKENDIMPL_H
 #define ORBEL_ZBACKENDIMPL_H
 
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "Orbel_Mutex.h"
 #include "OrbelDefs.h"
 
 namespace Orbel {
@@ -85,15 +85,15 @@ public:
     static bool IsValidEmailFormat(const char* address);
 
 private:
-    // Constant after construction.
+    // Constant after construction (no lock).
     ZSchema* const mOwner;
     bool mIsAMD = false;
     bool mIsMorwen = false;
     bool mIsBladed = false;
     bool mIsDense = false;
 
-    std::mutex mWorkDirMutex;  // guards mTempWorkDir
-    std::string mTempWorkDir;
+    Mutex mWorkDirMutex;
+    std::string mTempWorkDir GUARDED_BY(mWorkDirMutex);
 };
 
 }  // namespace Orbel

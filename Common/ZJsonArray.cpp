@@ -38,7 +38,7 @@ void ZJsonArray::_InitFillDefaultContents() {
     // root's apply.
     if (IsDataFmtRawJson()) return;
     if (parent->ApplyRedisChanges(false, nullptr) == RT_SUCCESS) {
-        std::lock_guard<std::mutex> lock(mMemberMutex);
+        MutexLock lock(mMemberMutex);
         mPublishedCount = 0;
     }
 }
@@ -60,7 +60,7 @@ void ZJsonArray::_InitMultiBackendMembers() {
         if (!Use(obj)) continue;
         UseRelease release(obj);
         if (!obj->IsDied()) {
-            std::lock_guard<std::mutex> lock(mMemberMutex);
+            MutexLock lock(mMemberMutex);
             if (!_IsMemberLocked(obj)) _AddMemberLocked(obj);
         }
     }
@@ -86,7 +86,7 @@ void ZJsonArray::_AddMemberLocked(ZObject* obj) {
 
 eRtCode ZJsonArray::AddObjectItem(ZObject* obj) {
     if (obj == nullptr) return RT_INVALID_ARG;
-    std::lock_guard<std::mutex> lock(mMemberMutex);
+    MutexLock lock(mMemberMutex);
     if (_IsMemberLocked(obj)) {
         ZLOG(eZLogWarning, "Add a duplicate object[%p][%s] to array[%s].\n",
              static_cast<void*>(obj), obj->GetJPath().c_str(), mJPath.c_str());
@@ -100,7 +100,7 @@ eRtCode ZJsonArray::DelObjectItem(ZObject* obj) {
     if (obj == nullptr) return RT_SUCCESS;
     std::vector<ZObject*> shifted;  // members whose position changes
     {
-        std::lock_guard<std::mutex> lock(mMemberMutex);
+        MutexLock lock(mMemberMutex);
         auto it = std::find(mMembers.begin(), mMembers.end(), obj);
         if (it == mMembers.end()) {
             ZLOG(eZLogError, "Object[%s] is not a member of collection[%s].\n",
@@ -123,18 +123,18 @@ eRtCode ZJsonArray::DelObjectItem(ZObject* obj) {
 }
 
 int ZJsonArray::GetIdxByObject(ZObject* obj) {
-    std::lock_guard<std::mutex> lock(mMemberMutex);
+    MutexLock lock(mMemberMutex);
     auto it = std::find(mMembers.begin(), mMembers.end(), obj);
     return it == mMembers.end() ? -1 : static_cast<int>(it - mMembers.begin());
 }
 
 void ZJsonArray::GetMemberObjects(std::vector<ZObject*>& out) {
-    std::lock_guard<std::mutex> lock(mMemberMutex);
+    MutexLock lock(mMemberMutex);
     out = mMembers;
 }
 
 void ZJsonArray::DumpMemberObjs() {
-    std::lock_guard<std::mutex> lock(mMemberMutex);
+    MutexLock lock(mMemberMutex);
     ZLOGM("ZComLib", eZLogRaw, "Dump [%s] member objects ======>\n", mJPath.c_str());
     int idx = 0;
     for (ZObject* obj : mMembers) {
@@ -144,7 +144,7 @@ void ZJsonArray::DumpMemberObjs() {
 }
 
 void ZJsonArray::CleanObjectItem() {
-    std::lock_guard<std::mutex> lock(mMemberMutex);
+    MutexLock lock(mMemberMutex);
     mMembers.clear();
     mMemberIndex.reset();
 }
@@ -210,7 +210,7 @@ eRtCode ZJsonArray::UpdateParentOdataCount(redisContext* c) {
         rt = RT_FAILURE;
     } else {
         // Held across the write, so two appliers never publish out of order.
-        std::lock_guard<std::mutex> lock(mMemberMutex);
+        MutexLock lock(mMemberMutex);
         if (size != mPublishedCount) {
             const std::string field = mId + "@odata.count";
             rt = RedisHashSet(c, parent->GetJPath().c_str(), field.c_str(),

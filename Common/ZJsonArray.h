@@ -12,12 +12,12 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <unordered_set>
 #include <vector>
 
+#include "Orbel_Mutex.h"
 #include "ZObject.h"
 
 namespace Orbel {
@@ -71,9 +71,9 @@ public:
 private:
     void _InitFillDefaultContents();
     void _InitMultiBackendMembers();
-    // Member bookkeeping; the caller holds mMemberMutex.
-    bool _IsMemberLocked(ZObject* obj) const;
-    void _AddMemberLocked(ZObject* obj);
+    // Member bookkeeping.
+    bool _IsMemberLocked(ZObject* obj) const REQUIRES(mMemberMutex);
+    void _AddMemberLocked(ZObject* obj) REQUIRES(mMemberMutex);
 
     // From this many members on, an array also keeps mMemberIndex, so that
     // the duplicate check of an append does not search the whole vector (a
@@ -82,11 +82,13 @@ private:
     static constexpr size_t kMemberIndexFrom = 32;
 
     const uint32_t mClassAttributes;
-    std::mutex mMemberMutex;  // guards everything below
-    std::vector<ZObject*> mMembers;
-    std::unique_ptr<std::unordered_set<ZObject*>> mMemberIndex;  // null below kMemberIndexFrom
-    int32_t mPublishedCount = -1;
-    bool mKeptForeignChannels = false;  // set while the constructor clears the key
+    Mutex mMemberMutex;
+    std::vector<ZObject*> mMembers GUARDED_BY(mMemberMutex);
+    // Null below kMemberIndexFrom.
+    std::unique_ptr<std::unordered_set<ZObject*>> mMemberIndex GUARDED_BY(mMemberMutex);
+    int32_t mPublishedCount GUARDED_BY(mMemberMutex) = -1;
+    // No lock: set by the constructor and read right after it by the same thread.
+    bool mKeptForeignChannels = false;
 };
 
 }  // namespace Orbel

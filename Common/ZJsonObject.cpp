@@ -16,14 +16,14 @@ eRtCode ZJsonObject::SetOdataType(const std::string& a, const std::string& b) {
     std::string type = "#" + a + "." + b;
     eRtCode rt = HashWrite("@odata.type", type);
     if (rt == RT_SUCCESS) {
-        std::lock_guard<std::mutex> lock(mQueueMutex);
+        MutexLock lock(mQueueMutex);
         mOdataType = std::move(type);
     }
     return rt;
 }
 
 std::string ZJsonObject::GetOdataType() {
-    std::lock_guard<std::mutex> lock(mQueueMutex);
+    MutexLock lock(mQueueMutex);
     return mOdataType;
 }
 

@@ -44,7 +44,7 @@ public:
 
 private:
     const uint32_t mClassAttributes;
-    std::string mOdataType;  // guarded by mQueueMutex
+    std::string mOdataType GUARDED_BY(mQueueMutex);
 };
 
 }  // namespace Orbel

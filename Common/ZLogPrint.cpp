@@ -150,8 +150,8 @@ long long FileSize(const std::string& path) {
 }
 
 // Serialises SpecificLogPrint writers within the process.
-std::mutex& SpecificFileMutex() {
-    static std::mutex m;
+Mutex& SpecificFileMutex() {
+    static Mutex m;
     return m;
 }
 
@@ -206,10 +206,10 @@ ZLogPrint::~ZLogPrint() {
     mStopping.store(true);
     _WakeAccessWriters();
     {
-        std::lock_guard<std::mutex> lock(mWriterMutex);
+        MutexLock lock(mWriterMutex);
         mWriterStop = true;
     }
-    mWriterCv.notify_all();
+    mWriterCv.SignalAll();
     if (mWriter.joinable()) mWriter.join();  // it writes what is queued first
     // Lines kept for a rotation that can no longer run stay in the file.
     for (auto& param : mAllDestinations) {
@@ -229,6 +229,8 @@ ZLogPrint::~ZLogPrint() {
 }
 
 void ZLogPrint::_InitDestination(sLogParam& param, const std::string& basePath, int rotateSize) {
+    // No other thread sees the destination yet; the lock only satisfies the checker.
+    MutexLock lock(param.mutex);
     param.normalPath = basePath + ".log";
     param.errorPath = basePath + ".logerr";
     param.accessPath = basePath + ".accesslog";
@@ -268,24 +270,23 @@ void ZLogPrint::SpecificLogPrint(const char* path, const char* format, ...) {
 void ZLogPrint::_LogWriteToSpecificFile(const std::string& path, const char* body) {
     bool rotate = false;
     {
-        std::lock_guard<std::mutex> lock(SpecificFileMutex());
+        MutexLock lock(SpecificFileMutex());
         AppendToFile(path, std::string(), body);
         rotate = FileSize(path) > kSpecificRotateSize;
     }
     if (!rotate) return;
     _Post([path]() {
         // Checked again: several writes may have asked for one rotation.
-        std::unique_lock<std::mutex> lock(SpecificFileMutex());
+        MutexLock lock(SpecificFileMutex());
         if (FileSize(path) <= kSpecificRotateSize) return;
         ShiftGenerations(path);
         const bool moved = MoveToFirstGeneration(path);
-        lock.unlock();
+        lock.Unlock();
         if (moved) CompressFile(path + "1");
     });
 }
 
 ZLogPrint::sLogParam* ZLogPrint::_FindDestination(const char* module, uint32_t* cacheCapacity) {
-    // REQUIRES: mMutex held.
     if (module != nullptr) {
         auto it = mDestinations.find(std::string_view(module));
         if (it != mDestinations.end() && it->first != kDefaultDestination) {
@@ -298,7 +299,6 @@ ZLogPrint::sLogParam* ZLogPrint::_FindDestination(const char* module, uint32_t* 
 }
 
 bool ZLogPrint::_DebugFilterPasses(const char* module, eZLogType type) {
-    // REQUIRES: mMutex held (reads mSchemaDebug).
     if (type != eZLogDebug && type != eZLogRaw) return true;
     int32_t level = mDebugLevel.load();
     if (module == nullptr || module[0] == '\0') return level != 0;
@@ -309,7 +309,7 @@ bool ZLogPrint::_DebugFilterPasses(const char* module, eZLogType type) {
 }
 
 void ZLogPrint::_CachePush(sLogParam& param, uint32_t capacity, sLogParam::sCachedMsg*& slot) {
-    // REQUIRES: param.mutex held. `slot` is set to the entry to fill.
+    // `slot` is set to the entry to fill.
     const uint32_t size = static_cast<uint32_t>(param.msgCache.size());
     if (param.msgCacheNum < size) {
         slot = &param.msgCache[(param.msgCacheHead + param.msgCacheNum) % size];
@@ -325,7 +325,6 @@ void ZLogPrint::_CachePush(sLogParam& param, uint32_t capacity, sLogParam::sCach
 void ZLogPrint::_WriteLine(sLogParam& param, sLogParam::sLogFile& file, const std::string& path,
                            const std::string& title, const std::string& body, int32_t threshold,
                            bool checkSize, bool isError) {
-    // REQUIRES: param.mutex held.
     if (path.empty()) return;
     // Sizes are checked only every 20th write and never during start-up, so
     // a busy start is not slowed down by stat(). The rotation itself is the
@@ -378,10 +377,10 @@ void ZLogPrint::_LogWriteToFile(const char* module, eZLogType type, const char* 
     } else if (debugType && !mAnySchemaDebug.load() && mDebugLevel.load() == 0) {
         // Nothing can let this line through: only the destination is needed.
         passes = false;
-        std::lock_guard<std::mutex> lock(mMutex);
+        MutexLock lock(mMutex);
         param = _FindDestination(module, &capacity);
     } else {
-        std::lock_guard<std::mutex> lock(mMutex);
+        MutexLock lock(mMutex);
         param = _FindDestination(module, &capacity);
         passes = _DebugFilterPasses(module, type);
     }
@@ -401,7 +400,7 @@ void ZLogPrint::_LogWriteToFile(const char* module, eZLogType type, const char* 
         va_end(copy);
         thread_local std::string body;
         if (!captured) FormatBody(body, format, args);
-        std::lock_guard<std::mutex> lock(param->mutex);
+        MutexLock lock(param->mutex);
         if (param->msgCacheNum >= capacity && param->msgCacheNum > 0) {
             param->msgCacheHead = (param->msgCacheHead + 1) % param->msgCache.size();
             --param->msgCacheNum;
@@ -434,7 +433,7 @@ void ZLogPrint::_LogWriteToFile(const char* module, eZLogType type, const char* 
     bool postAccess = false;
     bool fullBatch = false;
     {
-        std::unique_lock<std::mutex> lock(param->mutex);
+        MutexLock lock(param->mutex);
         // The cache keeps the most recent messages, suppressed debug lines
         // included, so a dump can show what happened before a fault. An
         // access line is not kept, yet makes room like any other.
@@ -444,7 +443,7 @@ void ZLogPrint::_LogWriteToFile(const char* module, eZLogType type, const char* 
         }
         if (type == eZLogAccess) {
             if (param->accessPath.empty()) return;
-            param->accessTaken.wait(lock, [param]() {
+            param->accessTaken.Wait(param->mutex, [param]() REQUIRES(param->mutex) {
                 return param->accessPending.size() < kMaxAccessPending;
             });
             const bool wasShort = param->accessPending.size() < kAccessBatch;
@@ -476,7 +475,7 @@ void ZLogPrint::_LogWriteToFile(const char* module, eZLogType type, const char* 
         return;
     }
     if (fullBatch) {
-        param->accessMore.notify_all();
+        param->accessMore.SignalAll();
         return;
     }
     if (type != eZLogAccess) EchoToStdout(type, file, func, body.c_str());
@@ -487,30 +486,30 @@ void ZLogPrint::_LogWriteToFile(const char* module, eZLogType type, const char* 
 // ---------------------------------------------------------------------------
 
 void ZLogPrint::_Post(std::function<void()> task) {
-    std::lock_guard<std::mutex> lock(mWriterMutex);
+    MutexLock lock(mWriterMutex);
     if (mWriterStop) return;
     mWriterTasks.push_back(std::move(task));
     if (!mWriter.joinable()) {
         mWriter = std::thread([this]() { _WriterLoop(); });
     }
-    mWriterCv.notify_one();
+    mWriterCv.Signal();
 }
 
 void ZLogPrint::_WriterLoop() {
-    std::unique_lock<std::mutex> lock(mWriterMutex);
+    MutexLock lock(mWriterMutex);
     for (;;) {
-        mWriterCv.wait(lock, [this]() { return mWriterStop || !mWriterTasks.empty(); });
+        mWriterCv.Wait(mWriterMutex, [this]() REQUIRES(mWriterMutex) { return mWriterStop || !mWriterTasks.empty(); });
         if (mWriterTasks.empty()) break;  // stopping, and nothing is left
         std::function<void()> task = std::move(mWriterTasks.front());
         mWriterTasks.pop_front();
         mWriterBusy = true;
-        lock.unlock();
+        lock.Unlock();
         task();
-        lock.lock();
+        lock.Lock();
         mWriterBusy = false;
-        if (mWriterTasks.empty()) mWriterIdleCv.notify_all();
+        if (mWriterTasks.empty()) mWriterIdleCv.SignalAll();
     }
-    mWriterIdleCv.notify_all();
+    mWriterIdleCv.SignalAll();
 }
 
 uint64_t ZLogPrint::FormattedLineCount() {
@@ -520,14 +519,14 @@ uint64_t ZLogPrint::FormattedLineCount() {
 void ZLogPrint::_WakeAccessWriters() {
     std::vector<sLogParam*> params;
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        MutexLock lock(mMutex);
         for (auto& param : mAllDestinations) params.push_back(param.get());
     }
     for (sLogParam* param : params) {
         // Taken and released so that a writer between its check and its
         // wait cannot miss the notification.
-        { std::lock_guard<std::mutex> lock(param->mutex); }
-        param->accessMore.notify_all();
+        { MutexLock lock(param->mutex); }
+        param->accessMore.SignalAll();
     }
 }
 
@@ -535,8 +534,8 @@ void ZLogPrint::Flush() {
     ++mFlushers;
     _WakeAccessWriters();
     {
-        std::unique_lock<std::mutex> lock(mWriterMutex);
-        mWriterIdleCv.wait(lock, [this]() {
+        MutexLock lock(mWriterMutex);
+        mWriterIdleCv.Wait(mWriterMutex, [this]() REQUIRES(mWriterMutex) {
             return (mWriterTasks.empty() && !mWriterBusy) || !mWriter.joinable();
         });
     }
@@ -548,8 +547,8 @@ void ZLogPrint::_WriteAccess(sLogParam* param) {
     {
         // Lines are gathered for a moment, so that a busy plug-in wakes the
         // writer once per batch rather than once per request.
-        std::unique_lock<std::mutex> lock(param->mutex);
-        param->accessMore.wait_for(lock, std::chrono::milliseconds(kAccessGatherMs), [&]() {
+        MutexLock lock(param->mutex);
+        param->accessMore.WaitFor(param->mutex, std::chrono::milliseconds(kAccessGatherMs), [&]() REQUIRES(param->mutex) {
             return param->accessPending.size() >= kAccessBatch || mFlushers.load() > 0 ||
                    mStopping.load();
         });
@@ -557,7 +556,7 @@ void ZLogPrint::_WriteAccess(sLogParam* param) {
         param->accessFlushQueued = false;
         path = param->accessPath;
     }
-    param->accessTaken.notify_all();
+    param->accessTaken.SignalAll();
     std::string& batch = param->accessWriting;
     if (batch.empty()) return;
     // The size is checked every 20th line once the application has started,
@@ -599,7 +598,7 @@ void ZLogPrint::_WriteAccess(sLogParam* param) {
 void ZLogPrint::_Rotate(sLogParam* param, bool isError) {
     std::string path;
     {
-        std::lock_guard<std::mutex> lock(param->mutex);
+        MutexLock lock(param->mutex);
         path = isError ? param->errorPath : param->normalPath;
     }
     ShiftGenerations(path);
@@ -607,7 +606,7 @@ void ZLogPrint::_Rotate(sLogParam* param, bool isError) {
     {
         // The file holds the generation being closed; the lines logged since
         // the size check start the new one.
-        std::lock_guard<std::mutex> lock(param->mutex);
+        MutexLock lock(param->mutex);
         sLogParam::sLogFile& file = isError ? param->errorFile : param->normalFile;
         moved = MoveToFirstGeneration(path);
         if (file.fd >= 0) close(file.fd);
@@ -637,7 +636,7 @@ eRtCode ZLogPrint::RerouteMsg(const std::set<std::string>& srcFiles, const std::
     }
     auto param = std::make_shared<sLogParam>();
     _InitDestination(*param, basePath, rotateSize);
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     mAllDestinations.push_back(param);
     for (const auto& name : srcFiles) {
         mDestinations[name] = param;
@@ -648,19 +647,19 @@ eRtCode ZLogPrint::RerouteMsg(const std::set<std::string>& srcFiles, const std::
 
 void ZLogPrint::SetRotateSize(int rotateSize) {
     sLogParam* param = mDefault.load();
-    std::lock_guard<std::mutex> lock(param->mutex);
+    MutexLock lock(param->mutex);
     param->RotateSize = rotateSize;
 }
 
 std::string ZLogPrint::LogFilePath() {
     sLogParam* param = mDefault.load();
-    std::lock_guard<std::mutex> lock(param->mutex);
+    MutexLock lock(param->mutex);
     return param->normalPath;
 }
 
 std::string ZLogPrint::AccessLogFilePath() {
     sLogParam* param = mDefault.load();
-    std::lock_guard<std::mutex> lock(param->mutex);
+    MutexLock lock(param->mutex);
     return param->accessPath;
 }
 
@@ -669,30 +668,30 @@ int ZLogPrint::GetDebugLevel() const { return mDebugLevel.load(); }
 
 void ZLogPrint::EnableSchemaDebug(const char* name) {
     if (name == nullptr) return;
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     mSchemaDebug.insert(name);
     mAnySchemaDebug.store(true);
 }
 
 void ZLogPrint::ResetSchemaDebug() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     mSchemaDebug.clear();
     mAnySchemaDebug.store(false);
 }
 
 bool ZLogPrint::IsSchemaDebugEnabled() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     return !mSchemaDebug.empty();
 }
 
 bool ZLogPrint::IsSchemaDebugEnabled(const char* name) {
     if (name == nullptr) return false;
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     return mSchemaDebug.count(std::string_view(name)) != 0;
 }
 
 void ZLogPrint::SetSummaryProvider(SummaryProvider provider) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     mSummaryProvider = std::move(provider);
 }
 
@@ -709,7 +708,7 @@ std::string ZLogPrint::GetTimeStamp() {
 void ZLogPrint::BackupInitLogFiles() {
     std::vector<std::pair<std::string, sLogParam*>> paths;
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        MutexLock lock(mMutex);
         std::set<std::string> seen;
         for (auto& kv : mDestinations) {
             for (const std::string* p : {&kv.second->normalPath, &kv.second->errorPath}) {
@@ -730,7 +729,7 @@ void ZLogPrint::BackupInitLogFiles() {
         int renameErrno = 0;
         {
             // The open file goes with the name; the next line opens a new one.
-            std::lock_guard<std::mutex> lock(param->mutex);
+            MutexLock lock(param->mutex);
             renamed = rename(path.c_str(), initPath.c_str());
             renameErrno = errno;
             for (sLogParam::sLogFile* file : {&param->normalFile, &param->errorFile}) {
@@ -756,7 +755,7 @@ void ZLogPrint::DumpMsgCache2File() {
     std::vector<sLogParam*> params;
     sLogParam* defaultParam = mDefault.load();
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        MutexLock lock(mMutex);
         provider = mSummaryProvider;
         std::set<sLogParam*> seen;
         for (auto& kv : mDestinations) {
@@ -771,7 +770,7 @@ void ZLogPrint::DumpMsgCache2File() {
         "/**\n * Can set the log level to debug to print the last 500 debug messages.\n **/\n";
 
     for (auto& param : params) {
-        std::lock_guard<std::mutex> lock(param->mutex);
+        MutexLock lock(param->mutex);
         if (param->normalPath.empty()) continue;
         // Emptied and opened in one call rather than through TouchFile: its
         // directory creation logs on failure, and logging to this destination
@@ -835,11 +834,12 @@ void ZLogPrint::DumpMsgCache2File() {
 }
 
 void ZLogPrint::_DumpLogParams() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     std::printf("LogParams: ");
     for (auto& kv : mDestinations) {
         std::printf("  |- File[%s] Param[%p]:\n", kv.first.c_str(),
                     static_cast<void*>(kv.second.get()));
+        MutexLock paramLock(kv.second->mutex);
         std::printf("  |  |- normalPath = %s\n", kv.second->normalPath.c_str());
         std::printf("  |  |- accessPath = %s\n", kv.second->accessPath.c_str());
         std::printf("  |  |- RotateSize = %d\n", kv.second->RotateSize);

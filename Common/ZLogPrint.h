@@ -29,7 +29,6 @@
 #define ORBEL_ZLOGPRINT_H
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdint>
 #include <ctime>
@@ -37,12 +36,12 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Orbel_Mutex.h"
 #include "OrbelDefs.h"
 
 namespace Orbel {
@@ -60,12 +59,14 @@ class ZLogPrint {
 public:
     // One log destination.
     struct sLogParam {
-        std::mutex mutex;  // guards everything below but the writer's part
-        std::string normalPath;
-        std::string errorPath;
-        std::string accessPath;
-        int32_t RotateSize = 0;      // bytes; threshold of the normal and error files
-        int32_t writeCountdown = 20; // writes left before the next size check
+        Mutex mutex;  // guards everything below but the writer's part
+        std::string normalPath GUARDED_BY(mutex);
+        std::string errorPath GUARDED_BY(mutex);
+        std::string accessPath GUARDED_BY(mutex);
+        // Bytes; threshold of the normal and error files.
+        int32_t RotateSize GUARDED_BY(mutex) = 0;
+        // Writes left before the next size check.
+        int32_t writeCountdown GUARDED_BY(mutex) = 20;
         struct sCachedMsg {
             // A line the filter dropped keeps its format, file, function
             // and captured arguments in `body` (see _CaptureLine) and its
@@ -79,9 +80,9 @@ public:
             std::string body;   // the message text
         };
         // A ring, oldest at msgCacheHead; slots keep their strings' storage.
-        std::vector<sCachedMsg> msgCache;
-        uint32_t msgCacheHead = 0;
-        uint32_t msgCacheNum = 0;
+        std::vector<sCachedMsg> msgCache GUARDED_BY(mutex);
+        uint32_t msgCacheHead GUARDED_BY(mutex) = 0;
+        uint32_t msgCacheNum GUARDED_BY(mutex) = 0;
         // The normal and the error file. While a rotation waits for the
         // writer thread, lines are kept in `diverted` (one string per
         // generation to come, the last one growing) so that the split falls
@@ -90,12 +91,13 @@ public:
             int fd = -1;  // kept open; closed when the file is rotated or set aside
             std::deque<std::string> diverted;  // empty: lines go to fd
         };
-        sLogFile normalFile;
-        sLogFile errorFile;
-        std::string accessPending;        // access lines not yet handed to the writer
-        bool accessFlushQueued = false;   // the writer has a task for them
-        std::condition_variable accessTaken;  // accessPending was emptied
-        std::condition_variable accessMore;   // a batch is full, or a flush waits
+        sLogFile normalFile GUARDED_BY(mutex);
+        sLogFile errorFile GUARDED_BY(mutex);
+        // Access lines not yet handed to the writer.
+        std::string accessPending GUARDED_BY(mutex);
+        bool accessFlushQueued GUARDED_BY(mutex) = false;  // the writer has a task for them
+        CondVar accessTaken;  // accessPending was emptied
+        CondVar accessMore;   // a batch is full, or a flush waits
         // The writer thread's own.
         std::string accessWriting;
         int accessFd = -1;
@@ -171,46 +173,50 @@ public:
     void SetSummaryProvider(SummaryProvider provider);
 
 private:
-    sLogParam* _FindDestination(const char* module, uint32_t* cacheCapacity);
+    sLogParam* _FindDestination(const char* module, uint32_t* cacheCapacity) REQUIRES(mMutex);
     void _LogWriteToFile(const char* module, eZLogType type, const char* file, const char* func,
                          const char* format, va_list args);
     void _LogWriteToSpecificFile(const std::string& path, const char* body);
-    bool _DebugFilterPasses(const char* module, eZLogType type);
+    bool _DebugFilterPasses(const char* module, eZLogType type) REQUIRES(mMutex);
     static void _InitDestination(sLogParam& param, const std::string& basePath, int rotateSize);
     static void _BackupLogFile(const std::string& path);
-    static void _CachePush(sLogParam& param, uint32_t capacity, sLogParam::sCachedMsg*& slot);
+    static void _CachePush(sLogParam& param, uint32_t capacity, sLogParam::sCachedMsg*& slot)
+        REQUIRES(param.mutex);
     void _WriteLine(sLogParam& param, sLogParam::sLogFile& file, const std::string& path,
                     const std::string& title, const std::string& body, int32_t threshold,
-                    bool checkSize, bool isError);
+                    bool checkSize, bool isError) REQUIRES(param.mutex);
     // Writer thread.
     void _Post(std::function<void()> task);
     void _WriterLoop();
     void _WriteAccess(sLogParam* param);
     void _Rotate(sLogParam* param, bool isError);
 
-    // Guarded by mMutex.
-    std::mutex mMutex;
-    std::map<std::string, std::shared_ptr<sLogParam>, std::less<>> mDestinations;
-    std::vector<std::shared_ptr<sLogParam>> mAllDestinations;  // kept for the service's life
-    std::set<std::string, std::less<>> mSchemaDebug;
-    SummaryProvider mSummaryProvider;
+    Mutex mMutex;
+    std::map<std::string, std::shared_ptr<sLogParam>, std::less<>> mDestinations
+        GUARDED_BY(mMutex);
+    // Kept for the service's life.
+    std::vector<std::shared_ptr<sLogParam>> mAllDestinations GUARDED_BY(mMutex);
+    std::set<std::string, std::less<>> mSchemaDebug GUARDED_BY(mMutex);
+    SummaryProvider mSummaryProvider GUARDED_BY(mMutex);
 
     std::atomic<sLogParam*> mDefault{nullptr};  // the "Default" destination
     std::atomic<bool> mAnySchemaDebug{false};   // mSchemaDebug is not empty
     std::atomic<int32_t> mDebugLevel{0};
     std::atomic<bool> mAppInitDone{false};
 
-    // The writer thread, started on first use. Guarded by mWriterMutex.
-    std::mutex mWriterMutex;
-    std::condition_variable mWriterCv;
-    std::condition_variable mWriterIdleCv;
-    std::deque<std::function<void()>> mWriterTasks;
-    bool mWriterBusy = false;
-    bool mWriterStop = false;
+    // The writer thread, started on first use.
+    Mutex mWriterMutex;
+    CondVar mWriterCv;
+    CondVar mWriterIdleCv;
+    std::deque<std::function<void()>> mWriterTasks GUARDED_BY(mWriterMutex);
+    bool mWriterBusy GUARDED_BY(mWriterMutex) = false;
+    bool mWriterStop GUARDED_BY(mWriterMutex) = false;
     std::atomic<bool> mStopping{false};     // the destructor runs
     std::atomic<int32_t> mFlushers{0};      // threads waiting in Flush
     void _WakeAccessWriters();
-    std::thread mWriter;
+    // The destructor joins it without the lock: nothing starts it once
+    // mWriterStop is set.
+    std::thread mWriter GUARDED_BY(mWriterMutex);
 };
 
 // The one log service of the process; null until the application creates it.

@@ -9,16 +9,16 @@
 #include <cstdio>
 #include <ctime>
 #include <memory>
-#include <mutex>
 
+#include "Orbel_Mutex.h"
 #include "RedisCli.h"
+#include "vpdd.h"
 #include "ZApplication.h"
 #include "ZJsonArray.h"
 #include "ZJsonObject.h"
 #include "ZLogPrint.h"
 #include "ZObject_JsonStringTrans.h"
 #include "ZResource.h"
-#include "vpdd.h"
 
 namespace Orbel {
 
@@ -76,12 +76,12 @@ std::string RecordText(const unsigned char* record, int offset, int length, cons
 // ---------------------------------------------------------------------------
 
 std::string ZRedfishEvent::_NewEventId() {
-    static std::mutex idMutex;
-    static uint64_t counter = 0;
-    static int64_t lastSecond = 0;
-    static std::string prefix;  // "<seconds>-<pid>-" of lastSecond
+    static Mutex idMutex;
+    static uint64_t counter GUARDED_BY(idMutex) = 0;
+    static int64_t lastSecond GUARDED_BY(idMutex) = 0;
+    static std::string prefix GUARDED_BY(idMutex);  // "<seconds>-<pid>-" of lastSecond
 
-    std::lock_guard<std::mutex> lock(idMutex);
+    MutexLock lock(idMutex);
     // A clock stepped back must not make a later id sort before an earlier one.
     const int64_t now = static_cast<int64_t>(std::time(nullptr));
     if (prefix.empty() || now > lastSecond) {

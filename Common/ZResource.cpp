@@ -137,12 +137,12 @@ void ZResource::_InitFillCRUDChannel(ZJsonArray* channelArray, int method) {
 // ---------------------------------------------------------------------------
 
 std::string ZResource::GetOdataId() {
-    std::lock_guard<std::mutex> lock(mLockMutex);
+    MutexLock lock(mLockMutex);
     return mOdataId.empty() ? mJPath : mOdataId;
 }
 
 void ZResource::SetOdataId(const std::string& odataId) {
-    std::lock_guard<std::mutex> lock(mLockMutex);
+    MutexLock lock(mLockMutex);
     if (odataId == mJPath) {
         mOdataId.clear();
     } else {
@@ -176,7 +176,7 @@ void ZResource::UpdateOdataId() {
     }
     bool changed = false;
     {
-        std::lock_guard<std::mutex> lock(mLockMutex);
+        MutexLock lock(mLockMutex);
         changed = odataId != (mOdataId.empty() ? mJPath : mOdataId);
         if (changed) mOdataId = odataId == mJPath ? std::string() : odataId;
     }
@@ -198,7 +198,7 @@ eRtCode ZResource::Lock(int timeoutMs, uint32_t flags) {
     for (;;) {
         if (IsDied()) return RT_FAILURE;
         {
-            std::lock_guard<std::mutex> lock(mLockMutex);
+            MutexLock lock(mLockMutex);
             if (mLockOwner == self) {
                 ++mLockDepth;
                 return RT_SUCCESS;
@@ -215,7 +215,7 @@ eRtCode ZResource::Lock(int timeoutMs, uint32_t flags) {
             }
         }
         if (holder == 0 && !corvelBusy) {
-            std::lock_guard<std::mutex> lock(mLockMutex);
+            MutexLock lock(mLockMutex);
             if (mLockOwner == 0) {
                 mLockOwner = self;
                 mLockDepth = 1;
@@ -239,7 +239,7 @@ eRtCode ZResource::Lock(int timeoutMs, uint32_t flags) {
 
 eRtCode ZResource::Unlock() {
     const unsigned long self = ThisThread();
-    std::lock_guard<std::mutex> lock(mLockMutex);
+    MutexLock lock(mLockMutex);
     if (mLockOwner != self) {
         ZLOG(eZLogError, "Thread[0x%lx] try to unlock resource[%s] but is owned by thread[%lx]!\n",
              self, mJPath.c_str(), mLockOwner);
@@ -253,12 +253,12 @@ eRtCode ZResource::Unlock() {
 }
 
 unsigned long ZResource::LockOwner() {
-    std::lock_guard<std::mutex> lock(mLockMutex);
+    MutexLock lock(mLockMutex);
     return mLockOwner;
 }
 
 int ZResource::LockDepth() {
-    std::lock_guard<std::mutex> lock(mLockMutex);
+    MutexLock lock(mLockMutex);
     return mLockDepth;
 }
 
@@ -268,7 +268,7 @@ void ZResource::GetStatus(eResStatus& status, bool& lockedByMe) {
         status = eResDied;
         return;
     }
-    std::lock_guard<std::mutex> lock(mLockMutex);
+    MutexLock lock(mLockMutex);
     if (mLockOwner == 0) {
         status = eResIdle;
     } else {

@@ -17,9 +17,9 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <string>
 
+#include "Orbel_Mutex.h"
 #include "ZObject.h"
 
 namespace Orbel {
@@ -133,13 +133,16 @@ protected:
 
 private:
     // Short sections only; no call into another node or the store under it.
-    std::mutex mLockMutex;  // guards mOdataId, mLockOwner, mLockDepth
+    Mutex mLockMutex;
     // Empty while "@odata.id" is the URI (nearly every resource): only an
     // embedded resource keeps a text of its own.
-    std::string mOdataId;
-    unsigned long mLockOwner = 0;
-    int mLockDepth = 0;
+    std::string mOdataId GUARDED_BY(mLockMutex);
+    unsigned long mLockOwner GUARDED_BY(mLockMutex) = 0;
+    int mLockDepth GUARDED_BY(mLockMutex) = 0;
 
+    // No lock for the plug-in's settings (mTTL, mPrivateData, mRecyclePrivData,
+    // mAllowMethods, the template path and mode): the plug-in sets them while
+    // it builds the resource, before a dispatcher serves it.
     uint16_t mTTL = 0;
     // False once the store is known to hold no "&&TTL" field of this
     // resource: a read of a resource without a time-to-live then costs no

@@ -128,7 +128,7 @@ int ZResourceCollection::GetFreeMemberId() {
     unsigned int n;
     uint32_t epoch;
     {
-        std::lock_guard<std::mutex> lock(mFreeIdMutex);
+        MutexLock lock(mFreeIdMutex);
         n = mFreeIdHint;
         epoch = mFreeIdEpoch;
     }
@@ -142,7 +142,7 @@ int ZResourceCollection::GetFreeMemberId() {
         ++n;
     }
     {
-        std::lock_guard<std::mutex> lock(mFreeIdMutex);
+        MutexLock lock(mFreeIdMutex);
         if (epoch == mFreeIdEpoch && n > mFreeIdHint) mFreeIdHint = n;
     }
     // Ids below the hint are all taken: when the hint lies beyond the stored
@@ -174,13 +174,13 @@ ZResource* ZResourceCollection::CreateMember(
     // it left the registry; an id is therefore never given twice, not even
     // the id of a member that left a moment ago: its old URI would name the
     // new member for a client that still holds it.
-    std::lock_guard<std::mutex> creating(mCreateMutex);
+    MutexLock creating(mCreateMutex);
     ZApplication* app = zApp;
     const std::string base = mJPath + "/";
     unsigned int id;
     std::string setting;
     {
-        std::lock_guard<std::mutex> lock(mFreeIdMutex);
+        MutexLock lock(mFreeIdMutex);
         id = mIdHighWater + 1;
         setting = mIdSetting;
     }
@@ -194,7 +194,7 @@ ZResource* ZResourceCollection::CreateMember(
         return nullptr;
     }
     {
-        std::lock_guard<std::mutex> lock(mFreeIdMutex);
+        MutexLock lock(mFreeIdMutex);
         if (id > mIdHighWater) mIdHighWater = id;
     }
     const std::string uri = base + std::to_string(id);
@@ -218,20 +218,20 @@ eRtCode ZResourceCollection::KeepMemberIdsIn(const std::string& name) {
     unsigned int stored = 0;
     eRtCode rt = GetKOBA(name, stored, true);
     if (rt != RT_SUCCESS && rt != RT_NO_SUCH_KEY) return rt;
-    std::lock_guard<std::mutex> lock(mFreeIdMutex);
+    MutexLock lock(mFreeIdMutex);
     mIdSetting = name;
     if (stored > mIdHighWater) mIdHighWater = stored;
     return RT_SUCCESS;
 }
 
 unsigned int ZResourceCollection::MemberIdHighWater() {
-    std::lock_guard<std::mutex> lock(mFreeIdMutex);
+    MutexLock lock(mFreeIdMutex);
     return mIdHighWater;
 }
 
 void ZResourceCollection::_MemberIdTaken(const std::string& id) {
     const unsigned int n = NumericId(id);
-    std::lock_guard<std::mutex> lock(mFreeIdMutex);
+    MutexLock lock(mFreeIdMutex);
     if (n > mIdHighWater) mIdHighWater = n;
 }
 
@@ -239,7 +239,7 @@ void ZResourceCollection::_MemberIdReleased(const std::string& id) {
     // Only decimal ids are ever handed out; others cannot move the hint.
     const unsigned int n = NumericId(id);
     if (n == 0) return;
-    std::lock_guard<std::mutex> lock(mFreeIdMutex);
+    MutexLock lock(mFreeIdMutex);
     ++mFreeIdEpoch;
     if (n >= 1 && n < mFreeIdHint) mFreeIdHint = n;
 }

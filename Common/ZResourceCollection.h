@@ -10,10 +10,10 @@
 
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "Orbel_Mutex.h"
 #include "ZResource.h"
 
 namespace Orbel {
@@ -87,14 +87,14 @@ private:
     // every id from 1 (which made filling a collection quadratic). A search
     // raises the hint only when no member left while it looked
     // (mFreeIdEpoch counts the departures).
-    std::mutex mFreeIdMutex;  // guards mFreeIdHint, mFreeIdEpoch, mIdHighWater, mIdSetting
-    unsigned int mFreeIdHint = 1;
-    uint32_t mFreeIdEpoch = 0;
-    unsigned int mIdHighWater = 0;
-    std::string mIdSetting;
+    Mutex mFreeIdMutex;  // taken after mCreateMutex when both are held
+    unsigned int mFreeIdHint GUARDED_BY(mFreeIdMutex) = 1;
+    uint32_t mFreeIdEpoch GUARDED_BY(mFreeIdMutex) = 0;
+    unsigned int mIdHighWater GUARDED_BY(mFreeIdMutex) = 0;
+    std::string mIdSetting GUARDED_BY(mFreeIdMutex);
     // Held across one CreateMember, from the choice of the id until the
     // member is built (no node lock is held while it is taken).
-    std::mutex mCreateMutex;
+    Mutex mCreateMutex;
 };
 
 }  // namespace Orbel

@@ -85,12 +85,12 @@ eRtCode ZSchema::PostCorvelReady_AfterTreatment() {
 }
 
 std::string ZSchema::GetOdataPrintName() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     return mOdataPrintName.empty() ? mName : mOdataPrintName;
 }
 
 void ZSchema::SetOdataPrintName(const std::string& printName) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     mOdataPrintName = printName;
 }
 
@@ -107,12 +107,12 @@ std::string ZSchema::GetCRUDqChannel(eReqMethod method) {
 }
 
 std::map<std::string, ZResource*> ZSchema::GetResourceList() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     return mResources;
 }
 
 size_t ZSchema::GetResourceNum() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     return mResources.size();
 }
 

@@ -40,15 +40,14 @@
 #include <hiredis/hiredis.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Orbel_Mutex.h"
 #include "OrbelDefs.h"
 
 namespace Orbel {
@@ -279,6 +278,8 @@ protected:
     const std::string mMemberSchemaName;
     const uint32_t mCRUDqFlag;
 
+    // No lock: the plug-in sets these in its schema's constructor or pre-ready
+    // stage, before the dispatchers start.
     uint32_t mTaskFlag = 0;
     bool mEtagEnabled = false;
 
@@ -304,27 +305,30 @@ private:
 
     // The application whose list holds this schema (set by a successful
     // Init); the destructor takes the schema off that list.
+    // No lock: set on the main thread before the dispatchers start.
     ZApplication* mOwnerApp = nullptr;
 
-    std::mutex mMutex;  // guards mOdataPrintName and mResources
-    std::string mOdataPrintName;
-    std::map<std::string, ZResource*> mResources;
+    Mutex mMutex;
+    std::string mOdataPrintName GUARDED_BY(mMutex);
+    std::map<std::string, ZResource*> mResources GUARDED_BY(mMutex);
 
-    std::mutex mActionMutex;  // guards mActionCallbacks, mAsyncUploadTasks
-    std::map<std::string, ActionCallback_t> mActionCallbacks;
-    std::map<std::string, std::pair<AsyncUploadTask_t, void*>> mAsyncUploadTasks;
+    Mutex mActionMutex;
+    std::map<std::string, ActionCallback_t> mActionCallbacks GUARDED_BY(mActionMutex);
+    std::map<std::string, std::pair<AsyncUploadTask_t, void*>> mAsyncUploadTasks
+        GUARDED_BY(mActionMutex);
     std::string _AsyncUploadTaskName(const std::string& resourceURI) const;
     std::atomic<ZBackendImpl*> mBackendImpl{nullptr};  // owned
 
-    std::mutex mTemplateMutex;  // guards mUserInputTemplates
-    std::map<std::string, std::shared_ptr<ZUserInputTemplate>> mUserInputTemplates;
+    Mutex mTemplateMutex;
+    std::map<std::string, std::shared_ptr<ZUserInputTemplate>> mUserInputTemplates
+        GUARDED_BY(mTemplateMutex);
     std::shared_ptr<ZUserInputTemplate> _FindUserInputTemplate(ZResource* resource);
 
     // Dispatcher threads: started and joined by the application's thread.
-    std::mutex mDispatchMutex;  // guards mDispatchers, mListening
-    std::condition_variable mDispatchCv;  // a thread listens for the first time
-    std::vector<std::thread> mDispatchers;
-    size_t mListening = 0;
+    Mutex mDispatchMutex;
+    CondVar mDispatchCv;  // a thread listens for the first time
+    std::vector<std::thread> mDispatchers GUARDED_BY(mDispatchMutex);
+    size_t mListening GUARDED_BY(mDispatchMutex) = 0;
     std::atomic<bool> mDispatchStop{false};
 };
 

@@ -95,7 +95,7 @@ std::vector<std::string> ZSchema::_RoleChannels(int role) {
 }
 
 void ZSchema::_InitCRUDqDispather() {
-    std::unique_lock<std::mutex> lock(mDispatchMutex);
+    MutexLock lock(mDispatchMutex);
     if (!mDispatchers.empty()) return;
     mDispatchStop.store(false);
     mListening = 0;
@@ -109,19 +109,19 @@ void ZSchema::_InitCRUDqDispather() {
         }
     }
     const size_t started = mDispatchers.size();
-    mDispatchCv.wait_for(lock, std::chrono::milliseconds(kSubscribeWaitMs),
-                         [this, started]() { return mListening >= started; });
+    mDispatchCv.WaitFor(mDispatchMutex, std::chrono::milliseconds(kSubscribeWaitMs),
+                         [this, started]() REQUIRES(mDispatchMutex) { return mListening >= started; });
 }
 
 size_t ZSchema::GetDispatcherNum() {
-    std::lock_guard<std::mutex> lock(mDispatchMutex);
+    MutexLock lock(mDispatchMutex);
     return mDispatchers.size();
 }
 
 void ZSchema::WaitThreadsExit() {
     std::vector<std::thread> threads;
     {
-        std::lock_guard<std::mutex> lock(mDispatchMutex);
+        MutexLock lock(mDispatchMutex);
         threads.swap(mDispatchers);
     }
     if (threads.empty()) return;
@@ -166,9 +166,9 @@ void ZSchema::_DispatchLoop(int role) {
             }
             if (!listened) {
                 listened = true;
-                std::lock_guard<std::mutex> lock(mDispatchMutex);
+                MutexLock lock(mDispatchMutex);
                 ++mListening;
-                mDispatchCv.notify_all();
+                mDispatchCv.SignalAll();
             }
         }
         std::string channel, message;

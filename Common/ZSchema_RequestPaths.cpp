@@ -146,7 +146,7 @@ eRtCode ZSchema::AddUserInputTemplate(const std::string& name, ZUserInputTemplat
     std::shared_ptr<ZUserInputTemplate> added(tmpl);
     std::shared_ptr<ZUserInputTemplate> replaced;
     {
-        std::lock_guard<std::mutex> lock(mTemplateMutex);
+        MutexLock lock(mTemplateMutex);
         replaced.swap(mUserInputTemplates[name]);
         mUserInputTemplates[name] = added;
     }
@@ -168,7 +168,7 @@ eRtCode ZSchema::LoadUserInputTemplate(const std::string& name, const std::strin
 }
 
 std::shared_ptr<ZUserInputTemplate> ZSchema::_FindUserInputTemplate(ZResource* resource) {
-    std::lock_guard<std::mutex> lock(mTemplateMutex);
+    MutexLock lock(mTemplateMutex);
     if (resource != nullptr) {
         auto it = mUserInputTemplates.find(resource->GetName());
         if (it != mUserInputTemplates.end()) return it->second;
@@ -186,7 +186,7 @@ ZUserInputTemplate* ZSchema::GetUserInputTemplate(ZResource* resource) {
 
 std::string ZSchema::DumpUserInputTemplate() {
     std::string text = "Dump " + mName + " user input template list:\n";
-    std::lock_guard<std::mutex> lock(mTemplateMutex);
+    MutexLock lock(mTemplateMutex);
     for (const auto& entry : mUserInputTemplates) {
         char line[64];
         snprintf(line, sizeof(line), "  %p = ", static_cast<void*>(entry.second.get()));
@@ -259,7 +259,7 @@ eRtCode ZSchema::AddActionCallback(const std::string& actionName, ActionCallback
              actionName.c_str());
         return RT_INVALID_ARG;
     }
-    std::lock_guard<std::mutex> lock(mActionMutex);
+    MutexLock lock(mActionMutex);
     if (!mActionCallbacks.emplace(actionName, callback).second) {
         ZLOG(eZLogError, "Schema[%s]: action[%s] has a callback already.\n", mName.c_str(),
              actionName.c_str());
@@ -269,12 +269,12 @@ eRtCode ZSchema::AddActionCallback(const std::string& actionName, ActionCallback
 }
 
 eRtCode ZSchema::DelActionCallback(const std::string& actionName) {
-    std::lock_guard<std::mutex> lock(mActionMutex);
+    MutexLock lock(mActionMutex);
     return mActionCallbacks.erase(actionName) != 0 ? RT_SUCCESS : RT_FAILURE;
 }
 
 ZSchema::ActionCallback_t ZSchema::GetActionCallback(const std::string& actionName) {
-    std::lock_guard<std::mutex> lock(mActionMutex);
+    MutexLock lock(mActionMutex);
     auto it = mActionCallbacks.find(actionName);
     return it != mActionCallbacks.end() ? it->second : nullptr;
 }
@@ -294,14 +294,14 @@ eRtCode ZSchema::RegisterAsyncUploadCallback(const std::string& resourceURI, Asy
              mName.c_str());
         return RT_INVALID_ARG;
     }
-    std::lock_guard<std::mutex> lock(mActionMutex);
+    MutexLock lock(mActionMutex);
     mAsyncUploadTasks[_AsyncUploadTaskName(resourceURI)] = std::make_pair(run, arg);
     return RT_SUCCESS;
 }
 
 eRtCode ZSchema::GetAsyncUploadTaskParam(ZResource* resource, AsyncUploadTask_t& run, void*& arg) {
     if (resource == nullptr) return RT_INVALID_ARG;
-    std::lock_guard<std::mutex> lock(mActionMutex);
+    MutexLock lock(mActionMutex);
     auto it = mAsyncUploadTasks.find(_AsyncUploadTaskName(resource->GetJPath()));
     if (it == mAsyncUploadTasks.end()) return RT_NO_SUCH_KEY;
     run = it->second.first;

@@ -15,7 +15,7 @@ eRtCode ZSchema::AddResource(ZResource* resource) {
         return RT_INVALID_ARG;
     }
     const std::string name = resource->GetName();
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     auto inserted = mResources.emplace(name, resource);
     if (!inserted.second) {
         ZLOG(eZLogError,
@@ -29,14 +29,14 @@ eRtCode ZSchema::AddResource(ZResource* resource) {
 }
 
 eRtCode ZSchema::DelResource(const std::string& name) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     if (mResources.erase(name) == 0) return RT_FAILURE;
     ZLOG(eZLogDebug, "Schema[%s] delete a Resource[%s].\n", mName.c_str(), name.c_str());
     return RT_SUCCESS;
 }
 
 eRtCode ZSchema::DelResource(const std::string& name, ZResource* expected) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     auto it = mResources.find(name);
     if (it == mResources.end() || it->second != expected) return RT_FAILURE;
     mResources.erase(it);
@@ -47,7 +47,7 @@ eRtCode ZSchema::DelResource(const std::string& name, ZResource* expected) {
 ZResource* ZSchema::GetResource(const std::string& name) {
     ZResource* resource = nullptr;
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        MutexLock lock(mMutex);
         auto it = mResources.find(name);
         if (it == mResources.end()) return nullptr;
         resource = it->second;
@@ -63,7 +63,7 @@ ZResource* ZSchema::GetResource(const std::string& name) {
 void ZSchema::DestroyAllResources() {
     std::vector<ZResource*> resources;
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        MutexLock lock(mMutex);
         for (const auto& entry : mResources) resources.push_back(entry.second);
     }
     for (ZResource* resource : resources) {
@@ -91,7 +91,7 @@ void ZSchema::_RetireOwnedResources() {
 std::string ZSchema::DumpResources() {
     std::ostringstream out;
     out << "Dump schema[" << mName << "] resources:\n";
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     for (const auto& entry : mResources) {
         char line[64];
         std::snprintf(line, sizeof(line), "  Resource(%p) : [", static_cast<void*>(entry.second));

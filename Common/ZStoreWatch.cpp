@@ -41,7 +41,7 @@ std::string ZStoreWatch::MarkerKey(const std::string& appName, pid_t pid) {
 }
 
 ZStoreWatch::eState ZStoreWatch::Arm(const std::string& appName) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     mKey = MarkerKey(appName, getpid());
     mLost.store(false);
     mWritten = false;
@@ -60,7 +60,7 @@ ZStoreWatch::eState ZStoreWatch::Arm(const std::string& appName) {
 }
 
 ZStoreWatch::eState ZStoreWatch::Check() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     if (mKey.empty()) return eStoreOk;
     if (mLost.load()) return eStoreLost;
     Context c = Connect();
@@ -92,7 +92,7 @@ void ZStoreWatch::OnLoopPeriod(ZApplication* app) {
 }
 
 void ZStoreWatch::Disarm() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     if (mKey.empty()) return;
     if (mWritten && !mLost.load()) {
         Context c = Connect();
@@ -101,7 +101,6 @@ void ZStoreWatch::Disarm() {
     mKey.clear();
 }
 
-// REQUIRES: mMutex held.
 ZStoreWatch::eState ZStoreWatch::_Lost(const char* why) {
     mLost.store(true);
     mGeneration.fetch_add(1);
@@ -112,7 +111,6 @@ ZStoreWatch::eState ZStoreWatch::_Lost(const char* why) {
     return eStoreLost;
 }
 
-// REQUIRES: mMutex held.
 void ZStoreWatch::_Down() {
     if (mDown) return;
     mDown = true;

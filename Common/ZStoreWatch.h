@@ -25,8 +25,9 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <string>
+
+#include "Orbel_Mutex.h"
 
 namespace Orbel {
 
@@ -69,17 +70,17 @@ public:
     int ExitStatus() const { return mLost.load() ? kLostExitStatus : 0; }
 
 private:
-    eState _Lost(const char* why);
-    void _Down();
+    eState _Lost(const char* why) REQUIRES(mMutex);
+    void _Down() REQUIRES(mMutex);
 
     std::atomic<uint32_t> mGeneration{0};
     std::atomic<bool> mLost{false};
 
     // Guarded by mMutex (one watcher thread; the lock keeps tests honest).
-    std::mutex mMutex;
-    std::string mKey;       // empty while not armed
-    bool mWritten = false;  // the marker reached the store at least once
-    bool mDown = false;     // an outage was logged and has not ended yet
+    Mutex mMutex;
+    std::string mKey GUARDED_BY(mMutex);       // empty while not armed
+    bool mWritten GUARDED_BY(mMutex) = false;  // the marker reached the store at least once
+    bool mDown GUARDED_BY(mMutex) = false;     // an outage was logged and has not ended yet
 };
 
 }  // namespace Orbel

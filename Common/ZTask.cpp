@@ -69,11 +69,11 @@ bool IsFinalTaskState(eTaskState state) {
            state == TASK_STATE_Exception || state == TASK_STATE_Cancelled;
 }
 
-std::mutex& ZTask::mTaskListMutex = *new std::mutex;
+Mutex& ZTask::mTaskListMutex = *new Mutex;
 std::map<std::string, ZTask*>& ZTask::mTaskList = *new std::map<std::string, ZTask*>;
 size_t ZTask::mRunningTasks = 0;
 size_t ZTask::mFinishingTasks = 0;
-std::condition_variable& ZTask::mTaskEndCv = *new std::condition_variable;
+CondVar& ZTask::mTaskEndCv = *new CondVar;
 
 // ---------------------------------------------------------------------------
 // Construction
@@ -92,7 +92,7 @@ ZTask::ZTask(const std::string& reqKey, const std::string& channel, ZSchema* sch
     mValid = !mTaskURL.empty() && !mTaskId.empty() && !mChannel.empty() && _BuildNodes();
     SetTaskState(TASK_STATE_New);
     SetTaskStatus(TASK_STATUS_OK);
-    std::lock_guard<std::mutex> lock(mTaskListMutex);
+    MutexLock lock(mTaskListMutex);
     // A key already listed belongs to a task that is still running: the
     // newer one is reachable only through its pointer.
     mTaskList.emplace(mReqKey, this);
@@ -166,7 +166,7 @@ bool ZTask::_BuildNodes() {
 // ---------------------------------------------------------------------------
 
 void ZTask::RegisterReadCallback(TaskReadCallback_t fn, void* arg) {
-    std::lock_guard<std::mutex> lock(mReadCbMutex);
+    MutexLock lock(mReadCbMutex);
     mReadCb = fn;
     mReadCbArg = arg;
 }
@@ -180,18 +180,18 @@ ZBackendImpl* ZTask::GetBackendImpl() {
 }
 
 ZTask* ZTask::GetTask(const std::string& key) {
-    std::lock_guard<std::mutex> lock(mTaskListMutex);
+    MutexLock lock(mTaskListMutex);
     auto it = mTaskList.find(key);
     return it != mTaskList.end() ? it->second : nullptr;
 }
 
 size_t ZTask::GetTaskNum() {
-    std::lock_guard<std::mutex> lock(mTaskListMutex);
+    MutexLock lock(mTaskListMutex);
     return mTaskList.size();
 }
 
 size_t ZTask::GetRunningTaskNum() {
-    std::lock_guard<std::mutex> lock(mTaskListMutex);
+    MutexLock lock(mTaskListMutex);
     return mRunningTasks;
 }
 
@@ -213,7 +213,7 @@ void ZTask::_WriteTaskLinks() {
 }
 
 void ZTask::_LinkNodes() {
-    // Under mChangeMutex, after the nodes were applied.
+    // After the nodes were applied.
     if (!mLinksWritten) {
         _WriteTaskLinks();
         mLinksWritten = true;
@@ -259,7 +259,7 @@ void ZTask::Destory() {
     }
     _StopReadThread();
     {
-        std::lock_guard<std::mutex> lock(mTaskListMutex);
+        MutexLock lock(mTaskListMutex);
         auto it = mTaskList.find(mReqKey);
         if (it != mTaskList.end() && it->second == this) mTaskList.erase(it);
     }

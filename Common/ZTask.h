@@ -42,15 +42,14 @@
 #include <hiredis/hiredis.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "HTTP_MethodContext.h"
+#include "Orbel_Mutex.h"
 #include "ResponseExtendedInfo.h"
 #include "TaskMessages.h"
 
@@ -232,7 +231,7 @@ private:
     void _ServeRead(redisContext* c, const std::string& key);
     static void _ThreadEnded();
     void _StopReadThread();
-    void _LinkNodes();
+    void _LinkNodes() REQUIRES(mChangeMutex);
     void _EndDetached(eRtCode workResult, bool threw);
     // The request context holds the work until its answer is published and
     // then lets it go with the lock key the front end releases once it has
@@ -242,6 +241,10 @@ private:
     void _ReleaseWork(const std::string& lockKey);
     void _WaitReleased();
 
+    // No lock for the members up to mOemLinked but the atomics: the constructor
+    // and the plug-in's setters write them before RunTask starts the threads;
+    // afterwards only the work thread writes them, and the read thread reads
+    // only mReqKey, mChannel, mTaskURL and mSchema, which never change.
     const std::string mReqKey;
     const std::string mChannel;
     TaskRun_t mRun;
@@ -266,39 +269,40 @@ private:
     bool mValid = false;
     bool mStarted = false;
 
-    std::mutex mReadCbMutex;  // guards the read callback
-    TaskReadCallback_t mReadCb = nullptr;
-    void* mReadCbArg = nullptr;
+    Mutex mReadCbMutex;
+    TaskReadCallback_t mReadCb GUARDED_BY(mReadCbMutex) = nullptr;
+    void* mReadCbArg GUARDED_BY(mReadCbMutex) = nullptr;
+    // Started by RunTask; joined once, by Destory or (for a task whose
+    // application went, which is never destroyed) by DetachLateTasks.
     std::thread mReadThread;
     std::atomic<bool> mReadListening{false};
     std::atomic<bool> mReadStop{false};
     std::atomic<bool> mReadEnded{false};
 
-    std::mutex mChangeMutex;   // serialises ApplyTaskChange
-    std::mutex mPublishMutex;  // keeps the publications in call order
-    bool mLinksWritten = false;  // guarded by mChangeMutex
-    bool mOemLinked = false;     // guarded by mChangeMutex
+    Mutex mChangeMutex;   // serialises ApplyTaskChange
+    Mutex mPublishMutex;  // keeps the publications in call order
+    bool mLinksWritten GUARDED_BY(mChangeMutex) = false;
+    bool mOemLinked GUARDED_BY(mChangeMutex) = false;
     std::atomic<bool> mWorkRunning{false};
     // Set once the final change is published and taken: from then on the
     // read thread answers the finished task.
     std::atomic<bool> mFinalTaken{false};
-    const std::string mSocketPath;  // for the plain writes of a detached task
+    const std::string mSocketPath;  // for the plain writes of a detached task; constant
 
-    std::mutex mGateMutex;  // guards the three below
-    std::condition_variable mGateCv;
-    bool mGateOpen = true;
-    std::string mAnswerLockKey;
+    Mutex mGateMutex;
+    CondVar mGateCv;
+    bool mGateOpen GUARDED_BY(mGateMutex) = true;
+    std::string mAnswerLockKey GUARDED_BY(mGateMutex);
 
-    // Guarded by mTaskListMutex.
-    bool mFinishing = false;  // writing the final answer
-    bool mDetached = false;   // the application went while the work ran
+    bool mFinishing GUARDED_BY(mTaskListMutex) = false;  // writing the final answer
+    bool mDetached GUARDED_BY(mTaskListMutex) = false;   // the application went while the work ran
 
     // Never destroyed: a detached task may end while the process exits.
-    static std::mutex& mTaskListMutex;  // guards the four below
-    static std::map<std::string, ZTask*>& mTaskList;
-    static size_t mRunningTasks;
-    static size_t mFinishingTasks;
-    static std::condition_variable& mTaskEndCv;
+    static Mutex& mTaskListMutex;
+    static std::map<std::string, ZTask*>& mTaskList GUARDED_BY(mTaskListMutex);
+    static size_t mRunningTasks GUARDED_BY(mTaskListMutex);
+    static size_t mFinishingTasks GUARDED_BY(mTaskListMutex);
+    static CondVar& mTaskEndCv;
 };
 
 }  // namespace Orbel

@@ -57,7 +57,7 @@ eRtCode ZTask::_publishToTask(const std::string& text, int64_t* receivers) {
 void ZTask::UpdatePercentComplete(int percent) {
     if (percent < 0) percent = 0;
     if (percent > 100) percent = 100;
-    std::lock_guard<std::mutex> lock(mPublishMutex);
+    MutexLock lock(mPublishMutex);
     mPercent.store(percent);
     _publishToTask(mReqKey + " " + std::to_string(percent) + " null null null");
 }
@@ -95,7 +95,7 @@ eRtCode ZTask::ApplyTaskChange(bool wait) {
         ZLOG(eZLogError, "Task[%s] is not valid.\n", mReqKey.c_str());
         return RT_FAILURE;
     }
-    std::lock_guard<std::mutex> lock(mChangeMutex);
+    MutexLock lock(mChangeMutex);
     ApplyTaskMsgsToRedis(nullptr);
     mOemObj->ApplyRedisChanges(true, nullptr);
     _SetExtraInfo();
@@ -107,7 +107,7 @@ eRtCode ZTask::ApplyTaskChange(bool wait) {
         // The line is made and sent under the publication lock, so that a
         // progress published from another thread meanwhile cannot be
         // followed by an older percentage.
-        std::lock_guard<std::mutex> order(mPublishMutex);
+        MutexLock order(mPublishMutex);
         const int percent = mPercent.load();
         const std::string text = mReqKey + " " +
                                  (percent < 0 ? std::string("null") : std::to_string(percent)) +

@@ -23,7 +23,8 @@ constexpr unsigned kRetrySleepMs = 500;
 constexpr unsigned kListenWaitMs = 2000;
 std::atomic<uint32_t> gExitWaitMs{10000};
 // Tasks detached from a destroyed application: never freed (their nodes
-// belonged to it), but kept reachable.
+// belonged to it), but kept reachable. Written only under ZTask::mTaskListMutex
+// (a private member, which an annotation here cannot name).
 std::vector<ZTask*>& gDetachedTasks = *new std::vector<ZTask*>;
 
 }  // namespace
@@ -66,7 +67,7 @@ eRtCode ZTask::RunTask() {
     AddTaskMessage(RESP_Task_TaskStarted, {mTaskId});
     ApplyTaskChange(true);
     {
-        std::lock_guard<std::mutex> lock(mTaskListMutex);
+        MutexLock lock(mTaskListMutex);
         ++mRunningTasks;
     }
     mWorkRunning.store(true);
@@ -83,22 +84,22 @@ eRtCode ZTask::RunTask() {
 }
 
 void ZTask::_HoldWork() {
-    std::lock_guard<std::mutex> lock(mGateMutex);
+    MutexLock lock(mGateMutex);
     mGateOpen = false;
 }
 
 void ZTask::_ReleaseWork(const std::string& lockKey) {
-    std::lock_guard<std::mutex> lock(mGateMutex);
+    MutexLock lock(mGateMutex);
     mGateOpen = true;
     mAnswerLockKey = lockKey;
-    mGateCv.notify_all();
+    mGateCv.SignalAll();
 }
 
 void ZTask::_WaitReleased() {
     std::string lockKey;
     {
-        std::unique_lock<std::mutex> lock(mGateMutex);
-        mGateCv.wait(lock, [this]() { return mGateOpen; });
+        MutexLock lock(mGateMutex);
+        mGateCv.Wait(mGateMutex, [this]() REQUIRES(mGateMutex) { return mGateOpen; });
         lockKey = mAnswerLockKey;
     }
     if (lockKey.empty()) return;
@@ -114,9 +115,9 @@ void ZTask::_WaitReleased() {
 }
 
 void ZTask::_ThreadEnded() {
-    std::lock_guard<std::mutex> lock(mTaskListMutex);
+    MutexLock lock(mTaskListMutex);
     --mRunningTasks;
-    mTaskEndCv.notify_all();
+    mTaskEndCv.SignalAll();
 }
 
 void ZTask::TaskThreadMain(ZTask* task) {
@@ -143,7 +144,7 @@ void ZTask::TaskThreadMain(ZTask* task) {
         }
         bool detached = false;
         {
-            std::lock_guard<std::mutex> lock(mTaskListMutex);
+            MutexLock lock(mTaskListMutex);
             detached = task->mDetached;
             if (!detached) {
                 task->mFinishing = true;
@@ -159,9 +160,9 @@ void ZTask::TaskThreadMain(ZTask* task) {
             const bool recycle = task->mAutoRecycle.load();
             task->mWorkRunning.store(false);
             if (recycle) task->Destory();
-            std::lock_guard<std::mutex> lock(mTaskListMutex);
+            MutexLock lock(mTaskListMutex);
             --mFinishingTasks;
-            mTaskEndCv.notify_all();
+            mTaskEndCv.SignalAll();
         }
     }
     // Last: once counted out, the application may go away.
@@ -246,9 +247,9 @@ void ZTask::_EndDetached(eRtCode workResult, bool threw) {
 void ZTask::DetachLateTasks() {
     std::vector<ZTask*> late;
     {
-        std::unique_lock<std::mutex> lock(mTaskListMutex);
+        MutexLock lock(mTaskListMutex);
         // A task writing its final answer uses the nodes: it is let finish.
-        mTaskEndCv.wait(lock, []() { return mFinishingTasks == 0; });
+        mTaskEndCv.Wait(mTaskListMutex, []() REQUIRES(mTaskListMutex) { return mFinishingTasks == 0; });
         for (auto it = mTaskList.begin(); it != mTaskList.end();) {
             ZTask* task = it->second;
             if (task->mWorkRunning.load() && !task->mFinishing) {
@@ -330,7 +331,7 @@ void ZTask::_ServeRead(redisContext* c, const std::string& key) {
         return;
     }
     {
-        std::lock_guard<std::mutex> lock(mReadCbMutex);
+        MutexLock lock(mReadCbMutex);
         if (mReadCb != nullptr) mReadCb(this, mReadCbArg);
     }
     // The monitor answers "PROCESSING" (202) while the work goes on, then
@@ -356,9 +357,9 @@ void ZTask::_ServeRead(redisContext* c, const std::string& key) {
 // ---------------------------------------------------------------------------
 
 bool ZTask::WaitRunningTasks(uint32_t ms) {
-    std::unique_lock<std::mutex> lock(mTaskListMutex);
-    return mTaskEndCv.wait_for(lock, std::chrono::milliseconds(ms),
-                               []() { return mRunningTasks == 0; });
+    MutexLock lock(mTaskListMutex);
+    return mTaskEndCv.WaitFor(mTaskListMutex, std::chrono::milliseconds(ms),
+                               []() REQUIRES(mTaskListMutex) { return mRunningTasks == 0; });
 }
 
 bool ZTask::StopAllTasks(uint32_t ms) {
@@ -366,10 +367,10 @@ bool ZTask::StopAllTasks(uint32_t ms) {
     std::vector<std::string> late;  // "<key>] at [<URL>" of each task still running
     bool allEnded = false;
     {
-        std::unique_lock<std::mutex> lock(mTaskListMutex);
+        MutexLock lock(mTaskListMutex);
         for (auto& kv : mTaskList) kv.second->mStopRequested.store(true);
-        allEnded = mTaskEndCv.wait_for(lock, std::chrono::milliseconds(ms),
-                                       []() { return mRunningTasks == 0; });
+        allEnded = mTaskEndCv.WaitFor(mTaskListMutex, std::chrono::milliseconds(ms),
+                                       []() REQUIRES(mTaskListMutex) { return mRunningTasks == 0; });
         for (auto& kv : mTaskList) {
             ZTask* task = kv.second;
             if (task->mWorkRunning.load()) {

@@ -333,6 +333,21 @@ TEST_F(ZLogPrintTest, ConcurrentWritersNeverSplitALine) {
     }
 }
 
+// The parameter dump reads what SetRotateSize changes on another thread
+// under the destination's lock (the tsan build fails on an unlocked read).
+TEST_F(ZLogPrintTest, ParameterDumpReadsUnderTheDestinationLock) {
+    ZLogPrint log(mBase, 1000);
+    const std::string out = Echo([&] {
+        std::thread setter([&log] {
+            for (int i = 1; i <= 200; ++i) log.SetRotateSize(1000 + i);
+        });
+        for (int i = 0; i < 5; ++i) log._DumpLogParams();
+        setter.join();
+        log._DumpLogParams();
+    });
+    EXPECT_THAT(out, HasSubstr("RotateSize = 1200\n"));
+}
+
 // A value never makes a second line: control bytes inside the arguments are
 // escaped, the format's own newlines kept; a pre-built "%s" text is kept.
 TEST_F(ZLogPrintTest, ControlBytesInValuesAreEscaped) {

@@ -2,6 +2,7 @@
 // the platform side of the helpers (Orbel.h). Log lines name "Orbel.cpp", as
 // for every helper.
 #include "Orbel.h"
+#include "Orbel_Mutex.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -15,7 +16,6 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
-#include <mutex>
 #include <sstream>
 
 #include "FixedPaths.h"
@@ -265,8 +265,8 @@ eRtCode GetTarnClock(std::string& dateTime, std::string& zone) {
 
 int GetSysRunLevel() {
     // The utmp reader keeps one cursor per process inside the C library.
-    static std::mutex utmpMutex;
-    std::lock_guard<std::mutex> lock(utmpMutex);
+    static Mutex utmpMutex;
+    MutexLock lock(utmpMutex);
     // The system's utmp file, relocated like every fixed path so a
     // development host or a test can supply its own.
     std::string path = SysrootPath(_PATH_UTMP);

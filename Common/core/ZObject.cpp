@@ -150,7 +150,7 @@ eRtCode ZObject::Initial() {
         return RT_FAILURE;
     }
     if (mIsRawJson) {
-        std::lock_guard<std::mutex> lock(mQueueMutex);
+        MutexLock lock(mQueueMutex);
         if (mRawJson == nullptr) mRawJson = new sRawJsonData();
     }
     if (_SetId(mId) != RT_SUCCESS) {
@@ -163,15 +163,15 @@ eRtCode ZObject::Initial() {
         ReferrerList refBy;
         std::set<ZObject*>* refTo = nullptr;
         {
-            std::lock_guard<std::mutex> lock(mTreeMutex);
+            MutexLock lock(mTreeMutex);
             std::swap(children, mChildList);
         }
         {
-            std::lock_guard<std::mutex> lock(mQueueMutex);
+            MutexLock lock(mQueueMutex);
             std::swap(queue, mRedisCmdQueue);
         }
         {
-            std::lock_guard<std::mutex> lock(mTreeMutex);
+            MutexLock lock(mTreeMutex);
             refBy.swap(mReferencedBy);
             std::swap(refTo, mReferenceTo);
         }
@@ -299,7 +299,7 @@ ZSchema* ZObject::GetOwnedBySchema() {
 eRtCode ZObject::AppendChildObj(ZObject* child) {
     if (child == nullptr) return RT_INVALID_ARG;
     std::string key = child->GetId();
-    std::lock_guard<std::mutex> lock(mTreeMutex);
+    MutexLock lock(mTreeMutex);
     if (!_ListsOpen()) {
         ZLOG(eZLogError, "Obj[%s] try to append child[%s] but ChildList is NULL\n",
              _LogName().c_str(), key.c_str());
@@ -316,7 +316,7 @@ eRtCode ZObject::AppendChildObj(ZObject* child) {
 }
 
 ZObject* ZObject::_GetChild(const std::string& id, bool silent) {
-    std::lock_guard<std::mutex> lock(mTreeMutex);
+    MutexLock lock(mTreeMutex);
     if (mChildList == nullptr && !_ListsOpen()) {
         ZLOG(eZLogError, "Obj[%s] try to get child[%s] but ChildList is NULL\n", _LogName().c_str(),
              id.c_str());
@@ -375,7 +375,7 @@ ZObject* ZObject::GetChildByJPath(const std::string& relativePath) {
 
 std::vector<std::string> ZObject::GetChildIDs() {
     std::vector<std::string> ids;
-    std::lock_guard<std::mutex> lock(mTreeMutex);
+    MutexLock lock(mTreeMutex);
     if (mChildList == nullptr) return ids;
     ids.reserve(mChildList->size());
     for (const auto& entry : *mChildList) ids.push_back(entry.first);
@@ -383,12 +383,12 @@ std::vector<std::string> ZObject::GetChildIDs() {
 }
 
 size_t ZObject::GetChildNum() {
-    std::lock_guard<std::mutex> lock(mTreeMutex);
+    MutexLock lock(mTreeMutex);
     return mChildList != nullptr ? mChildList->size() : 0;
 }
 
 void ZObject::DumpChildObj() {
-    std::lock_guard<std::mutex> lock(mTreeMutex);
+    MutexLock lock(mTreeMutex);
     ZLOGM("ZComLib", eZLogRaw, "Dump Resource[%s] childs ===>\n", _LogName().c_str());
     if (mChildList == nullptr) return;
     for (const auto& entry : *mChildList) {
@@ -399,7 +399,7 @@ void ZObject::DumpChildObj() {
 
 eRtCode ZObject::RemoveChildObj(ZObject* child) {
     if (child == nullptr) return RT_INVALID_ARG;
-    std::lock_guard<std::mutex> lock(mTreeMutex);
+    MutexLock lock(mTreeMutex);
     if (mChildList != nullptr) {
         // By identity: a refused duplicate with the same id is not the child.
         auto it = mChildList->find(child->mId);
@@ -415,7 +415,7 @@ eRtCode ZObject::RemoveChildObj(ZObject* child) {
 
 std::vector<ZObject*> ZObject::_UsedChildren() {
     std::vector<ZObject*> children;
-    std::lock_guard<std::mutex> lock(mTreeMutex);
+    MutexLock lock(mTreeMutex);
     if (mChildList == nullptr) return children;
     children.reserve(mChildList->size());
     for (const auto& entry : *mChildList) {
@@ -438,7 +438,7 @@ void ZObject::DeleteAllChildObjs() {
 
 void ZObject::AppendReferencedBy(ZObject* referrer, const std::string& metaKey) {
     if (referrer == nullptr) return;
-    std::lock_guard<std::mutex> lock(mTreeMutex);
+    MutexLock lock(mTreeMutex);
     if (!_ListsOpen()) return;
     auto it = FindReferrer(mReferencedBy, referrer);
     if (it != mReferencedBy.end()) {
@@ -449,7 +449,7 @@ void ZObject::AppendReferencedBy(ZObject* referrer, const std::string& metaKey) 
 }
 
 void ZObject::RemoveReferencedBy(ZObject* referrer) {
-    std::lock_guard<std::mutex> lock(mTreeMutex);
+    MutexLock lock(mTreeMutex);
     auto it = FindReferrer(mReferencedBy, referrer);
     if (it != mReferencedBy.end()) mReferencedBy.erase(it);
     // A node that lost its last referrer gives the storage back.
@@ -457,7 +457,7 @@ void ZObject::RemoveReferencedBy(ZObject* referrer) {
 }
 
 bool ZObject::_MetaKeyOf(ZObject* referrer, std::string* metaKey) {
-    std::lock_guard<std::mutex> lock(mTreeMutex);
+    MutexLock lock(mTreeMutex);
     auto it = FindReferrer(mReferencedBy, referrer);
     if (it == mReferencedBy.end()) return false;
     if (metaKey != nullptr) *metaKey = it->second;
@@ -475,7 +475,7 @@ std::string ZObject::GetMetaKeyInReferencedBy(ZObject* referrer) {
 }
 
 void ZObject::DumpReferencedBy() {
-    std::lock_guard<std::mutex> lock(mTreeMutex);
+    MutexLock lock(mTreeMutex);
     ZLOGM("ZComLib", eZLogRaw, "Dump Resource[%s] is ReferencedBy ===>\n", _LogName().c_str());
     for (const auto& entry : mReferencedBy) {
         ZLOGM("ZComLib", eZLogRaw, "  ReferencedBy[%s], MetaKey[%s]\n",
@@ -485,24 +485,24 @@ void ZObject::DumpReferencedBy() {
 
 void ZObject::AppendReferenceTo(ZObject* target) {
     if (target == nullptr) return;
-    std::lock_guard<std::mutex> lock(mTreeMutex);
+    MutexLock lock(mTreeMutex);
     if (!_ListsOpen()) return;
     if (mReferenceTo == nullptr) mReferenceTo = new std::set<ZObject*>();
     mReferenceTo->insert(target);
 }
 
 size_t ZObject::GetPendingChangeNum() {
-    std::lock_guard<std::mutex> lock(mQueueMutex);
+    MutexLock lock(mQueueMutex);
     return mRedisCmdQueue != nullptr ? mRedisCmdQueue->size() : 0;
 }
 
 void ZObject::RemoveReferenceTo(ZObject* target) {
-    std::lock_guard<std::mutex> lock(mTreeMutex);
+    MutexLock lock(mTreeMutex);
     if (mReferenceTo != nullptr) mReferenceTo->erase(target);
 }
 
 void ZObject::DumpReferenceTo() {
-    std::lock_guard<std::mutex> lock(mTreeMutex);
+    MutexLock lock(mTreeMutex);
     ZLOGM("ZComLib", eZLogRaw, "Dump Resource[%s] is ReferencedTo ===>\n", _LogName().c_str());
     if (mReferenceTo == nullptr) return;
     for (ZObject* target : *mReferenceTo) {
@@ -513,7 +513,7 @@ void ZObject::DumpReferenceTo() {
 void ZObject::UpdateReferencedBy(eDestroyMode mode) {
     std::vector<std::pair<ZObject*, std::string>> referrers;
     {
-        std::lock_guard<std::mutex> lock(mTreeMutex);
+        MutexLock lock(mTreeMutex);
         if (mReferencedBy.empty()) return;
         referrers = mReferencedBy;
     }
@@ -609,7 +609,7 @@ void ZObject::ObjDestroy(eDestroyMode mode, bool clearStore) {
     if (!mLiveMark.compare_exchange_strong(alive, kDiedMark)) return;
 
     {
-        std::lock_guard<std::mutex> lock(mQueueMutex);
+        MutexLock lock(mQueueMutex);
         if (mRedisCmdQueue != nullptr) {
             for (sRedisCmdItem* item : *mRedisCmdQueue) delete item;
             delete mRedisCmdQueue;
@@ -622,7 +622,7 @@ void ZObject::ObjDestroy(eDestroyMode mode, bool clearStore) {
     std::set<ZObject*>* refTo = nullptr;
     ReferrerList refBy;  // freed at the end of this function
     {
-        std::lock_guard<std::mutex> lock(mTreeMutex);
+        MutexLock lock(mTreeMutex);
         std::swap(refTo, mReferenceTo);
         refBy.swap(mReferencedBy);
     }
@@ -637,7 +637,7 @@ void ZObject::ObjDestroy(eDestroyMode mode, bool clearStore) {
 
     std::map<std::string, ZObject*>* children = nullptr;
     {
-        std::lock_guard<std::mutex> lock(mTreeMutex);
+        MutexLock lock(mTreeMutex);
         std::swap(children, mChildList);
     }
     if (children != nullptr) {

@@ -46,12 +46,12 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "Orbel_Mutex.h"
 #include "OrbelDefs.h"
 
 namespace Orbel {
@@ -451,25 +451,25 @@ protected:
     std::string mJPath;
     const bool mIsRawJson;
 
-    std::mutex mQueueMutex;  // guards mRedisCmdQueue, mLastAppendTick, mRawJson
-    std::vector<sRedisCmdItem*>* mRedisCmdQueue = nullptr;
-    uint32_t mLastAppendTick = 0;
+    Mutex mQueueMutex;
+    std::vector<sRedisCmdItem*>* mRedisCmdQueue GUARDED_BY(mQueueMutex) = nullptr;
+    uint32_t mLastAppendTick GUARDED_BY(mQueueMutex) = 0;
     // RawJson nodes only (null otherwise): the applied content. Freed with
     // the node, not by ObjDestroy, so a reader racing a retirement still
     // finds it.
-    sRawJsonData* mRawJson = nullptr;
+    sRawJsonData* mRawJson GUARDED_BY(mQueueMutex) = nullptr;
 
     // One lock for the tree's bookkeeping: the children and both reference
     // lists (never held with the queue lock, nor across a call into
     // another node).
-    std::mutex mTreeMutex;  // guards mChildList, mReferencedBy, mReferenceTo
-    std::map<std::string, ZObject*>* mChildList = nullptr;
+    Mutex mTreeMutex;
+    std::map<std::string, ZObject*>* mChildList GUARDED_BY(mTreeMutex) = nullptr;
     // Who links to this node, with the meta key under which each does. Kept
     // in the node as a plain vector: nearly every node has exactly one
     // referrer (the node that holds it as a property), for which a map cost
     // a header and a tree node on the heap. Lookups scan it.
-    std::vector<std::pair<ZObject*, std::string>> mReferencedBy;
-    std::set<ZObject*>* mReferenceTo = nullptr;
+    std::vector<std::pair<ZObject*, std::string>> mReferencedBy GUARDED_BY(mTreeMutex);
+    std::set<ZObject*>* mReferenceTo GUARDED_BY(mTreeMutex) = nullptr;
 
     std::atomic<int32_t> mUsingCount{0};
     std::atomic<bool> mListsOpen{false};  // see _ListsOpen()
@@ -477,8 +477,8 @@ protected:
     // MultiBackend nodes only (null until the first write): see
     // _NoteWritten. Made once, freed with the node.
     struct sWrittenTexts {
-        std::mutex mutex;  // guards texts
-        std::set<std::string> texts;
+        Mutex mutex;
+        std::set<std::string> texts GUARDED_BY(mutex);
     };
     std::atomic<sWrittenTexts*> mWritten{nullptr};
 

@@ -187,7 +187,7 @@ eRtCode ZObject::_ObjChg2RawJsonData(sObjectChange* change, sRedisCmdItem* item)
 // ---------------------------------------------------------------------------
 
 void ZObject::_RawJsonMerge() {
-    std::lock_guard<std::mutex> lock(mQueueMutex);
+    MutexLock lock(mQueueMutex);
     if (mRedisCmdQueue == nullptr || mRawJson == nullptr) return;
     for (sRedisCmdItem* item : *mRedisCmdQueue) {
         if (mType != eJsonArray) {
@@ -217,7 +217,7 @@ void ZObject::_RawJsonMerge() {
 }
 
 void ZObject::_RawJsonSetMember(const std::string& key, const std::string& text) {
-    std::lock_guard<std::mutex> lock(mQueueMutex);
+    MutexLock lock(mQueueMutex);
     if (mRawJson != nullptr) SetMember(mRawJson, key, text);
 }
 
@@ -234,7 +234,7 @@ void ZObject::_RawJsonMergeTree(unsigned depth) {
                 0) {
             size_t count = 0;
             {
-                std::lock_guard<std::mutex> lock(child->mQueueMutex);
+                MutexLock lock(child->mQueueMutex);
                 if (child->mRawJson != nullptr) count = child->mRawJson->entries.size();
             }
             _RawJsonSetMember(child->mId + "@odata.count", std::to_string(count));
@@ -251,7 +251,7 @@ std::string ZObject::_RawJsonRender(unsigned depth) {
     if (depth > kRawJsonMaxDepth) return "null";
     std::vector<sRawJsonData::sEntry> entries;
     {
-        std::lock_guard<std::mutex> lock(mQueueMutex);
+        MutexLock lock(mQueueMutex);
         if (mRawJson != nullptr) entries = mRawJson->entries;
     }
     const bool isArray = mType == eJsonArray;
@@ -275,7 +275,7 @@ std::string ZObject::_RawJsonRender(unsigned depth) {
             blank == std::string::npos ? std::string() : entry.text.substr(blank + 1);
         ZObject* child = nullptr;
         {
-            std::lock_guard<std::mutex> lock(mTreeMutex);
+            MutexLock lock(mTreeMutex);
             if (mChildList != nullptr) {
                 auto it = mChildList->find(id);
                 if (it != mChildList->end() && Use(it->second)) child = it->second;
@@ -321,7 +321,7 @@ eRtCode ZObject::ApplyRawJsonData(redisContext* c) {
     const std::string text = _RawJsonRender(0);
     std::vector<std::pair<std::string, std::string>> meta;
     {
-        std::lock_guard<std::mutex> lock(mQueueMutex);
+        MutexLock lock(mQueueMutex);
         if (mRawJson != nullptr) {
             for (const auto& entry : mRawJson->entries) {
                 if (IsMeta(entry.key)) meta.emplace_back(entry.key, entry.text);

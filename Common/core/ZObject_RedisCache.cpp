@@ -270,7 +270,7 @@ void ZObject::AppendRedisChange(sRedisCmdItem* item) {
     if (item == nullptr) return;
     ZApplication* app = zApp;
     uint32_t now = app != nullptr ? app->LastLoopProcTimetick() : MiniTimeTick();
-    std::lock_guard<std::mutex> lock(mQueueMutex);
+    MutexLock lock(mQueueMutex);
     if (!_ListsOpen()) {
         ZLOG(eZLogError, "Object[%s] has no change queue; the change is dropped.\n",
              _LogName().c_str());
@@ -395,7 +395,7 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
     {
         // Held for the whole queue: writes from other threads wait, so a
         // node's commands reach the store in call order.
-        std::lock_guard<std::mutex> lock(mQueueMutex);
+        MutexLock lock(mQueueMutex);
         if (mRedisCmdQueue != nullptr) {
             for (sRedisCmdItem* item : *mRedisCmdQueue) {
                 if (_ApplyOneItem(c, item) != RT_SUCCESS) rt = RT_FAILURE;
@@ -424,7 +424,7 @@ void ZObject::DiscardRedisChanges(bool recursive, redisContext* c) {
 
 void ZObject::DiscardObjData(bool recursive, redisContext* c) {
     {
-        std::lock_guard<std::mutex> lock(mQueueMutex);
+        MutexLock lock(mQueueMutex);
         if (mRedisCmdQueue != nullptr) {
             for (sRedisCmdItem* item : *mRedisCmdQueue) {
                 if (item->obj != nullptr) {
@@ -446,13 +446,13 @@ void ZObject::DiscardObjData(bool recursive, redisContext* c) {
 }
 
 size_t ZObject::GetRedisChangeNum() {
-    std::lock_guard<std::mutex> lock(mQueueMutex);
+    MutexLock lock(mQueueMutex);
     return mRedisCmdQueue != nullptr ? mRedisCmdQueue->size() : 0;
 }
 
 void ZObject::DumpRedisChanges(bool recursive) {
     {
-        std::lock_guard<std::mutex> lock(mQueueMutex);
+        MutexLock lock(mQueueMutex);
         ZLOGM("ZComLib", eZLogRaw, "Dump all redisCmds in queue. Object[%s] ====> \n",
               _LogName().c_str());
         if (mRedisCmdQueue != nullptr) {

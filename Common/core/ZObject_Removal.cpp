@@ -25,7 +25,7 @@ ZObject* ZObject::_FindNodeOfProperty(const std::string& name, bool* isLink, std
     // its links; each knows the text under which this node holds it.
     std::vector<ZObject*> candidates;
     {
-        std::lock_guard<std::mutex> lock(mTreeMutex);
+        MutexLock lock(mTreeMutex);
         if (mChildList != nullptr) {
             for (const auto& entry : *mChildList) {
                 if (Use(entry.second)) candidates.push_back(entry.second);
@@ -33,7 +33,7 @@ ZObject* ZObject::_FindNodeOfProperty(const std::string& name, bool* isLink, std
         }
     }
     {
-        std::lock_guard<std::mutex> lock(mTreeMutex);
+        MutexLock lock(mTreeMutex);
         if (mReferenceTo != nullptr) {
             for (ZObject* target : *mReferenceTo) {
                 if (Use(target)) candidates.push_back(target);
@@ -287,7 +287,7 @@ eRtCode ZObject::ListRemoveAll() {
     }
     {
         // What is still queued would land after the emptying.
-        std::lock_guard<std::mutex> lock(mQueueMutex);
+        MutexLock lock(mQueueMutex);
         if (mRedisCmdQueue != nullptr) {
             for (sRedisCmdItem* item : *mRedisCmdQueue) delete item;
             mRedisCmdQueue->clear();

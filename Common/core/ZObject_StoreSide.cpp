@@ -1,10 +1,10 @@
 // The store side of the change queue shared by the node types: the hash
 // commands of JSON objects, resources and collections, and the record of
 // what a MultiBackend node wrote into a key it shares with other backends.
-#include <mutex>
 #include <set>
 #include <string>
 
+#include "Orbel_Mutex.h"
 #include "RedisCli.h"
 #include "ZObject.h"
 
@@ -24,14 +24,14 @@ void ZObject::_NoteWritten(const std::string& text) {
             delete made;  // `written` now holds the winner
         }
     }
-    std::lock_guard<std::mutex> lock(written->mutex);
+    MutexLock lock(written->mutex);
     written->texts.insert(text);
 }
 
 bool ZObject::_ForgetWritten(const std::string& text) {
     sWrittenTexts* written = mWritten.load();
     if (written == nullptr) return false;
-    std::lock_guard<std::mutex> lock(written->mutex);
+    MutexLock lock(written->mutex);
     return written->texts.erase(text) != 0;
 }
 
@@ -39,7 +39,7 @@ std::set<std::string> ZObject::_TakeWritten() {
     std::set<std::string> texts;
     sWrittenTexts* written = mWritten.load();
     if (written == nullptr) return texts;
-    std::lock_guard<std::mutex> lock(written->mutex);
+    MutexLock lock(written->mutex);
     texts.swap(written->texts);
     return texts;
 }

@@ -23,12 +23,12 @@ struct sSharedCache {
     std::vector<std::string> required[3];  // create, patch, action
 };
 
-std::mutex& SharedMutex() {
-    static std::mutex mutex;
+Mutex& SharedMutex() {
+    static Mutex mutex;
     return mutex;
 }
-// Guarded by SharedMutex(). Lock order: a template's mMutex, then this one.
-std::map<UsrInTemplateCache*, sSharedCache>& SharedCaches() {
+// Lock order: a template's mMutex, then SharedMutex().
+std::map<UsrInTemplateCache*, sSharedCache>& SharedCaches() REQUIRES(SharedMutex()) {
     static auto* table = new std::map<UsrInTemplateCache*, sSharedCache>();
     return *table;
 }
@@ -98,7 +98,7 @@ ZUserInputTemplate::ZUserInputTemplate(ZSchema* owner, std::string* name, bool m
 }
 
 ZUserInputTemplate::~ZUserInputTemplate() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     if (mPins != 0) {
         ZLOG(eZLogWarning, "Template[%s] is deleted while %u readers pin its cache.\n",
              mName.c_str(), static_cast<unsigned>(mPins));
@@ -130,8 +130,8 @@ eRtCode ZUserInputTemplate::_LoadUsrInTemplateFile() {
     if (rt != RT_SUCCESS) return rt;
     ZLOG(eZLogDebug, "Template[%s]: %u properties from [%s].\n", mName.c_str(),
          static_cast<unsigned>(parsed.cache->size()), mFilePath.c_str());
-    std::lock_guard<std::mutex> lock(mMutex);
-    std::lock_guard<std::mutex> sharedLock(SharedMutex());
+    MutexLock lock(mMutex);
+    MutexLock sharedLock(SharedMutex());
     UsrInTemplateCache* cache = parsed.cache.release();
     sSharedCache& shared = SharedCaches()[cache];
     shared.owners = 1;
@@ -144,7 +144,7 @@ void ZUserInputTemplate::_ReleaseOwnCache() {
     if (mCache == nullptr) return;
     UsrInTemplateCache* victim = nullptr;
     {
-        std::lock_guard<std::mutex> sharedLock(SharedMutex());
+        MutexLock sharedLock(SharedMutex());
         auto it = SharedCaches().find(mCache);
         if (it != SharedCaches().end() && --it->second.owners == 0) {
             SharedCaches().erase(it);
@@ -156,13 +156,13 @@ void ZUserInputTemplate::_ReleaseOwnCache() {
 }
 
 UsrInTemplateCache* ZUserInputTemplate::GetCache() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     return mCache;
 }
 
 eRtCode ZUserInputTemplate::AttachCache(UsrInTemplateCache* cache) {
     if (mName.empty()) return RT_NO_VERIFY;
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     if (cache == nullptr) return mCache == nullptr ? RT_FAILURE : RT_INVALID_ARG;
     if (cache == mCache) {
         ++mPins;
@@ -170,7 +170,7 @@ eRtCode ZUserInputTemplate::AttachCache(UsrInTemplateCache* cache) {
     }
     if (mPins != 0) return RT_BUSY;
     {
-        std::lock_guard<std::mutex> sharedLock(SharedMutex());
+        MutexLock sharedLock(SharedMutex());
         auto it = SharedCaches().find(cache);
         if (it == SharedCaches().end()) {
             ZLOG(eZLogError, "Template[%s]: cache[%p] is not a loaded template cache.\n",
@@ -186,7 +186,7 @@ eRtCode ZUserInputTemplate::AttachCache(UsrInTemplateCache* cache) {
 }
 
 eRtCode ZUserInputTemplate::DetachCache() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     if (mPins == 0) {
         ZLOG(eZLogError, "Template[%s]: no reader holds its cache.\n", mName.c_str());
         return RT_INVALID_ARG;
@@ -196,7 +196,7 @@ eRtCode ZUserInputTemplate::DetachCache() {
 }
 
 eRtCode ZUserInputTemplate::FreeCache() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     if (mPins != 0) return RT_BUSY;
     _ReleaseOwnCache();
     return RT_SUCCESS;
@@ -212,7 +212,7 @@ void ZUserInputTemplate::Recycle(ZUserInputTemplate* tmpl) {
 }
 
 const sPropertyAttrTag* ZUserInputTemplate::FindAttr(const std::string& jpath) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     if (mCache == nullptr) return nullptr;
     auto it = mCache->find(jpath);
     return it != mCache->end() ? it->second : nullptr;
@@ -220,9 +220,9 @@ const sPropertyAttrTag* ZUserInputTemplate::FindAttr(const std::string& jpath) {
 
 std::vector<std::string> ZUserInputTemplate::GetRequiredList(eReqMethod method) {
     const int index = RequiredIndex(method);
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     if (index < 0 || mCache == nullptr) return {};
-    std::lock_guard<std::mutex> sharedLock(SharedMutex());
+    MutexLock sharedLock(SharedMutex());
     auto it = SharedCaches().find(mCache);
     return it != SharedCaches().end() ? it->second.required[index] : std::vector<std::string>();
 }
@@ -250,7 +250,7 @@ std::string ZUserInputTemplate::DumpTemplateCache() {
         {UIT_FLAG_LifeCycleEvent, "LifeCycleEvent,"}, {UIT_FLAG_SecureProperty, "SecureProperty,"}};
 
     std::string text = Format("Dump Template[%s] cache:\n", mName.c_str());
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     if (mCache != nullptr) {
         for (const auto& entry : *mCache) {
             const sPropertyAttrTag& attr = *entry.second;

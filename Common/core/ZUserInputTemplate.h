@@ -31,11 +31,11 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "Orbel_Mutex.h"
 #include "OrbelDefs.h"
 
 struct redisContext;
@@ -308,8 +308,8 @@ public:
 
 private:
     eRtCode _LoadUsrInTemplateFile();
-    // Gives up ownership of mCache; mMutex held.
-    void _ReleaseOwnCache();
+    // Gives up ownership of mCache.
+    void _ReleaseOwnCache() REQUIRES(mMutex);
 
     // Constant after construction.
     ZSchema* const mOwner;
@@ -318,9 +318,9 @@ private:
     const bool mMultiExtInfoMode;
     eRtCode mLoadResult = RT_SUCCESS;
 
-    std::mutex mMutex;  // guards everything below
-    UsrInTemplateCache* mCache = nullptr;
-    uint32_t mPins = 0;
+    Mutex mMutex;
+    UsrInTemplateCache* mCache GUARDED_BY(mMutex) = nullptr;
+    uint32_t mPins GUARDED_BY(mMutex) = 0;
 };
 
 }  // namespace Orbel

@@ -398,7 +398,7 @@ std::string ZUserInputTemplate::UsrInJPath2TemplateJPath(const UsrInCache& input
 
 void ZUserInputTemplate::AssignUsrInPptFlagFromUsrInTemplate(UsrInCache& input, eReqMethod method,
                                                              const std::string& actionName) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     if (mCache == nullptr) {
         ZLOG(eZLogDebug, "[%s] skip copy the property flag.\n", mName.c_str());
         return;

@@ -30,12 +30,12 @@
 #ifndef RF_ROOT_COMPUTERSYSTEMSCHEMA_H
 #define RF_ROOT_COMPUTERSYSTEMSCHEMA_H
 
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "ZSchema.h"
+#include "Orbel_Mutex.h"
 #include "vex.h"
+#include "ZSchema.h"
 
 class ComputerSystemSchema : public Orbel::ZSchema {
 public:
@@ -85,8 +85,8 @@ private:
     std::vector<std::string> mSystemUris;
 
     // The URI of the plugged-in system, "" while there is none.
-    std::mutex mHotPlugMutex;  // guards mHotPlugUri
-    std::string mHotPlugUri;
+    Orbel::Mutex mHotPlugMutex;
+    std::string mHotPlugUri GUARDED_BY(mHotPlugMutex);
 };
 
 #endif  // RF_ROOT_COMPUTERSYSTEMSCHEMA_H

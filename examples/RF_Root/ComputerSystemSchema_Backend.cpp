@@ -37,7 +37,7 @@ void ComputerSystemSchema::OnPresenceEvent(EVENT_TYPE, char* eventName, int data
 
     std::string uri;
     {
-        std::lock_guard<std::mutex> lock(self->mHotPlugMutex);
+        Orbel::MutexLock lock(self->mHotPlugMutex);
         uri = self->mHotPlugUri;
     }
     if (payload == "present" && uri.empty()) {
@@ -76,7 +76,7 @@ eRtCode ComputerSystemSchema::BackendMethod_CREATE(Orbel::Backend_MethodContext*
         status->ApplyRedisChanges(false, ctx->GetRedisContext());
     }
     {
-        std::lock_guard<std::mutex> lock(mHotPlugMutex);
+        Orbel::MutexLock lock(mHotPlugMutex);
         mHotPlugUri = system->GetJPath();
     }
     ZLOG(eZLogInfo, "System[%s] plugged in.\n", system->GetJPath().c_str());
@@ -100,7 +100,7 @@ eRtCode ComputerSystemSchema::BackendMethod_DELETE(Orbel::Backend_MethodContext*
     // Leaves "Members" and the store.
     system->ObjDestroy(ZObject::eDestroyDelete, true);
     {
-        std::lock_guard<std::mutex> lock(mHotPlugMutex);
+        Orbel::MutexLock lock(mHotPlugMutex);
         mHotPlugUri.clear();
     }
     ZLOG(eZLogInfo, "System[%s] pulled out.\n", uri.c_str());

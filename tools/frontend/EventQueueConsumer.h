@@ -85,7 +85,7 @@ private:
     const Sink mSink;
 
     std::atomic<bool> mStop{false};
-    std::thread mThread;
+    std::thread mThread;  // no lock: started and joined by the owner's thread
     std::atomic<unsigned> mTestSeq{0};
 };
 

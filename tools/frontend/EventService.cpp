@@ -187,7 +187,7 @@ struct EventService::sPublished {
 struct EventService::sDestination {
     std::string id;
     bool sse = false;
-    std::string context;  // guarded by m
+    std::string context GUARDED_BY(m);
     // Push subscriptions.
     std::string destination;  // "http://127.0.0.1:<port>/<path>"
     std::string host;         // its parts: "127.0.0.1", "localhost" or "::1"
@@ -200,12 +200,12 @@ struct EventService::sDestination {
     // Streams.
     std::unique_ptr<sFilterNode> filter;
 
-    std::mutex m;
-    std::condition_variable cv;
-    std::deque<std::shared_ptr<const sPublished>> pending;  // guarded by m
-    bool closed = false;                                    // guarded by m
-    bool suspended = false;                                 // guarded by m
-    uint64_t dropped = 0;                                   // guarded by m
+    Mutex m;
+    CondVar cv;
+    std::deque<std::shared_ptr<const sPublished>> pending GUARDED_BY(m);
+    bool closed GUARDED_BY(m) = false;
+    bool suspended GUARDED_BY(m) = false;
+    uint64_t dropped GUARDED_BY(m) = 0;
 
     // The records of `p` this destination takes (for a metric report: all
     // or none, as record 0).
@@ -321,19 +321,19 @@ bool EventService::Start(const httplib::Server* server, std::string* error) {
 void EventService::Stop() {
     mConsumer->Stop();
     mStopping = true;
-    std::unique_lock<std::mutex> lk(mMutex);
+    MutexLock lk(mMutex);
     for (auto& [id, d] : mDests) {
-        std::lock_guard<std::mutex> dl(d->m);
+        MutexLock dl(d->m);
         d->closed = true;
-        d->cv.notify_all();
+        d->cv.SignalAll();
     }
-    mThreadsDone.wait(lk, [this] { return mPushThreads == 0; });
+    mThreadsDone.Wait(mMutex, [this]() REQUIRES(mMutex) { return mPushThreads == 0; });
 }
 
 void EventService::Publish(sQueuedPayload&& payload) {
     auto p = std::make_shared<sPublished>();
     p->payload = std::move(payload);
-    std::lock_guard<std::mutex> lk(mMutex);
+    MutexLock lk(mMutex);
     // Numbers go on across restarts of the front end (they begin at its
     // start time), so an old "Last-Event-ID" never names a newer payload.
     if (mSeq == 0) mSeq = static_cast<uint64_t>(time(nullptr)) << 20;
@@ -349,36 +349,36 @@ void EventService::Publish(sQueuedPayload&& payload) {
     mHistory.push_back(p);
     while (mHistory.size() > mConfig.historySize) mHistory.pop_front();
     for (auto& [id, d] : mDests) {
-        std::lock_guard<std::mutex> dl(d->m);
+        MutexLock dl(d->m);
         if (d->closed || d->suspended) continue;
         if (d->pending.size() >= mConfig.destinationBacklog) {
             // Too far behind: a stream is closed (the client may resume
             // from the history); a subscription loses its oldest payload.
             if (d->sse) {
                 d->closed = true;
-                d->cv.notify_all();
+                d->cv.SignalAll();
                 continue;
             }
             d->pending.pop_front();
             ++d->dropped;
         }
         d->pending.push_back(p);
-        d->cv.notify_all();
+        d->cv.SignalAll();
     }
 }
 
 void EventService::_Remove(const std::string& id) {
     std::shared_ptr<sDestination> d;
     {
-        std::lock_guard<std::mutex> lk(mMutex);
+        MutexLock lk(mMutex);
         auto it = mDests.find(id);
         if (it == mDests.end()) return;
         d = it->second;
         mDests.erase(it);
     }
-    std::lock_guard<std::mutex> dl(d->m);
+    MutexLock dl(d->m);
     d->closed = true;
-    d->cv.notify_all();
+    d->cv.SignalAll();
 }
 
 // ---------------------------------------------------------------------------
@@ -453,7 +453,7 @@ void EventService::_Error(sCall& call, int status, const std::string& messageId,
 
 nlohmann::json EventService::_ServiceDoc() {
     nlohmann::json types = nlohmann::json::array();
-    std::lock_guard<std::mutex> lk(mMutex);
+    MutexLock lk(mMutex);
     for (const auto& [t, on] : mResourceTypes) types.push_back(t);
     return {
         {"@odata.id", kService},
@@ -514,7 +514,7 @@ void EventService::_Root(sCall& call) {
         (name == "DeliveryRetryAttempts" ? attempts : interval) = v.get<int>();
     }
     {
-        std::lock_guard<std::mutex> lk(mMutex);
+        MutexLock lk(mMutex);
         if (attempts >= 0) mRetryAttempts = attempts;
         if (interval >= 0) mRetryInterval = interval;
     }
@@ -526,7 +526,7 @@ nlohmann::json EventService::_DestinationDoc(const sDestination& d) {
     std::string context;
     bool suspended = false;
     {
-        std::lock_guard<std::mutex> dl(const_cast<sDestination&>(d).m);
+        MutexLock dl(const_cast<sDestination&>(d).m);
         context = d.context;
         suspended = d.suspended;
     }
@@ -560,7 +560,7 @@ void EventService::_Collection(sCall& call) {
     }
     nlohmann::json members = nlohmann::json::array();
     {
-        std::lock_guard<std::mutex> lk(mMutex);
+        MutexLock lk(mMutex);
         for (const auto& [id, d] : mDests)
             members.push_back({{"@odata.id", std::string(kSubs) + "/" + id}});
     }
@@ -577,7 +577,7 @@ void EventService::_Collection(sCall& call) {
 void EventService::_Member(sCall& call, const std::string& id, const std::string& action) {
     std::shared_ptr<sDestination> d;
     {
-        std::lock_guard<std::mutex> lk(mMutex);
+        MutexLock lk(mMutex);
         auto it = mDests.find(id);
         if (it != mDests.end()) d = it->second;
     }
@@ -591,9 +591,9 @@ void EventService::_Member(sCall& call, const std::string& id, const std::string
             return _Error(call, 405, "Base.1.12.GeneralError");
         }
         if (d->sse) return _Error(call, 400, "Base.1.12.ActionNotSupported", {kResume});
-        std::lock_guard<std::mutex> dl(d->m);
+        MutexLock dl(d->m);
         d->suspended = false;
-        d->cv.notify_all();
+        d->cv.SignalAll();
         call.res.status = 204;
         return;
     }
@@ -619,7 +619,7 @@ void EventService::_Member(sCall& call, const std::string& id, const std::string
             }
         }
         {
-            std::lock_guard<std::mutex> dl(d->m);
+            MutexLock dl(d->m);
             d->context = body["Context"].get<std::string>();
         }
         call.res.set_content(Dump(_DestinationDoc(*d)), "application/json");
@@ -712,7 +712,10 @@ void EventService::_Create(sCall& call) {
     auto d = std::make_shared<sDestination>();
     bool hasDestination = false;
     bool hasProtocol = false;
-    for (const auto& [name, v] : body.items()) {
+    for (const auto& item : body.items()) {
+        // Named references, not a structured binding: lambdas capture them.
+        const std::string& name = item.key();
+        const nlohmann::json& v = item.value();
         auto fail = [&](const char* id) {
             _Error(call, 400, std::string("Base.1.12.") + id, {Dump(v), name});
         };
@@ -748,6 +751,7 @@ void EventService::_Create(sCall& call) {
         } else if (name == "Context") {
             if (!v.is_string() || v.get<std::string>().size() > 256)
                 return fail("PropertyValueFormatError");
+            MutexLock dl(d->m);  // not shared yet; the lock only satisfies the checker
             d->context = v.get<std::string>();
         } else if (name == "EventFormatType") {
             if (!oneOf({"Event", "MetricReport"})) return fail("PropertyValueNotInList");
@@ -804,7 +808,7 @@ void EventService::_Create(sCall& call) {
             "the development front end sends events nowhere else.");
     }
     {
-        std::lock_guard<std::mutex> lk(mMutex);
+        MutexLock lk(mMutex);
         size_t pushes = 0;
         for (const auto& [id, other] : mDests) pushes += other->sse ? 0 : 1;
         if (pushes >= mConfig.maxSubscriptions || mStopping) {
@@ -830,32 +834,32 @@ void EventService::_Push(std::shared_ptr<sDestination> d) {
     client.set_connection_timeout(2, 0);
     client.set_read_timeout(5, 0);
     client.set_write_timeout(5, 0);
-    std::unique_lock<std::mutex> dl(d->m);
+    MutexLock dl(d->m);
     while (!d->closed) {
-        d->cv.wait(dl, [&] { return d->closed || (!d->pending.empty() && !d->suspended); });
+        d->cv.Wait(d->m, [&]() REQUIRES(d->m) { return d->closed || (!d->pending.empty() && !d->suspended); });
         if (d->closed) break;
         std::shared_ptr<const sPublished> p = d->pending.front();
         const std::string ctx = d->context;
-        dl.unlock();
+        dl.Unlock();
         const std::string text = d->Render(*p, ctx);
         int attempts;
         int interval;
         {
-            std::lock_guard<std::mutex> lk(mMutex);
+            MutexLock lk(mMutex);
             attempts = mRetryAttempts;
             interval = mRetryInterval;
         }
         bool sent = text.empty();
         for (int a = 0; !sent && a <= attempts; ++a) {
             if (a > 0) {
-                std::unique_lock<std::mutex> wait(d->m);
-                if (d->cv.wait_for(wait, std::chrono::seconds(interval), [&] { return d->closed; }))
+                MutexLock wait(d->m);
+                if (d->cv.WaitFor(d->m, std::chrono::seconds(interval), [&]() REQUIRES(d->m) { return d->closed; }))
                     break;
             }
             httplib::Result r = client.Post(path.c_str(), text, "application/json");
             sent = r && r->status >= 200 && r->status < 300;
         }
-        dl.lock();
+        dl.Lock();
         if (d->closed) break;
         if (!d->pending.empty() && d->pending.front() == p) d->pending.pop_front();
         if (sent) continue;
@@ -868,14 +872,14 @@ void EventService::_Push(std::shared_ptr<sDestination> d) {
             d->pending.clear();
             continue;
         }
-        dl.unlock();
+        dl.Unlock();
         _Remove(d->id);
-        dl.lock();
+        dl.Lock();
     }
-    dl.unlock();
-    std::lock_guard<std::mutex> lk(mMutex);
+    dl.Unlock();
+    MutexLock lk(mMutex);
     --mPushThreads;
-    mThreadsDone.notify_all();
+    mThreadsDone.SignalAll();
 }
 
 void EventService::_Stream(sCall& call) {
@@ -914,7 +918,7 @@ void EventService::_Stream(sCall& call) {
         last = last * 10 + static_cast<uint64_t>(c - '0');
     }
     {
-        std::lock_guard<std::mutex> lk(mMutex);
+        MutexLock lk(mMutex);
         size_t streams = 0;
         for (const auto& [id, other] : mDests) streams += other->sse ? 1 : 0;
         if (streams >= mConfig.maxStreams || mStopping) {
@@ -923,6 +927,7 @@ void EventService::_Stream(sCall& call) {
                           "All " + std::to_string(mConfig.maxStreams) + " event streams are open.");
         }
         d->id = std::to_string(mNextId++);
+        MutexLock dl(d->m);
         char ctx[40];
         snprintf(ctx, sizeof ctx, "SSE-%s-%08lx", d->id.c_str(),
                  static_cast<unsigned long>(
@@ -947,12 +952,12 @@ void EventService::_Stream(sCall& call) {
         [d, server, idle = 0](size_t, httplib::DataSink& sink) mutable {
             std::deque<std::shared_ptr<const sPublished>> batch;
             {
-                std::unique_lock<std::mutex> dl(d->m);
-                const bool woke = d->cv.wait_for(dl, std::chrono::seconds(1),
-                                                 [&] { return d->closed || !d->pending.empty(); });
+                MutexLock dl(d->m);
+                const bool woke = d->cv.WaitFor(d->m, std::chrono::seconds(1),
+                                                 [&]() REQUIRES(d->m) { return d->closed || !d->pending.empty(); });
                 if (d->closed) return false;
                 if (!woke) {
-                    dl.unlock();
+                    dl.Unlock();
                     if (server != nullptr && !server->is_running()) return false;
                     if (++idle < 5) return true;
                     idle = 0;

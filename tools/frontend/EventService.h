@@ -21,21 +21,24 @@
 #include <httplib.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "EventQueueConsumer.h"
 #include "MessageRegistry.h"
+#include "Orbel_Mutex.h"
 #include "UserTable.h"
 
 namespace OrbelFrontEnd {
+
+using Orbel::CondVar;
+using Orbel::Mutex;
+using Orbel::MutexLock;
 
 struct sEventConfig {
     std::string socketPath;
@@ -101,18 +104,18 @@ private:
     const MessageRegistry& mRegistry;
     const Authenticator mAuth;
     std::unique_ptr<EventQueueConsumer> mConsumer;
-    const httplib::Server* mServer = nullptr;
+    const httplib::Server* mServer = nullptr;  // no lock: set by Start, before the server listens
 
-    std::mutex mMutex;
-    std::condition_variable mThreadsDone;
-    uint64_t mSeq = 0;                                            // guarded by mMutex
-    std::deque<std::shared_ptr<const sPublished>> mHistory;       // guarded by mMutex
-    std::map<std::string, std::shared_ptr<sDestination>> mDests;  // guarded by mMutex
-    unsigned mNextId = 1;                                         // guarded by mMutex
-    unsigned mPushThreads = 0;                                    // guarded by mMutex
-    std::map<std::string, bool> mResourceTypes;                   // guarded by mMutex
-    int mRetryAttempts;                                           // guarded by mMutex
-    int mRetryInterval;                                           // guarded by mMutex
+    Mutex mMutex;
+    CondVar mThreadsDone;
+    uint64_t mSeq GUARDED_BY(mMutex) = 0;
+    std::deque<std::shared_ptr<const sPublished>> mHistory GUARDED_BY(mMutex);
+    std::map<std::string, std::shared_ptr<sDestination>> mDests GUARDED_BY(mMutex);
+    unsigned mNextId GUARDED_BY(mMutex) = 1;
+    unsigned mPushThreads GUARDED_BY(mMutex) = 0;
+    std::map<std::string, bool> mResourceTypes GUARDED_BY(mMutex);
+    int mRetryAttempts GUARDED_BY(mMutex);
+    int mRetryInterval GUARDED_BY(mMutex);
     std::atomic<bool> mStopping{false};
 };
 

@@ -184,7 +184,7 @@ private:
                 if (mLineBytes == 0) {
                     mInHeader = false;
                     mNoBody = !_DeclaresBody();
-                    std::lock_guard<std::mutex> lock(mServer.mMutex);
+                    MutexLock lock(mServer.mMutex);
                     mConn->arriving = false;
                 } else if (++mHeaderLines > mServer.mLimits.maxHeaderLines) {
                     return _TooLarge();
@@ -246,7 +246,7 @@ int HttpServer::Bind(const std::string& host, int port) {
 }
 
 std::list<HttpServer::sConn>::iterator HttpServer::_Register(int fd, const std::string& client) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     int held = 0;
     auto oldest = mConns.end();
     for (auto it = mConns.begin(); it != mConns.end(); ++it) {
@@ -263,7 +263,7 @@ std::list<HttpServer::sConn>::iterator HttpServer::_Register(int fd, const std::
 }
 
 void HttpServer::_Unregister(std::list<sConn>::iterator it) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     mConns.erase(it);
 }
 
@@ -309,7 +309,7 @@ bool HttpServer::process_and_close_socket(socket_t sock) {
             // After a refused header or a late request the stream is out of
             // step: the answer ends the connection.
             if (*ConnectionFault() != '\0') break;
-            std::lock_guard<std::mutex> lock(mMutex);
+            MutexLock lock(mMutex);
             conn->arriving = true;
             conn->since = ++mTick;
         }

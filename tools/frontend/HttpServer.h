@@ -24,10 +24,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <list>
-#include <mutex>
 #include <string>
 
+#include "Orbel_Mutex.h"
+
 namespace OrbelFrontEnd {
+
+using Orbel::CondVar;
+using Orbel::Mutex;
+using Orbel::MutexLock;
 
 struct sConnectionLimits {
     int requestArrivalMs = 10000;
@@ -70,11 +75,12 @@ private:
     std::list<sConn>::iterator _Register(int fd, const std::string& client);
     void _Unregister(std::list<sConn>::iterator it);
 
+    // Constant after construction.
     const sConnectionLimits mLimits;
     SSL_CTX* mTls;
-    std::mutex mMutex;
-    std::list<sConn> mConns;
-    uint64_t mTick = 0;
+    Mutex mMutex;
+    std::list<sConn> mConns GUARDED_BY(mMutex);
+    uint64_t mTick GUARDED_BY(mMutex) = 0;
 
     friend class ConnStream;
 };

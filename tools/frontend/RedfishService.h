@@ -109,6 +109,8 @@ private:
     // as it is).
     static std::string _MonitorOf(const std::string& location);
 
+    // No lock here: constant once the server listens (mEvents is set before);
+    // the session table, the guard and the task follower lock inside.
     const sServiceConfig mConfig;
     const UserTable& mUsers;
     const MessageRegistry& mRegistry;

@@ -59,7 +59,7 @@ void SessionTable::_Expire() {
 }
 
 bool SessionTable::Create(const sUser& user, const std::string& remoteIp, sSession* out) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     _Expire();
     if (mById.size() >= mMax) return false;
     sEntry e;
@@ -78,7 +78,7 @@ bool SessionTable::Create(const sUser& user, const std::string& remoteIp, sSessi
 
 bool SessionTable::Use(const std::string& token, sSession* out) {
     if (token.empty()) return false;
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     _Expire();
     for (auto& kv : mById) {
         // Compared without stopping at the first difference.
@@ -96,7 +96,7 @@ bool SessionTable::Use(const std::string& token, sSession* out) {
 }
 
 bool SessionTable::Find(const std::string& id, sSession* out) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     _Expire();
     auto it = mById.find(id);
     if (it == mById.end()) return false;
@@ -105,12 +105,12 @@ bool SessionTable::Find(const std::string& id, sSession* out) {
 }
 
 bool SessionTable::Remove(const std::string& id) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     return mById.erase(id) != 0;
 }
 
 std::vector<sSession> SessionTable::List() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     _Expire();
     std::vector<sSession> out;
     for (const auto& kv : mById) out.push_back(kv.second.session);
@@ -118,13 +118,13 @@ std::vector<sSession> SessionTable::List() {
 }
 
 bool LoginGuard::Locked(const std::string& name) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     auto it = mCounts.find(name);
     return it != mCounts.end() && Clock::now() < it->second.lockedUntil;
 }
 
 void LoginGuard::Failed(const std::string& name, const std::string& remoteIp) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     if (mCounts.size() >= 4096 && mCounts.count(name) == 0) mCounts.clear();
     sCount& c = mCounts[name];
     const auto now = Clock::now();
@@ -141,7 +141,7 @@ void LoginGuard::Failed(const std::string& name, const std::string& remoteIp) {
 }
 
 void LoginGuard::Succeeded(const std::string& name) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     mCounts.erase(name);
 }
 

@@ -15,13 +15,17 @@
 #include <chrono>
 #include <cstddef>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "Orbel_Mutex.h"
 #include "UserTable.h"
 
 namespace OrbelFrontEnd {
+
+using Orbel::CondVar;
+using Orbel::Mutex;
+using Orbel::MutexLock;
 
 constexpr const char* kSessionsUri = "/redfish/v1/SessionService/Sessions";
 
@@ -56,12 +60,12 @@ private:
         sSession session;
         Clock::time_point lastUse;
     };
-    void _Expire();  // under mMutex
+    void _Expire() REQUIRES(mMutex);
 
     const size_t mMax;
     const int mIdleSeconds;
-    std::mutex mMutex;
-    std::map<std::string, sEntry> mById;
+    Mutex mMutex;
+    std::map<std::string, sEntry> mById GUARDED_BY(mMutex);
 };
 
 // After `threshold` failed logins of one name in a row, the name is refused
@@ -88,8 +92,8 @@ private:
     };
     const unsigned mThreshold;
     const int mLockSeconds;
-    std::mutex mMutex;
-    std::map<std::string, sCount> mCounts;  // bounded: cleared past 4096 names
+    Mutex mMutex;
+    std::map<std::string, sCount> mCounts GUARDED_BY(mMutex);  // bounded: cleared past 4096 names
 };
 
 // Client text for a log line: control bytes, bytes past ASCII and "\" as

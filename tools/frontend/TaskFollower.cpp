@@ -147,13 +147,13 @@ TaskFollower::TaskFollower(const std::string& socketPath)
     : mSocket(socketPath),
       mStopText("&&TaskFollowerStop:" + std::to_string(reinterpret_cast<uintptr_t>(this))) {
     mThread = std::thread(&TaskFollower::_Loop, this);
-    std::unique_lock<std::mutex> lock(mMutex);
-    mCv.wait_for(lock, std::chrono::seconds(5), [this]() { return mListening; });
+    MutexLock lock(mMutex);
+    mCv.WaitFor(mMutex, std::chrono::seconds(5), [this]() REQUIRES(mMutex) { return mListening; });
 }
 
 TaskFollower::~TaskFollower() {
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        MutexLock lock(mMutex);
         mStop = true;
     }
     redisContext* c = redisConnectUnix(mSocket.c_str());
@@ -161,26 +161,26 @@ TaskFollower::~TaskFollower() {
     // lost.
     for (int i = 0; i < 50; ++i) {
         if (c != nullptr && c->err == 0) Cmd(c, {"PUBLISH", kChannel, mStopText});
-        std::unique_lock<std::mutex> lock(mMutex);
-        if (mCv.wait_for(lock, std::chrono::milliseconds(100), [this]() { return mEnded; })) break;
+        MutexLock lock(mMutex);
+        if (mCv.WaitFor(mMutex, std::chrono::milliseconds(100), [this]() REQUIRES(mMutex) { return mEnded; })) break;
     }
     if (c != nullptr) redisFree(c);
     mThread.join();
 }
 
 bool TaskFollower::Listening() const {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     return mListening;
 }
 
 void TaskFollower::SetTakeChanges(bool take) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     mTakeChanges = take;
 }
 
 void TaskFollower::_Loop() {
     auto stopping = [this]() {
-        std::lock_guard<std::mutex> lock(mMutex);
+        MutexLock lock(mMutex);
         return mStop;
     };
     // A store that restarts is listened to again, every 500 ms.
@@ -194,9 +194,9 @@ void TaskFollower::_Loop() {
             ok = sub && sub->type == REDIS_REPLY_ARRAY;
         }
         {
-            std::lock_guard<std::mutex> lock(mMutex);
+            MutexLock lock(mMutex);
             mListening = ok;
-            mCv.notify_all();
+            mCv.SignalAll();
         }
         while (ok) {
             void* raw = nullptr;
@@ -216,14 +216,14 @@ void TaskFollower::_Loop() {
         if (listen != nullptr) redisFree(listen);
         if (cmd != nullptr) redisFree(cmd);
         {
-            std::lock_guard<std::mutex> lock(mMutex);
+            MutexLock lock(mMutex);
             mListening = false;
         }
         if (!stopSeen && !stopping()) std::this_thread::sleep_for(std::chrono::milliseconds(500));
     }
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     mEnded = true;
-    mCv.notify_all();
+    mCv.SignalAll();
 }
 
 void TaskFollower::_Apply(redisContext* c, const std::string& text) {
@@ -268,7 +268,7 @@ void TaskFollower::_Apply(redisContext* c, const std::string& text) {
     std::vector<std::string> cleanup;
     bool take = true;
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        MutexLock lock(mMutex);
         sTaskRecord& rec = mRecords[key];
         rec.changes.push_back(text);
         if (state != "null") rec.state = state;
@@ -283,7 +283,7 @@ void TaskFollower::_Apply(redisContext* c, const std::string& text) {
             }
         }
         take = mTakeChanges;
-        mCv.notify_all();
+        mCv.SignalAll();
     }
     for (const std::string& k : cleanup) Cmd(c, {"DEL", k});
     if (!cleanup.empty()) Cmd(c, {"HDEL", kMapping, key});
@@ -293,7 +293,7 @@ void TaskFollower::_Apply(redisContext* c, const std::string& text) {
 void TaskFollower::Adopt(const std::string& reqKey, const std::vector<std::string>& keysToDelete) {
     bool doneAlready = false;
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        MutexLock lock(mMutex);
         auto it = mRecords.find(reqKey);
         doneAlready = it != mRecords.end() && it->second.done;
         if (!doneAlready) mAdopted[reqKey] = keysToDelete;
@@ -310,14 +310,14 @@ void TaskFollower::Adopt(const std::string& reqKey, const std::vector<std::strin
 }
 
 TaskFollower::sTaskRecord TaskFollower::Wait(const std::string& reqKey, int timeoutMs) {
-    std::unique_lock<std::mutex> lock(mMutex);
-    mCv.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                 [this, &reqKey]() { return mRecords[reqKey].done; });
+    MutexLock lock(mMutex);
+    mCv.WaitFor(mMutex, std::chrono::milliseconds(timeoutMs),
+                 [this, &reqKey]() REQUIRES(mMutex) { return mRecords[reqKey].done; });
     return mRecords[reqKey];
 }
 
 TaskFollower::sTaskRecord TaskFollower::Record(const std::string& reqKey) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    MutexLock lock(mMutex);
     auto it = mRecords.find(reqKey);
     return it != mRecords.end() ? it->second : sTaskRecord();
 }

@@ -14,15 +14,19 @@
 
 #include <hiredis/hiredis.h>
 
-#include <condition_variable>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Orbel_Mutex.h"
+
 namespace OrbelFrontEnd {
+
+using Orbel::CondVar;
+using Orbel::Mutex;
+using Orbel::MutexLock;
 
 class TaskFollower {
 public:
@@ -89,15 +93,15 @@ private:
 
     const std::string mSocket;
     const std::string mStopText;
-    std::thread mThread;
-    mutable std::mutex mMutex;  // guards everything below
-    std::condition_variable mCv;
-    bool mListening = false;
-    bool mStop = false;   // the destructor runs
-    bool mEnded = false;  // the loop is done
-    bool mTakeChanges = true;
-    std::map<std::string, sTaskRecord> mRecords;
-    std::map<std::string, std::vector<std::string>> mAdopted;
+    std::thread mThread;  // no lock: started by the constructor, joined by the destructor
+    mutable Mutex mMutex;
+    CondVar mCv;
+    bool mListening GUARDED_BY(mMutex) = false;
+    bool mStop GUARDED_BY(mMutex) = false;   // the destructor runs
+    bool mEnded GUARDED_BY(mMutex) = false;  // the loop is done
+    bool mTakeChanges GUARDED_BY(mMutex) = true;
+    std::map<std::string, sTaskRecord> mRecords GUARDED_BY(mMutex);
+    std::map<std::string, std::vector<std::string>> mAdopted GUARDED_BY(mMutex);
 };
 
 }  // namespace OrbelFrontEnd

@@ -1,0 +1,165 @@
+// Orbel_Mutex.h: the one mutex of the library and its tools, with the lock
+// annotations clang checks (-Wthread-safety, the clang build of `./run test`).
+//
+// A member that more than one thread touches is declared GUARDED_BY its
+// mutex (or PT_GUARDED_BY for what a pointer points at); a function that
+// expects the caller to hold a mutex says REQUIRES, one that takes it itself
+// says EXCLUDES. Under compilers without the analysis (gcc) the macros expand
+// to nothing and the classes are plain std::mutex / std::condition_variable
+// wrappers of the same size.
+//
+// Any thread may use these; a Mutex is not recursive.
+#ifndef ORBEL_MUTEX_H
+#define ORBEL_MUTEX_H
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+#if defined(__clang__)
+#define ORBEL_THREAD_ANNOTATION(x) __attribute__((x))
+#else
+#define ORBEL_THREAD_ANNOTATION(x)
+#endif
+
+// Each macro is defined only where the including code has not defined it
+// already, so a plug-in using another set of the same names still builds.
+#ifndef CAPABILITY
+#define CAPABILITY(x) ORBEL_THREAD_ANNOTATION(capability(x))
+#endif
+#ifndef SCOPED_CAPABILITY
+#define SCOPED_CAPABILITY ORBEL_THREAD_ANNOTATION(scoped_lockable)
+#endif
+#ifndef GUARDED_BY
+#define GUARDED_BY(x) ORBEL_THREAD_ANNOTATION(guarded_by(x))
+#endif
+#ifndef PT_GUARDED_BY
+#define PT_GUARDED_BY(x) ORBEL_THREAD_ANNOTATION(pt_guarded_by(x))
+#endif
+#ifndef ACQUIRED_AFTER
+#define ACQUIRED_AFTER(...) ORBEL_THREAD_ANNOTATION(acquired_after(__VA_ARGS__))
+#endif
+#ifndef ACQUIRED_BEFORE
+#define ACQUIRED_BEFORE(...) ORBEL_THREAD_ANNOTATION(acquired_before(__VA_ARGS__))
+#endif
+#ifndef REQUIRES
+#define REQUIRES(...) ORBEL_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+#endif
+#ifndef EXCLUDES
+#define EXCLUDES(...) ORBEL_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#endif
+#ifndef ACQUIRE
+#define ACQUIRE(...) ORBEL_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#endif
+#ifndef RELEASE
+#define RELEASE(...) ORBEL_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#endif
+#ifndef TRY_ACQUIRE
+#define TRY_ACQUIRE(...) ORBEL_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
+#endif
+#ifndef ASSERT_CAPABILITY
+#define ASSERT_CAPABILITY(x) ORBEL_THREAD_ANNOTATION(assert_capability(x))
+#endif
+#ifndef RETURN_CAPABILITY
+#define RETURN_CAPABILITY(x) ORBEL_THREAD_ANNOTATION(lock_returned(x))
+#endif
+#ifndef NO_THREAD_SAFETY_ANALYSIS
+#define NO_THREAD_SAFETY_ANALYSIS ORBEL_THREAD_ANNOTATION(no_thread_safety_analysis)
+#endif
+
+namespace Orbel {
+
+class CondVar;
+
+class CAPABILITY("mutex") Mutex {
+public:
+    Mutex() = default;
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+
+    void Lock() ACQUIRE() { mMutex.lock(); }
+    void Unlock() RELEASE() { mMutex.unlock(); }
+    bool TryLock() TRY_ACQUIRE(true) { return mMutex.try_lock(); }
+    // Tells the analysis the caller holds this mutex where it cannot see it
+    // (a callback run under a lock taken by its caller); checks nothing.
+    void AssertHeld() ASSERT_CAPABILITY(this) {}
+
+private:
+    friend class CondVar;
+    std::mutex mMutex;
+};
+
+// Holds a Mutex for its scope. Unlock()/Lock() let a scope drop the mutex
+// for a call that must not run under it and take it back.
+class SCOPED_CAPABILITY MutexLock {
+public:
+    explicit MutexLock(Mutex& mu) ACQUIRE(mu) : mMu(mu) { mMu.Lock(); }
+    ~MutexLock() RELEASE() {
+        if (mHeld) mMu.Unlock();
+    }
+    MutexLock(const MutexLock&) = delete;
+    MutexLock& operator=(const MutexLock&) = delete;
+
+    void Unlock() RELEASE() {
+        mMu.Unlock();
+        mHeld = false;
+    }
+    void Lock() ACQUIRE() {
+        mMu.Lock();
+        mHeld = true;
+    }
+
+private:
+    Mutex& mMu;
+    bool mHeld = true;
+};
+
+// A condition variable waited on with a Mutex held. Predicates run with the
+// mutex held; a lambda that reads guarded members says so with
+// `[this]() REQUIRES(mu) { ... }`.
+class CondVar {
+public:
+    void Wait(Mutex& mu) REQUIRES(mu) {
+        std::unique_lock<std::mutex> lk(mu.mMutex, std::adopt_lock);
+        mCv.wait(lk);
+        lk.release();
+    }
+    template <class Pred>
+    void Wait(Mutex& mu, Pred pred) REQUIRES(mu) {
+        std::unique_lock<std::mutex> lk(mu.mMutex, std::adopt_lock);
+        mCv.wait(lk, pred);
+        lk.release();
+    }
+    // false when the time ran out (the predicate's last value otherwise).
+    template <class Rep, class Period, class Pred>
+    bool WaitFor(Mutex& mu, const std::chrono::duration<Rep, Period>& d, Pred pred) REQUIRES(mu) {
+        std::unique_lock<std::mutex> lk(mu.mMutex, std::adopt_lock);
+        bool ok = mCv.wait_for(lk, d, pred);
+        lk.release();
+        return ok;
+    }
+    template <class Clock, class Dur, class Pred>
+    bool WaitUntil(Mutex& mu, const std::chrono::time_point<Clock, Dur>& t, Pred pred) REQUIRES(mu) {
+        std::unique_lock<std::mutex> lk(mu.mMutex, std::adopt_lock);
+        bool ok = mCv.wait_until(lk, t, pred);
+        lk.release();
+        return ok;
+    }
+    // false when the time ran out before a notification.
+    template <class Rep, class Period>
+    bool WaitFor(Mutex& mu, const std::chrono::duration<Rep, Period>& d) REQUIRES(mu) {
+        std::unique_lock<std::mutex> lk(mu.mMutex, std::adopt_lock);
+        bool ok = mCv.wait_for(lk, d) == std::cv_status::no_timeout;
+        lk.release();
+        return ok;
+    }
+    void Signal() { mCv.notify_one(); }
+    void SignalAll() { mCv.notify_all(); }
+
+private:
+    std::condition_variable mCv;
+};
+
+}  // namespace Orbel
+
+#endif  // ORBEL_MUTEX_H
