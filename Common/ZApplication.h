@@ -33,6 +33,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <unordered_map>
 #include <utility>
@@ -288,9 +289,11 @@ private:
     std::mutex mValidObjMutex;
     std::unordered_map<ZObject*, uint8_t> mValidObjMap;
     std::mutex mObjectListMutex;
-    std::map<std::string, ZObject*> mObjectList;
+    // Keyed by views of the nodes' own JPath and name texts, which do not
+    // change while a node is listed: an entry copies no text.
+    std::map<std::string_view, ZObject*> mObjectList;
     std::mutex mResourceListMutex;
-    std::map<std::string, ZResource*> mResourceList;
+    std::map<std::string_view, ZResource*> mResourceList;
     struct lRecycleRef {
         ZObject* obj;               // a retired object, or null
         ZUserInputTemplate* tmpl;   // a template whose cache is to be freed, or null

@@ -46,6 +46,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -308,7 +309,9 @@ private:
 
     std::mutex mMutex;  // guards mOdataPrintName and mResources
     std::string mOdataPrintName;
-    std::map<std::string, ZResource*> mResources;
+    // Keyed by views of the resources' own names (constant while listed:
+    // a resource leaves the map when it is retired or deleted).
+    std::map<std::string_view, ZResource*> mResources;
 
     std::mutex mActionMutex;  // guards mActionCallbacks, mAsyncUploadTasks
     std::map<std::string, ActionCallback_t> mActionCallbacks;
