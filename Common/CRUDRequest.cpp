@@ -55,8 +55,8 @@ enum eMetaKey {
     kTransferMethod,
 };
 
-const std::map<std::string, eMetaKey>& MetaKeys() {
-    static const std::map<std::string, eMetaKey> keys = {
+const std::map<std::string, eMetaKey, std::less<>>& MetaKeys() {
+    static const std::map<std::string, eMetaKey, std::less<>> keys = {
         {"&&RequestMethod", kMethod},
         {"&&TargetURI", kTargetUri},
         {"&&Origin", kOrigin},
@@ -185,93 +185,100 @@ bool CRUDPrivilegesGranted(const sCRUD_ReqData& req) {
     return (req.userPrivileges & need) == need;
 }
 
-eRtCode CRUDParseReqFields(const std::string& reqKey,
-                           const std::map<std::string, std::string>& fields, sCRUD_ReqData& out) {
-    out = sCRUD_ReqData();
-    out.reqKey = reqKey;
-    if (fields.empty()) return RT_FIELD_MISSING;
+CRUDReqFieldParser::CRUDReqFieldParser(const std::string& reqKey, sCRUD_ReqData& out)
+    : mOut(out) {
+    mOut = sCRUD_ReqData();
+    mOut.reqKey = reqKey;
+}
 
+void CRUDReqFieldParser::Field(std::string_view nameView, std::string_view valueView) {
+    sCRUD_ReqData& out = mOut;
+    ++mFields;
     const auto& keys = MetaKeys();
-    std::string authHeader;
-    for (const auto& field : fields) {
-        const std::string& name = field.first;
-        const std::string& value = field.second;
-        auto it = keys.find(name);
-        if (it == keys.end()) {
-            // The value of a field we do not know may be anything, a secret too.
-            ZLOG(eZLogWarning, "Unexpected data[%s:%s]\n", name.c_str(),
-                 MaskSecretValue(name, value.c_str()));
-            ++out.unexpectedFields;
-            continue;
-        }
-        switch (it->second) {
-            case kMethod:
-                out.methodText = value;
-                out.method = CRUDMethodFromText(value);
-                if (out.method < 0) ZLOG(eZLogError, "Unknown method[%s]\n", value.c_str());
-                break;
-            case kTargetUri:
-                SetTarget(out, value);
-                break;
-            case kOrigin:
-                out.origin = value;
-                break;
-            case kReturnChannel:
-                out.returnChannel = value;
-                break;
-            case kRequestData:
-                out.requestDataKey = value;
-                break;
-            case kTask:
-                out.taskMonitorUrl = value;
-                break;
-            case kRemoteIp:
-                out.remoteIp = value;
-                break;
-            case kChecklist:
-                out.checklistKey = value;
-                break;
-            case kOperationPrivileges:
-                out.hasOperationPrivileges = true;
-                out.operationPrivileges = PrivilegeMask(value, &out.unknownValues);
-                break;
-            case kUserPrivNumber: {
-                uint32_t mask = 0;
-                if (ParseMask(value, mask)) {
-                    out.userPrivileges |= mask;
-                } else {
-                    UnknownValue(out, name, value);
-                }
-                break;
-            }
-            case kUsername:
-                out.userName = value;
-                break;
-            case kPrivileges:
-                out.userPrivileges |= PrivilegeMask(value, &out.unknownValues);
-                break;
-            case kAuthSession:
-                out.authSession = value;
-                out.authType = eReqAuthSession;
-                if (!ParseSessionId(value, out.authSessionId)) {
-                    ZLOG(eZLogError, "AuthSession [%s] parsing error.\n", value.c_str());
-                    ++out.unknownValues;
-                }
-                break;
-            case kAuthHeader:
-                authHeader = value;
-                break;
-            case kTransferMethod:
-                if (value == kTransferTexts[eReqTransferSimpleUpload]) {
-                    out.transferMethod = eReqTransferSimpleUpload;
-                } else if (value == kTransferTexts[eReqTransferMultipartUpload]) {
-                    out.transferMethod = eReqTransferMultipartUpload;
-                } else {
-                    UnknownValue(out, name, value);
-                }
-                break;
-        }
+    auto it = keys.find(nameView);
+    if (it == keys.end()) {
+        // The value of a field we do not know may be anything, a secret too.
+        const std::string name(nameView), value(valueView);
+        ZLOG(eZLogWarning, "Unexpected data[%s:%s]\n", name.c_str(),
+             MaskSecretValue(name, value.c_str()));
+        ++out.unexpectedFields;
+        return;
     }
+    const std::string& name = it->first;
+    std::string value(valueView);
+    switch (it->second) {
+        case kMethod:
+            out.method = CRUDMethodFromText(value);
+            if (out.method < 0) ZLOG(eZLogError, "Unknown method[%s]\n", value.c_str());
+            out.methodText = std::move(value);
+            break;
+        case kTargetUri:
+            SetTarget(out, value);
+            break;
+        case kOrigin:
+            out.origin = std::move(value);
+            break;
+        case kReturnChannel:
+            out.returnChannel = std::move(value);
+            break;
+        case kRequestData:
+            out.requestDataKey = std::move(value);
+            break;
+        case kTask:
+            out.taskMonitorUrl = std::move(value);
+            break;
+        case kRemoteIp:
+            out.remoteIp = std::move(value);
+            break;
+        case kChecklist:
+            out.checklistKey = std::move(value);
+            break;
+        case kOperationPrivileges:
+            out.hasOperationPrivileges = true;
+            out.operationPrivileges = PrivilegeMask(value, &out.unknownValues);
+            break;
+        case kUserPrivNumber: {
+            uint32_t mask = 0;
+            if (ParseMask(value, mask)) {
+                out.userPrivileges |= mask;
+            } else {
+                UnknownValue(out, name, value);
+            }
+            break;
+        }
+        case kUsername:
+            out.userName = std::move(value);
+            break;
+        case kPrivileges:
+            out.userPrivileges |= PrivilegeMask(value, &out.unknownValues);
+            break;
+        case kAuthSession:
+            out.authType = eReqAuthSession;
+            if (!ParseSessionId(value, out.authSessionId)) {
+                ZLOG(eZLogError, "AuthSession [%s] parsing error.\n", value.c_str());
+                ++out.unknownValues;
+            }
+            out.authSession = std::move(value);
+            break;
+        case kAuthHeader:
+            mAuthHeader = std::move(value);
+            break;
+        case kTransferMethod:
+            if (value == kTransferTexts[eReqTransferSimpleUpload]) {
+                out.transferMethod = eReqTransferSimpleUpload;
+            } else if (value == kTransferTexts[eReqTransferMultipartUpload]) {
+                out.transferMethod = eReqTransferMultipartUpload;
+            } else {
+                UnknownValue(out, name, value);
+            }
+            break;
+    }
+}
+
+eRtCode CRUDReqFieldParser::Finish() {
+    sCRUD_ReqData& out = mOut;
+    if (mFields == 0) return RT_FIELD_MISSING;
+    const std::string& authHeader = mAuthHeader;
     // A session wins over the header that opened it.
     if (!authHeader.empty() && out.authType != eReqAuthSession) {
         if (authHeader == "BasicAuth") {
@@ -285,6 +292,13 @@ eRtCode CRUDParseReqFields(const std::string& reqKey,
         UnknownValue(out, "&&AuthHeader", authHeader);
     }
     return RT_SUCCESS;
+}
+
+eRtCode CRUDParseReqFields(const std::string& reqKey,
+                           const std::map<std::string, std::string>& fields, sCRUD_ReqData& out) {
+    CRUDReqFieldParser parser(reqKey, out);
+    for (const auto& field : fields) parser.Field(field.first, field.second);
+    return parser.Finish();
 }
 
 const char* CRUDTransferText(int32_t transferMethod) {

@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "OrbelDefs.h"
 
@@ -91,6 +92,23 @@ struct sCRUD_ReqData {
 // first.
 eRtCode CRUDParseReqFields(const std::string& reqKey,
                            const std::map<std::string, std::string>& fields, sCRUD_ReqData& out);
+
+// The same parse fed one field at a time (the dispatcher hands it the
+// fields of the HGETALL reply as they come, without building a map): the
+// record is reset at construction, Field takes each field, Finish returns
+// what CRUDParseReqFields would. Fields are unique in a hash, so their order
+// does not change the record.
+class CRUDReqFieldParser {
+public:
+    CRUDReqFieldParser(const std::string& reqKey, sCRUD_ReqData& out);
+    void Field(std::string_view name, std::string_view value);
+    eRtCode Finish();
+
+private:
+    sCRUD_ReqData& mOut;
+    std::string mAuthHeader;
+    uint32_t mFields = 0;
+};
 
 // The dump of a record: "CRUD message data: (rt:%d)\n" and one line per field.
 std::string CRUDReqDataDump(const sCRUD_ReqData& req, eRtCode rt);

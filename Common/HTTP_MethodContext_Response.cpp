@@ -2,6 +2,7 @@
 // hash, in which order, and how it is announced (docs/wire-protocol.md,
 // "Requests").
 #include <algorithm>
+#include <string_view>
 #include <string>
 #include <vector>
 
@@ -91,24 +92,27 @@ eRtCode HTTP_MethodContext::SendResponseToCorvel() {
     // the field naming it, the publication. Without the publication the
     // front end never releases the lock.
     std::string lockKey;
-    std::vector<std::vector<std::string>> tail;
-    if (plain) tail.push_back({"HSET", key, "&&ReturnStatus", status});
-    const size_t lockAt = tail.size();
     if (mTargetSchema != nullptr && mTargetResource != nullptr) {
         ZResource* locked = mNewInstance != nullptr ? mNewInstance : mTargetResource;
         lockKey = locked->GetCorvelLockKey();
     }
+    // Views of texts that live until the replies are read: nothing copied.
+    const std::string seconds = std::to_string(ZResource::kCorvelLockKeySeconds);
+    sRedisArgs tail[4];
+    size_t n = 0;
+    if (plain) tail[n++] = {"HSET", key, "&&ReturnStatus", status};
+    const size_t lockAt = n;
     if (!lockKey.empty()) {
-        tail.push_back({"SET", lockKey, mReqData->targetUri, "EX",
-                        std::to_string(ZResource::kCorvelLockKeySeconds)});
-        tail.push_back({"HSET", key, "&&ResourceLock", lockKey});
+        tail[n++] = {"SET", lockKey, mReqData->targetUri, "EX", seconds};
+        tail[n++] = {"HSET", key, "&&ResourceLock", lockKey};
     }
-    tail.push_back({"PUBLISH", mReqData->returnChannel, key});
-    std::vector<eRtCode> results;
-    RedisPipeline(c, tail, results);
+    tail[n++] = {"PUBLISH", mReqData->returnChannel, key};
+    eRtCode results[4];
+    RedisPipelineArgs(c, tail, n, results);
+    const eRtCode published = results[n - 1];
     if (mTask != nullptr) {
         // The answer is out: the task's work may go on (and end).
-        mTask->_ReleaseWork(results.back() == RT_SUCCESS ? lockKey : std::string());
+        mTask->_ReleaseWork(published == RT_SUCCESS ? lockKey : std::string());
         mTask = nullptr;
     }
     if (plain && results[0] != RT_SUCCESS) {
@@ -125,7 +129,7 @@ eRtCode HTTP_MethodContext::SendResponseToCorvel() {
         ZLOG(eZLogError, "Failed to call RedisHashSet( %s %s %s ).\n", key.c_str(),
              "&&ResourceLock", lockKey.c_str());
     }
-    if (results.back() != RT_SUCCESS) {
+    if (published != RT_SUCCESS) {
         ZLOG(eZLogError, "Failed to call RedisPublishToChannel( %s, %s ).\n",
              mReqData->returnChannel.c_str(), key.c_str());
         if (!lockKey.empty() && RedisDelTable(c, lockKey.c_str()) != RT_SUCCESS) {

@@ -26,9 +26,9 @@ void HTTP_MethodContext::_DropUnstartedTask(ZTask* task) {
     task->Destory();
     // The task named its own message array in the request hash; the answer
     // is ours again.
-    if (mExtInfosObj != nullptr) {
+    if (!mExtInfoJPath.empty()) {
         RedisHashSet(mRedisCtx, mReqData->reqKey.c_str(), "&&ExtendedInfo",
-                     mExtInfosObj->GetJPath().c_str());
+                     mExtInfoJPath.c_str());
     }
 }
 

@@ -349,24 +349,25 @@ eRtCode ResponseExtendedInfo::NewExtInfoObj(const std::string& reqKey,
         return RT_INVALID_ARG;
     }
     if (reqKey.empty()) return RT_INVALID_ARG;
-    if (mExtInfosObj != nullptr) return RT_SUCCESS;
-    if (zApp == nullptr) {
+    if (!mExtInfoJPath.empty()) return RT_SUCCESS;
+    ZApplication* app = zApp;
+    if (app == nullptr) {
         ZLOG(eZLogError, "No application to hold extInfoObj[%s].\n", extInfoObjJPath.c_str());
         return RT_FAILURE;
     }
-
-    auto* array = new ZJsonArray(nullptr, extInfoObjJPath);
-    if (array->GetJPath().empty() || array->IsDied()) {
-        // Another live array holds this JPath (refused and logged by the
-        // registry); the refused node is still retired through the recycler.
+    // The array node is made with the first message: most answers carry
+    // none, and a node costs a registration and its retirement. What the
+    // store shows is the same from here on: the key cleared of an earlier
+    // answer's messages, the request hash naming it.
+    if (app->GetObject(extInfoObjJPath) != nullptr) {
         ZLOG(eZLogError, "Failed to create extInfoObj[%s].\n", extInfoObjJPath.c_str());
-        array->ObjDestroy(ZObject::eDestroyDelete, false);
         return RT_FAILURE;
     }
-    mExtInfosObj = array;
-
-    if (RedisHashSet(_ExtInfoContext(), reqKey.c_str(), "&&ExtendedInfo",
-                     extInfoObjJPath.c_str()) != RT_SUCCESS) {
+    mExtInfoJPath = extInfoObjJPath;
+    redisContext* c = _ExtInfoContext();
+    RedisDelTable(c, extInfoObjJPath.c_str());
+    if (RedisHashSet(c, reqKey.c_str(), "&&ExtendedInfo", extInfoObjJPath.c_str()) !=
+        RT_SUCCESS) {
         ZLOG(eZLogError, "Failed to call RedisHashSet( %s, %s, %s ).\n", reqKey.c_str(),
              "&&ExtendedInfo", extInfoObjJPath.c_str());
         return RT_FAILURE;
@@ -374,17 +375,31 @@ eRtCode ResponseExtendedInfo::NewExtInfoObj(const std::string& reqKey,
     return RT_SUCCESS;
 }
 
+ZJsonArray* ResponseExtendedInfo::_ExtInfosArray() {
+    if (mExtInfosObj != nullptr || mExtInfoJPath.empty()) return mExtInfosObj;
+    auto* array = new ZJsonArray(nullptr, mExtInfoJPath);
+    if (array->GetJPath().empty() || array->IsDied()) {
+        // Another live node took this JPath meanwhile (refused and logged by
+        // the registry); the refused node is still retired through the recycler.
+        ZLOG(eZLogError, "Failed to create extInfoObj[%s].\n", mExtInfoJPath.c_str());
+        array->ObjDestroy(ZObject::eDestroyDelete, false);
+        return nullptr;
+    }
+    mExtInfosObj = array;
+    return array;
+}
+
 // ---------------------------------------------------------------------------
 // Messages
 // ---------------------------------------------------------------------------
 
 sExtendedInfo* ResponseExtendedInfo::NewExtendedInfo(eRespMsg msg) {
-    if (mExtInfosObj == nullptr) {
+    if (mExtInfoJPath.empty()) {
         ZLOG(eZLogError, "mExtInfosObj is NULL.\n");
         return nullptr;
     }
     const _sMsgAttribute* row = GetRespMsgAttribute(msg);
-    if (row == nullptr) return nullptr;
+    if (row == nullptr || _ExtInfosArray() == nullptr) return nullptr;
 
     // Read, then counted: names stay unique after removals.
     const std::string name = std::to_string(mExtInfoCounter++);
@@ -606,7 +621,7 @@ void ResponseExtendedInfo::_RewriteMessageList() {
 }
 
 eRtCode ResponseExtendedInfo::InsertReturnExtendedInfo(sExtendedInfo* info) {
-    if (mExtInfosObj == nullptr) {
+    if (mExtInfoJPath.empty()) {
         ZLOG(eZLogError, "mExtInfosObj is NULL.\n");
         return RT_FAILURE;
     }
@@ -642,10 +657,12 @@ sExtendedInfo* ResponseExtendedInfo::InsertReturnExtendedInfo_NotAllowMethod(
 }
 
 eRtCode ResponseExtendedInfo::ApplyExtInfoToRedis() {
-    if (mExtInfosObj == nullptr) {
+    if (mExtInfoJPath.empty()) {
         ZLOG(eZLogError, "mExtInfosObj is NULL.\n");
         return RT_FAILURE;
     }
+    // No message was ever made: the cleared key is all there is to show.
+    if (mExtInfosObj == nullptr) return RT_SUCCESS;
     for (sExtendedInfo* info : mExtInfos) {
         ZObject* related = info->msgObj->GetChild("RelatedProperties", true);
         if (related != nullptr && related->GetType() == ZObject::eJsonArray) {

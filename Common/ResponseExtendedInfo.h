@@ -255,9 +255,10 @@ public:
     ResponseExtendedInfo(const ResponseExtendedInfo&) = delete;
     ResponseExtendedInfo& operator=(const ResponseExtendedInfo&) = delete;
 
-    // Creates the message array under `extInfoObjJPath` (any data left under
+    // Opens the message array under `extInfoObjJPath` (any data left under
     // that key is removed) and sets field "&&ExtendedInfo" of hash `reqKey`
-    // to that JPath, at once. Returns 0 on success (also when the array
+    // to that JPath, at once. The array's node is made with the first
+    // message (most answers have none). Returns 0 on success (also when the array
     // exists already: a second call does nothing), 13 for an empty JPath
     // (logged) or an empty `reqKey` (silently: there is no request to name
     // the array in), 2 when the array cannot be made (its JPath is taken,
@@ -374,11 +375,15 @@ protected:
     void _DropMessage(sExtendedInfo* info);
     // Queues the array's list rewritten in the order of mExtInfos.
     void _RewriteMessageList();
+    // The message array's node, made on first use; null (logged) when it
+    // cannot be made.
+    ZJsonArray* _ExtInfosArray();
     std::string _SchemaName() const;
 
     ZSchema* mSchema;                       // may be null; set again by the request context
     ZResource* mTgtResource;                // may be null
-    ZJsonArray* mExtInfosObj = nullptr;     // owned; null until NewExtInfoObj
+    ZJsonArray* mExtInfosObj = nullptr;     // owned; null until the first message
+    std::string mExtInfoJPath;              // set by NewExtInfoObj
     std::vector<sExtendedInfo*> mExtInfos;  // owned, in creation (list) order
     uint32_t mExtInfoCounter = 0;           // messages made so far; names the nodes
     redisContext* mExtInfoCtx = nullptr;    // see _ExtInfoContext

@@ -33,6 +33,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <unordered_map>
 #include <utility>
@@ -289,9 +290,11 @@ private:
     Mutex mValidObjMutex;
     std::unordered_map<ZObject*, uint8_t> mValidObjMap GUARDED_BY(mValidObjMutex);
     Mutex mObjectListMutex;
-    std::map<std::string, ZObject*> mObjectList GUARDED_BY(mObjectListMutex);
+    // Keyed by views of the nodes' own JPath and name texts, which do not
+    // change while a node is listed: an entry copies no text.
+    std::map<std::string_view, ZObject*> mObjectList GUARDED_BY(mObjectListMutex);
     Mutex mResourceListMutex;
-    std::map<std::string, ZResource*> mResourceList GUARDED_BY(mResourceListMutex);
+    std::map<std::string_view, ZResource*> mResourceList GUARDED_BY(mResourceListMutex);
     struct lRecycleRef {
         ZObject* obj;               // a retired object, or null
         ZUserInputTemplate* tmpl;   // a template whose cache is to be freed, or null

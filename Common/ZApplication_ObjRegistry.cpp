@@ -173,7 +173,7 @@ std::vector<std::string> ZApplication::GetObjectList() {
     std::vector<std::string> out;
     MutexLock lock(mObjectListMutex);
     out.reserve(mObjectList.size());
-    for (const auto& entry : mObjectList) out.push_back(entry.first);
+    for (const auto& entry : mObjectList) out.emplace_back(entry.first);
     return out;
 }
 
@@ -184,7 +184,7 @@ std::vector<std::string> ZApplication::GetOrphanObjsList() {
         ZObject* obj = entry.second;
         // A listed node is not freed while it is listed (it leaves the list
         // before it reaches the recycle queue).
-        if (obj->GetParent() == nullptr && !obj->IsResourceType()) out.push_back(entry.first);
+        if (obj->GetParent() == nullptr && !obj->IsResourceType()) out.emplace_back(entry.first);
     }
     return out;
 }

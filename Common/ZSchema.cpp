@@ -108,7 +108,7 @@ std::string ZSchema::GetCRUDqChannel(eReqMethod method) {
 
 std::map<std::string, ZResource*> ZSchema::GetResourceList() {
     MutexLock lock(mMutex);
-    return mResources;
+    return std::map<std::string, ZResource*>(mResources.begin(), mResources.end());
 }
 
 size_t ZSchema::GetResourceNum() {

@@ -44,6 +44,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -310,7 +311,9 @@ private:
 
     Mutex mMutex;
     std::string mOdataPrintName GUARDED_BY(mMutex);
-    std::map<std::string, ZResource*> mResources GUARDED_BY(mMutex);
+    // Keyed by views of the resources' own names (constant while listed:
+    // a resource leaves the map when it is retired or deleted).
+    std::map<std::string_view, ZResource*> mResources GUARDED_BY(mMutex);
 
     Mutex mActionMutex;
     std::map<std::string, ActionCallback_t> mActionCallbacks GUARDED_BY(mActionMutex);

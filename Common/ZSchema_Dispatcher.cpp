@@ -208,14 +208,18 @@ void ZSchema::_DispatchLoop(int role) {
 // ---------------------------------------------------------------------------
 
 eRtCode ZSchema::CRUDParserReqMessage(redisContext* c, const std::string& key, sCRUD_ReqData& req) {
-    std::map<std::string, std::string> fields;
-    if (RedisHashGetAll(c, key.c_str(), fields) != RT_SUCCESS) {
+    // The fields go from the reply into the record: no map in between.
+    CRUDReqFieldParser parser(key, req);
+    auto visit = [](void* arg, std::string_view name, std::string_view value) {
+        static_cast<CRUDReqFieldParser*>(arg)->Field(name, value);
+    };
+    if (RedisHashVisitAll(c, key.c_str(), visit, &parser) != RT_SUCCESS) {
         ZLOG(eZLogError, "Failed to call RedisHashGetAll( %s )\n", key.c_str());
         req = sCRUD_ReqData();
         req.reqKey = key;
         return RT_FAILURE;
     }
-    eRtCode rt = CRUDParseReqFields(key, fields, req);
+    eRtCode rt = parser.Finish();
     // Arguments, not a built text: a dropped debug line costs no formatting.
     ZLOGM("ZComLib", eZLogDebug, ORBEL_CRUD_DUMP_FORMAT, ORBEL_CRUD_DUMP_ARGS(req, rt));
     return rt;

@@ -14,7 +14,7 @@ eRtCode ZSchema::AddResource(ZResource* resource) {
         ZLOG(eZLogError, "NULL arg! resource:%p\n", static_cast<void*>(resource));
         return RT_INVALID_ARG;
     }
-    const std::string name = resource->GetName();
+    const std::string& name = resource->NameText();
     MutexLock lock(mMutex);
     auto inserted = mResources.emplace(name, resource);
     if (!inserted.second) {

@@ -109,11 +109,14 @@ TEST(ResponseMessageRegistry, EveryValueHasOneRowOfItsRegistryExceptTheGap) {
 // ---------------------------------------------------------------------------
 
 TEST_F(ResponseExtendedInfoTest, TheArrayIsNamedInTheRequestHashOnce) {
-    // The fixture's array: no parent, named in the request hash.
+    // The fixture's array is named in the request hash; its node, without
+    // parent, comes with the first message.
+    EXPECT_EQ(mMsgs->Array(), nullptr);
+    EXPECT_EQ(HGetAll(kReqKey), (Fields{{"&&ExtendedInfo", kArr}}));
+    ASSERT_NE(mMsgs->NewExtendedInfo(RESP_Base_Success), nullptr);
     ZJsonArray* first = mMsgs->Array();
     ASSERT_NE(first, nullptr);
     EXPECT_TRUE(first->GetJPath() == kArr && first->GetParent() == nullptr);
-    EXPECT_EQ(HGetAll(kReqKey), (Fields{{"&&ExtendedInfo", kArr}}));
     // A second call keeps the first array and the field.
     EXPECT_EQ(mMsgs->NewExtInfoObj("RF_Test:Request:8", kArr + "2"), RT_SUCCESS);
     EXPECT_EQ(mMsgs->Array(), first);

@@ -1,6 +1,7 @@
 // The tree node core and the object registry: JPaths, attributes, children,
 // references and the three destroy modes, retirement and recycling, OIDs,
 // lookups and object monitors.
+#include <map>
 #include <string>
 #include <vector>
 
@@ -242,6 +243,24 @@ TEST_F(ZObjectTest, DeletingALiveNodeWarnsAndUnregistersIt) {
     parent->DeleteAllChildObjs();
     EXPECT_TRUE(a->IsDied() && b->IsDied());
     EXPECT_EQ(parent->GetChildNum(), 0u);
+}
+
+TEST_F(ZObjectTest, ChildrenAreFoundByIdInIdOrderWhateverTheOrderTheyCameIn) {
+    auto* parent = new ZJsonObject(nullptr, "Kids");
+    const std::vector<std::string> ids = {"m", "b", "z", "a", "10", "9", "ab", "1", "y", "c"};
+    std::map<std::string, ZObject*> made;
+    for (const std::string& id : ids) made[id] = new ZJsonObject(parent, id);
+    std::vector<std::string> sorted;
+    for (const auto& entry : made) sorted.push_back(entry.first);
+    EXPECT_EQ(parent->GetChildIDs(), sorted);
+    for (const auto& [id, node] : made) EXPECT_EQ(parent->GetChild(id, true), node) << id;
+    EXPECT_EQ(parent->GetChild("aa", true), nullptr);
+    // Retired children leave; the others are still found.
+    made["b"]->ObjDestroy(ZObject::eDestroyDelete, true);
+    made["z"]->ObjDestroy(ZObject::eDestroyDelete, true);
+    EXPECT_EQ(parent->GetChildIDs(),
+              (std::vector<std::string>{"1", "10", "9", "a", "ab", "c", "m", "y"}));
+    EXPECT_TRUE(parent->GetChild("b", true) == nullptr && parent->GetChild("y", true) == made["y"]);
 }
 
 TEST_F(ZObjectTest, OIDsSkipTakenNumbersAndNeverGiveTheInvalidOne) {

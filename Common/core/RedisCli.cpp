@@ -593,6 +593,36 @@ eRtCode RedisPipeline(redisContext* c, const std::vector<std::vector<std::string
     return RT_SUCCESS;
 }
 
+eRtCode RedisPipelineArgs(redisContext* c, const sRedisArgs* commands, size_t n,
+                          eRtCode* results) {
+    for (size_t i = 0; i < n; ++i) results[i] = RT_FAILURE;
+    RedisCallConnection ctx(c);
+    ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
+    for (size_t queued = 0; queued < n; ++queued) {
+        if (!AppendArgv(ctx.get(), commands[queued].argc, commands[queued].argv,
+                        commands[queued].lens)) {
+            ZLOG_AS("RedisPipeline", eZLogError, "Failed to queue %u commands.\n",
+                    static_cast<unsigned>(n));
+            DrainDeferred(ctx.get());
+            for (size_t i = 0; i < queued; ++i)
+                results[i] = ReadReply(ctx.get()) ? RT_SUCCESS : RT_FAILURE;
+            return RT_FAILURE;
+        }
+    }
+    DrainDeferred(ctx.get());
+    for (size_t i = 0; i < n; ++i) {
+        ReplyPtr reply = ReadReply(ctx.get());
+        if (!reply) {
+            ZLOG_AS("RedisPipeline", eZLogError, "Command[%.*s] reply is NULL.\n",
+                    static_cast<int>(commands[i].argc != 0 ? commands[i].lens[0] : 0),
+                    commands[i].argc != 0 ? commands[i].argv[0] : "");
+            return RT_FAILURE;
+        }
+        results[i] = reply->type == REDIS_REPLY_ERROR ? RT_FAILURE : RT_SUCCESS;
+    }
+    return RT_SUCCESS;
+}
+
 eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string message,
                               int64_t* receivers) {
     if (receivers != nullptr) *receivers = 0;
@@ -836,6 +866,24 @@ eRtCode RedisHashGetAll(redisContext* c, const char* key, std::map<std::string, 
         // The store's value wins over anything the caller left in `out`.
         out.insert_or_assign(std::move(name), std::move(value));
     }
+    return RT_SUCCESS;
+}
+
+eRtCode RedisHashVisitAll(redisContext* c, const char* key, RedisFieldVisitor visit, void* arg) {
+    RedisCallConnection ctx(c);
+    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
+    ReplyPtr reply = KeyCommand("RedisHashGetAll", ctx.get(), "HGETALL", key, "HGETALL");
+    if (!reply) return RT_FAILURE;
+    if (reply->type != REDIS_REPLY_ARRAY) {
+        ZLOG_AS("RedisHashGetAll", eZLogError, "Command[HGETALL %s] reply failed.\n", key);
+        return RT_FAILURE;
+    }
+    auto view = [&reply](size_t i) {
+        const redisReply* e = reply->element[i];
+        return e != nullptr && e->str != nullptr ? std::string_view(e->str, e->len)
+                                                 : std::string_view();
+    };
+    for (size_t i = 0; i + 1 < reply->elements; i += 2) visit(arg, view(i), view(i + 1));
     return RT_SUCCESS;
 }
 

@@ -33,8 +33,10 @@
 #include <hiredis/hiredis.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "OrbelDefs.h"
@@ -250,6 +252,34 @@ eRtCode RedisDelTable(redisContext* c, const char* key);
 // receives the script's integer result; 0 only when that is 1.
 eRtCode RedisEvalEnqueueEvent(redisContext* c, const char* payload, int& result);
 eRtCode RedisEvalEnqueueMetricReport(redisContext* c, const char* payload, int& result);
+
+// The request path's forms, which copy nothing they need not.
+//
+// RedisHashVisitAll: HGETALL of `key`, each field handed to `visit` as
+// views (valid during the call only) in the store's order, with `arg`. 0, or
+// 2 logged as RedisHashGetAll logs it.
+using RedisFieldVisitor = void (*)(void* arg, std::string_view name, std::string_view value);
+eRtCode RedisHashVisitAll(redisContext* c, const char* key, RedisFieldVisitor visit, void* arg);
+
+// One command of RedisPipelineArgs: views of its arguments, which must
+// outlive the call.
+struct sRedisArgs {
+    static constexpr uint32_t kMaxArgs = 8;
+    const char* argv[kMaxArgs];
+    size_t lens[kMaxArgs];
+    uint32_t argc = 0;
+    sRedisArgs() = default;
+    sRedisArgs(std::initializer_list<std::string_view> args) {
+        for (std::string_view a : args) {
+            if (argc == kMaxArgs) break;
+            argv[argc] = a.data();
+            lens[argc++] = a.size();
+        }
+    }
+};
+// RedisPipeline for `n` commands of views: results[i] as there.
+eRtCode RedisPipelineArgs(redisContext* c, const sRedisArgs* commands, size_t n,
+                          eRtCode* results);
 
 }  // namespace Orbel
 

@@ -2,6 +2,8 @@
 // retirement. The change queue lives in ZObject_RedisCache.cpp.
 #include "ZObject.h"
 
+#include <algorithm>
+
 #include <utility>
 
 #include "Orbel.h"
@@ -52,7 +54,7 @@ uint32_t InheritAttribute(ZObject* parent, ZObject::eType type, unsigned long at
 }
 
 // Frees the lists made on first use, pending commands included.
-void FreeNodeLists(std::vector<sRedisCmdItem*>* queue, std::map<std::string, ZObject*>* children,
+void FreeNodeLists(std::vector<sRedisCmdItem*>* queue, std::vector<ZObject*>* children,
                    std::set<ZObject*>* refTo) {
     if (queue != nullptr) {
         for (sRedisCmdItem* item : *queue) delete item;
@@ -86,8 +88,8 @@ ZObject::ZObject(ZObject* parent, eType type, const std::string& id, const std::
     : mLiveMark(kAliveMark),
       mAttribute(InheritAttribute(parent, type, attribute)),
       mOID(ZApplication::kInvalidOID),
-      mParent(parent),
       mType(type),
+      mParent(parent),
       mId(id),
       mName(name),
       mIsRawJson((mAttribute & ATTR_RawJson) != 0) {
@@ -158,7 +160,7 @@ eRtCode ZObject::Initial() {
         // this one as constructed, so that retiring it touches nothing of
         // the other node, in the registry or in the store.
         mListsOpen.store(false);
-        std::map<std::string, ZObject*>* children = nullptr;
+        ChildList* children = nullptr;
         std::vector<sRedisCmdItem*>* queue = nullptr;
         ReferrerList refBy;
         std::set<ZObject*>* refTo = nullptr;
@@ -305,14 +307,28 @@ eRtCode ZObject::AppendChildObj(ZObject* child) {
              _LogName().c_str(), key.c_str());
         return RT_FAILURE;
     }
-    if (mChildList == nullptr) mChildList = new std::map<std::string, ZObject*>();
-    auto inserted = mChildList->emplace(std::move(key), child);
-    if (!inserted.second) {
+    if (mChildList == nullptr) mChildList = new ChildList();
+    auto slot = _ChildSlot(*mChildList, key);
+    if (slot != mChildList->end() && (*slot)->mId == key) {
         ZLOG(eZLogError, "Try to overwrite an existing child object[%s].\n",
              child->GetJPath().c_str());
         return RT_FAILURE;
     }
+    mChildList->insert(slot, child);
     return RT_SUCCESS;
+}
+
+ZObject::ChildList::iterator ZObject::_ChildSlot(ChildList& list, const std::string& id) {
+    return std::lower_bound(list.begin(), list.end(), id,
+                            [](const ZObject* child, const std::string& key) {
+                                return child->mId < key;
+                            });
+}
+
+ZObject* ZObject::_FindChildLocked(const std::string& id) {
+    if (mChildList == nullptr) return nullptr;
+    auto slot = _ChildSlot(*mChildList, id);
+    return slot != mChildList->end() && (*slot)->mId == id ? *slot : nullptr;
 }
 
 ZObject* ZObject::_GetChild(const std::string& id, bool silent) {
@@ -322,11 +338,7 @@ ZObject* ZObject::_GetChild(const std::string& id, bool silent) {
              id.c_str());
         return nullptr;
     }
-    ZObject* child = nullptr;
-    if (mChildList != nullptr) {
-        auto it = mChildList->find(id);
-        if (it != mChildList->end()) child = it->second;
-    }
+    ZObject* child = _FindChildLocked(id);
     if (child == nullptr) {
         if (!silent) {
             ZLOG(eZLogError, "Object[%s] doesn't have this child[%s]\n", _LogName().c_str(),
@@ -378,7 +390,7 @@ std::vector<std::string> ZObject::GetChildIDs() {
     MutexLock lock(mTreeMutex);
     if (mChildList == nullptr) return ids;
     ids.reserve(mChildList->size());
-    for (const auto& entry : *mChildList) ids.push_back(entry.first);
+    for (const ZObject* child : *mChildList) ids.push_back(child->mId);
     return ids;
 }
 
@@ -391,9 +403,9 @@ void ZObject::DumpChildObj() {
     MutexLock lock(mTreeMutex);
     ZLOGM("ZComLib", eZLogRaw, "Dump Resource[%s] childs ===>\n", _LogName().c_str());
     if (mChildList == nullptr) return;
-    for (const auto& entry : *mChildList) {
-        ZLOGM("ZComLib", eZLogRaw, "  Child[%p] : %s\n", static_cast<void*>(entry.second),
-              entry.first.c_str());
+    for (ZObject* child : *mChildList) {
+        ZLOGM("ZComLib", eZLogRaw, "  Child[%p] : %s\n", static_cast<void*>(child),
+              child->mId.c_str());
     }
 }
 
@@ -402,9 +414,9 @@ eRtCode ZObject::RemoveChildObj(ZObject* child) {
     MutexLock lock(mTreeMutex);
     if (mChildList != nullptr) {
         // By identity: a refused duplicate with the same id is not the child.
-        auto it = mChildList->find(child->mId);
-        if (it != mChildList->end() && it->second == child) {
-            mChildList->erase(it);
+        auto slot = _ChildSlot(*mChildList, child->mId);
+        if (slot != mChildList->end() && *slot == child) {
+            mChildList->erase(slot);
             return RT_SUCCESS;
         }
     }
@@ -418,8 +430,8 @@ std::vector<ZObject*> ZObject::_UsedChildren() {
     MutexLock lock(mTreeMutex);
     if (mChildList == nullptr) return children;
     children.reserve(mChildList->size());
-    for (const auto& entry : *mChildList) {
-        if (Use(entry.second)) children.push_back(entry.second);
+    for (ZObject* child : *mChildList) {
+        if (Use(child)) children.push_back(child);
     }
     return children;
 }
@@ -635,14 +647,13 @@ void ZObject::ObjDestroy(eDestroyMode mode, bool clearStore) {
     }
     delete refTo;
 
-    std::map<std::string, ZObject*>* children = nullptr;
+    ChildList* children = nullptr;
     {
         MutexLock lock(mTreeMutex);
         std::swap(children, mChildList);
     }
     if (children != nullptr) {
-        for (auto& entry : *children) {
-            ZObject* child = entry.second;
+        for (ZObject* child : *children) {
             if (!Use(child)) continue;
             if (child->GetType() == eResourceCollection) {
                 static_cast<ZResourceCollection*>(child)->_Destroy(mode, clearStore);

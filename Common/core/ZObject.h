@@ -180,6 +180,9 @@ public:
 
     std::string GetId();
     std::string GetName();
+    // The node's own name text, for a map that keys by a view of it (the
+    // name is constant once the node is initialised).
+    const std::string& NameText() const { return mName; }
     std::string GetJPath();
     eType GetType() const { return mType; }
     bool IsResourceType() const { return mType == eResource || mType == eResourceCollection; }
@@ -444,16 +447,16 @@ protected:
     std::atomic<uint32_t> mLiveMark;
     uint32_t mAttribute;
     uint32_t mOID;
+    const eType mType;  // beside the other 32-bit fields: no padding
     std::atomic<ZObject*> mParent;
-    const eType mType;
     std::string mId;
     std::string mName;
     std::string mJPath;
-    const bool mIsRawJson;
 
     Mutex mQueueMutex;
     std::vector<sRedisCmdItem*>* mRedisCmdQueue GUARDED_BY(mQueueMutex) = nullptr;
     uint32_t mLastAppendTick GUARDED_BY(mQueueMutex) = 0;
+    const bool mIsRawJson;  // constant; in the padding after the tick
     // RawJson nodes only (null otherwise): the applied content. Freed with
     // the node, not by ObjDestroy, so a reader racing a retirement still
     // finds it.
@@ -463,7 +466,15 @@ protected:
     // lists (never held with the queue lock, nor across a call into
     // another node).
     Mutex mTreeMutex;
-    std::map<std::string, ZObject*>* mChildList GUARDED_BY(mTreeMutex) = nullptr;
+    // The children, sorted by id as a map of ids would be. The ids are the
+    // children's own (constant once a node is initialised), so an entry is
+    // one pointer instead of a tree node with a copy of the id.
+    using ChildList = std::vector<ZObject*>;
+    ChildList* mChildList GUARDED_BY(mTreeMutex) = nullptr;
+    // The first entry whose id is not less than `id` (the list's lock held).
+    static ChildList::iterator _ChildSlot(ChildList& list, const std::string& id);
+    // The child with that id, or null.
+    ZObject* _FindChildLocked(const std::string& id) REQUIRES(mTreeMutex);
     // Who links to this node, with the meta key under which each does. Kept
     // in the node as a plain vector: nearly every node has exactly one
     // referrer (the node that holds it as a property), for which a map cost

@@ -276,10 +276,8 @@ std::string ZObject::_RawJsonRender(unsigned depth) {
         ZObject* child = nullptr;
         {
             MutexLock lock(mTreeMutex);
-            if (mChildList != nullptr) {
-                auto it = mChildList->find(id);
-                if (it != mChildList->end() && Use(it->second)) child = it->second;
-            }
+            ZObject* found = _FindChildLocked(id);
+            if (found != nullptr && Use(found)) child = found;
         }
         if (child == nullptr) {
             out += "null";

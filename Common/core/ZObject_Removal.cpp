@@ -27,8 +27,8 @@ ZObject* ZObject::_FindNodeOfProperty(const std::string& name, bool* isLink, std
     {
         MutexLock lock(mTreeMutex);
         if (mChildList != nullptr) {
-            for (const auto& entry : *mChildList) {
-                if (Use(entry.second)) candidates.push_back(entry.second);
+            for (ZObject* child : *mChildList) {
+                if (Use(child)) candidates.push_back(child);
             }
         }
     }
