@@ -48,7 +48,9 @@ TEST_F(ChangeQueueTest, ValuesNodesAndLinksAreStoredAsTheirTexts) {
     sys->HashWrite("BootOrder", boot);
     sys->HashWrite("Manager", manager, true);
     sys->HashWrite("Chassis", "/redfish/v1/Chassis/1", true);
-    EXPECT_EQ(sys->GetRedisChangeNum(), 15u);
+    // One more than the writes: a link property whose name shares its bit
+    // with a plain one may replace a plain field, so its field is deleted.
+    EXPECT_EQ(sys->GetRedisChangeNum(), 16u);
     EXPECT_EQ(HGetAll(kSys).size(), 1u);  // nothing reaches the store before the apply
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
     EXPECT_EQ(sys->GetRedisChangeNum(), 0u);

@@ -373,6 +373,15 @@ protected:
     void _ClearRedisCache();
 
     eRtCode _HashWrite(sObjectChange* change, eObjChgAction action, const std::string& name);
+    // A property is one field in one form: before `change` (about to be
+    // written as property `name`) is queued, queues the removal of the field
+    // of any other form that holds the property (retiring an owned node, as
+    // HashRemove does), and notes the form written.
+    void _ReplaceOtherForms(const std::string& name, const sObjectChange* change);
+    // The property's bit in mPlainBits / mLinkBits.
+    static uint32_t _PropertyBit(const std::string& name);
+    // Drops a removed text link field from mTextLinks.
+    void _ForgetTextLink(const std::string& field);
     eRtCode _ListWrite(sObjectChange* change, eObjChgAction action, int index);
     eRtCode _ListWrite(sObjectChange* change, eObjChgAction action, const std::string& text);
     eRtCode _ObjChg2RedisCmd(sObjectChange* change, sRedisCmdItem* item);
@@ -470,6 +479,15 @@ protected:
     // a header and a tree node on the heap. Lookups scan it.
     std::vector<std::pair<ZObject*, std::string>> mReferencedBy;
     std::set<ZObject*>* mReferenceTo = nullptr;
+    // Which forms this node's hash may hold a property in (bit
+    // _PropertyBit(name)): plain fields, link fields ("&&Object", "&&Array",
+    // "&&ObjectRef"). A bit that is set only asks for a closer look; one that
+    // is clear proves the form was never written, so most writes cost no
+    // search. The fields of links given as text, the one form no node
+    // remembers, are kept by name (made on first use).
+    uint32_t mPlainBits = 0;
+    uint32_t mLinkBits = 0;
+    std::vector<std::string>* mTextLinks = nullptr;
 
     std::atomic<int32_t> mUsingCount{0};
     std::atomic<bool> mListsOpen{false};  // see _ListsOpen()

@@ -246,6 +246,9 @@ eRtCode ZObject::ApplyObjectChanges(sObjectChange* change) {
                 delete item;
                 return rt;
             }
+            if (change->tableKind == eObjTableHash && change->key.compare(0, 12, "&&ObjectRef ") == 0) {
+                _ForgetTextLink(change->key);
+            }
             AppendRedisChange(item);
             retire = value;
             break;

@@ -1,7 +1,9 @@
 // A node's writes: hash and list writes, and the compound writers built on
 // them. Each write becomes one change turned into a queued store command
 // (ZObject_RedisCache.cpp). Part of ZObject.
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -221,10 +223,128 @@ eRtCode ZObject::_HashWrite(sObjectChange* change, eObjChgAction action, const s
     if (value != nullptr && !change->isLink && value->IsResourceType()) {
         static_cast<ZResource*>(value)->UpdateOdataId();
     }
+    // A RawJson node keeps one member per name already.
+    if (!mIsRawJson) _ReplaceOtherForms(name, change);
     change->action = action;
     change->tableKind = eObjTableHash;
     change->key = name;
     return ApplyObjectChanges(change);
+}
+
+namespace {
+
+// The plain fields a resource is built with have bits of their own, so that
+// a link written over one of them is always found and a link of another name
+// (its request channel lists, a collection's "Members", "Status", ...) never
+// takes them for a stale field. Other names share the remaining bits.
+const char* const kOwnBitNames[] = {"@odata.id", "@odata.type", "@odata.context", "@odata.etag",
+                                    "Members@odata.count"};
+constexpr uint32_t kOwnBits = sizeof(kOwnBitNames) / sizeof(kOwnBitNames[0]);
+
+}  // namespace
+
+uint32_t ZObject::_PropertyBit(const std::string& name) {
+    for (uint32_t i = 0; i < kOwnBits; ++i) {
+        if (name == kOwnBitNames[i]) return 1u << i;
+    }
+    // FNV-1a, folded.
+    uint32_t h = 2166136261u;
+    for (char ch : name) {
+        h ^= static_cast<unsigned char>(ch);
+        h *= 16777619u;
+    }
+    return 1u << (kOwnBits + (h ^ (h >> 16)) % (32u - kOwnBits));
+}
+
+void ZObject::_ForgetTextLink(const std::string& field) {
+    std::lock_guard<std::mutex> lock(mTreeMutex);
+    if (mTextLinks == nullptr) return;
+    auto it = std::find(mTextLinks->begin(), mTextLinks->end(), field);
+    if (it != mTextLinks->end()) mTextLinks->erase(it);
+    if (mTextLinks->empty()) {
+        delete mTextLinks;
+        mTextLinks = nullptr;
+    }
+}
+
+void ZObject::_ReplaceOtherForms(const std::string& name, const sObjectChange* change) {
+    ZObject* value = change->dataKind == eObjDataObject ? change->objValue : nullptr;
+    const bool textLink = change->dataKind == eObjDataString && change->isLink;
+    std::string field = name;
+    if (value != nullptr) {
+        field = _NodeLinkText(value, change->isLink, name);
+    } else if (textLink) {
+        field = "&&ObjectRef " + name + " " + change->strValue;
+    }
+    const bool plain = value == nullptr && !textLink;
+    // Meta fields ("&&Async", ...) are never the name of a link field.
+    if (plain && name.compare(0, 2, "&&") == 0) return;
+    const uint32_t bit = _PropertyBit(name);
+    bool plainSeen = false;
+    bool linkSeen = false;
+    std::vector<std::string> staleText;  // text link fields to delete
+    {
+        std::lock_guard<std::mutex> lock(mTreeMutex);
+        plainSeen = (mPlainBits & bit) != 0;
+        linkSeen = (mLinkBits & bit) != 0;
+        (plain ? mPlainBits : mLinkBits) |= bit;
+        if (linkSeen && mTextLinks != nullptr) {
+            const std::string prefix = "&&ObjectRef " + name + " ";
+            for (auto it = mTextLinks->begin(); it != mTextLinks->end();) {
+                if (it->compare(0, prefix.size(), prefix) == 0) {
+                    if (*it != field || !textLink) staleText.push_back(*it);
+                    // The same text again stays noted (below); a node link
+                    // of the same text is remembered by its node instead.
+                    it = textLink && *it == field ? std::next(it) : mTextLinks->erase(it);
+                } else {
+                    ++it;
+                }
+            }
+            if (mTextLinks->empty()) {
+                delete mTextLinks;
+                mTextLinks = nullptr;
+            }
+        }
+        if (textLink) {
+            if (mTextLinks == nullptr) mTextLinks = new std::vector<std::string>();
+            if (std::find(mTextLinks->begin(), mTextLinks->end(), field) == mTextLinks->end()) {
+                mTextLinks->push_back(field);
+            }
+        }
+    }
+    const auto queueRemoval = [this](const std::string& f, ZObject* retire) {
+        sObjectChange removal;
+        removal.action = eObjChgRemove;
+        removal.tableKind = eObjTableHash;
+        removal.key = f;
+        if (retire != nullptr) {
+            removal.dataKind = eObjDataObject;
+            removal.objValue = retire;
+        }
+        ApplyObjectChanges(&removal);
+    };
+    // A link field of a node value being written again (the same text) is
+    // the same field: nothing to remove.
+    for (const std::string& f : staleText) {
+        if (f != field) queueRemoval(f, nullptr);
+    }
+    if (!plain && plainSeen) queueRemoval(name, nullptr);
+    if (!linkSeen) return;
+    bool isLink = false;
+    std::string oldField;
+    ZObject* old = _FindNodeOfProperty(name, &isLink, &oldField);
+    if (old == nullptr) return;
+    UseRelease releaseOld(old);
+    if (oldField == field) return;
+    if (isLink || old == value) {
+        // A link (or the same node in another form): only the field goes.
+        RemoveReferenceTo(old);
+        old->RemoveReferencedBy(this);
+        queueRemoval(oldField, nullptr);
+    } else {
+        // Owned content replaced by another value is retired with its field.
+        queueRemoval(oldField, old);
+    }
 }
 
 // ---------------------------------------------------------------------------
