@@ -174,14 +174,24 @@ eRtCode ZJsonArray::AppendItem(redisContext* c, const std::string& value) {
     return rt;
 }
 
-eRtCode ZJsonArray::UpdateItem(redisContext* c, const std::string& index,
-                               const std::string& value) {
-    eRtCode rt = RedisListSet(c, mJPath.c_str(), index.c_str(), value.c_str());
-    UpdateParentOdataCount(c);
+eRtCode ZJsonArray::AppendItems(redisContext* c, const std::vector<std::string>& values,
+                                bool refreshCount) {
+    if ((GetAttribute() & ATTR_MultiBackend) != 0) {
+        for (const std::string& v : values) _NoteWritten(v);
+    }
+    eRtCode rt = RedisListPushBackAll(c, mJPath.c_str(), values);
+    if (refreshCount) UpdateParentOdataCount(c);
     return rt;
 }
 
-eRtCode ZJsonArray::RemoveItem(redisContext* c, const std::string& text) {
+eRtCode ZJsonArray::UpdateItem(redisContext* c, const std::string& index,
+                               const std::string& value, bool refreshCount) {
+    eRtCode rt = RedisListSet(c, mJPath.c_str(), index.c_str(), value.c_str());
+    if (refreshCount) UpdateParentOdataCount(c);
+    return rt;
+}
+
+eRtCode ZJsonArray::RemoveItem(redisContext* c, const std::string& text, bool refreshCount) {
     // Another backend's elements are not this process's to remove.
     if ((GetAttribute() & ATTR_MultiBackend) != 0 && !_ForgetWritten(text)) {
         ZLOG(eZLogError, "Unknown item[%s] in Object[%s].\n", text.c_str(), mJPath.c_str());
@@ -189,7 +199,7 @@ eRtCode ZJsonArray::RemoveItem(redisContext* c, const std::string& text) {
     }
     eRtCode rt = IsACorvelMetaKey(text) ? RedisListDelAll(c, mJPath.c_str(), text)
                                         : RedisListDel(c, mJPath.c_str(), text);
-    UpdateParentOdataCount(c);
+    if (refreshCount) UpdateParentOdataCount(c);
     return rt;
 }
 

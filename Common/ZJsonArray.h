@@ -52,10 +52,15 @@ public:
     unsigned int ItemNum();
 
     // Store side of the change queue (called while applying); each refreshes
-    // the parent's count.
+    // the parent's count unless `refreshCount` is false (an apply refreshes
+    // it once, after the array's last item).
     eRtCode AppendItem(redisContext* c, const std::string& value);
-    eRtCode UpdateItem(redisContext* c, const std::string& index, const std::string& value);
-    eRtCode RemoveItem(redisContext* c, const std::string& text);
+    // Appends every value with one command (an apply's run of appends).
+    eRtCode AppendItems(redisContext* c, const std::vector<std::string>& values,
+                        bool refreshCount = true);
+    eRtCode UpdateItem(redisContext* c, const std::string& index, const std::string& value,
+                       bool refreshCount = true);
+    eRtCode RemoveItem(redisContext* c, const std::string& text, bool refreshCount = true);
     // Writes <name>@odata.count into the parent when the stored length
     // changed since the last publication. `c` may be null.
     eRtCode UpdateParentOdataCount(redisContext* c);

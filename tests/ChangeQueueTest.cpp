@@ -3,6 +3,7 @@
 // queue left unapplied.
 #include <chrono>
 #include <string>
+#include <tuple>
 #include <thread>
 #include <vector>
 
@@ -70,6 +71,36 @@ TEST_F(ChangeQueueTest, ValuesNodesAndLinksAreStoredAsTheirTexts) {
                                      {"&&Array BootOrder &&/redfish/v1/Systems/1/BootOrder", ""},
                                      {"&&ObjectRef Manager /redfish/v1/Managers/1", ""},
                                      {"&&ObjectRef Chassis /redfish/v1/Chassis/1", ""}}));
+}
+
+// Calls of `command` since the last CONFIG RESETSTAT.
+long Calls(const std::string& command) {
+    Reply info = RawCommand({"INFO", "commandstats"});
+    const std::string text = info && info->str != nullptr ? info->str : "";
+    const std::string tag = "cmdstat_" + command + ":calls=";
+    const size_t at = text.find(tag);
+    return at == std::string::npos ? 0 : std::stol(text.substr(at + tag.size()));
+}
+
+TEST_F(ChangeQueueTest, EachFieldAndElementIsWrittenOncePerApply) {
+    // A run of field sets is one HSET (a field set twice keeps its last
+    // value), a run of appends one RPUSH, the count is published once.
+    auto* items = new ZJsonArray(sys, "Items", ZJsonArray::ARRAY_ATTR_OdataCount);
+    for (int v = 1; v <= 5; ++v) items->ListWrite(-1, v);
+    sys->HashWrite("A", 1);
+    sys->HashWrite("B", 2);
+    sys->HashWrite("A", 3);
+    sys->HashWrite("Items", items);
+    ASSERT_TRUE(RawCommand({"CONFIG", "RESETSTAT"}));
+    ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
+    EXPECT_EQ(std::make_tuple(Calls("hset"), Calls("rpush"), Calls("llen")),
+              std::make_tuple(2L, 1L, 1L));
+    EXPECT_EQ(HGetAll(kSys), (Fields{{"@odata.id", "\"/redfish/v1/Systems/1\""},
+                                     {"A", "3"},
+                                     {"B", "2"},
+                                     {"Items@odata.count", "5"},
+                                     {"&&Array Items &&/redfish/v1/Systems/1/Items", ""}}));
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Items"), (Items{"1", "2", "3", "4", "5"}));
 }
 
 TEST_F(ChangeQueueTest, ListWritesAppendOverwriteAndHoldNodeTexts) {

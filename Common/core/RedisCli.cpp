@@ -779,6 +779,60 @@ eRtCode RedisHashSet(redisContext* c, const char* key, const char* name, const c
     return RT_FAILURE;
 }
 
+eRtCode RedisHashSetFields(redisContext* c, const char* key,
+                           const std::vector<std::pair<std::string, std::string>>& fields) {
+    if (fields.empty()) return RT_SUCCESS;
+    RedisCallConnection ctx(c);
+    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
+    std::vector<const char*> argv;
+    std::vector<size_t> argvLen;
+    argv.reserve(2 + 2 * fields.size());
+    argvLen.reserve(2 + 2 * fields.size());
+    argv.push_back("HSET");
+    argvLen.push_back(4);
+    argv.push_back(key);
+    argvLen.push_back(std::strlen(key));
+    for (const auto& [name, value] : fields) {
+        argv.push_back(name.data());
+        argvLen.push_back(name.size());
+        argv.push_back(value.data());
+        argvLen.push_back(value.size());
+    }
+    ReplyPtr reply = CommandArgv(ctx.get(), argv, argvLen);
+    const std::string& name = fields.front().first;
+    const char* shown = MaskSecretValue(name, fields.front().second.c_str());
+    if (!reply) {
+        ZLOG(eZLogError, "Command[HSET %s %s %s] reply is NULL. err[%s]\n", key, name.c_str(),
+             shown, ctx.get()->errstr);
+        return RT_FAILURE;
+    }
+    if (reply->type == REDIS_REPLY_INTEGER) return RT_SUCCESS;
+    RedisDumpReply("HSET", reply.get());
+    ZLOG(eZLogError, "Command[HSET %s %s %s] reply failed.\n", key, name.c_str(), shown);
+    return RT_FAILURE;
+}
+
+eRtCode RedisHashDelFields(redisContext* c, const char* key, const std::vector<std::string>& fields) {
+    if (fields.empty()) return RT_SUCCESS;
+    RedisCallConnection ctx(c);
+    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
+    std::vector<const char*> argv = {"HDEL", key};
+    std::vector<size_t> argvLen = {4, std::strlen(key)};
+    for (const std::string& name : fields) {
+        argv.push_back(name.data());
+        argvLen.push_back(name.size());
+    }
+    ReplyPtr reply = CommandArgv(ctx.get(), argv, argvLen);
+    if (!reply) {
+        ZLOG(eZLogError, "Command[HDEL %s %s] reply is NULL. err[%s]\n", key,
+             fields.front().c_str(), ctx.get()->errstr);
+        return RT_FAILURE;
+    }
+    if (reply->type == REDIS_REPLY_INTEGER) return RT_SUCCESS;
+    ZLOG(eZLogError, "Command[HDEL %s %s] reply failed.\n", key, fields.front().c_str());
+    return RT_FAILURE;
+}
+
 eRtCode RedisHashGet(redisContext* c, const char* key, const char* name, std::string& value) {
     RedisCallConnection ctx(c);
     ORBEL_OPEN_WITH_FIELD_OR_RETURN(ctx, key, name);

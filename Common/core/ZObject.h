@@ -437,6 +437,12 @@ protected:
     // The meta key under which `referrer` holds this node, without logging.
     bool _MetaKeyOf(ZObject* referrer, std::string* metaKey);
     eRtCode _ApplyOneItem(redisContext* c, sRedisCmdItem* item);
+    // Writes a whole queue, in order (ZObject_RedisCache.cpp).
+    eRtCode _ApplyQueue(redisContext* c, const std::vector<sRedisCmdItem*>& queue);
+    // Several fields of the node's hash in one command.
+    eRtCode _HashFieldsSet(redisContext* c,
+                           const std::vector<std::pair<std::string, std::string>>& fields);
+    eRtCode _HashFieldsDel(redisContext* c, const std::vector<std::string>& fields);
     // Rewrites the link that `referrer` holds under `metaKey` in the store at
     // once (destroy mode relink).
     void _RelinkInStore(ZObject* referrer, const std::string& metaKey);

@@ -2,7 +2,10 @@
 // written to the store when the node (usually the resource, recursively) is
 // applied. The layout of the texts is the wire format the front end reads
 // (docs/wire-protocol.md).
+#include <algorithm>
+#include <cstddef>
 #include <cstdio>
+#include <map>
 #include <string>
 #include <utility>
 
@@ -385,6 +388,77 @@ eRtCode ZObject::_ApplyOneItem(redisContext* c, sRedisCmdItem* item) {
     }
 }
 
+eRtCode ZObject::_ApplyQueue(redisContext* c, const std::vector<sRedisCmdItem*>& queue) {
+    // Each field or element is written once per apply. A hash gets one HDEL
+    // of the fields whose last change removes them, then one HSET of the
+    // fields whose last change sets them (with that value): the store ends
+    // as the changes one by one would leave it. A list gets one RPUSH per
+    // run of appends (overwrites and removals keep their place between the
+    // runs), and its count is refreshed once, after the last item. A failed
+    // command fails the items it carried: logged, dropped, and the apply
+    // returns 2.
+    eRtCode rt = RT_SUCCESS;
+    if (mType != eJsonArray) {
+        std::vector<std::pair<std::string, std::string>> sets;
+        std::map<std::string, size_t> setAt;  // field -> position in `sets`
+        std::vector<std::string> dels;
+        for (sRedisCmdItem* item : queue) {
+            if (item->action == eObjChgUpdate || item->action == eObjChgCreate) {
+                auto found = setAt.emplace(item->key, sets.size());
+                if (found.second) {
+                    sets.emplace_back(item->key, item->value);
+                } else {
+                    sets[found.first->second].second = item->value;
+                }
+            } else if (item->action == eObjChgRemove) {
+                auto found = setAt.find(item->key);
+                if (found != setAt.end()) {
+                    // Set, then removed: only the removal reaches the store.
+                    const size_t at = found->second;
+                    sets.erase(sets.begin() + static_cast<std::ptrdiff_t>(at));
+                    setAt.erase(found);
+                    for (auto& entry : setAt) {
+                        if (entry.second > at) --entry.second;
+                    }
+                }
+                if (std::find(dels.begin(), dels.end(), item->key) == dels.end()) {
+                    dels.push_back(item->key);
+                }
+            } else if (_ApplyOneItem(c, item) != RT_SUCCESS) {  // logs the unknown action
+                rt = RT_FAILURE;
+            }
+        }
+        if (_HashFieldsDel(c, dels) != RT_SUCCESS) rt = RT_FAILURE;
+        if (_HashFieldsSet(c, sets) != RT_SUCCESS) rt = RT_FAILURE;
+        return rt;
+    }
+    auto* list = static_cast<ZJsonArray*>(this);
+    size_t i = 0;
+    while (i < queue.size()) {
+        sRedisCmdItem* item = queue[i];
+        if (item->action == eObjChgCreate) {
+            std::vector<std::string> values;
+            for (; i < queue.size() && queue[i]->action == eObjChgCreate; ++i) {
+                values.push_back(queue[i]->value);
+            }
+            if (list->AppendItems(c, values, false) != RT_SUCCESS) rt = RT_FAILURE;
+            continue;
+        }
+        eRtCode one = RT_SUCCESS;
+        if (item->action == eObjChgUpdate) {
+            one = list->UpdateItem(c, item->key, item->value, false);
+        } else if (item->action == eObjChgRemove) {
+            one = list->RemoveItem(c, item->key, false);
+        } else {
+            one = _ApplyOneItem(c, item);
+        }
+        if (one != RT_SUCCESS) rt = RT_FAILURE;
+        ++i;
+    }
+    if (!queue.empty()) list->UpdateParentOdataCount(c);
+    return rt;
+}
+
 eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
     if (c == nullptr) {
         ZLOG(eZLogError, "Redis context is NULL.\n");
@@ -400,10 +474,8 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
         // node's commands reach the store in call order.
         std::lock_guard<std::mutex> lock(mQueueMutex);
         if (mRedisCmdQueue != nullptr) {
-            for (sRedisCmdItem* item : *mRedisCmdQueue) {
-                if (_ApplyOneItem(c, item) != RT_SUCCESS) rt = RT_FAILURE;
-                delete item;
-            }
+            if (_ApplyQueue(c, *mRedisCmdQueue) != RT_SUCCESS) rt = RT_FAILURE;
+            for (sRedisCmdItem* item : *mRedisCmdQueue) delete item;
             delete mRedisCmdQueue;  // made again by the next write
             mRedisCmdQueue = nullptr;
         }
