@@ -174,24 +174,14 @@ eRtCode ZJsonArray::AppendItem(redisContext* c, const std::string& value) {
     return rt;
 }
 
-eRtCode ZJsonArray::AppendItems(redisContext* c, const std::vector<std::string>& values,
-                                bool refreshCount) {
-    if ((GetAttribute() & ATTR_MultiBackend) != 0) {
-        for (const std::string& v : values) _NoteWritten(v);
-    }
-    eRtCode rt = RedisListPushBackAll(c, mJPath.c_str(), values);
-    if (refreshCount) UpdateParentOdataCount(c);
-    return rt;
-}
-
 eRtCode ZJsonArray::UpdateItem(redisContext* c, const std::string& index,
-                               const std::string& value, bool refreshCount) {
+                               const std::string& value) {
     eRtCode rt = RedisListSet(c, mJPath.c_str(), index.c_str(), value.c_str());
-    if (refreshCount) UpdateParentOdataCount(c);
+    UpdateParentOdataCount(c);
     return rt;
 }
 
-eRtCode ZJsonArray::RemoveItem(redisContext* c, const std::string& text, bool refreshCount) {
+eRtCode ZJsonArray::RemoveItem(redisContext* c, const std::string& text) {
     // Another backend's elements are not this process's to remove.
     if ((GetAttribute() & ATTR_MultiBackend) != 0 && !_ForgetWritten(text)) {
         ZLOG(eZLogError, "Unknown item[%s] in Object[%s].\n", text.c_str(), mJPath.c_str());
@@ -199,35 +189,38 @@ eRtCode ZJsonArray::RemoveItem(redisContext* c, const std::string& text, bool re
     }
     eRtCode rt = IsACorvelMetaKey(text) ? RedisListDelAll(c, mJPath.c_str(), text)
                                         : RedisListDel(c, mJPath.c_str(), text);
-    if (refreshCount) UpdateParentOdataCount(c);
+    UpdateParentOdataCount(c);
     return rt;
 }
 
-eRtCode ZJsonArray::UpdateParentOdataCount(redisContext* c) {
-    if ((mClassAttributes & ARRAY_ATTR_OdataCount) == 0) return RT_SUCCESS;
+bool ZJsonArray::PublishesCount() {
+    if ((mClassAttributes & ARRAY_ATTR_OdataCount) == 0) return false;
     ZObject* parent = GetParent();
-    if (parent == nullptr || parent->GetType() == eJsonArray) return RT_SUCCESS;
+    return parent != nullptr && parent->GetType() != eJsonArray;
+}
 
+eRtCode ZJsonArray::UpdateParentOdataCount(redisContext* c) {
+    if (!PublishesCount()) return RT_SUCCESS;
     RedisCallConnection conn(c);
     if (conn.get() == nullptr) {
         ZLOG(eZLogError, "Failed to call RedisConnect()\n");
         return RT_FAILURE;
     }
-    c = conn.get();
-    eRtCode rt = RT_SUCCESS;
-    int size = ListSize(c);
-    if (size < 0) {
-        rt = RT_FAILURE;
-    } else {
-        // Held across the write, so two appliers never publish out of order.
-        std::lock_guard<std::mutex> lock(mMemberMutex);
-        if (size != mPublishedCount) {
-            const std::string field = mId + "@odata.count";
-            rt = RedisHashSet(c, parent->GetJPath().c_str(), field.c_str(),
-                              std::to_string(size).c_str());
-            if (rt == RT_SUCCESS) mPublishedCount = size;
-        }
-    }
+    int size = ListSize(conn.get());
+    if (size < 0) return RT_FAILURE;
+    return PublishCount(conn.get(), size);
+}
+
+eRtCode ZJsonArray::PublishCount(redisContext* c, long long length) {
+    ZObject* parent = GetParent();
+    if (!PublishesCount() || parent == nullptr || length < 0) return RT_SUCCESS;
+    // Held across the write, so two appliers never publish out of order.
+    std::lock_guard<std::mutex> lock(mMemberMutex);
+    if (length == mPublishedCount) return RT_SUCCESS;
+    const std::string field = mId + "@odata.count";
+    eRtCode rt = RedisHashSet(c, parent->GetJPath().c_str(), field.c_str(),
+                              std::to_string(length).c_str());
+    if (rt == RT_SUCCESS) mPublishedCount = static_cast<int32_t>(length);
     return rt;
 }
 

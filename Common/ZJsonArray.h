@@ -52,18 +52,18 @@ public:
     unsigned int ItemNum();
 
     // Store side of the change queue (called while applying); each refreshes
-    // the parent's count unless `refreshCount` is false (an apply refreshes
-    // it once, after the array's last item).
+    // the parent's count.
     eRtCode AppendItem(redisContext* c, const std::string& value);
-    // Appends every value with one command (an apply's run of appends).
-    eRtCode AppendItems(redisContext* c, const std::vector<std::string>& values,
-                        bool refreshCount = true);
-    eRtCode UpdateItem(redisContext* c, const std::string& index, const std::string& value,
-                       bool refreshCount = true);
-    eRtCode RemoveItem(redisContext* c, const std::string& text, bool refreshCount = true);
+    eRtCode UpdateItem(redisContext* c, const std::string& index, const std::string& value);
+    eRtCode RemoveItem(redisContext* c, const std::string& text);
     // Writes <name>@odata.count into the parent when the stored length
     // changed since the last publication. `c` may be null.
     eRtCode UpdateParentOdataCount(redisContext* c);
+    // The same with the stored length `length` already read by the caller
+    // (an apply reads it in its own round trip).
+    eRtCode PublishCount(redisContext* c, long long length);
+    // Whether the array publishes its count in its parent.
+    bool PublishesCount();
     eRtCode CleanItemsFromRedis(redisContext* c);
     // A channel list whose clearing left other processes' channels in it.
     // Read by the thread that made the array, right after its constructor.

@@ -9,6 +9,7 @@
 
 #include "ObjectModelFixture.h"
 #include "Orbel.h"
+#include "RedisCli.h"
 #include "ZJsonArray.h"
 #include "ZJsonObject.h"
 #include "ZResource.h"
@@ -73,18 +74,23 @@ TEST_F(ChangeQueueTest, ValuesNodesAndLinksAreStoredAsTheirTexts) {
                                      {"&&ObjectRef Chassis /redfish/v1/Chassis/1", ""}}));
 }
 
-// Calls of `command` since the last CONFIG RESETSTAT.
-long Calls(const std::string& command) {
-    Reply info = RawCommand({"INFO", "commandstats"});
+// A counter of the server's INFO `section`, asked on `c` (a test connection
+// when null).
+long Stat(const std::string& section, const std::string& tag, redisContext* c = nullptr) {
+    Reply info = c != nullptr ? Reply(static_cast<redisReply*>(redisCommand(c, "INFO %s", section.c_str())))
+                              : RawCommand({"INFO", section});
     const std::string text = info && info->str != nullptr ? info->str : "";
-    const std::string tag = "cmdstat_" + command + ":calls=";
     const size_t at = text.find(tag);
     return at == std::string::npos ? 0 : std::stol(text.substr(at + tag.size()));
+}
+long Calls(const std::string& command) {
+    return Stat("commandstats", "cmdstat_" + command + ":calls=");
 }
 
 TEST_F(ChangeQueueTest, EachFieldAndElementIsWrittenOncePerApply) {
     // A run of field sets is one HSET (a field set twice keeps its last
-    // value), a run of appends one RPUSH, the count is published once.
+    // value), a run of appends one RPUSH, the count is published once; the
+    // whole recursive apply is one round trip, the count's write a second.
     auto* items = new ZJsonArray(sys, "Items", ZJsonArray::ARRAY_ATTR_OdataCount);
     for (int v = 1; v <= 5; ++v) items->ListWrite(-1, v);
     sys->HashWrite("A", 1);
@@ -92,7 +98,13 @@ TEST_F(ChangeQueueTest, EachFieldAndElementIsWrittenOncePerApply) {
     sys->HashWrite("A", 3);
     sys->HashWrite("Items", items);
     ASSERT_TRUE(RawCommand({"CONFIG", "RESETSTAT"}));
-    ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
+    redisContext* c = RedisConnect();
+    ASSERT_NE(c, nullptr);
+    const long reads = Stat("stats", "total_reads_processed:", c);
+    ASSERT_EQ(sys->ApplyRedisChanges(true, c), RT_SUCCESS);
+    // The apply's round trip, the count's, and this INFO.
+    EXPECT_EQ(Stat("stats", "total_reads_processed:", c) - reads, 3L);
+    RedisDisconnect(c);
     EXPECT_EQ(std::make_tuple(Calls("hset"), Calls("rpush"), Calls("llen")),
               std::make_tuple(2L, 1L, 1L));
     EXPECT_EQ(HGetAll(kSys), (Fields{{"@odata.id", "\"/redfish/v1/Systems/1\""},

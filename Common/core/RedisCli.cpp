@@ -593,6 +593,48 @@ eRtCode RedisPipeline(redisContext* c, const std::vector<std::vector<std::string
     return RT_SUCCESS;
 }
 
+eRtCode RedisPipelineWrites(redisContext* c, std::vector<sRedisPipelineCmd>& cmds) {
+    if (cmds.empty()) return RT_SUCCESS;
+    for (sRedisPipelineCmd& cmd : cmds) cmd.result = RT_FAILURE;
+    RedisCallConnection ctx(c);
+    ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
+    std::vector<const char*> argv;
+    std::vector<size_t> lens;
+    size_t queued = 0;
+    for (; queued < cmds.size(); ++queued) {
+        argv.clear();
+        lens.clear();
+        for (const std::string& a : cmds[queued].argv) {
+            argv.push_back(a.data());
+            lens.push_back(a.size());
+        }
+        if (!AppendArgv(ctx.get(), argv.size(), argv.data(), lens.data())) break;
+    }
+    // Every queued command is read, so that no later call of the connection
+    // reads these replies as its own.
+    DrainDeferred(ctx.get());
+    eRtCode rt = queued == cmds.size() ? RT_SUCCESS : RT_FAILURE;
+    for (size_t i = 0; i < cmds.size(); ++i) {
+        sRedisPipelineCmd& cmd = cmds[i];
+        ReplyPtr reply = i < queued ? ReadReply(ctx.get()) : ReplyPtr();
+        if (!reply) {
+            ZLOG(eZLogError, "Command[%s] reply is NULL. err[%s]\n", cmd.shown.c_str(),
+                 ctx.get()->errstr);
+            rt = RT_FAILURE;
+            continue;
+        }
+        if (reply->type == REDIS_REPLY_ERROR) {
+            RedisDumpReply(cmd.argv.empty() ? "" : cmd.argv[0].c_str(), reply.get());
+            ZLOG(eZLogError, "Command[%s] reply failed.\n", cmd.shown.c_str());
+            rt = RT_FAILURE;
+            continue;
+        }
+        if (reply->type == REDIS_REPLY_INTEGER) cmd.integer = reply->integer;
+        cmd.result = RT_SUCCESS;
+    }
+    return rt;
+}
+
 eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string message,
                               int64_t* receivers) {
     if (receivers != nullptr) *receivers = 0;
@@ -776,60 +818,6 @@ eRtCode RedisHashSet(redisContext* c, const char* key, const char* name, const c
     RedisDumpReply("HSET", reply.get());
     ZLOG(eZLogError, "Command[HSET %s %s %s] reply failed.\n", key, name,
          MaskSecretValue(name, value));
-    return RT_FAILURE;
-}
-
-eRtCode RedisHashSetFields(redisContext* c, const char* key,
-                           const std::vector<std::pair<std::string, std::string>>& fields) {
-    if (fields.empty()) return RT_SUCCESS;
-    RedisCallConnection ctx(c);
-    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
-    std::vector<const char*> argv;
-    std::vector<size_t> argvLen;
-    argv.reserve(2 + 2 * fields.size());
-    argvLen.reserve(2 + 2 * fields.size());
-    argv.push_back("HSET");
-    argvLen.push_back(4);
-    argv.push_back(key);
-    argvLen.push_back(std::strlen(key));
-    for (const auto& [name, value] : fields) {
-        argv.push_back(name.data());
-        argvLen.push_back(name.size());
-        argv.push_back(value.data());
-        argvLen.push_back(value.size());
-    }
-    ReplyPtr reply = CommandArgv(ctx.get(), argv, argvLen);
-    const std::string& name = fields.front().first;
-    const char* shown = MaskSecretValue(name, fields.front().second.c_str());
-    if (!reply) {
-        ZLOG(eZLogError, "Command[HSET %s %s %s] reply is NULL. err[%s]\n", key, name.c_str(),
-             shown, ctx.get()->errstr);
-        return RT_FAILURE;
-    }
-    if (reply->type == REDIS_REPLY_INTEGER) return RT_SUCCESS;
-    RedisDumpReply("HSET", reply.get());
-    ZLOG(eZLogError, "Command[HSET %s %s %s] reply failed.\n", key, name.c_str(), shown);
-    return RT_FAILURE;
-}
-
-eRtCode RedisHashDelFields(redisContext* c, const char* key, const std::vector<std::string>& fields) {
-    if (fields.empty()) return RT_SUCCESS;
-    RedisCallConnection ctx(c);
-    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
-    std::vector<const char*> argv = {"HDEL", key};
-    std::vector<size_t> argvLen = {4, std::strlen(key)};
-    for (const std::string& name : fields) {
-        argv.push_back(name.data());
-        argvLen.push_back(name.size());
-    }
-    ReplyPtr reply = CommandArgv(ctx.get(), argv, argvLen);
-    if (!reply) {
-        ZLOG(eZLogError, "Command[HDEL %s %s] reply is NULL. err[%s]\n", key,
-             fields.front().c_str(), ctx.get()->errstr);
-        return RT_FAILURE;
-    }
-    if (reply->type == REDIS_REPLY_INTEGER) return RT_SUCCESS;
-    ZLOG(eZLogError, "Command[HDEL %s %s] reply failed.\n", key, fields.front().c_str());
     return RT_FAILURE;
 }
 

@@ -152,6 +152,18 @@ void RedisDrainDeferred(redisContext* c);
 // read, 2 when the connection failed (the commands left have 2).
 eRtCode RedisPipeline(redisContext* c, const std::vector<std::vector<std::string>>& commands,
                       std::vector<eRtCode>& results);
+// One command of a pipeline of writes (RedisPipelineWrites).
+struct sRedisPipelineCmd {
+    std::vector<std::string> argv;
+    std::string shown;           // the command as a failure logs it (secrets masked)
+    eRtCode result = RT_FAILURE;  // 0 when the reply came and is not an error
+    long long integer = -1;      // an integer reply's value
+};
+// Sends every command in one round trip and reads every reply, in order. A
+// command whose reply is missing or an error fails (logged: "Command[<shown>]
+// reply is NULL. err[%s]" or "Command[<shown>] reply failed."). Returns 0
+// when every command succeeded, else 2. An empty list sends nothing.
+eRtCode RedisPipelineWrites(redisContext* c, std::vector<sRedisPipelineCmd>& cmds);
 // `receivers`, when given, gets the number of subscribers that got it.
 eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string message,
                               int64_t* receivers = nullptr);
@@ -193,22 +205,11 @@ int RedisType(redisContext* c, const char* key);  // eRedisTableType
 
 eRtCode RedisHashSize(redisContext* c, const char* key, int& size);
 eRtCode RedisHashSet(redisContext* c, const char* key, const char* name, const char* value);
-// The apply's form of RedisHashSet: every (field, value) pair in one
-// "HSET <key> <f1> <v1> <f2> <v2> ..." (fields set in the given order, so a
-// field given twice keeps its last value). 0 on an integer reply, else 2
-// (logged with the first field; values of secret-like fields masked). An
-// empty list sends nothing and returns 0.
-eRtCode RedisHashSetFields(redisContext* c, const char* key,
-                           const std::vector<std::pair<std::string, std::string>>& fields);
 // Missing or empty field: value cleared, 3. Only the reply's text is
 // looked at: on a key of another type the server's error text comes back as
 // the value, with 0.
 eRtCode RedisHashGet(redisContext* c, const char* key, const char* name, std::string& value);
 eRtCode RedisHashDel(redisContext* c, const char* key, const char* name);
-// The apply's form of RedisHashDel: one "HDEL <key> <f1> <f2> ...". 0 on an
-// integer reply, else 2 (logged with the first field). An empty list sends
-// nothing and returns 0.
-eRtCode RedisHashDelFields(redisContext* c, const char* key, const std::vector<std::string>& fields);
 eRtCode RedisHashGetAll(redisContext* c, const char* key, std::map<std::string, std::string>& out,
                         bool dump = false);
 
@@ -224,11 +225,6 @@ eRtCode RedisListGet(redisContext* c, const char* key, int index, std::string& v
 // One RPUSH per element, in order; stops at the first failure.
 eRtCode RedisListPushBack(redisContext* c, const char* key, const std::vector<std::string>& values);
 eRtCode RedisListPushBack(redisContext* c, const char* key, const char* value);
-// The apply's form: every element in one "RPUSH <key> <v1> <v2> ...".
-// `length`, when given, receives the list's length after the push. An empty
-// list sends nothing and returns 0.
-eRtCode RedisListPushBackAll(redisContext* c, const char* key,
-                             const std::vector<std::string>& values, int64_t* length = nullptr);
 // Removes the first element equal to `value`.
 eRtCode RedisListDel(redisContext* c, const char* key, std::string value);
 // Removes every element equal to `value`.

@@ -97,38 +97,6 @@ eRtCode RedisListPushBack(redisContext* c, const char* key,
     return RT_SUCCESS;
 }
 
-eRtCode RedisListPushBackAll(redisContext* c, const char* key,
-                             const std::vector<std::string>& values, int64_t* length) {
-    if (values.empty()) return RT_SUCCESS;
-    RedisCallConnection ctx(c);
-    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
-    std::vector<const char*> argv;
-    std::vector<size_t> argvLen;
-    argv.reserve(2 + values.size());
-    argvLen.reserve(2 + values.size());
-    argv.push_back("RPUSH");
-    argvLen.push_back(5);
-    argv.push_back(key);
-    argvLen.push_back(std::strlen(key));
-    for (const std::string& v : values) {
-        argv.push_back(v.data());
-        argvLen.push_back(v.size());
-    }
-    ReplyPtr reply = CommandArgv(ctx.get(), argv, argvLen);
-    if (!reply) {
-        ZLOG(eZLogError, "Command[RPUSH %s %s] reply is NULL. err[%s]\n", key,
-             MaskSecretValue(key, values.front().c_str()), ctx.get()->errstr);
-        return RT_FAILURE;
-    }
-    if (reply->type != REDIS_REPLY_INTEGER) {
-        ZLOG(eZLogError, "Command[RPUSH %s %s] reply failed.\n", key,
-             MaskSecretValue(key, values.front().c_str()));
-        return RT_FAILURE;
-    }
-    if (length != nullptr) *length = reply->integer;
-    return RT_SUCCESS;
-}
-
 eRtCode RedisListPushBack(redisContext* c, const char* key, const char* value) {
     if (key == nullptr || value == nullptr) {
         ZLOG(eZLogError, "NULL arg! key:%p value:%p\n", static_cast<const void*>(key),

@@ -17,7 +17,8 @@
 //
 // Writes. HashWrite/ListWrite/HashRemove/ListRemove queue one store command
 // each on the node; ApplyRedisChanges writes the queue (recursively) to the
-// store, one command at a time. The tree's bookkeeping (children,
+// store, each field once, in one pipelined round trip (docs/wire-protocol.md
+// section 1.5). The tree's bookkeeping (children,
 // references) changes at once, the store only when applied.
 //
 // Threads. Any thread may work on any node. Each node has two locks (the
@@ -437,12 +438,10 @@ protected:
     // The meta key under which `referrer` holds this node, without logging.
     bool _MetaKeyOf(ZObject* referrer, std::string* metaKey);
     eRtCode _ApplyOneItem(redisContext* c, sRedisCmdItem* item);
-    // Writes a whole queue, in order (ZObject_RedisCache.cpp).
-    eRtCode _ApplyQueue(redisContext* c, const std::vector<sRedisCmdItem*>& queue);
-    // Several fields of the node's hash in one command.
-    eRtCode _HashFieldsSet(redisContext* c,
-                           const std::vector<std::pair<std::string, std::string>>& fields);
-    eRtCode _HashFieldsDel(redisContext* c, const std::vector<std::string>& fields);
+    // Turns a whole queue into store commands (ZObject_RedisCache.cpp): into
+    // the thread's apply pipeline on `c` when one is open, else sent at once
+    // in one round trip. Takes the items' texts (the caller frees the items).
+    eRtCode _ApplyQueue(redisContext* c, std::vector<sRedisCmdItem*>& queue);
     // Rewrites the link that `referrer` holds under `metaKey` in the store at
     // once (destroy mode relink).
     void _RelinkInStore(ZObject* referrer, const std::string& metaKey);

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <map>
+#include <mutex>
 #include <string>
 #include <utility>
 
@@ -388,7 +389,54 @@ eRtCode ZObject::_ApplyOneItem(redisContext* c, sRedisCmdItem* item) {
     }
 }
 
-eRtCode ZObject::_ApplyQueue(redisContext* c, const std::vector<sRedisCmdItem*>& queue) {
+namespace {
+
+// The store commands of one apply (the top-level ApplyRedisChanges and its
+// recursion on one connection), sent in one round trip when it ends. Arrays
+// that publish a count read their length in the same round trip and publish
+// it after. One per thread while an apply runs.
+struct sApplyPipeline {
+    redisContext* c = nullptr;
+    std::vector<sRedisPipelineCmd> cmds;
+    // An array (held by a using count) and the position of its LLEN.
+    std::vector<std::pair<ZJsonArray*, size_t>> counts;
+
+    // Sends everything; publishes the counts. 0, or 2 when a command failed.
+    eRtCode Flush() {
+        eRtCode rt = RedisPipelineWrites(c, cmds);
+        for (const auto& [array, at] : counts) {
+            if (cmds[at].result == RT_SUCCESS &&
+                array->PublishCount(c, cmds[at].integer) != RT_SUCCESS) {
+                rt = RT_FAILURE;
+            }
+            array->DecreaseUsingCount();
+        }
+        cmds.clear();
+        counts.clear();
+        return rt;
+    }
+};
+
+thread_local sApplyPipeline* tPipeline = nullptr;
+
+// Held by a pipelined apply from its first command to its flush. A node's
+// commands used to reach the store under its queue lock, in call order;
+// gathered into a pipeline they leave after the lock is given back, so two
+// threads applying the same node must not overtake each other: applies send
+// one at a time (each is one round trip). Taken before any node lock and
+// never while holding one.
+std::mutex gApplyOrder;
+
+sRedisPipelineCmd Cmd(std::vector<std::string> argv, std::string shown) {
+    sRedisPipelineCmd cmd;
+    cmd.argv = std::move(argv);
+    cmd.shown = std::move(shown);
+    return cmd;
+}
+
+}  // namespace
+
+eRtCode ZObject::_ApplyQueue(redisContext* c, std::vector<sRedisCmdItem*>& queue) {
     // Each field or element is written once per apply. A hash gets one HDEL
     // of the fields whose last change removes them, then one HSET of the
     // fields whose last change sets them (with that value): the store ends
@@ -397,7 +445,11 @@ eRtCode ZObject::_ApplyQueue(redisContext* c, const std::vector<sRedisCmdItem*>&
     // runs), and its count is refreshed once, after the last item. A failed
     // command fails the items it carried: logged, dropped, and the apply
     // returns 2.
+    sApplyPipeline own;
+    sApplyPipeline* out = tPipeline != nullptr && tPipeline->c == c ? tPipeline : &own;
+    own.c = c;
     eRtCode rt = RT_SUCCESS;
+    const bool multi = (mAttribute & ATTR_MultiBackend) != 0;
     if (mType != eJsonArray) {
         std::vector<std::pair<std::string, std::string>> sets;
         std::map<std::string, size_t> setAt;  // field -> position in `sets`
@@ -406,9 +458,9 @@ eRtCode ZObject::_ApplyQueue(redisContext* c, const std::vector<sRedisCmdItem*>&
             if (item->action == eObjChgUpdate || item->action == eObjChgCreate) {
                 auto found = setAt.emplace(item->key, sets.size());
                 if (found.second) {
-                    sets.emplace_back(item->key, item->value);
+                    sets.emplace_back(std::move(item->key), std::move(item->value));
                 } else {
-                    sets[found.first->second].second = item->value;
+                    sets[found.first->second].second = std::move(item->value);
                 }
             } else if (item->action == eObjChgRemove) {
                 auto found = setAt.find(item->key);
@@ -428,34 +480,79 @@ eRtCode ZObject::_ApplyQueue(redisContext* c, const std::vector<sRedisCmdItem*>&
                 rt = RT_FAILURE;
             }
         }
-        if (_HashFieldsDel(c, dels) != RT_SUCCESS) rt = RT_FAILURE;
-        if (_HashFieldsSet(c, sets) != RT_SUCCESS) rt = RT_FAILURE;
-        return rt;
-    }
-    auto* list = static_cast<ZJsonArray*>(this);
-    size_t i = 0;
-    while (i < queue.size()) {
-        sRedisCmdItem* item = queue[i];
-        if (item->action == eObjChgCreate) {
-            std::vector<std::string> values;
-            for (; i < queue.size() && queue[i]->action == eObjChgCreate; ++i) {
-                values.push_back(queue[i]->value);
+        if (!dels.empty()) {
+            std::vector<std::string> argv = {"HDEL", mJPath};
+            for (std::string& f : dels) {
+                if (multi) _ForgetWritten(f);
+                argv.push_back(std::move(f));
             }
-            if (list->AppendItems(c, values, false) != RT_SUCCESS) rt = RT_FAILURE;
-            continue;
+            std::string shown = "HDEL " + mJPath + " " + argv[2];
+            out->cmds.push_back(Cmd(std::move(argv), std::move(shown)));
         }
-        eRtCode one = RT_SUCCESS;
-        if (item->action == eObjChgUpdate) {
-            one = list->UpdateItem(c, item->key, item->value, false);
-        } else if (item->action == eObjChgRemove) {
-            one = list->RemoveItem(c, item->key, false);
-        } else {
-            one = _ApplyOneItem(c, item);
+        if (!sets.empty()) {
+            std::string shown = "HSET " + mJPath + " " + sets[0].first + " " +
+                                MaskSecretValue(sets[0].first, sets[0].second.c_str());
+            std::vector<std::string> argv;
+            argv.reserve(2 + 2 * sets.size());
+            argv.push_back("HSET");
+            argv.push_back(mJPath);
+            for (auto& [field, value] : sets) {
+                // A shared resource's "@odata." fields describe the resource
+                // itself, the same from every backend: one backend leaving
+                // must not take them along.
+                if (multi && !(IsResourceType() && field.compare(0, 7, "@odata.") == 0)) {
+                    _NoteWritten(field);
+                }
+                argv.push_back(std::move(field));
+                argv.push_back(std::move(value));
+            }
+            out->cmds.push_back(Cmd(std::move(argv), std::move(shown)));
         }
-        if (one != RT_SUCCESS) rt = RT_FAILURE;
-        ++i;
+    } else {
+        size_t i = 0;
+        while (i < queue.size()) {
+            sRedisCmdItem* item = queue[i];
+            if (item->action == eObjChgCreate) {
+                std::vector<std::string> argv = {"RPUSH", mJPath};
+                std::string shown = "RPUSH " + mJPath + " " + MaskSecretValue(mJPath, item->value.c_str());
+                for (; i < queue.size() && queue[i]->action == eObjChgCreate; ++i) {
+                    if (multi) _NoteWritten(queue[i]->value);
+                    argv.push_back(std::move(queue[i]->value));
+                }
+                out->cmds.push_back(Cmd(std::move(argv), std::move(shown)));
+                continue;
+            }
+            ++i;
+            if (item->action == eObjChgUpdate) {
+                std::string shown = "LSET " + mJPath + " " + item->key + " " +
+                                    MaskSecretValue(mJPath, item->value.c_str());
+                out->cmds.push_back(
+                    Cmd({"LSET", mJPath, item->key, std::move(item->value)}, std::move(shown)));
+            } else if (item->action == eObjChgRemove) {
+                // Another backend's elements are not this process's to remove.
+                if (multi && !_ForgetWritten(item->key)) {
+                    ZLOG(eZLogError, "Unknown item[%s] in Object[%s].\n", item->key.c_str(),
+                         mJPath.c_str());
+                    rt = RT_FAILURE;
+                    continue;
+                }
+                // A node text goes wherever it stands, any other value once.
+                const char* count = IsACorvelMetaKey(item->key) ? "0" : "1";
+                std::string shown = std::string("LREM ") + mJPath + " " + count + " " +
+                                    MaskSecretValue(mJPath, item->key.c_str());
+                out->cmds.push_back(Cmd({"LREM", mJPath, count, item->key}, std::move(shown)));
+            } else if (_ApplyOneItem(c, item) != RT_SUCCESS) {
+                rt = RT_FAILURE;
+            }
+        }
+        auto* list = static_cast<ZJsonArray*>(this);
+        if (!queue.empty() && list->PublishesCount()) {
+            IncreaseUsingCount();  // released by the flush
+            out->counts.emplace_back(list, out->cmds.size());
+            out->cmds.push_back(Cmd({"LLEN", mJPath}, "LLEN " + mJPath));
+        }
     }
-    if (!queue.empty()) list->UpdateParentOdataCount(c);
+    if (out == &own && own.Flush() != RT_SUCCESS) rt = RT_FAILURE;
     return rt;
 }
 
@@ -467,7 +564,17 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
     // RawJson items are JSON texts for the root's document, not fields.
     if (mIsRawJson) return ApplyRedisChanges(recursive, c);
     // A failed command is logged by the store client and dropped, not
-    // retried; the apply as a whole then reports failure.
+    // retried; the apply as a whole then reports failure. The first apply
+    // on this thread and connection gathers the commands of the whole
+    // recursion and sends them in one round trip at its end.
+    sApplyPipeline pipeline;
+    const bool top = tPipeline == nullptr;
+    std::unique_lock<std::mutex> order(gApplyOrder, std::defer_lock);
+    if (top) {
+        order.lock();
+        pipeline.c = c;
+        tPipeline = &pipeline;
+    }
     eRtCode rt = RT_SUCCESS;
     {
         // Held for the whole queue: writes from other threads wait, so a
@@ -489,6 +596,10 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
             if (child->ApplyRedisChanges(true, c) != RT_SUCCESS) rt = RT_FAILURE;
             child->DecreaseUsingCount();
         }
+    }
+    if (top) {
+        tPipeline = nullptr;
+        if (pipeline.Flush() != RT_SUCCESS) rt = RT_FAILURE;
     }
     return rt;
 }

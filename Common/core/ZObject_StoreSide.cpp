@@ -54,32 +54,6 @@ eRtCode ZObject::_HashFieldSet(redisContext* c, const std::string& key, const st
     return RedisHashSet(c, mJPath.c_str(), key.c_str(), value.c_str());
 }
 
-eRtCode ZObject::_HashFieldsSet(redisContext* c,
-                                const std::vector<std::pair<std::string, std::string>>& fields) {
-    if ((mAttribute & ATTR_MultiBackend) != 0) {
-        for (const auto& field : fields) {
-            if (!(IsResourceType() && field.first.compare(0, 7, "@odata.") == 0)) {
-                _NoteWritten(field.first);
-            }
-        }
-    }
-    // One field: the wrapper's own command text.
-    if (fields.empty()) return RT_SUCCESS;
-    if (fields.size() == 1) {
-        return RedisHashSet(c, mJPath.c_str(), fields[0].first.c_str(), fields[0].second.c_str());
-    }
-    return RedisHashSetFields(c, mJPath.c_str(), fields);
-}
-
-eRtCode ZObject::_HashFieldsDel(redisContext* c, const std::vector<std::string>& fields) {
-    if (fields.empty()) return RT_SUCCESS;
-    if (fields.size() == 1) return _HashFieldDel(c, fields[0]);
-    if ((mAttribute & ATTR_MultiBackend) != 0) {
-        for (const std::string& field : fields) _ForgetWritten(field);
-    }
-    return RedisHashDelFields(c, mJPath.c_str(), fields);
-}
-
 eRtCode ZObject::_HashFieldDel(redisContext* c, const std::string& key) {
     if ((mAttribute & ATTR_MultiBackend) != 0) _ForgetWritten(key);
     return RedisHashDel(c, mJPath.c_str(), key.c_str());
