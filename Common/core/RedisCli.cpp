@@ -593,6 +593,28 @@ eRtCode RedisPipeline(redisContext* c, const std::vector<std::vector<std::string
     return RT_SUCCESS;
 }
 
+namespace {
+
+// "HSET <key> <field> <value>", "RPUSH <key> <value>", "LSET <key> <index>
+// <value>": the command's first words, values masked, as a failure shows it.
+std::string ShownCommand(const std::vector<std::string>& argv) {
+    std::string shown;
+    const std::string word = argv.empty() ? std::string() : argv[0];
+    const bool hash = word == "HSET";
+    const size_t words = hash || word == "LSET" || word == "LREM" ? 4 : 3;
+    for (size_t i = 0; i < words && i < argv.size(); ++i) {
+        if (i != 0) shown += ' ';
+        if (hash ? i == 3 : i >= 2) {
+            shown += MaskSecretValue(hash ? argv[2] : argv[1], argv[i].c_str());
+        } else {
+            shown += argv[i];
+        }
+    }
+    return shown;
+}
+
+}  // namespace
+
 eRtCode RedisPipelineWrites(redisContext* c, std::vector<sRedisPipelineCmd>& cmds) {
     if (cmds.empty()) return RT_SUCCESS;
     for (sRedisPipelineCmd& cmd : cmds) cmd.result = RT_FAILURE;
@@ -618,14 +640,14 @@ eRtCode RedisPipelineWrites(redisContext* c, std::vector<sRedisPipelineCmd>& cmd
         sRedisPipelineCmd& cmd = cmds[i];
         ReplyPtr reply = i < queued ? ReadReply(ctx.get()) : ReplyPtr();
         if (!reply) {
-            ZLOG(eZLogError, "Command[%s] reply is NULL. err[%s]\n", cmd.shown.c_str(),
-                 ctx.get()->errstr);
+            ZLOG(eZLogError, "Command[%s] reply is NULL. err[%s]\n",
+                 ShownCommand(cmd.argv).c_str(), ctx.get()->errstr);
             rt = RT_FAILURE;
             continue;
         }
         if (reply->type == REDIS_REPLY_ERROR) {
             RedisDumpReply(cmd.argv.empty() ? "" : cmd.argv[0].c_str(), reply.get());
-            ZLOG(eZLogError, "Command[%s] reply failed.\n", cmd.shown.c_str());
+            ZLOG(eZLogError, "Command[%s] reply failed.\n", ShownCommand(cmd.argv).c_str());
             rt = RT_FAILURE;
             continue;
         }

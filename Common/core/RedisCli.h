@@ -155,13 +155,14 @@ eRtCode RedisPipeline(redisContext* c, const std::vector<std::vector<std::string
 // One command of a pipeline of writes (RedisPipelineWrites).
 struct sRedisPipelineCmd {
     std::vector<std::string> argv;
-    std::string shown;           // the command as a failure logs it (secrets masked)
     eRtCode result = RT_FAILURE;  // 0 when the reply came and is not an error
     long long integer = -1;      // an integer reply's value
 };
 // Sends every command in one round trip and reads every reply, in order. A
-// command whose reply is missing or an error fails (logged: "Command[<shown>]
-// reply is NULL. err[%s]" or "Command[<shown>] reply failed."). Returns 0
+// command whose reply is missing or an error fails, logged with its first
+// words as the single-command wrappers show them ("Command[HSET <key>
+// <field> <value>] reply failed.", "... reply is NULL. err[%s]"; a value is
+// masked when its field, or for a list its key, names a secret). Returns 0
 // when every command succeeded, else 2. An empty list sends nothing.
 eRtCode RedisPipelineWrites(redisContext* c, std::vector<sRedisPipelineCmd>& cmds);
 // `receivers`, when given, gets the number of subscribers that got it.

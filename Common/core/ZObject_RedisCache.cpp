@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
-#include <map>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -427,10 +426,9 @@ thread_local sApplyPipeline* tPipeline = nullptr;
 // never while holding one.
 std::mutex gApplyOrder;
 
-sRedisPipelineCmd Cmd(std::vector<std::string> argv, std::string shown) {
+sRedisPipelineCmd Cmd(std::vector<std::string> argv) {
     sRedisPipelineCmd cmd;
     cmd.argv = std::move(argv);
-    cmd.shown = std::move(shown);
     return cmd;
 }
 
@@ -451,28 +449,25 @@ eRtCode ZObject::_ApplyQueue(redisContext* c, std::vector<sRedisCmdItem*>& queue
     eRtCode rt = RT_SUCCESS;
     const bool multi = (mAttribute & ATTR_MultiBackend) != 0;
     if (mType != eJsonArray) {
+        // A node's queue is short: a scan finds a field set before.
         std::vector<std::pair<std::string, std::string>> sets;
-        std::map<std::string, size_t> setAt;  // field -> position in `sets`
         std::vector<std::string> dels;
+        const auto setOf = [&sets](const std::string& field) {
+            return std::find_if(sets.begin(), sets.end(),
+                                [&field](const auto& s) { return s.first == field; });
+        };
         for (sRedisCmdItem* item : queue) {
             if (item->action == eObjChgUpdate || item->action == eObjChgCreate) {
-                auto found = setAt.emplace(item->key, sets.size());
-                if (found.second) {
+                auto found = setOf(item->key);
+                if (found == sets.end()) {
                     sets.emplace_back(std::move(item->key), std::move(item->value));
                 } else {
-                    sets[found.first->second].second = std::move(item->value);
+                    found->second = std::move(item->value);
                 }
             } else if (item->action == eObjChgRemove) {
-                auto found = setAt.find(item->key);
-                if (found != setAt.end()) {
-                    // Set, then removed: only the removal reaches the store.
-                    const size_t at = found->second;
-                    sets.erase(sets.begin() + static_cast<std::ptrdiff_t>(at));
-                    setAt.erase(found);
-                    for (auto& entry : setAt) {
-                        if (entry.second > at) --entry.second;
-                    }
-                }
+                auto found = setOf(item->key);
+                // Set, then removed: only the removal reaches the store.
+                if (found != sets.end()) sets.erase(found);
                 if (std::find(dels.begin(), dels.end(), item->key) == dels.end()) {
                     dels.push_back(item->key);
                 }
@@ -486,12 +481,9 @@ eRtCode ZObject::_ApplyQueue(redisContext* c, std::vector<sRedisCmdItem*>& queue
                 if (multi) _ForgetWritten(f);
                 argv.push_back(std::move(f));
             }
-            std::string shown = "HDEL " + mJPath + " " + argv[2];
-            out->cmds.push_back(Cmd(std::move(argv), std::move(shown)));
+            out->cmds.push_back(Cmd(std::move(argv)));
         }
         if (!sets.empty()) {
-            std::string shown = "HSET " + mJPath + " " + sets[0].first + " " +
-                                MaskSecretValue(sets[0].first, sets[0].second.c_str());
             std::vector<std::string> argv;
             argv.reserve(2 + 2 * sets.size());
             argv.push_back("HSET");
@@ -506,7 +498,7 @@ eRtCode ZObject::_ApplyQueue(redisContext* c, std::vector<sRedisCmdItem*>& queue
                 argv.push_back(std::move(field));
                 argv.push_back(std::move(value));
             }
-            out->cmds.push_back(Cmd(std::move(argv), std::move(shown)));
+            out->cmds.push_back(Cmd(std::move(argv)));
         }
     } else {
         size_t i = 0;
@@ -514,20 +506,16 @@ eRtCode ZObject::_ApplyQueue(redisContext* c, std::vector<sRedisCmdItem*>& queue
             sRedisCmdItem* item = queue[i];
             if (item->action == eObjChgCreate) {
                 std::vector<std::string> argv = {"RPUSH", mJPath};
-                std::string shown = "RPUSH " + mJPath + " " + MaskSecretValue(mJPath, item->value.c_str());
                 for (; i < queue.size() && queue[i]->action == eObjChgCreate; ++i) {
                     if (multi) _NoteWritten(queue[i]->value);
                     argv.push_back(std::move(queue[i]->value));
                 }
-                out->cmds.push_back(Cmd(std::move(argv), std::move(shown)));
+                out->cmds.push_back(Cmd(std::move(argv)));
                 continue;
             }
             ++i;
             if (item->action == eObjChgUpdate) {
-                std::string shown = "LSET " + mJPath + " " + item->key + " " +
-                                    MaskSecretValue(mJPath, item->value.c_str());
-                out->cmds.push_back(
-                    Cmd({"LSET", mJPath, item->key, std::move(item->value)}, std::move(shown)));
+                out->cmds.push_back(Cmd({"LSET", mJPath, item->key, std::move(item->value)}));
             } else if (item->action == eObjChgRemove) {
                 // Another backend's elements are not this process's to remove.
                 if (multi && !_ForgetWritten(item->key)) {
@@ -538,9 +526,7 @@ eRtCode ZObject::_ApplyQueue(redisContext* c, std::vector<sRedisCmdItem*>& queue
                 }
                 // A node text goes wherever it stands, any other value once.
                 const char* count = IsACorvelMetaKey(item->key) ? "0" : "1";
-                std::string shown = std::string("LREM ") + mJPath + " " + count + " " +
-                                    MaskSecretValue(mJPath, item->key.c_str());
-                out->cmds.push_back(Cmd({"LREM", mJPath, count, item->key}, std::move(shown)));
+                out->cmds.push_back(Cmd({"LREM", mJPath, count, item->key}));
             } else if (_ApplyOneItem(c, item) != RT_SUCCESS) {
                 rt = RT_FAILURE;
             }
@@ -549,7 +535,7 @@ eRtCode ZObject::_ApplyQueue(redisContext* c, std::vector<sRedisCmdItem*>& queue
         if (!queue.empty() && list->PublishesCount()) {
             IncreaseUsingCount();  // released by the flush
             out->counts.emplace_back(list, out->cmds.size());
-            out->cmds.push_back(Cmd({"LLEN", mJPath}, "LLEN " + mJPath));
+            out->cmds.push_back(Cmd({"LLEN", mJPath}));
         }
     }
     if (out == &own && own.Flush() != RT_SUCCESS) rt = RT_FAILURE;

@@ -270,34 +270,43 @@ void ZObject::_ForgetTextLink(const std::string& field) {
 void ZObject::_ReplaceOtherForms(const std::string& name, const sObjectChange* change) {
     ZObject* value = change->dataKind == eObjDataObject ? change->objValue : nullptr;
     const bool textLink = change->dataKind == eObjDataString && change->isLink;
-    std::string field = name;
-    if (value != nullptr) {
-        field = _NodeLinkText(value, change->isLink, name);
-    } else if (textLink) {
-        field = "&&ObjectRef " + name + " " + change->strValue;
-    }
     const bool plain = value == nullptr && !textLink;
     // Meta fields ("&&Async", ...) are never the name of a link field.
     if (plain && name.compare(0, 2, "&&") == 0) return;
     const uint32_t bit = _PropertyBit(name);
+    // The field this write makes, built only when it has to be compared.
+    const auto fieldOf = [&]() -> std::string {
+        if (value != nullptr) return _NodeLinkText(value, change->isLink, name);
+        if (textLink) return "&&ObjectRef " + name + " " + change->strValue;
+        return name;
+    };
     bool plainSeen = false;
     bool linkSeen = false;
+    std::string field;
     std::vector<std::string> staleText;  // text link fields to delete
+    bool hasTextLinks = false;
     {
         std::lock_guard<std::mutex> lock(mTreeMutex);
         plainSeen = (mPlainBits & bit) != 0;
         linkSeen = (mLinkBits & bit) != 0;
         (plain ? mPlainBits : mLinkBits) |= bit;
+        hasTextLinks = mTextLinks != nullptr;
+    }
+    // Outside the lock: a node value's link text asks that node.
+    if (linkSeen || textLink) field = fieldOf();
+    if ((linkSeen && hasTextLinks) || textLink) {
+        std::lock_guard<std::mutex> lock(mTreeMutex);
         if (linkSeen && mTextLinks != nullptr) {
             const std::string prefix = "&&ObjectRef " + name + " ";
             for (auto it = mTextLinks->begin(); it != mTextLinks->end();) {
-                if (it->compare(0, prefix.size(), prefix) == 0) {
-                    if (*it != field || !textLink) staleText.push_back(*it);
-                    // The same text again stays noted (below); a node link
-                    // of the same text is remembered by its node instead.
-                    it = textLink && *it == field ? std::next(it) : mTextLinks->erase(it);
-                } else {
+                if (it->compare(0, prefix.size(), prefix) != 0) {
                     ++it;
+                } else if (textLink && *it == field) {
+                    ++it;  // the same text again: stays noted
+                } else {
+                    // A node link of the same text is remembered by its node.
+                    if (*it != field) staleText.push_back(*it);
+                    it = mTextLinks->erase(it);
                 }
             }
             if (mTextLinks->empty()) {
@@ -323,11 +332,7 @@ void ZObject::_ReplaceOtherForms(const std::string& name, const sObjectChange* c
         }
         ApplyObjectChanges(&removal);
     };
-    // A link field of a node value being written again (the same text) is
-    // the same field: nothing to remove.
-    for (const std::string& f : staleText) {
-        if (f != field) queueRemoval(f, nullptr);
-    }
+    for (const std::string& f : staleText) queueRemoval(f, nullptr);
     if (!plain && plainSeen) queueRemoval(name, nullptr);
     if (!linkSeen) return;
     bool isLink = false;
