@@ -193,31 +193,34 @@ eRtCode ZJsonArray::RemoveItem(redisContext* c, const std::string& text) {
     return rt;
 }
 
-eRtCode ZJsonArray::UpdateParentOdataCount(redisContext* c) {
-    if ((mClassAttributes & ARRAY_ATTR_OdataCount) == 0) return RT_SUCCESS;
+bool ZJsonArray::PublishesCount() {
+    if ((mClassAttributes & ARRAY_ATTR_OdataCount) == 0) return false;
     ZObject* parent = GetParent();
-    if (parent == nullptr || parent->GetType() == eJsonArray) return RT_SUCCESS;
+    return parent != nullptr && parent->GetType() != eJsonArray;
+}
 
+eRtCode ZJsonArray::UpdateParentOdataCount(redisContext* c) {
+    if (!PublishesCount()) return RT_SUCCESS;
     RedisCallConnection conn(c);
     if (conn.get() == nullptr) {
         ZLOG(eZLogError, "Failed to call RedisConnect()\n");
         return RT_FAILURE;
     }
-    c = conn.get();
-    eRtCode rt = RT_SUCCESS;
-    int size = ListSize(c);
-    if (size < 0) {
-        rt = RT_FAILURE;
-    } else {
-        // Held across the write, so two appliers never publish out of order.
-        MutexLock lock(mMemberMutex);
-        if (size != mPublishedCount) {
-            const std::string field = mId + "@odata.count";
-            rt = RedisHashSet(c, parent->GetJPath().c_str(), field.c_str(),
-                              std::to_string(size).c_str());
-            if (rt == RT_SUCCESS) mPublishedCount = size;
-        }
-    }
+    int size = ListSize(conn.get());
+    if (size < 0) return RT_FAILURE;
+    return PublishCount(conn.get(), size);
+}
+
+eRtCode ZJsonArray::PublishCount(redisContext* c, long long length) {
+    ZObject* parent = GetParent();
+    if (!PublishesCount() || parent == nullptr || length < 0) return RT_SUCCESS;
+    // Held across the write, so two appliers never publish out of order.
+    MutexLock lock(mMemberMutex);
+    if (length == mPublishedCount) return RT_SUCCESS;
+    const std::string field = mId + "@odata.count";
+    eRtCode rt = RedisHashSet(c, parent->GetJPath().c_str(), field.c_str(),
+                              std::to_string(length).c_str());
+    if (rt == RT_SUCCESS) mPublishedCount = static_cast<int32_t>(length);
     return rt;
 }
 

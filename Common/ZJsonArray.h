@@ -59,6 +59,11 @@ public:
     // Writes <name>@odata.count into the parent when the stored length
     // changed since the last publication. `c` may be null.
     eRtCode UpdateParentOdataCount(redisContext* c);
+    // The same with the stored length `length` already read by the caller
+    // (an apply reads it in its own round trip).
+    eRtCode PublishCount(redisContext* c, long long length);
+    // Whether the array publishes its count in its parent.
+    bool PublishesCount();
     eRtCode CleanItemsFromRedis(redisContext* c);
     // A channel list whose clearing left other processes' channels in it.
     // Read by the thread that made the array, right after its constructor.

@@ -65,6 +65,12 @@ TEST(OrbelStrings, StripDropsNonPrintableAndGivenBytesAtTheEdgesOnly) {
         {" \t- ", " -", "", ""},
         {"", "x", "", ""},
         {std::string("ab\0", 3), "", std::string("ab\0", 3), "ab"},
+        // Well-formed UTF-8 is text, whole; stray and cut sequences go.
+        {"25 \xC2\xB0", " ", "25 \xC2\xB0", "25 \xC2\xB0"},
+        {"\xC3\xA9t\xC3\xA9 \xE2\x82\xAC \x80", " ", "\xC3\xA9t\xC3\xA9 \xE2\x82\xAC \x80",
+         "\xC3\xA9t\xC3\xA9 \xE2\x82\xAC"},
+        {"\xA9\xF0\x9F\x98\x80x\xE2\x82", "", "\xF0\x9F\x98\x80x\xE2\x82", "\xA9\xF0\x9F\x98\x80x"},
+        {"-----END-----\n", " ", "-----END-----\n", "-----END-----"},
     };
     for (const auto& [text, chars, left, right] : cases) {
         EXPECT_EQ(StringLeftStrip(text, chars), left) << "[" << text << "]";

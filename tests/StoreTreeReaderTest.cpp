@@ -62,6 +62,7 @@ protected:
                    {"&&ArraySimple Names &&" + sys + "/Names", ""},
                    {"&&ObjectRef Manager /redfish/v1/Managers/1", ""},
                    {"&&Object Missing &&" + sys + "/Missing", ""},
+                   {"&&Array Gone &&" + sys + "/Gone", ""},
                    {"&&Array GETQ &&" + sys + "/GETQ", ""},
                    {"&&Array PATCHQ &&" + sys + "/PATCHQ", ""},
                    {"&&EnableChecklist", "true"},
@@ -95,7 +96,7 @@ protected:
 const char kSystemBody[] =
     R"({"@odata.id":"/redfish/v1/Systems/1","@odata.type":"#ComputerSystem.v1_0_0.ComputerSystem",)"
     R"("Empty":null,"Fans":[{"Rpm":1200},{"Rpm":1300},{"@odata.id":"/redfish/v1/Chassis/1"}],)"
-    R"("Hidden":false,"Manager":{"@odata.id":"/redfish/v1/Managers/1"},"Missing":null,)"
+    R"("Gone":[],"Hidden":false,"Manager":{"@odata.id":"/redfish/v1/Managers/1"},"Missing":null,)"
     R"("Name":"abc","Names":["a","b"],"Nothing":null,"Offset":-42,"PoweredOn":true,)"
     R"("Ratio":1.500000,"Raw":{"a":[1,2]},"Serial":18446744073709551615,)"
     R"("Status":{"Health":"OK","Oem":{"Up":null,"Vendor":"Pell"}},"Word":"say \"hi\""})";
@@ -118,6 +119,7 @@ TEST_F(StoreTreeReaderTest, ResourceBodyFollowsLinksAndLeavesOutRoutingAndMeta) 
         std::string(kSystemBody + 1);
     EXPECT_EQ(StoreDoc("/redfish/v1/Systems/1", true), meta);
 
+    // (An array whose list is missing is empty: Redis keeps no empty list.)
     // A nested node read on its own: the cycle back to it is cut one level
     // lower than above.
     EXPECT_EQ(StoreDoc("&&/redfish/v1/Systems/1/Status/Oem"),

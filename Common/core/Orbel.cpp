@@ -87,6 +87,19 @@ bool IsStripped(char ch, const std::string& chars) {
     return !IsPrintableByte(ch) || chars.find(ch) != std::string::npos;
 }
 
+// The bytes above 0x7E are text when they make a well-formed UTF-8
+// character: a strip keeps such a character whole, and drops only stray
+// bytes (and control bytes, and `chars`).
+// Length of the character that ends at s[end - 1], 0 when those bytes are
+// not the end of one.
+size_t Utf8CharEndingAt(const std::string& s, size_t end) {
+    for (size_t len = 2; len <= 4 && len <= end; ++len) {
+        const unsigned char lead = static_cast<unsigned char>(s[end - len]);
+        if (lead < 0x80 || lead > 0xBF) return Utf8CharLength(s, end - len) == len ? len : 0;
+    }
+    return 0;
+}
+
 }  // namespace
 
 bool IsSignedNumString(const std::string& s) {
@@ -150,14 +163,47 @@ bool IsProtocolPortValid(const std::string& port) {
 
 std::string StringLeftStrip(const std::string& s, const std::string& chars) {
     size_t begin = 0;
-    while (begin < s.size() && IsStripped(s[begin], chars)) ++begin;
+    while (begin < s.size() && IsStripped(s[begin], chars) && Utf8CharLength(s, begin) < 2) {
+        ++begin;
+    }
     return s.substr(begin);
 }
 
 std::string StringRightStrip(const std::string& s, const std::string& chars) {
     size_t end = s.size();
-    while (end > 0 && IsStripped(s[end - 1], chars)) --end;
+    while (end > 0 && IsStripped(s[end - 1], chars) &&
+           (static_cast<unsigned char>(s[end - 1]) < 0x80 || Utf8CharEndingAt(s, end) == 0)) {
+        --end;
+    }
     return s.substr(0, end);
+}
+
+size_t Utf8CharLength(const std::string& s, size_t i) {
+    if (i >= s.size()) return 0;
+    const auto b = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
+    const unsigned char b0 = b(i);
+    if (b0 < 0x80) return 1;
+    size_t len = 0;
+    unsigned char lo = 0x80, hi = 0xBF;
+    if (b0 >= 0xC2 && b0 <= 0xDF) {
+        len = 2;
+    } else if (b0 >= 0xE0 && b0 <= 0xEF) {
+        len = 3;
+        if (b0 == 0xE0) lo = 0xA0;
+        if (b0 == 0xED) hi = 0x9F;
+    } else if (b0 >= 0xF0 && b0 <= 0xF4) {
+        len = 4;
+        if (b0 == 0xF0) lo = 0x90;
+        if (b0 == 0xF4) hi = 0x8F;
+    } else {
+        return 0;
+    }
+    if (i + len > s.size()) return 0;
+    if (b(i + 1) < lo || b(i + 1) > hi) return 0;
+    for (size_t k = 2; k < len; ++k) {
+        if (b(i + k) < 0x80 || b(i + k) > 0xBF) return 0;
+    }
+    return len;
 }
 
 int StringFindChar(unsigned int start, const std::string& s, const std::string& chars) {

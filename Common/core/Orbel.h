@@ -53,8 +53,14 @@ bool IsProtocolPortValid(const std::string& port); // digits only, then the int 
 // Stripping, searching, splitting.
 // ---------------------------------------------------------------------------
 // Drop the leading (trailing) run of bytes that are non-printable or in `chars`.
+// A well-formed UTF-8 character is printable text and stays whole; control
+// bytes, DEL and stray bytes above 0x7F go.
 std::string StringLeftStrip(const std::string& s, const std::string& chars);
 std::string StringRightStrip(const std::string& s, const std::string& chars);
+// Length (1 to 4) of the well-formed UTF-8 character at s[i]; 0 when the
+// bytes there are not one (overlong forms, surrogates, code points past
+// U+10FFFF, a cut sequence) or i is past the end.
+size_t Utf8CharLength(const std::string& s, size_t i);
 // First index >= start whose byte is in `chars`; -1 when none or start past end.
 int StringFindChar(unsigned int start, const std::string& s, const std::string& chars);
 // Pieces between `delim`s; a trailing delimiter adds no empty piece.

@@ -623,6 +623,70 @@ eRtCode RedisPipelineArgs(redisContext* c, const sRedisArgs* commands, size_t n,
     return RT_SUCCESS;
 }
 
+namespace {
+
+// "HSET <key> <field> <value>", "RPUSH <key> <value>", "LSET <key> <index>
+// <value>": the command's first words, values masked, as a failure shows it.
+std::string ShownCommand(const std::vector<std::string>& argv) {
+    std::string shown;
+    const std::string word = argv.empty() ? std::string() : argv[0];
+    const bool hash = word == "HSET";
+    const size_t words = hash || word == "LSET" || word == "LREM" ? 4 : 3;
+    for (size_t i = 0; i < words && i < argv.size(); ++i) {
+        if (i != 0) shown += ' ';
+        if (hash ? i == 3 : i >= 2) {
+            shown += MaskSecretValue(hash ? argv[2] : argv[1], argv[i].c_str());
+        } else {
+            shown += argv[i];
+        }
+    }
+    return shown;
+}
+
+}  // namespace
+
+eRtCode RedisPipelineWrites(redisContext* c, std::vector<sRedisPipelineCmd>& cmds) {
+    if (cmds.empty()) return RT_SUCCESS;
+    for (sRedisPipelineCmd& cmd : cmds) cmd.result = RT_FAILURE;
+    RedisCallConnection ctx(c);
+    ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
+    std::vector<const char*> argv;
+    std::vector<size_t> lens;
+    size_t queued = 0;
+    for (; queued < cmds.size(); ++queued) {
+        argv.clear();
+        lens.clear();
+        for (const std::string& a : cmds[queued].argv) {
+            argv.push_back(a.data());
+            lens.push_back(a.size());
+        }
+        if (!AppendArgv(ctx.get(), argv.size(), argv.data(), lens.data())) break;
+    }
+    // Every queued command is read, so that no later call of the connection
+    // reads these replies as its own.
+    DrainDeferred(ctx.get());
+    eRtCode rt = queued == cmds.size() ? RT_SUCCESS : RT_FAILURE;
+    for (size_t i = 0; i < cmds.size(); ++i) {
+        sRedisPipelineCmd& cmd = cmds[i];
+        ReplyPtr reply = i < queued ? ReadReply(ctx.get()) : ReplyPtr();
+        if (!reply) {
+            ZLOG(eZLogError, "Command[%s] reply is NULL. err[%s]\n",
+                 ShownCommand(cmd.argv).c_str(), ctx.get()->errstr);
+            rt = RT_FAILURE;
+            continue;
+        }
+        if (reply->type == REDIS_REPLY_ERROR) {
+            RedisDumpReply(cmd.argv.empty() ? "" : cmd.argv[0].c_str(), reply.get());
+            ZLOG(eZLogError, "Command[%s] reply failed.\n", ShownCommand(cmd.argv).c_str());
+            rt = RT_FAILURE;
+            continue;
+        }
+        if (reply->type == REDIS_REPLY_INTEGER) cmd.integer = reply->integer;
+        cmd.result = RT_SUCCESS;
+    }
+    return rt;
+}
+
 eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string message,
                               int64_t* receivers) {
     if (receivers != nullptr) *receivers = 0;

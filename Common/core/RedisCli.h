@@ -37,6 +37,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "OrbelDefs.h"
@@ -153,6 +154,19 @@ void RedisDrainDeferred(redisContext* c);
 // read, 2 when the connection failed (the commands left have 2).
 eRtCode RedisPipeline(redisContext* c, const std::vector<std::vector<std::string>>& commands,
                       std::vector<eRtCode>& results);
+// One command of a pipeline of writes (RedisPipelineWrites).
+struct sRedisPipelineCmd {
+    std::vector<std::string> argv;
+    eRtCode result = RT_FAILURE;  // 0 when the reply came and is not an error
+    long long integer = -1;      // an integer reply's value
+};
+// Sends every command in one round trip and reads every reply, in order. A
+// command whose reply is missing or an error fails, logged with its first
+// words as the single-command wrappers show them ("Command[HSET <key>
+// <field> <value>] reply failed.", "... reply is NULL. err[%s]"; a value is
+// masked when its field, or for a list its key, names a secret). Returns 0
+// when every command succeeded, else 2. An empty list sends nothing.
+eRtCode RedisPipelineWrites(redisContext* c, std::vector<sRedisPipelineCmd>& cmds);
 // `receivers`, when given, gets the number of subscribers that got it.
 eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string message,
                               int64_t* receivers = nullptr);

@@ -127,6 +127,7 @@ ZObject::~ZObject() {
     FreeNodeLists(mRedisCmdQueue, mChildList, mReferenceTo);
     delete mRawJson;
     delete mWritten.load();
+    delete mTextLinks;
 }
 
 eRtCode ZObject::Initial() {

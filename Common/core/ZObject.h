@@ -17,7 +17,8 @@
 //
 // Writes. HashWrite/ListWrite/HashRemove/ListRemove queue one store command
 // each on the node; ApplyRedisChanges writes the queue (recursively) to the
-// store, one command at a time. The tree's bookkeeping (children,
+// store, each field once, in one pipelined round trip (docs/wire-protocol.md
+// section 1.5). The tree's bookkeeping (children,
 // references) changes at once, the store only when applied.
 //
 // Threads. Any thread may work on any node. Each node has two locks (the
@@ -376,6 +377,15 @@ protected:
     void _ClearRedisCache();
 
     eRtCode _HashWrite(sObjectChange* change, eObjChgAction action, const std::string& name);
+    // A property is one field in one form: before `change` (about to be
+    // written as property `name`) is queued, queues the removal of the field
+    // of any other form that holds the property (retiring an owned node, as
+    // HashRemove does), and notes the form written.
+    void _ReplaceOtherForms(const std::string& name, const sObjectChange* change);
+    // The property's bit in mPlainBits / mLinkBits.
+    static uint32_t _PropertyBit(const std::string& name);
+    // Drops a removed text link field from mTextLinks.
+    void _ForgetTextLink(const std::string& field);
     eRtCode _ListWrite(sObjectChange* change, eObjChgAction action, int index);
     eRtCode _ListWrite(sObjectChange* change, eObjChgAction action, const std::string& text);
     eRtCode _ObjChg2RedisCmd(sObjectChange* change, sRedisCmdItem* item);
@@ -431,6 +441,10 @@ protected:
     // The meta key under which `referrer` holds this node, without logging.
     bool _MetaKeyOf(ZObject* referrer, std::string* metaKey);
     eRtCode _ApplyOneItem(redisContext* c, sRedisCmdItem* item);
+    // Turns a whole queue into store commands (ZObject_RedisCache.cpp): into
+    // the thread's apply pipeline on `c` when one is open, else sent at once
+    // in one round trip. Takes the items' texts (the caller frees the items).
+    eRtCode _ApplyQueue(redisContext* c, std::vector<sRedisCmdItem*>& queue);
     // Rewrites the link that `referrer` holds under `metaKey` in the store at
     // once (destroy mode relink).
     void _RelinkInStore(ZObject* referrer, const std::string& metaKey);
@@ -481,6 +495,15 @@ protected:
     // a header and a tree node on the heap. Lookups scan it.
     std::vector<std::pair<ZObject*, std::string>> mReferencedBy GUARDED_BY(mTreeMutex);
     std::set<ZObject*>* mReferenceTo GUARDED_BY(mTreeMutex) = nullptr;
+    // Which forms this node's hash may hold a property in (bit
+    // _PropertyBit(name)): plain fields, link fields ("&&Object", "&&Array",
+    // "&&ObjectRef"). A bit that is set only asks for a closer look; one that
+    // is clear proves the form was never written, so most writes cost no
+    // search. The fields of links given as text, the one form no node
+    // remembers, are kept by name (made on first use).
+    uint32_t mPlainBits GUARDED_BY(mTreeMutex) = 0;
+    uint32_t mLinkBits GUARDED_BY(mTreeMutex) = 0;
+    std::vector<std::string>* mTextLinks GUARDED_BY(mTreeMutex) = nullptr;
 
     std::atomic<int32_t> mUsingCount{0};
     std::atomic<bool> mListsOpen{false};  // see _ListsOpen()

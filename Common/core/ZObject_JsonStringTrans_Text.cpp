@@ -20,34 +20,7 @@ bool IsBlank(char ch) {
     return ch == ' ' || ch == '\t' || ch == '\n' || ch == '\r';
 }
 
-// Length of the well-formed UTF-8 sequence at s[i]; 0 when the bytes there
-// are not one (overlong forms, surrogates, code points past U+10FFFF).
-size_t Utf8SeqLen(const std::string& s, size_t i) {
-    const auto b = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
-    const unsigned char b0 = b(i);
-    if (b0 < 0x80) return 1;
-    size_t len = 0;
-    unsigned char lo = 0x80, hi = 0xBF;
-    if (b0 >= 0xC2 && b0 <= 0xDF) {
-        len = 2;
-    } else if (b0 >= 0xE0 && b0 <= 0xEF) {
-        len = 3;
-        if (b0 == 0xE0) lo = 0xA0;
-        if (b0 == 0xED) hi = 0x9F;
-    } else if (b0 >= 0xF0 && b0 <= 0xF4) {
-        len = 4;
-        if (b0 == 0xF0) lo = 0x90;
-        if (b0 == 0xF4) hi = 0x8F;
-    } else {
-        return 0;
-    }
-    if (i + len > s.size()) return 0;
-    if (b(i + 1) < lo || b(i + 1) > hi) return 0;
-    for (size_t k = 2; k < len; ++k) {
-        if (b(i + k) < 0x80 || b(i + k) > 0xBF) return 0;
-    }
-    return len;
-}
+size_t Utf8SeqLen(const std::string& s, size_t i) { return Utf8CharLength(s, i); }
 
 // An explicit stack of open containers instead of recursion, and at least
 // one byte consumed per step.

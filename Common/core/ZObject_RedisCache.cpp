@@ -2,7 +2,10 @@
 // written to the store when the node (usually the resource, recursively) is
 // applied. The layout of the texts is the wire format the front end reads
 // (docs/wire-protocol.md).
+#include <algorithm>
+#include <cstddef>
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <utility>
 
@@ -246,6 +249,9 @@ eRtCode ZObject::ApplyObjectChanges(sObjectChange* change) {
                 delete item;
                 return rt;
             }
+            if (change->tableKind == eObjTableHash && change->key.compare(0, 12, "&&ObjectRef ") == 0) {
+                _ForgetTextLink(change->key);
+            }
             AppendRedisChange(item);
             retire = value;
             break;
@@ -382,6 +388,160 @@ eRtCode ZObject::_ApplyOneItem(redisContext* c, sRedisCmdItem* item) {
     }
 }
 
+namespace {
+
+// The store commands of one apply (the top-level ApplyRedisChanges and its
+// recursion on one connection), sent in one round trip when it ends. Arrays
+// that publish a count read their length in the same round trip and publish
+// it after. One per thread while an apply runs.
+struct sApplyPipeline {
+    redisContext* c = nullptr;
+    std::vector<sRedisPipelineCmd> cmds;
+    // An array (held by a using count) and the position of its LLEN.
+    std::vector<std::pair<ZJsonArray*, size_t>> counts;
+
+    // Sends everything; publishes the counts. 0, or 2 when a command failed.
+    eRtCode Flush() {
+        eRtCode rt = RedisPipelineWrites(c, cmds);
+        for (const auto& [array, at] : counts) {
+            if (cmds[at].result == RT_SUCCESS &&
+                array->PublishCount(c, cmds[at].integer) != RT_SUCCESS) {
+                rt = RT_FAILURE;
+            }
+            array->DecreaseUsingCount();
+        }
+        cmds.clear();
+        counts.clear();
+        return rt;
+    }
+};
+
+thread_local sApplyPipeline* tPipeline = nullptr;
+
+// Held by a pipelined apply from its first command to its flush. A node's
+// commands used to reach the store under its queue lock, in call order;
+// gathered into a pipeline they leave after the lock is given back, so two
+// threads applying the same node must not overtake each other: applies send
+// one at a time (each is one round trip). Taken before any node lock and
+// never while holding one.
+std::mutex gApplyOrder;
+
+sRedisPipelineCmd Cmd(std::vector<std::string> argv) {
+    sRedisPipelineCmd cmd;
+    cmd.argv = std::move(argv);
+    return cmd;
+}
+
+}  // namespace
+
+eRtCode ZObject::_ApplyQueue(redisContext* c, std::vector<sRedisCmdItem*>& queue) {
+    // Each field or element is written once per apply. A hash gets one HDEL
+    // of the fields whose last change removes them, then one HSET of the
+    // fields whose last change sets them (with that value): the store ends
+    // as the changes one by one would leave it. A list gets one RPUSH per
+    // run of appends (overwrites and removals keep their place between the
+    // runs), and its count is refreshed once, after the last item. A failed
+    // command fails the items it carried: logged, dropped, and the apply
+    // returns 2.
+    sApplyPipeline own;
+    sApplyPipeline* out = tPipeline != nullptr && tPipeline->c == c ? tPipeline : &own;
+    own.c = c;
+    eRtCode rt = RT_SUCCESS;
+    const bool multi = (mAttribute & ATTR_MultiBackend) != 0;
+    if (mType != eJsonArray) {
+        // A node's queue is short: a scan finds a field set before.
+        std::vector<std::pair<std::string, std::string>> sets;
+        std::vector<std::string> dels;
+        const auto setOf = [&sets](const std::string& field) {
+            return std::find_if(sets.begin(), sets.end(),
+                                [&field](const auto& s) { return s.first == field; });
+        };
+        for (sRedisCmdItem* item : queue) {
+            if (item->action == eObjChgUpdate || item->action == eObjChgCreate) {
+                auto found = setOf(item->key);
+                if (found == sets.end()) {
+                    sets.emplace_back(std::move(item->key), std::move(item->value));
+                } else {
+                    found->second = std::move(item->value);
+                }
+            } else if (item->action == eObjChgRemove) {
+                auto found = setOf(item->key);
+                // Set, then removed: only the removal reaches the store.
+                if (found != sets.end()) sets.erase(found);
+                if (std::find(dels.begin(), dels.end(), item->key) == dels.end()) {
+                    dels.push_back(item->key);
+                }
+            } else if (_ApplyOneItem(c, item) != RT_SUCCESS) {  // logs the unknown action
+                rt = RT_FAILURE;
+            }
+        }
+        if (!dels.empty()) {
+            std::vector<std::string> argv = {"HDEL", mJPath};
+            for (std::string& f : dels) {
+                if (multi) _ForgetWritten(f);
+                argv.push_back(std::move(f));
+            }
+            out->cmds.push_back(Cmd(std::move(argv)));
+        }
+        if (!sets.empty()) {
+            std::vector<std::string> argv;
+            argv.reserve(2 + 2 * sets.size());
+            argv.push_back("HSET");
+            argv.push_back(mJPath);
+            for (auto& [field, value] : sets) {
+                // A shared resource's "@odata." fields describe the resource
+                // itself, the same from every backend: one backend leaving
+                // must not take them along.
+                if (multi && !(IsResourceType() && field.compare(0, 7, "@odata.") == 0)) {
+                    _NoteWritten(field);
+                }
+                argv.push_back(std::move(field));
+                argv.push_back(std::move(value));
+            }
+            out->cmds.push_back(Cmd(std::move(argv)));
+        }
+    } else {
+        size_t i = 0;
+        while (i < queue.size()) {
+            sRedisCmdItem* item = queue[i];
+            if (item->action == eObjChgCreate) {
+                std::vector<std::string> argv = {"RPUSH", mJPath};
+                for (; i < queue.size() && queue[i]->action == eObjChgCreate; ++i) {
+                    if (multi) _NoteWritten(queue[i]->value);
+                    argv.push_back(std::move(queue[i]->value));
+                }
+                out->cmds.push_back(Cmd(std::move(argv)));
+                continue;
+            }
+            ++i;
+            if (item->action == eObjChgUpdate) {
+                out->cmds.push_back(Cmd({"LSET", mJPath, item->key, std::move(item->value)}));
+            } else if (item->action == eObjChgRemove) {
+                // Another backend's elements are not this process's to remove.
+                if (multi && !_ForgetWritten(item->key)) {
+                    ZLOG(eZLogError, "Unknown item[%s] in Object[%s].\n", item->key.c_str(),
+                         mJPath.c_str());
+                    rt = RT_FAILURE;
+                    continue;
+                }
+                // A node text goes wherever it stands, any other value once.
+                const char* count = IsACorvelMetaKey(item->key) ? "0" : "1";
+                out->cmds.push_back(Cmd({"LREM", mJPath, count, item->key}));
+            } else if (_ApplyOneItem(c, item) != RT_SUCCESS) {
+                rt = RT_FAILURE;
+            }
+        }
+        auto* list = static_cast<ZJsonArray*>(this);
+        if (!queue.empty() && list->PublishesCount()) {
+            IncreaseUsingCount();  // released by the flush
+            out->counts.emplace_back(list, out->cmds.size());
+            out->cmds.push_back(Cmd({"LLEN", mJPath}));
+        }
+    }
+    if (out == &own && own.Flush() != RT_SUCCESS) rt = RT_FAILURE;
+    return rt;
+}
+
 eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
     if (c == nullptr) {
         ZLOG(eZLogError, "Redis context is NULL.\n");
@@ -390,17 +550,25 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
     // RawJson items are JSON texts for the root's document, not fields.
     if (mIsRawJson) return ApplyRedisChanges(recursive, c);
     // A failed command is logged by the store client and dropped, not
-    // retried; the apply as a whole then reports failure.
+    // retried; the apply as a whole then reports failure. The first apply
+    // on this thread and connection gathers the commands of the whole
+    // recursion and sends them in one round trip at its end.
+    sApplyPipeline pipeline;
+    const bool top = tPipeline == nullptr;
+    std::unique_lock<std::mutex> order(gApplyOrder, std::defer_lock);
+    if (top) {
+        order.lock();
+        pipeline.c = c;
+        tPipeline = &pipeline;
+    }
     eRtCode rt = RT_SUCCESS;
     {
         // Held for the whole queue: writes from other threads wait, so a
         // node's commands reach the store in call order.
         MutexLock lock(mQueueMutex);
         if (mRedisCmdQueue != nullptr) {
-            for (sRedisCmdItem* item : *mRedisCmdQueue) {
-                if (_ApplyOneItem(c, item) != RT_SUCCESS) rt = RT_FAILURE;
-                delete item;
-            }
+            if (_ApplyQueue(c, *mRedisCmdQueue) != RT_SUCCESS) rt = RT_FAILURE;
+            for (sRedisCmdItem* item : *mRedisCmdQueue) delete item;
             delete mRedisCmdQueue;  // made again by the next write
             mRedisCmdQueue = nullptr;
         }
@@ -414,6 +582,10 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
             if (child->ApplyRedisChanges(true, c) != RT_SUCCESS) rt = RT_FAILURE;
             child->DecreaseUsingCount();
         }
+    }
+    if (top) {
+        tPipeline = nullptr;
+        if (pipeline.Flush() != RT_SUCCESS) rt = RT_FAILURE;
     }
     return rt;
 }

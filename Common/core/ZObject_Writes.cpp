@@ -1,7 +1,9 @@
 // A node's writes: hash and list writes, and the compound writers built on
 // them. Each write becomes one change turned into a queued store command
 // (ZObject_RedisCache.cpp). Part of ZObject.
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -221,10 +223,133 @@ eRtCode ZObject::_HashWrite(sObjectChange* change, eObjChgAction action, const s
     if (value != nullptr && !change->isLink && value->IsResourceType()) {
         static_cast<ZResource*>(value)->UpdateOdataId();
     }
+    // A RawJson node keeps one member per name already.
+    if (!mIsRawJson) _ReplaceOtherForms(name, change);
     change->action = action;
     change->tableKind = eObjTableHash;
     change->key = name;
     return ApplyObjectChanges(change);
+}
+
+namespace {
+
+// The plain fields a resource is built with have bits of their own, so that
+// a link written over one of them is always found and a link of another name
+// (its request channel lists, a collection's "Members", "Status", ...) never
+// takes them for a stale field. Other names share the remaining bits.
+const char* const kOwnBitNames[] = {"@odata.id", "@odata.type", "@odata.context", "@odata.etag",
+                                    "Members@odata.count"};
+constexpr uint32_t kOwnBits = sizeof(kOwnBitNames) / sizeof(kOwnBitNames[0]);
+
+}  // namespace
+
+uint32_t ZObject::_PropertyBit(const std::string& name) {
+    for (uint32_t i = 0; i < kOwnBits; ++i) {
+        if (name == kOwnBitNames[i]) return 1u << i;
+    }
+    // FNV-1a, folded.
+    uint32_t h = 2166136261u;
+    for (char ch : name) {
+        h ^= static_cast<unsigned char>(ch);
+        h *= 16777619u;
+    }
+    return 1u << (kOwnBits + (h ^ (h >> 16)) % (32u - kOwnBits));
+}
+
+void ZObject::_ForgetTextLink(const std::string& field) {
+    MutexLock lock(mTreeMutex);
+    if (mTextLinks == nullptr) return;
+    auto it = std::find(mTextLinks->begin(), mTextLinks->end(), field);
+    if (it != mTextLinks->end()) mTextLinks->erase(it);
+    if (mTextLinks->empty()) {
+        delete mTextLinks;
+        mTextLinks = nullptr;
+    }
+}
+
+void ZObject::_ReplaceOtherForms(const std::string& name, const sObjectChange* change) {
+    ZObject* value = change->dataKind == eObjDataObject ? change->objValue : nullptr;
+    const bool textLink = change->dataKind == eObjDataString && change->isLink;
+    const bool plain = value == nullptr && !textLink;
+    // Meta fields ("&&Async", ...) are never the name of a link field.
+    if (plain && name.compare(0, 2, "&&") == 0) return;
+    const uint32_t bit = _PropertyBit(name);
+    // The field this write makes, built only when it has to be compared.
+    const auto fieldOf = [&]() -> std::string {
+        if (value != nullptr) return _NodeLinkText(value, change->isLink, name);
+        if (textLink) return "&&ObjectRef " + name + " " + change->strValue;
+        return name;
+    };
+    bool plainSeen = false;
+    bool linkSeen = false;
+    std::string field;
+    std::vector<std::string> staleText;  // text link fields to delete
+    bool hasTextLinks = false;
+    {
+        MutexLock lock(mTreeMutex);
+        plainSeen = (mPlainBits & bit) != 0;
+        linkSeen = (mLinkBits & bit) != 0;
+        (plain ? mPlainBits : mLinkBits) |= bit;
+        hasTextLinks = mTextLinks != nullptr;
+    }
+    // Outside the lock: a node value's link text asks that node.
+    if (linkSeen || textLink) field = fieldOf();
+    if ((linkSeen && hasTextLinks) || textLink) {
+        MutexLock lock(mTreeMutex);
+        if (linkSeen && mTextLinks != nullptr) {
+            const std::string prefix = "&&ObjectRef " + name + " ";
+            for (auto it = mTextLinks->begin(); it != mTextLinks->end();) {
+                if (it->compare(0, prefix.size(), prefix) != 0) {
+                    ++it;
+                } else if (textLink && *it == field) {
+                    ++it;  // the same text again: stays noted
+                } else {
+                    // A node link of the same text is remembered by its node.
+                    if (*it != field) staleText.push_back(*it);
+                    it = mTextLinks->erase(it);
+                }
+            }
+            if (mTextLinks->empty()) {
+                delete mTextLinks;
+                mTextLinks = nullptr;
+            }
+        }
+        if (textLink) {
+            if (mTextLinks == nullptr) mTextLinks = new std::vector<std::string>();
+            if (std::find(mTextLinks->begin(), mTextLinks->end(), field) == mTextLinks->end()) {
+                mTextLinks->push_back(field);
+            }
+        }
+    }
+    const auto queueRemoval = [this](const std::string& f, ZObject* retire) {
+        sObjectChange removal;
+        removal.action = eObjChgRemove;
+        removal.tableKind = eObjTableHash;
+        removal.key = f;
+        if (retire != nullptr) {
+            removal.dataKind = eObjDataObject;
+            removal.objValue = retire;
+        }
+        ApplyObjectChanges(&removal);
+    };
+    for (const std::string& f : staleText) queueRemoval(f, nullptr);
+    if (!plain && plainSeen) queueRemoval(name, nullptr);
+    if (!linkSeen) return;
+    bool isLink = false;
+    std::string oldField;
+    ZObject* old = _FindNodeOfProperty(name, &isLink, &oldField);
+    if (old == nullptr) return;
+    UseRelease releaseOld(old);
+    if (oldField == field) return;
+    if (isLink || old == value) {
+        // A link (or the same node in another form): only the field goes.
+        RemoveReferenceTo(old);
+        old->RemoveReferencedBy(this);
+        queueRemoval(oldField, nullptr);
+    } else {
+        // Owned content replaced by another value is retired with its field.
+        queueRemoval(oldField, old);
+    }
 }
 
 // ---------------------------------------------------------------------------

@@ -69,4 +69,23 @@ bool Replay::Run(redisContext* c) const {
     return ok;
 }
 
+bool Replay::RunPipelined(redisContext* c) const {
+    bool ok = true;
+    for (const Prepared& p : mCommands) {
+        if (redisAppendCommandArgv(c, static_cast<int>(p.argv.size()),
+                                   const_cast<const char**>(p.argv.data()),
+                                   p.argvlen.data()) != REDIS_OK) {
+            return false;
+        }
+    }
+    for (size_t i = 0; i < mCommands.size(); ++i) {
+        void* raw = nullptr;
+        if (redisGetReply(c, &raw) != REDIS_OK || raw == nullptr) return false;
+        auto* r = static_cast<redisReply*>(raw);
+        if (r->type == REDIS_REPLY_ERROR) ok = false;
+        freeReplyObject(r);
+    }
+    return ok;
+}
+
 }  // namespace OrbelBench

@@ -35,6 +35,9 @@ public:
     explicit Replay(const Script& script);
     // False when a command got no reply or an error reply.
     bool Run(redisContext* c) const;
+    // The same with every command sent before the first reply is read: the
+    // whole recording in one round trip.
+    bool RunPipelined(redisContext* c) const;
     size_t Size() const { return mCommands.size(); }
 
 private:

@@ -436,9 +436,7 @@ private:
                 // A link written into "@odata.id" is the URI itself.
                 m.value = link.name == "@odata.id" ? Quote(link.target)
                                                    : RefObject(link.target, indent + 1);
-            } else if (!Node(link.target,
-                             link.word == eLinkWord::kObject ? eNodeKind::kHash : eNodeKind::kList,
-                             depth + 1, indent + 1, m.value)) {
+            } else if (!Linked(link, depth, indent, m.value)) {
                 return false;
             }
             members.push_back(std::move(m));
@@ -478,14 +476,27 @@ private:
             std::string value;
             if (link.word == eLinkWord::kObjectRef) {
                 value = RefObject(link.target, indent + 1);
-            } else if (!Node(link.target,
-                             link.word == eLinkWord::kObject ? eNodeKind::kHash : eNodeKind::kList,
-                             depth + 1, indent + 1, value)) {
+            } else if (!Linked(link, depth, indent, value)) {
                 return false;
             }
             items.push_back(std::move(value));
         }
         Container('[', ']', items, indent, out);
+        return true;
+    }
+
+    // The document that an "&&Object" or "&&Array" link names. Redis keeps
+    // no empty list, so an array whose list is missing is the empty array;
+    // a missing hash, and a key of the other kind, give null.
+    bool Linked(const sLink& link, unsigned depth, unsigned indent, std::string& out) {
+        const bool array = link.word == eLinkWord::kArray;
+        bool missing = false;
+        std::string value;
+        if (!Node(link.target, array ? eNodeKind::kList : eNodeKind::kHash, depth + 1, indent + 1,
+                  value, &missing)) {
+            return false;
+        }
+        out += missing && array ? "[]" : value;
         return true;
     }
 

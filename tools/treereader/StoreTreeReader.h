@@ -62,7 +62,9 @@ struct sStoreTreeOptions {
 // needs more than kStoreTreeMaxNodes nodes, or the store fails or goes away
 // while the document is read. Problems below the
 // requested node (a link to a missing key or to a key of the wrong type, a
-// cycle, the depth limit) are not failures: they render as null.
+// cycle, the depth limit) are not failures: they render as null, except a
+// link to an array whose list is missing, which is the empty array `[]`
+// (Redis keeps no empty list).
 //
 // The document is valid JSON whatever the store holds: members are sorted by
 // name; a value text that is empty renders as null; one that is not a JSON
