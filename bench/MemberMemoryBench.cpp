@@ -36,76 +36,14 @@
 #include "ZResourceCollection.h"
 #include "ZSchema.h"
 
-namespace {
-
-constexpr size_t kHeader = 16;  // keeps the caller's block 16-byte aligned
-std::atomic<long long> gLiveBytes{0};
-std::atomic<long long> gLiveBlocks{0};
-
 // The resident set is measured in a second run of the program without the
 // counting (whose headers would add 16 bytes to every block).
-bool Counting() {
+bool HeapCounting() {
     static const bool counting = std::getenv("ORBEL_BENCH_RSS_RUN") == nullptr;
     return counting;
 }
 
-void* CountedAlloc(size_t size) {
-    if (!Counting()) return std::malloc(size);
-    void* base = std::malloc(size + kHeader);
-    if (base == nullptr) return nullptr;
-    *static_cast<size_t*>(base) = size;
-    gLiveBytes.fetch_add(static_cast<long long>(size), std::memory_order_relaxed);
-    gLiveBlocks.fetch_add(1, std::memory_order_relaxed);
-    return static_cast<char*>(base) + kHeader;
-}
-
-void CountedFree(void* p) {
-    if (p == nullptr) return;
-    if (!Counting()) {
-        std::free(p);
-        return;
-    }
-    void* base = static_cast<char*>(p) - kHeader;
-    gLiveBytes.fetch_sub(static_cast<long long>(*static_cast<size_t*>(base)),
-                         std::memory_order_relaxed);
-    gLiveBlocks.fetch_sub(1, std::memory_order_relaxed);
-    std::free(base);
-}
-
-}  // namespace
-
-void* operator new(size_t size) {
-    void* p = CountedAlloc(size);
-    if (p == nullptr) throw std::bad_alloc();
-    return p;
-}
-void* operator new[](size_t size) {
-    return operator new(size);
-}
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    return CountedAlloc(size);
-}
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-    return CountedAlloc(size);
-}
-void operator delete(void* p) noexcept {
-    CountedFree(p);
-}
-void operator delete[](void* p) noexcept {
-    CountedFree(p);
-}
-void operator delete(void* p, size_t) noexcept {
-    CountedFree(p);
-}
-void operator delete[](void* p, size_t) noexcept {
-    CountedFree(p);
-}
-void operator delete(void* p, const std::nothrow_t&) noexcept {
-    CountedFree(p);
-}
-void operator delete[](void* p, const std::nothrow_t&) noexcept {
-    CountedFree(p);
-}
+#include "HeapCounting.h"
 
 namespace {
 
@@ -155,7 +93,7 @@ int main(int argc, char** argv) {
     ZSchema systems("ComputerSystemCollection", "", ZSchema::CRUDQ_READ, "ComputerSystem");
     ZSchema system("ComputerSystem", "v1_20_0", ZSchema::CRUDQ_READ | ZSchema::CRUDQ_UPDATE);
     auto* coll = new ZResourceCollection(nullptr, &systems, "/redfish/v1/Systems");
-    if (!Counting()) {
+    if (!HeapCounting()) {
         // The second run: the members alone, then the resident set.
         {
             RedisConnectionScope scope;

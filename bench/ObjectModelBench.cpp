@@ -63,71 +63,10 @@
 #include "ZResourceCollection.h"
 #include "ZSchema.h"
 
-// ---------------------------------------------------------------------------
-// Heap accounting: every operator new of the process is counted, with its
-// requested size kept in a header so that delete can subtract it. hiredis
-// allocates with malloc and is not counted (its buffers live only while a
-// command is under way).
-// ---------------------------------------------------------------------------
+// Heap accounting: every operator new of the process is counted.
+bool HeapCounting() { return true; }
 
-namespace {
-
-constexpr size_t kHeader = 16;  // keeps the caller's block 16-byte aligned
-std::atomic<long long> gLiveBytes{0};
-std::atomic<long long> gLiveBlocks{0};
-
-void* CountedAlloc(size_t size) {
-    void* base = std::malloc(size + kHeader);
-    if (base == nullptr) return nullptr;
-    *static_cast<size_t*>(base) = size;
-    gLiveBytes.fetch_add(static_cast<long long>(size), std::memory_order_relaxed);
-    gLiveBlocks.fetch_add(1, std::memory_order_relaxed);
-    return static_cast<char*>(base) + kHeader;
-}
-
-void CountedFree(void* p) {
-    if (p == nullptr) return;
-    void* base = static_cast<char*>(p) - kHeader;
-    gLiveBytes.fetch_sub(static_cast<long long>(*static_cast<size_t*>(base)),
-                         std::memory_order_relaxed);
-    gLiveBlocks.fetch_sub(1, std::memory_order_relaxed);
-    std::free(base);
-}
-
-}  // namespace
-
-void* operator new(size_t size) {
-    void* p = CountedAlloc(size);
-    if (p == nullptr) throw std::bad_alloc();
-    return p;
-}
-void* operator new[](size_t size) {
-    return operator new(size);
-}
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    return CountedAlloc(size);
-}
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-    return CountedAlloc(size);
-}
-void operator delete(void* p) noexcept {
-    CountedFree(p);
-}
-void operator delete[](void* p) noexcept {
-    CountedFree(p);
-}
-void operator delete(void* p, size_t) noexcept {
-    CountedFree(p);
-}
-void operator delete[](void* p, size_t) noexcept {
-    CountedFree(p);
-}
-void operator delete(void* p, const std::nothrow_t&) noexcept {
-    CountedFree(p);
-}
-void operator delete[](void* p, const std::nothrow_t&) noexcept {
-    CountedFree(p);
-}
+#include "HeapCounting.h"
 
 namespace {
 
