@@ -101,11 +101,12 @@ TEST_F(JsonTextTest, LinksNestedContainersAndTrailingSeparators) {
                                   sys),
               RT_SUCCESS);
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
-    // An empty container has no key in the store, so it reads as null.
+    // An empty container has no key in the store; the reader gives it back
+    // as the empty value of its kind.
     EXPECT_EQ(StoreDoc(kSys),
               std::string("{\"@odata.id\":") + kSysId +
                   ",\"Bare\":{\"@odata.id\":\"/redfish/v1/Chassis/1\"},"
-                  "\"Boot\":{\"Order\":[\"Pxe\",\"Hdd\"]},\"Empty\":null,"
+                  "\"Boot\":{\"Order\":[\"Pxe\",\"Hdd\"]},\"Empty\":{},"
                   "\"Fans\":[{\"Name\":\"F0\"},{\"Name\":\"F1\",\"Oem\":{\"Rpm\":900}}],"
                   "\"Items\":[{\"@odata.id\":\"/redfish/v1/A\"},\"b\"],"
                   "\"Link\":{\"@odata.id\":\"/redfish/v1/Managers/1\"},"
@@ -283,7 +284,7 @@ TEST_F(JsonTextTest, EveryPrefixOfAValidTextFailsCleanlyAndTheWholeSucceeds) {
                       "{\"@odata.id\":\"" + uri +
                           "\",\"Count\":12,\"Link\":{\"@odata.id\":\"/redfish/v1/Managers/1\"},"
                           "\"List\":[1,\"a\",{\"K\":[true,null]},[2]],\"Name\":\"n 1\","
-                          "\"On\":false,\"Ratio\":-0.250000,\"Status\":{\"Oem\":null,"
+                          "\"On\":false,\"Ratio\":-0.250000,\"Status\":{\"Oem\":{},"
                           "\"State\":\"Enabled\"},\"X\":null,"
                           "\"target\":\"/redfish/v1/x/Actions/y\"}");
         } else {
@@ -414,7 +415,7 @@ TEST_F(JsonTextTest, DocumentsOfEveryShapeReadBackAsWritten) {
     // Small documents in the shapes of the public mockups: the id given by
     // the document (also one that differs from the place), nested objects
     // and arrays, arrays of links, of objects and of arrays, empty arrays (a
-    // collection's Members too), text above ASCII at the end of a string.
+    // collection's Members too) and objects, text above ASCII at the end of a string.
     const char* const docs[] = {
         R"({"@odata.id":"/redfish/v1/Doc/0","@odata.type":"#Chassis.v1_0_0.Chassis","Id":"1",
             "Name":"Chassis 25 °","Location":"café","Count":3,"Neg":-2,"Ratio":0.5,"On":true,
@@ -422,7 +423,7 @@ TEST_F(JsonTextTest, DocumentsOfEveryShapeReadBackAsWritten) {
             "Links":{"ComputerSystems":[{"@odata.id":"/redfish/v1/Systems/1"},
                                         {"@odata.id":"/redfish/v1/Systems/2"}],
                      "ManagedBy":[],"Manager":{"@odata.id":"/redfish/v1/Managers/1"}},
-            "Thermal":{"@odata.id":"/redfish/v1/Chassis/1/Thermal"}})",
+            "Thermal":{"@odata.id":"/redfish/v1/Chassis/1/Thermal"},"Oem":{}})",
         R"({"@odata.id":"/redfish/v1/Doc/1","Name":"Empty Collection","Members":[],
             "Members@odata.count":0})",
         R"({"@odata.id":"/redfish/v1/Elsewhere/7","Fans":[{"Name":"Fan 0","Reading":1200,

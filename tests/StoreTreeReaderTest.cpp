@@ -96,7 +96,7 @@ protected:
 const char kSystemBody[] =
     R"({"@odata.id":"/redfish/v1/Systems/1","@odata.type":"#ComputerSystem.v1_0_0.ComputerSystem",)"
     R"("Empty":null,"Fans":[{"Rpm":1200},{"Rpm":1300},{"@odata.id":"/redfish/v1/Chassis/1"}],)"
-    R"("Gone":[],"Hidden":false,"Manager":{"@odata.id":"/redfish/v1/Managers/1"},"Missing":null,)"
+    R"("Gone":[],"Hidden":false,"Manager":{"@odata.id":"/redfish/v1/Managers/1"},"Missing":{},)"
     R"("Name":"abc","Names":["a","b"],"Nothing":null,"Offset":-42,"PoweredOn":true,)"
     R"("Ratio":1.500000,"Raw":{"a":[1,2]},"Serial":18446744073709551615,)"
     R"("Status":{"Health":"OK","Oem":{"Up":null,"Vendor":"Pell"}},"Word":"say \"hi\""})";

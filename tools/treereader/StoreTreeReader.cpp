@@ -486,8 +486,9 @@ private:
     }
 
     // The document that an "&&Object" or "&&Array" link names. Redis keeps
-    // no empty list, so an array whose list is missing is the empty array;
-    // a missing hash, and a key of the other kind, give null.
+    // no empty list and no empty hash, so an array whose list is missing is
+    // the empty array and an object whose hash is missing the empty object;
+    // a key of the other kind gives null.
     bool Linked(const sLink& link, unsigned depth, unsigned indent, std::string& out) {
         const bool array = link.word == eLinkWord::kArray;
         bool missing = false;
@@ -496,7 +497,7 @@ private:
                   value, &missing)) {
             return false;
         }
-        out += missing && array ? "[]" : value;
+        out += missing ? (array ? "[]" : "{}") : value;
         return true;
     }
 
