@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <set>
 #include <utility>
@@ -363,14 +364,19 @@ private:
                 "the document needs more than " + std::to_string(kStoreTreeMaxNodes) + " nodes";
             return false;
         }
-        ReplyPtr r = kind == eNodeKind::kHash ? Command(mC, {"HGETALL", key})
-                                              : Command(mC, {"LRANGE", key, "0", "-1"});
-        if (!r) {
+        ReplyPtr own;
+        const redisReply* r = Ahead(key, kind);
+        if (r == nullptr) {
+            own = kind == eNodeKind::kHash ? Command(mC, {"HGETALL", key})
+                                           : Command(mC, {"LRANGE", key, "0", "-1"});
+            r = own.get();
+        }
+        if (r == nullptr) {
             mError = ContextError(mC);
             return false;
         }
         if (r->type == REDIS_REPLY_ERROR) {
-            const std::string text = ReplyText(r.get());
+            const std::string text = ReplyText(r);
             if (text.compare(0, 9, "WRONGTYPE") == 0) {
                 out += "null";
                 return true;
@@ -388,9 +394,13 @@ private:
             out += "null";
             return true;
         }
+        if (!mReadAhead) {
+            mReadAhead = true;
+            ReadAhead(r, kind, depth);
+        }
         mPath.push_back(key);
-        const bool ok = kind == eNodeKind::kHash ? Hash(r.get(), depth, indent, out)
-                                                 : List(r.get(), depth, indent, out);
+        const bool ok = kind == eNodeKind::kHash ? Hash(r, depth, indent, out)
+                                                 : List(r, depth, indent, out);
         mPath.pop_back();
         return ok;
     }
@@ -595,6 +605,81 @@ private:
 
     redisContext* mC;
     const sStoreTreeOptions& mOpt;
+    // -----------------------------------------------------------------------
+    // Reading ahead. A document is a tree of keys; read one by one, a
+    // resource with a few nested objects costs a round trip per key. The
+    // first node read sends, level by level, one pipeline of the reads of
+    // every object and array the level links to, so that a document takes
+    // one round trip per level of nesting. The reads are the ones rendering
+    // would make; rendering takes them from here and reads on its own only
+    // what was not read ahead (queue lists, message nodes, keys past a
+    // limit). Ahead and on their own, the reads are not one snapshot: the
+    // store may change between them, as it may between single reads.
+    // -----------------------------------------------------------------------
+
+    static std::string AheadKey(const std::string& key, eNodeKind kind) {
+        return (kind == eNodeKind::kHash ? "h" : "l") + key;
+    }
+
+    const redisReply* Ahead(const std::string& key, eNodeKind kind) const {
+        auto it = mAhead.find(AheadKey(key, kind));
+        return it == mAhead.end() ? nullptr : it->second.get();
+    }
+
+    // The objects and arrays that reply `r`, read as `kind`, links to.
+    static void Links(const redisReply* r, eNodeKind kind,
+                      std::vector<std::pair<std::string, eNodeKind>>& out) {
+        if (r == nullptr || r->type != REDIS_REPLY_ARRAY) return;
+        const bool hash = kind == eNodeKind::kHash;
+        for (size_t i = 0; i < r->elements; i += hash ? 2 : 1) {
+            const std::string text = ReplyText(r->element[i]);
+            if (text.compare(0, 2, "&&") != 0 || (!hash && IsBareJPath(text))) continue;
+            sLink link;
+            if (!ParseLink(text, link) || link.name.empty() != !hash ||
+                link.word == eLinkWord::kObjectRef ||
+                (link.word == eLinkWord::kArray && IsQueueWord(link.name))) {
+                continue;
+            }
+            out.emplace_back(link.target, link.word == eLinkWord::kArray ? eNodeKind::kList
+                                                                         : eNodeKind::kHash);
+        }
+    }
+
+    void ReadAhead(const redisReply* root, eNodeKind kind, unsigned depth) {
+        std::vector<std::pair<std::string, eNodeKind>> level;
+        Links(root, kind, level);
+        while (!level.empty() && ++depth <= kStoreTreeMaxDepth) {
+            std::vector<std::pair<std::string, eNodeKind>> batch;
+            for (auto& node : level) {
+                if (mAhead.emplace(AheadKey(node.first, node.second), nullptr).second)
+                    batch.push_back(std::move(node));
+            }
+            if (batch.empty() || mAhead.size() > kStoreTreeMaxNodes) return;
+            size_t sent = 0;
+            for (; sent < batch.size(); ++sent) {
+                const auto& node = batch[sent];
+                const bool hash = node.second == eNodeKind::kHash;
+                const char* argv[4] = {hash ? "HGETALL" : "LRANGE", node.first.c_str(), "0", "-1"};
+                const size_t lens[4] = {hash ? 7u : 6u, node.first.size(), 1, 2};
+                if (redisAppendCommandArgv(mC, hash ? 2 : 4, argv, lens) != REDIS_OK) break;
+            }
+            level.clear();
+            // Every reply of what was sent is taken, so that none is left for
+            // a later read of the connection to take as its own.
+            for (size_t i = 0; i < sent; ++i) {
+                void* raw = nullptr;
+                // A broken connection: rendering reads again and reports it.
+                if (redisGetReply(mC, &raw) != REDIS_OK) return;
+                ReplyPtr reply(static_cast<redisReply*>(raw));
+                Links(reply.get(), batch[i].second, level);
+                mAhead[AheadKey(batch[i].first, batch[i].second)] = std::move(reply);
+            }
+            if (sent < batch.size()) return;
+        }
+    }
+
+    std::map<std::string, ReplyPtr> mAhead;  // replies read ahead, by kind and key
+    bool mReadAhead = false;                  // the first node has read ahead
     std::vector<std::string> mPath;  // keys being expanded, top first
     unsigned mNodes = 0;             // nodes read so far
     std::string mError;
