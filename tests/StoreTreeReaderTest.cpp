@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -108,7 +109,18 @@ const char kCollectionBody[] =
 
 TEST_F(StoreTreeReaderTest, ResourceBodyFollowsLinksAndLeavesOutRoutingAndMeta) {
     StoreSystem();
+    // Read a level of nesting at a time: TYPE, the resource, one pipeline
+    // for each of the two levels below it (key by key it took 10 reads).
+    const auto reads = [this] {
+        Reply r(static_cast<redisReply*>(redisCommand(mConn.get(), "INFO stats")));
+        const std::string info = r ? std::string(r->str, r->len) : std::string();
+        const size_t at = info.find("total_reads_processed:");
+        return at == std::string::npos ? -1L : std::atol(info.c_str() + at + 22);
+    };
+    const long before = reads();
     EXPECT_EQ(StoreDoc("/redfish/v1/Systems/1"), kSystemBody);
+    // 4, the reader's closing, the INFO and one pipeline split in two.
+    EXPECT_LE(reads() - before, 7L);
 
     // The debug view adds the queue lists (followed; a missing one is null)
     // and the other meta fields under their whole names.
