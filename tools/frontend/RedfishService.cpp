@@ -305,7 +305,7 @@ void RedfishService::_Read(sCall& call) {
     if (!info.resource) return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
     const std::string channel = info.channels["GETQ"];
     nlohmann::json messages = nlohmann::json::array();
-    if (!channel.empty() && !store.Fresh(call.uri)) {
+    if (!channel.empty() && !info.fresh) {
         // A dynamic resource: its plug-in refreshes it (and checks the user).
         StoreRequest::sAnswer answer =
             store.Send(channel, _Fields(call, call.method, call.uri == kServiceRoot ? "" : "Login"),

@@ -263,6 +263,7 @@ bool StoreRequest::Describe(const std::string& uri, sResourceInfo* info) {
         {"EXISTS", "&&ResourceLock:" + uri},
     };
     for (const char* q : kQueues) cmds.push_back({"LINDEX", "&&" + uri + "/" + q, "0"});
+    cmds.push_back({"HGET", "&&TTL", uri});
     for (const auto& c : cmds) {
         std::vector<const char*> argv;
         std::vector<size_t> lens;
@@ -288,6 +289,15 @@ bool StoreRequest::Describe(const std::string& uri, sResourceInfo* info) {
         const redisReply* r = replies[4 + i].get();
         if (r != nullptr && r->type == REDIS_REPLY_STRING) info->channels[kQueues[i]] = Text(r);
     }
+    const redisReply* ttl = replies.back().get();
+    info->fresh = false;
+    if (ttl != nullptr && ttl->type == REDIS_REPLY_STRING) {
+        const std::string until = Text(ttl);
+        char* end = nullptr;
+        const long long t = strtoll(until.c_str(), &end, 10);
+        info->fresh = !until.empty() && end != nullptr && *end == '\0' &&
+                      t > static_cast<long long>(time(nullptr));
+    }
     return true;
 }
 
@@ -299,14 +309,6 @@ std::string StoreRequest::Channel(const std::string& uri, const std::string& que
 std::string StoreRequest::Field(const std::string& key, const std::string& field) {
     ReplyPtr r = Command(mCmd, {"HGET", key, field});
     return (r && r->type == REDIS_REPLY_STRING) ? Text(r.get()) : std::string();
-}
-
-bool StoreRequest::Fresh(const std::string& uri) {
-    const std::string until = Field("&&TTL", uri);
-    if (until.empty()) return false;
-    char* end = nullptr;
-    const long long t = strtoll(until.c_str(), &end, 10);
-    return end != nullptr && *end == '\0' && t > static_cast<long long>(time(nullptr));
 }
 
 bool StoreRequest::WaitUnlocked(const std::string& uri, int timeoutMs) {

@@ -72,6 +72,7 @@ public:
         bool resource = false;  // as IsResource
         bool locked = false;    // its resource lock is held
         std::map<std::string, std::string> channels;  // queue word -> first channel
+        bool fresh = false;     // "&&TTL" says the stored content may still be served
     };
     // Fills `*info` for `uri` (the queue words GETQ, PATCHQ, POSTCREATEQ,
     // POSTACTIONQ, DELETEQ); false when the store cannot be asked.
@@ -86,8 +87,6 @@ public:
     std::string Channel(const std::string& uri, const std::string& queueWord);
     // One field of a hash, "" when missing.
     std::string Field(const std::string& key, const std::string& field);
-    // True while "&&TTL" says the stored content may still be served.
-    bool Fresh(const std::string& uri);
     // Waits up to `timeoutMs` while the resource lock of `uri` is held;
     // true when it is free.
     bool WaitUnlocked(const std::string& uri, int timeoutMs);
