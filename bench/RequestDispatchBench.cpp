@@ -23,6 +23,12 @@
 //                schema's three dispatchers: none lost, p50/p99, requests/s
 //   first        the time from the plug-in becoming ready (init step 5) to
 //                the answer of its first request (goal: < 1 s)
+//   PATCH        one client's PATCHes of a 10-property body through the
+//                update dispatcher (the handler writes and applies the ten
+//                properties) against the PATCH floor: HGETALL of the request
+//                and of the body, one HSET of the properties, one HSET of the
+//                answer, PUBLISH; five rounds in turn, median (goal: >= 0.7x);
+//                the plug-in's commands and round trips per PATCH
 //
 // Latency is from the HSET to the answer's arrival. By default nothing is
 // pinned (the dispatchers and clients run in parallel). With --pin the
