@@ -23,6 +23,12 @@
 //                schema's three dispatchers: none lost, p50/p99, requests/s
 //   first        the time from the plug-in becoming ready (init step 5) to
 //                the answer of its first request (goal: < 1 s)
+//   PATCH        one client's PATCHes of a 10-property body through the
+//                update dispatcher (the handler writes and applies the ten
+//                properties) against the PATCH floor: HGETALL of the request
+//                and of the body, one HSET of the properties, one HSET of the
+//                answer, PUBLISH; five rounds in turn, median (goal: >= 0.7x);
+//                the plug-in's commands and round trips per PATCH
 //
 // Latency is from the HSET to the answer's arrival. By default nothing is
 // pinned (the dispatchers and clients run in parallel). With --pin the
@@ -136,13 +142,26 @@ public:
 
     // One request; its latency in microseconds, or a negative value when no
     // answer came in time.
-    double Send(const std::string& channel, const char* method, const std::string& uri) {
+    // A non-empty `body` (name, value, ...) is stored first, untimed, the
+    // way the front end stores a body, and named in the request.
+    double Send(const std::string& channel, const char* method, const std::string& uri,
+                const std::vector<std::string>& body = {}) {
         const std::string key = "Bench:Req:" + std::to_string(mId) + ":" + std::to_string(++mSeq);
+        std::vector<std::string> req = {"HSET", key, "&&RequestMethod", method, "&&TargetURI", uri,
+                                        "&&ReturnChannel", mReturn, "&&RemoteIP", "10.0.0.1",
+                                        "&&Username", "admin", "&&AuthHeader", "BasicAuth",
+                                        "&&UserPrivNumber", "0x18", "&&OperationPrivileges",
+                                        "Login"};
+        if (!body.empty()) {
+            const std::string root = "&&" + key + "/RequestData";
+            std::vector<std::string> hset = {"HSET", root};
+            hset.insert(hset.end(), body.begin(), body.end());
+            Argv(mCmd.get(), hset);
+            req.push_back("&&RequestData");
+            req.push_back(root);
+        }
         const auto start = Clock::now();
-        Argv(mCmd.get(), {"HSET", key, "&&RequestMethod", method, "&&TargetURI", uri,
-                          "&&ReturnChannel", mReturn, "&&RemoteIP", "10.0.0.1", "&&Username",
-                          "admin", "&&AuthHeader", "BasicAuth", "&&UserPrivNumber", "0x18",
-                          "&&OperationPrivileges", "Login"});
+        Argv(mCmd.get(), req);
         Argv(mCmd.get(), {"PUBLISH", channel, key});
         bool answered = false;
         while (!answered) {
@@ -183,8 +202,13 @@ class PlainPlugin {
 public:
     // An empty script answers with the minimal protocol.
     // A script is replayed with `recordedKey` replaced by each request's key.
-    PlainPlugin(const std::string& channel, Script script, std::string recordedKey)
-        : mChannel(channel), mScript(std::move(script)), mRecordedKey(std::move(recordedKey)) {
+    // `patch` answers an update with the least traffic (PatchMinimal).
+    PlainPlugin(const std::string& channel, Script script, std::string recordedKey,
+                bool patch = false)
+        : mChannel(channel),
+          mScript(std::move(script)),
+          mRecordedKey(std::move(recordedKey)),
+          mPatch(patch) {
         mThread = std::thread([this]() { Run(); });
         // Subscribed before the first request.
         ContextPtr c = Connect();
@@ -212,7 +236,9 @@ private:
             if (r->type != REDIS_REPLY_ARRAY || r->elements != 3) continue;
             const std::string key(r->element[2]->str, r->element[2]->len);
             if (key == "QUIT") return;
-            if (mScript.empty()) {
+            if (mPatch) {
+                PatchMinimal(cmd.get(), key);
+            } else if (mScript.empty()) {
                 Minimal(cmd.get(), key);
             } else {
                 Replay(cmd.get(), key);
@@ -230,6 +256,26 @@ private:
         Argv(c, {"HSET", key, "&&ReturnStatus", "OK", "&&ExtendedInfo",
                  "/redfish/v1/Systems/1/Bench:GETQ/ExtendedInfo", "&&ResourceLock",
                  "&&ResourceLock:/redfish/v1/Systems/1"});
+        Argv(c, {"PUBLISH", ret, key});
+    }
+    // The least for an update: read the request and its body, write the
+    // body's properties into the resource's hash with one HSET, answer.
+    static void PatchMinimal(redisContext* c, const std::string& key) {
+        ReplyPtr all = Argv(c, {"HGETALL", key});
+        std::string ret, root, uri;
+        for (size_t i = 0; all && i + 1 < all->elements; i += 2) {
+            const std::string name = all->element[i]->str;
+            if (name == "&&ReturnChannel") ret = all->element[i + 1]->str;
+            if (name == "&&RequestData") root = all->element[i + 1]->str;
+            if (name == "&&TargetURI") uri = all->element[i + 1]->str;
+        }
+        ReplyPtr body = Argv(c, {"HGETALL", root});
+        std::vector<std::string> hset = {"HSET", "Bench:Floor:" + uri};
+        for (size_t i = 0; body && i < body->elements; ++i) hset.push_back(body->element[i]->str);
+        Argv(c, hset);
+        Argv(c, {"HSET", key, "&&ReturnStatus", "OK", "&&ExtendedInfo",
+                 "/redfish/v1/Systems/1/Bench:PATCHQ/ExtendedInfo", "&&ResourceLock",
+                 "&&ResourceLock:" + uri});
         Argv(c, {"PUBLISH", ret, key});
     }
     // The recorded commands with the request's key, and its return channel
@@ -256,6 +302,7 @@ private:
     std::string mChannel;
     Script mScript;
     std::string mRecordedKey;
+    bool mPatch;
     std::thread mThread;
 };
 
@@ -284,8 +331,18 @@ public:
         }
         return RT_SUCCESS;
     }
-    // The read answers from the store; an update has nothing to change.
-    eRtCode HttpMethod_UPDATE(HTTP_MethodContext*) override { return RT_SUCCESS; }
+    // The read answers from the store; an update writes the body's
+    // top-level properties into the resource.
+    eRtCode HttpMethod_UPDATE(HTTP_MethodContext* ctx) override {
+        ZResource* res = ctx->GetTargetResource();
+        bool changed = false;
+        for (const auto& entry : ctx->GetUserInCache()) {
+            if (entry.first.find('/', 1) != std::string::npos) continue;
+            res->HashWrite(entry.first.substr(1), entry.second.value);
+            changed = true;
+        }
+        return changed ? res->ApplyRedisChanges(false, ctx->GetRedisContext()) : RT_SUCCESS;
+    }
 };
 
 int BenchFactory(void*) {
@@ -509,10 +566,14 @@ void MeasureInstructions() {
 
 int main(int argc, char** argv) {
     if (argc > 1 && std::strcmp(argv[1], kInstrFlag) == 0) return RunInstructionChild();
-    bool pin = false, instructions = true;
+    bool pin = false, instructions = true, patchOnly = false;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--pin") == 0) pin = true;
         if (std::strcmp(argv[i], "--no-instructions") == 0) instructions = false;
+        if (std::strcmp(argv[i], "--patch-only") == 0) {
+            patchOnly = true;
+            instructions = false;
+        }
         if (std::strcmp(argv[i], "--instructions-only") == 0) {
             MeasureInstructions();
             return 0;
@@ -532,7 +593,7 @@ int main(int argc, char** argv) {
     // 1. The floor alone.
     PlainPlugin floor(kFloorQ, Script(), std::string());
     double floorPerSecond = 0, floor8PerSecond = 0;
-    {
+    if (!patchOnly) {
         auto one = RunClients(1, kSingleN, [](Client& c, int, int) {
             return c.Send(kFloorQ, "GET", MemberUri(1));
         });
@@ -558,6 +619,7 @@ int main(int argc, char** argv) {
                     "first request, 1000 members", us >= 0 ? "yes" : "NO", sinceReady, us);
     }
 
+    if (!patchOnly) {
     // 2. GET through the dispatcher against a replay of its commands and
     // against the minimal floor.
     Script script;
@@ -682,6 +744,91 @@ int main(int argc, char** argv) {
         std::printf("%-44s %.2fx of the 1-client floor, %.2fx of the 8-client floor, %zu lost\n",
                     "throughput", res.second / floorPerSecond, res.second / floor8PerSecond,
                     res.first.lost);
+    }
+    }
+
+    // 5. PATCH of a 10-property body through the update dispatcher against
+    // the PATCH floor, one client, in rounds taken in turn.
+    {
+        const char kPatchQ[] = "RF_Bench:ComputerSystem:PATCHQ";
+        const char kPatchFloorQ[] = "Bench:Floor:PATCHQ";
+        PlainPlugin patchFloor(kPatchFloorQ, Script(), std::string(), true);
+        std::vector<std::string> body;
+        for (int i = 0; i < 10; ++i) {
+            body.push_back("Prop" + std::to_string(i));
+            body.push_back("\"value-" + std::to_string(i) + "\"");
+        }
+        Client c;
+        c.Send(kPatchQ, "PATCH", MemberUri(2), body);  // warm both
+        c.Send(kPatchFloorQ, "PATCH", MemberUri(2), body);
+        // Commands and round trips of one PATCH: the store's counters around
+        // one request to each side; the floor's plug-in takes 5 round trips.
+        auto stat = [&](const char* field) {
+            ReplyPtr r = Argv(ctl.get(), {"INFO", "stats"});
+            const std::string text(r->str, r->len);
+            const size_t at = text.find(std::string(field) + ":");
+            return std::atoll(text.c_str() + at + std::strlen(field) + 1);
+        };
+        long long cmds[2], reads[2];
+        const char* channels[2] = {kPatchQ, kPatchFloorQ};
+        for (int side = 0; side < 2; ++side) {
+            const long long c0 = stat("total_commands_processed"), r0 = stat("total_reads_processed");
+            c.Send(channels[side], "PATCH", MemberUri(2), body);
+            cmds[side] = stat("total_commands_processed") - c0;
+            reads[side] = stat("total_reads_processed") - r0;
+        }
+        std::printf("%-44s %lld commands in %lld round trips (floor: %lld in %lld)\n",
+                    "a dispatched PATCH, plug-in side", 5 + cmds[0] - cmds[1],
+                    5 + reads[0] - reads[1], 5LL, 5LL);
+        {
+            ContextPtr monitor = Connect();
+            Argv(monitor.get(), {"MONITOR"});
+            c.Send(kPatchQ, "PATCH", MemberUri(2), body);
+            const std::string key = c.KeyOf(c.Seq());
+            Argv(ctl.get(), {"ECHO", "bench-recording-ends"});
+            Script all;
+            if (OrbelBench::ReadMonitorUntil(monitor.get(), "bench-recording-ends", all)) {
+                std::printf("%-44s", "its commands:");
+                bool in = false;
+                for (const Command& cmd : all) {
+                    if (in) std::printf(" %s", cmd[0].c_str());
+                    if (in && cmd[0] == "PUBLISH") break;
+                    in = in || (cmd.size() == 3 && cmd[0] == "PUBLISH" && cmd[2] == key);
+                }
+                std::printf("\n");
+            }
+        }
+        constexpr int kRounds = 5, kPerRound = 600;
+        std::vector<double> ratios, libLat, floLat;
+        double libSeconds = 0, floSeconds = 0;
+        size_t lost = 0;
+        for (int round = 0; round < kRounds; ++round) {
+            auto lib = RunClients(1, kPerRound, [&](Client& cl, int, int) {
+                return cl.Send(kPatchQ, "PATCH", MemberUri(2), body);
+            });
+            auto flo = RunClients(1, kPerRound, [&](Client& cl, int, int) {
+                return cl.Send(kPatchFloorQ, "PATCH", MemberUri(2), body);
+            });
+            ratios.push_back(lib.second / flo.second);
+            libSeconds += kPerRound / lib.second;
+            floSeconds += kPerRound / flo.second;
+            libLat.push_back(lib.first.p50);
+            floLat.push_back(flo.first.p50);
+            lost += lib.first.lost + flo.first.lost;
+        }
+        std::sort(ratios.begin(), ratios.end());
+        std::sort(libLat.begin(), libLat.end());
+        std::sort(floLat.begin(), floLat.end());
+        std::printf("%-44s %8.0f req/s, p50 %.1f us (median of the rounds)\n",
+                    "PATCH, 10 properties, 1 client", kRounds * kPerRound / libSeconds,
+                    libLat[kRounds / 2]);
+        std::printf("%-44s %8.0f req/s, p50 %.1f us (median of the rounds)\n",
+                    "PATCH floor, same rounds", kRounds * kPerRound / floSeconds,
+                    floLat[kRounds / 2]);
+        std::printf("%-44s %.2fx of the PATCH floor (goal >= 0.7x; rounds %.2f-%.2fx, median "
+                    "%.2fx), p50 %.2fx, %zu lost\n",
+                    "PATCH throughput", floSeconds / libSeconds, ratios.front(), ratios.back(),
+                    ratios[kRounds / 2], libLat[kRounds / 2] / floLat[kRounds / 2], lost);
     }
 
     plugin.Stop();
