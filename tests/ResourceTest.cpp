@@ -233,15 +233,9 @@ TEST_F(ResourceTest, TheTtlTableHoldsTheExpiryOfFreshContent) {
     ASSERT_EQ(sys->UpdateTtlTable(), RT_SUCCESS);
     EXPECT_EQ(HGetAll("&&TTL").count("/redfish/v1/Systems/1"), 0u);
     // Known to be gone: later reads without a time-to-live send nothing.
-    auto hdels = []() {
-        Reply info = RawCommand({"INFO", "commandstats"});
-        const std::string text = info ? info->str : "";
-        const size_t at = text.find("cmdstat_hdel:calls=");
-        return at == std::string::npos ? 0L : atol(text.c_str() + at + 19);
-    };
-    const long before = hdels();
+    const long before = ServerCalls("hdel");
     ASSERT_EQ(sys->UpdateTtlTable(), RT_SUCCESS);
-    EXPECT_EQ(hdels(), before);
+    EXPECT_EQ(ServerCalls("hdel"), before);
     sys->SetTTL(5);
     sys->UpdateTtlTable();
     sys->ObjDestroy(ZObject::eDestroyDelete, true);
