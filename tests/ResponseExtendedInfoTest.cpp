@@ -203,7 +203,7 @@ TEST_F(ResponseExtendedInfoTest, CleaningKeepsTheCounterAndDestructionLeavesTheS
 // Arguments
 // ---------------------------------------------------------------------------
 
-TEST_F(ResponseExtendedInfoTest, EachArgumentIsStoredInItsJsonForm) {
+TEST_F(ResponseExtendedInfoTest, EachArgumentIsStoredInItsJsonFormOnItsOwnRecordOnly) {
     Messages* m = mMsgs.get();
     sExtendedInfo* info = m->NewExtendedInfo(RESP_ExtErr_FirmwareImageNotMatchTarget);
     ASSERT_NE(info, nullptr);
@@ -232,10 +232,8 @@ TEST_F(ResponseExtendedInfoTest, EachArgumentIsStoredInItsJsonForm) {
                      "18446744073709551615", "-9223372036854775808", "0.1", "null",
                      "\"caf\xc3\xa9 \\u0001\\u00ff  \"", R"({"a":[1,2]})", R"("x")", R"("y\"z")"}));
     EXPECT_EQ(LRange(Args(1)), (Items{R"("Reset")", R"("Force\"Off")"}));
-}
 
-TEST_F(ResponseExtendedInfoTest, NullForeignAndRemovedRecordsAreRefused) {
-    Messages* m = mMsgs.get();
+    // Null, foreign and removed records are refused.
     Messages other(mSchema, mSys);
     ASSERT_EQ(other.NewExtInfoObj(kReqKey, kArr + "Other"), RT_SUCCESS);
     sExtendedInfo* foreign = other.NewExtendedInfo(RESP_Base_PropertyMissing);
@@ -247,7 +245,7 @@ TEST_F(ResponseExtendedInfoTest, NullForeignAndRemovedRecordsAreRefused) {
     mark = LogMark();
     EXPECT_EQ(m->ExtendedInfo_AppendMsgArg(foreign, "x"), RT_FAILURE);
     EXPECT_TRUE(Logged(mark, "is not a message of Schema[ComputerSystem].\n"));
-    EXPECT_EQ(m->GetExtendedInfoNum(), 0u);
+    EXPECT_EQ(m->GetExtendedInfoNum(), 2u);  // the two above only
     // A removed record is no longer taken (its pointer is never followed).
     sExtendedInfo* gone = m->NewExtendedInfo(RESP_Base_Success);
     m->RemoveExtendedInfo(RESP_Base_Success);
