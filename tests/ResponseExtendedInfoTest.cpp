@@ -294,7 +294,7 @@ TEST_F(ResponseExtendedInfoTest, RelatedPropertiesArePointersIntoTheTargetRetire
 // Leading message and documents
 // ---------------------------------------------------------------------------
 
-TEST_F(ResponseExtendedInfoTest, TheReturnMessageMovesToTheFront) {
+TEST_F(ResponseExtendedInfoTest, TheReturnMessageMovesToTheFrontAndNamesANotAllowedMethod) {
     Messages* m = mMsgs.get();
     sExtendedInfo* a = m->NewExtendedInfo(RESP_Base_PropertyUnknown, "A");
     m->NewExtendedInfo(RESP_Base_PropertyUnknown, "B");
@@ -313,24 +313,24 @@ TEST_F(ResponseExtendedInfoTest, TheReturnMessageMovesToTheFront) {
     // Already first: nothing is queued.
     ASSERT_EQ(m->InsertReturnExtendedInfo(a), RT_SUCCESS);
     EXPECT_EQ(m->Array()->GetRedisChangeNum(), 0u);
-}
 
-TEST_F(ResponseExtendedInfoTest, NotAllowedMethodsNameTheHttpMethodAndTheResource) {
-    Messages* m = mMsgs.get();
-    m->NewExtendedInfo(RESP_Base_Success);
+    // Not-allowed methods name the HTTP method and the resource.
+    Messages n(mSchema, mSys);
+    ASSERT_EQ(n.NewExtInfoObj(kReqKey, kArr + "N"), RT_SUCCESS);
+    n.NewExtendedInfo(RESP_Base_Success);
     for (const char* method : {"Create", "Update", "Delete", "Action"}) {
-        EXPECT_NE(m->InsertReturnExtendedInfo_NotAllowMethod(method), nullptr) << method;
+        EXPECT_NE(n.InsertReturnExtendedInfo_NotAllowMethod(method), nullptr) << method;
     }
     size_t mark = LogMark();
-    EXPECT_EQ(m->InsertReturnExtendedInfo_NotAllowMethod("update"), nullptr);
+    EXPECT_EQ(n.InsertReturnExtendedInfo_NotAllowMethod("update"), nullptr);
     EXPECT_TRUE(Logged(mark, "Unknown method[update].\n"));
-    ASSERT_EQ(m->ApplyExtInfoToRedis(), RT_SUCCESS);
+    ASSERT_EQ(n.ApplyExtInfoToRedis(), RT_SUCCESS);
     // Each one became the leading message in turn.
     const auto notAllowed = [](const char* method) {
         return MessageJson("\"" + std::string(method) + "\",\"/redfish/v1/Systems/1\"",
                            "ExtendedError.1.2.MethodNotAllowed", "");
     };
-    EXPECT_EQ(StoreDoc(kArr), "[" + notAllowed("POST") + "," + notAllowed("DELETE") + "," +
+    EXPECT_EQ(StoreDoc(kArr + "N"), "[" + notAllowed("POST") + "," + notAllowed("DELETE") + "," +
                                   notAllowed("PATCH") + "," + notAllowed("POST") + "," +
                                   MessageJson("", "Base.1.12.Success", "") + "]");
 }
