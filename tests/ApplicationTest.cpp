@@ -309,11 +309,11 @@ TEST_F(PluginProcessTest, StartsWithoutAnyStore) {
     EXPECT_TRUE(Has(child->Output(), "zApp Exit.\n"));
 }
 
-TEST_F(PluginProcessTest, FirstHourMistakesAreReportedOnceEach) {
-    SetCorvelReady(true);
-    const std::string app = "RF_Oops";
+TEST_F(PluginProcessTest, FirstHourMistakesDiagnosticsAndEventsOfARunningPlugin) {
+    const std::string app = "RF_Diag";
     auto child = StartPlugin(app, {}, {{"ORBEL_TEST_MISTAKES", "1"}});
     ASSERT_TRUE(WaitRunning(*child, app));
+    // The first-hour mistakes are reported once each.
     const std::string out = child->Output();
     for (const char* line :
          {"After stage[PreCorvelReady]: node[&&/redfish/v1/Mistakes/Orphan] is linked by no "
@@ -326,14 +326,6 @@ TEST_F(PluginProcessTest, FirstHourMistakesAreReportedOnceEach) {
     }
     // Nothing else is taken for a mistake (Echo's factory fails on purpose).
     EXPECT_EQ(CountOf(out, ":WARNING: "), 5u) << out;
-    ASSERT_TRUE(child->Signal(SIGTERM));
-    EXPECT_EQ(child->Wait(kTimeoutMs), 0);
-}
-
-TEST_F(PluginProcessTest, DiagnosticsAndEventsOfARunningPlugin) {
-    const std::string app = "RF_Diag";
-    auto child = StartPlugin(app, {});
-    ASSERT_TRUE(WaitRunning(*child, app));
 
     // SIGUSR1: the log is rewritten from the cache, which also holds the
     // debug lines the level suppressed, followed by the summary.

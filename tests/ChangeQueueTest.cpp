@@ -74,19 +74,6 @@ TEST_F(ChangeQueueTest, ValuesNodesAndLinksAreStoredAsTheirTexts) {
                                      {"&&ObjectRef Chassis /redfish/v1/Chassis/1", ""}}));
 }
 
-// A counter of the server's INFO `section`, asked on `c` (a test connection
-// when null).
-long Stat(const std::string& section, const std::string& tag, redisContext* c = nullptr) {
-    Reply info = c != nullptr ? Reply(static_cast<redisReply*>(redisCommand(c, "INFO %s", section.c_str())))
-                              : RawCommand({"INFO", section});
-    const std::string text = info && info->str != nullptr ? info->str : "";
-    const size_t at = text.find(tag);
-    return at == std::string::npos ? 0 : std::stol(text.substr(at + tag.size()));
-}
-long Calls(const std::string& command) {
-    return Stat("commandstats", "cmdstat_" + command + ":calls=");
-}
-
 TEST_F(ChangeQueueTest, EachFieldAndElementIsWrittenOncePerApply) {
     // A run of field sets is one HSET (a field set twice keeps its last
     // value), a run of appends one RPUSH, the count is published once; the
@@ -100,12 +87,12 @@ TEST_F(ChangeQueueTest, EachFieldAndElementIsWrittenOncePerApply) {
     ASSERT_TRUE(RawCommand({"CONFIG", "RESETSTAT"}));
     redisContext* c = RedisConnect();
     ASSERT_NE(c, nullptr);
-    const long reads = Stat("stats", "total_reads_processed:", c);
+    const long reads = ServerStat("stats", "total_reads_processed:", c);
     ASSERT_EQ(sys->ApplyRedisChanges(true, c), RT_SUCCESS);
     // The apply's round trip, the count's, and this INFO.
-    EXPECT_EQ(Stat("stats", "total_reads_processed:", c) - reads, 3L);
+    EXPECT_EQ(ServerStat("stats", "total_reads_processed:", c) - reads, 3L);
     RedisDisconnect(c);
-    EXPECT_EQ(std::make_tuple(Calls("hset"), Calls("rpush"), Calls("llen")),
+    EXPECT_EQ(std::make_tuple(ServerCalls("hset"), ServerCalls("rpush"), ServerCalls("llen")),
               std::make_tuple(2L, 1L, 1L));
     EXPECT_EQ(HGetAll(kSys), (Fields{{"@odata.id", "\"/redfish/v1/Systems/1\""},
                                      {"A", "3"},

@@ -5,9 +5,9 @@
 #include <chrono>
 #include <future>
 #include <string>
-#include <thread>
 
 #include "CRUDRequest.h"
+#include "ChildProcess.h"
 #include "HTTP_MethodContext.h"
 #include "ObjectModelFixture.h"
 #include "RedisCli.h"
@@ -265,10 +265,8 @@ TEST_F(HTTPMethodContextTest, ShutdownEndsTheRespondedCallbackWait) {
     ctx.AssignTargetResource(mSys);
     ctx.RegisterResponsedCallback([](void*) { ++calls; }, nullptr);
     auto sent = std::async(std::launch::async, [&ctx]() { return ctx.SendResponseToCorvel(); });
-    for (int i = 0; i < 500 && !Exists("&&ResourceLock:" + kSys); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ASSERT_TRUE(Exists("&&ResourceLock:" + kSys));  // never released: no front end
+    // Never released: no front end.
+    ASSERT_TRUE(WaitUntil([] { return Exists("&&ResourceLock:" + kSys); }, 10000));
     mApp->Exit();
     ASSERT_EQ(sent.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     EXPECT_EQ(sent.get(), RT_SUCCESS);

@@ -6,8 +6,8 @@
 #include <chrono>
 #include <stdexcept>
 #include <string>
-#include <thread>
 
+#include "ChildProcess.h"
 #include "FixedPaths.h"
 #include "FrontEnd.h"
 #include "HTTP_MethodContext.h"
@@ -159,13 +159,9 @@ protected:
 
     // The access lines written since SetUp, waiting briefly for `line`.
     std::string AccessLines(const std::string& line) {
-        std::string text;
-        for (int i = 0; i < 50; ++i) {
-            text = ReadFile(zLogPrint->AccessLogFilePath()).substr(mAccessMark);
-            if (text.find(line) != std::string::npos) break;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return text;
+        const auto text = [&] { return ReadFile(zLogPrint->AccessLogFilePath()).substr(mAccessMark); };
+        WaitUntil([&] { return text().find(line) != std::string::npos; }, 5000);
+        return text();
     }
 
     ZSchema* mColl = nullptr;
@@ -173,7 +169,7 @@ protected:
     size_t mAccessMark = 0;
 };
 
-TEST_F(RequestDispatchTest, ReadRefreshesTheValueAndAnswersInTheRequestHash) {
+TEST_F(RequestDispatchTest, ReadRefreshesTheValueAnswersInTheRequestHashAndLocksWithAnExpiry) {
     FrontEnd fe;
     const Fields request = fe.RequestFields(
         "GET", kSys1, false,
@@ -198,10 +194,8 @@ TEST_F(RequestDispatchTest, ReadRefreshesTheValueAndAnswersInTheRequestHash) {
         << text;
     EXPECT_NE(text.find(" RSP[Corvel:Req:FE:2] RC[200] MSG[] IP[10.0.0.9]\n"), std::string::npos)
         << text;
-}
 
-TEST_F(RequestDispatchTest, LockKeyIsSetWithTheTargetUriAndAnExpiry) {
-    FrontEnd fe;
+    // A lock the front end keeps holds the target URI and an expiry.
     FrontEnd::Answer a = fe.Send(kReadQ, fe.RequestFields("GET", kSys2, false), nullptr, 5000, false);
     ASSERT_TRUE(a.answered);
     Reply value = RawCommand({"GET", "&&ResourceLock:" + kSys2});
@@ -284,7 +278,7 @@ TEST_F(RequestDispatchTest, ActionsAnswerWithResponseDataOrEmpty) {
     const std::string line = "URI[" + kSys1 + "] ACT[ComputerSystem.Reset] PARAMS[/ResetType:ForceRestart]\n";
     EXPECT_NE(AccessLines(line).find(line), std::string::npos);
     // The responded callback runs once the front end has released the lock.
-    for (int i = 0; i < 30 && gCallbacks == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    WaitUntil([] { return gCallbacks != 0; }, 5000);
     EXPECT_EQ(gCallbacks, 1);
 
     struct Row {

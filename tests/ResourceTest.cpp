@@ -55,18 +55,6 @@ TEST_F(ResourceTest, ANewResourceIsStoredCompleteWithItsChannels) {
     EXPECT_NE(manager.GetResource("BMC"), nullptr);
 }
 
-TEST_F(ResourceTest, FreeMemberIdNeverCollidesWithALiveMemberMissingFromTheStore) {
-    // Members built while the store was away (or before it was emptied) are
-    // not in the stored list, but their ids are taken all the same.
-    ZSchema collSchema("ComputerSystemCollection", "", ZSchema::CRUDQ_READ, "ComputerSystem");
-    ZSchema schema("ComputerSystem", "v1_20_0", ZSchema::CRUDQ_READ);
-    auto* coll = new ZResourceCollection(nullptr, &collSchema, "/redfish/v1/Systems");
-    for (const char* id : {"1", "2"}) new ZResource(coll, &schema, id);
-    RawCommand({"DEL", "&&/redfish/v1/Systems/Members"});
-    EXPECT_EQ(coll->GetFreeMemberId(), 3);
-    coll->ObjDestroy(ZObject::eDestroyDelete, true);
-}
-
 TEST_F(ResourceTest, CollectionsKeepMembersTheirCountAndTheSmallestFreeId) {
     ZSchema collSchema("ComputerSystemCollection", "", ZSchema::CRUDQ_READ, "ComputerSystem");
     ZSchema schema("ComputerSystem", "v1_20_0", ZSchema::CRUDQ_READ);
@@ -111,6 +99,12 @@ TEST_F(ResourceTest, CollectionsKeepMembersTheirCountAndTheSmallestFreeId) {
     EXPECT_EQ(count(), "0");
     EXPECT_EQ(schema.GetResourceNum(), 0u);
     EXPECT_EQ(coll->GetFreeMemberId(), 1);
+    // Members built while the store was away (or before it was emptied) are
+    // not in the stored list, but their ids are taken all the same.
+    for (const char* id : {"1", "2"}) new ZResource(coll, &schema, id);
+    RawCommand({"DEL", "&&/redfish/v1/Systems/Members"});
+    EXPECT_EQ(coll->GetFreeMemberId(), 3);
+    coll->ObjDestroy(ZObject::eDestroyDelete, true);
 }
 
 TEST_F(ResourceTest, CreateMemberNeverGivesAnIdTwiceAcrossARestartAndRetiresARefusedNode) {
@@ -166,43 +160,7 @@ TEST_F(ResourceTest, TheCountIsWrittenOnlyWhenTheStoredLengthChanges) {
     EXPECT_EQ(HGetAll("/redfish/v1/Systems/1").count("Tags@odata.count"), 0u);
 }
 
-TEST_F(ResourceTest, LockNestsForItsOwnerAndRefusesOthers) {
-    auto* sys = new ZResource(nullptr, nullptr, "/redfish/v1/Systems/1");
-    ZResource::eResStatus status;
-    bool mine = false;
-    ASSERT_EQ(sys->Lock(0), RT_SUCCESS);
-    ASSERT_EQ(sys->Lock(0), RT_SUCCESS);
-    sys->GetStatus(status, mine);
-    EXPECT_TRUE(status == ZResource::eResBusy && mine);
-
-    eRtCode otherLock = RT_SUCCESS;
-    eRtCode otherUnlock = RT_SUCCESS;
-    size_t mark = LogMark();
-    std::thread([&] {
-        otherLock = sys->Lock(0);
-        otherUnlock = sys->Unlock();
-        sys->GetStatus(status, mine);
-    }).join();
-    EXPECT_TRUE(otherLock == RT_BUSY && otherUnlock == RT_FAILURE && !mine);
-    EXPECT_TRUE(Logged(mark, {"try to lock resource[/redfish/v1/Systems/1] but failed due to is "
-                              "locked by[",
-                              "try to unlock resource[/redfish/v1/Systems/1] but is owned by "
-                              "thread["}));
-    // The owner lets go as often as it took the lock.
-    EXPECT_EQ(sys->Unlock(), RT_SUCCESS);
-    EXPECT_EQ(sys->LockOwner(), (unsigned long)pthread_self());
-    EXPECT_EQ(sys->Unlock(), RT_SUCCESS);
-    EXPECT_EQ(sys->Unlock(), RT_FAILURE);
-
-    ASSERT_TRUE(mApp->UseIfValid(sys));
-    sys->ObjDestroy(ZObject::eDestroyDelete, true);
-    sys->GetStatus(status, mine);
-    EXPECT_EQ(status, ZResource::eResDied);
-    EXPECT_EQ(sys->Lock(0), RT_FAILURE);
-    sys->DecreaseUsingCount();
-}
-
-TEST_F(ResourceTest, LockWaitsForTheFrontEndsKey) {
+TEST_F(ResourceTest, LockWaitsForTheFrontEndsKeyNestsForItsOwnerAndRefusesOthers) {
     auto* sys = new ZResource(nullptr, nullptr, "/redfish/v1/Systems/1");
     EXPECT_FALSE(sys->IsCorvelLockKeyExist());
     EXPECT_EQ(sys->CreateCorvelLockKey(nullptr, "/redfish/v1/Systems/1/Actions/X"),
@@ -227,6 +185,40 @@ TEST_F(ResourceTest, LockWaitsForTheFrontEndsKey) {
     EXPECT_EQ(sys->Lock(5000), RT_SUCCESS);
     frontEnd.join();
     EXPECT_EQ(sys->Unlock(), RT_SUCCESS);
+
+    // Held by this thread: nested, refused to others.
+    ZResource::eResStatus status;
+    bool mine = false;
+    ASSERT_EQ(sys->Lock(0), RT_SUCCESS);
+    ASSERT_EQ(sys->Lock(0), RT_SUCCESS);
+    sys->GetStatus(status, mine);
+    EXPECT_TRUE(status == ZResource::eResBusy && mine);
+
+    eRtCode otherLock = RT_SUCCESS;
+    eRtCode otherUnlock = RT_SUCCESS;
+    mark = LogMark();
+    std::thread([&] {
+        otherLock = sys->Lock(0);
+        otherUnlock = sys->Unlock();
+        sys->GetStatus(status, mine);
+    }).join();
+    EXPECT_TRUE(otherLock == RT_BUSY && otherUnlock == RT_FAILURE && !mine);
+    EXPECT_TRUE(Logged(mark, {"try to lock resource[/redfish/v1/Systems/1] but failed due to is "
+                              "locked by[",
+                              "try to unlock resource[/redfish/v1/Systems/1] but is owned by "
+                              "thread["}));
+    // The owner lets go as often as it took the lock.
+    EXPECT_EQ(sys->Unlock(), RT_SUCCESS);
+    EXPECT_EQ(sys->LockOwner(), (unsigned long)pthread_self());
+    EXPECT_EQ(sys->Unlock(), RT_SUCCESS);
+    EXPECT_EQ(sys->Unlock(), RT_FAILURE);
+
+    ASSERT_TRUE(mApp->UseIfValid(sys));
+    sys->ObjDestroy(ZObject::eDestroyDelete, true);
+    sys->GetStatus(status, mine);
+    EXPECT_EQ(status, ZResource::eResDied);
+    EXPECT_EQ(sys->Lock(0), RT_FAILURE);
+    sys->DecreaseUsingCount();
 }
 
 TEST_F(ResourceTest, TheTtlTableHoldsTheExpiryOfFreshContent) {
@@ -241,15 +233,9 @@ TEST_F(ResourceTest, TheTtlTableHoldsTheExpiryOfFreshContent) {
     ASSERT_EQ(sys->UpdateTtlTable(), RT_SUCCESS);
     EXPECT_EQ(HGetAll("&&TTL").count("/redfish/v1/Systems/1"), 0u);
     // Known to be gone: later reads without a time-to-live send nothing.
-    auto hdels = []() {
-        Reply info = RawCommand({"INFO", "commandstats"});
-        const std::string text = info ? info->str : "";
-        const size_t at = text.find("cmdstat_hdel:calls=");
-        return at == std::string::npos ? 0L : atol(text.c_str() + at + 19);
-    };
-    const long before = hdels();
+    const long before = ServerCalls("hdel");
     ASSERT_EQ(sys->UpdateTtlTable(), RT_SUCCESS);
-    EXPECT_EQ(hdels(), before);
+    EXPECT_EQ(ServerCalls("hdel"), before);
     sys->SetTTL(5);
     sys->UpdateTtlTable();
     sys->ObjDestroy(ZObject::eDestroyDelete, true);

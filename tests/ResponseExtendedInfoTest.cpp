@@ -203,7 +203,7 @@ TEST_F(ResponseExtendedInfoTest, CleaningKeepsTheCounterAndDestructionLeavesTheS
 // Arguments
 // ---------------------------------------------------------------------------
 
-TEST_F(ResponseExtendedInfoTest, EachArgumentIsStoredInItsJsonForm) {
+TEST_F(ResponseExtendedInfoTest, EachArgumentIsStoredInItsJsonFormOnItsOwnRecordOnly) {
     Messages* m = mMsgs.get();
     sExtendedInfo* info = m->NewExtendedInfo(RESP_ExtErr_FirmwareImageNotMatchTarget);
     ASSERT_NE(info, nullptr);
@@ -232,10 +232,8 @@ TEST_F(ResponseExtendedInfoTest, EachArgumentIsStoredInItsJsonForm) {
                      "18446744073709551615", "-9223372036854775808", "0.1", "null",
                      "\"caf\xc3\xa9 \\u0001\\u00ff  \"", R"({"a":[1,2]})", R"("x")", R"("y\"z")"}));
     EXPECT_EQ(LRange(Args(1)), (Items{R"("Reset")", R"("Force\"Off")"}));
-}
 
-TEST_F(ResponseExtendedInfoTest, NullForeignAndRemovedRecordsAreRefused) {
-    Messages* m = mMsgs.get();
+    // Null, foreign and removed records are refused.
     Messages other(mSchema, mSys);
     ASSERT_EQ(other.NewExtInfoObj(kReqKey, kArr + "Other"), RT_SUCCESS);
     sExtendedInfo* foreign = other.NewExtendedInfo(RESP_Base_PropertyMissing);
@@ -247,7 +245,7 @@ TEST_F(ResponseExtendedInfoTest, NullForeignAndRemovedRecordsAreRefused) {
     mark = LogMark();
     EXPECT_EQ(m->ExtendedInfo_AppendMsgArg(foreign, "x"), RT_FAILURE);
     EXPECT_TRUE(Logged(mark, "is not a message of Schema[ComputerSystem].\n"));
-    EXPECT_EQ(m->GetExtendedInfoNum(), 0u);
+    EXPECT_EQ(m->GetExtendedInfoNum(), 2u);  // the two above only
     // A removed record is no longer taken (its pointer is never followed).
     sExtendedInfo* gone = m->NewExtendedInfo(RESP_Base_Success);
     m->RemoveExtendedInfo(RESP_Base_Success);
@@ -296,7 +294,7 @@ TEST_F(ResponseExtendedInfoTest, RelatedPropertiesArePointersIntoTheTargetRetire
 // Leading message and documents
 // ---------------------------------------------------------------------------
 
-TEST_F(ResponseExtendedInfoTest, TheReturnMessageMovesToTheFront) {
+TEST_F(ResponseExtendedInfoTest, TheReturnMessageMovesToTheFrontAndNamesANotAllowedMethod) {
     Messages* m = mMsgs.get();
     sExtendedInfo* a = m->NewExtendedInfo(RESP_Base_PropertyUnknown, "A");
     m->NewExtendedInfo(RESP_Base_PropertyUnknown, "B");
@@ -315,24 +313,24 @@ TEST_F(ResponseExtendedInfoTest, TheReturnMessageMovesToTheFront) {
     // Already first: nothing is queued.
     ASSERT_EQ(m->InsertReturnExtendedInfo(a), RT_SUCCESS);
     EXPECT_EQ(m->Array()->GetRedisChangeNum(), 0u);
-}
 
-TEST_F(ResponseExtendedInfoTest, NotAllowedMethodsNameTheHttpMethodAndTheResource) {
-    Messages* m = mMsgs.get();
-    m->NewExtendedInfo(RESP_Base_Success);
+    // Not-allowed methods name the HTTP method and the resource.
+    Messages n(mSchema, mSys);
+    ASSERT_EQ(n.NewExtInfoObj(kReqKey, kArr + "N"), RT_SUCCESS);
+    n.NewExtendedInfo(RESP_Base_Success);
     for (const char* method : {"Create", "Update", "Delete", "Action"}) {
-        EXPECT_NE(m->InsertReturnExtendedInfo_NotAllowMethod(method), nullptr) << method;
+        EXPECT_NE(n.InsertReturnExtendedInfo_NotAllowMethod(method), nullptr) << method;
     }
     size_t mark = LogMark();
-    EXPECT_EQ(m->InsertReturnExtendedInfo_NotAllowMethod("update"), nullptr);
+    EXPECT_EQ(n.InsertReturnExtendedInfo_NotAllowMethod("update"), nullptr);
     EXPECT_TRUE(Logged(mark, "Unknown method[update].\n"));
-    ASSERT_EQ(m->ApplyExtInfoToRedis(), RT_SUCCESS);
+    ASSERT_EQ(n.ApplyExtInfoToRedis(), RT_SUCCESS);
     // Each one became the leading message in turn.
     const auto notAllowed = [](const char* method) {
         return MessageJson("\"" + std::string(method) + "\",\"/redfish/v1/Systems/1\"",
                            "ExtendedError.1.2.MethodNotAllowed", "");
     };
-    EXPECT_EQ(StoreDoc(kArr), "[" + notAllowed("POST") + "," + notAllowed("DELETE") + "," +
+    EXPECT_EQ(StoreDoc(kArr + "N"), "[" + notAllowed("POST") + "," + notAllowed("DELETE") + "," +
                                   notAllowed("PATCH") + "," + notAllowed("POST") + "," +
                                   MessageJson("", "Base.1.12.Success", "") + "]");
 }

@@ -2,14 +2,17 @@
 //
 // RF_Root runs as a child process against the suite's store; one test
 // follows its life (before the front end is ready, ready, serving requests
-// from a front-end driver, stopped) and compares whole documents, assembled
+// from a front-end driver, a system plugged in and pulled out on the
+// simulated VEX event, stopped) and compares whole documents, assembled
 // from the store by the tree reader.
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <string>
 
 #include "ChildProcess.h"
+#include "EventScripts.h"
 #include "FixedPaths.h"
 #include "FrontEnd.h"
 #include "TestEnv.h"
@@ -77,6 +80,10 @@ TEST_F(SampleResourcesTest, TheSamplePluginThroughItsLife) {
     RawCommand({"HSET", "/redfish/v1/Systems/1", "Stale", "\"left over\""});
     RawCommand({"RPUSH", "&&/redfish/v1/Systems/Members", "&&ObjectRef /redfish/v1/Systems/9"});
     RawCommand({"RPUSH", "&&/redfish/v1/Systems/1/Boot/BootOrder", "\"Cd\""});
+    // The event service's scripts, for the alert of a system pulled out.
+    RedisConn conn = RawConnect();
+    std::string error;
+    ASSERT_TRUE(LoadEventScripts(conn.get(), &error)) << error;
     ASSERT_NE(vex_config_set_bool("nginx_redfish_ready", 0, 0), 0);
     unlink(ReadyFile().c_str());
     InstallSampleTemplates();
@@ -172,14 +179,60 @@ TEST_F(SampleResourcesTest, TheSamplePluginThroughItsLife) {
     EXPECT_FALSE(Exists("/redfish/v1/Systems/3"));
     EXPECT_EQ(StoreDoc("/redfish/v1/Systems"), kSystems);
 
+    // A system plugged in on the platform's event (ids are never given
+    // twice: 3 went to the client's member).
+    const std::string sys4 = "/redfish/v1/Systems/4";
+    const auto raise = [](const char* payload) {
+        return vex_event_raise("SampleSystemPresence", payload,
+                               static_cast<int>(std::strlen(payload))) != 0;
+    };
+    RawCommand({"DEL", kEventQueue});
+    ASSERT_TRUE(raise("present"));
+    ASSERT_TRUE(plugin.WaitForOutput("System[" + sys4 + "] plugged in.\n", kTimeoutMs))
+        << plugin.Output();
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems")["Members@odata.count"], "3");
+    EXPECT_EQ(StoreDoc("&&" + sys4 + "/Status"), R"({"Health":"OK","State":"Enabled"})");
+    const std::string doc = StoreDoc(sys4);
+    EXPECT_NE(doc.find(R"("Name":"Plugged-in System")"), std::string::npos) << doc;
+    EXPECT_EQ(doc.find("ComputerSystems"), std::string::npos) << "linked to others: " << doc;
+    // Unlocked once built: requests are served; a client cannot remove it.
+    EXPECT_EQ(fe.Send("RF_Root:ComputerSystem:GETQ", "GET", sys4).status, "OK");
+    EXPECT_EQ(fe.Send("RF_Root:ComputerSystem:DELETEQ", "DELETE", sys4).status, "NOT_ALLOWED");
+    ASSERT_TRUE(raise("present"));  // old news
+    ASSERT_TRUE(plugin.WaitForOutput("'present' ignored", kTimeoutMs)) << plugin.Output();
+
+    ASSERT_TRUE(raise("absent"));
+    ASSERT_TRUE(plugin.WaitForOutput("System[" + sys4 + "] pulled out.\n", kTimeoutMs))
+        << plugin.Output();
+    EXPECT_FALSE(Exists(sys4));
+    EXPECT_EQ(StoreDoc("/redfish/v1/Systems"), kSystems);
+
+    // The alert: queued once, its tree left for the event service.
+    const Items queued = LRange(kEventQueue);
+    ASSERT_EQ(queued.size(), 1u);
+    // (The layout as a whole is RedfishEventTest's; here what the sample chose.)
+    const std::string rec = queued[0] + "/Events/0";
+    Fields record = HGetAll(rec);
+    EXPECT_EQ(record["MessageId"], "\"ResourceEvent.1.0.ResourceRemoved\"");
+    EXPECT_EQ(record["MessageSeverity"], "\"Warning\"");
+    EXPECT_EQ(record["&&OriginOfCondition"], sys4);
+    EXPECT_EQ(HGetAll(rec + "/Oem/Veltra"),
+              (Fields{{"SystemUUID", "\"6E2B8F14-A09C-4D3B-8F5A-1C7D2E9B0A63\""},
+                      {"SystemSerialNumber", "\"SIM0000001\""},
+                      {"SystemMachineTypeModel", "\"7X99CTO1WW\""},
+                      {"@odata.type", "\"#VeltraEvent.v1_0_0.VeltraEventRecord\""}}));
+
     ASSERT_TRUE(plugin.Signal(SIGTERM));
     EXPECT_EQ(plugin.Wait(kTimeoutMs), 0);
     const std::string out = plugin.Output();
     EXPECT_NE(out.find("ComputerSystem: 2 systems in service.\n"), std::string::npos) << out;
     EXPECT_NE(out.find("zApp Exit.\n"), std::string::npos) << out;
-    // The sample is what authors copy: its whole life logs no complaint.
+    // The sample is what authors copy: its whole life logs no complaint but
+    // the one warning of the repeated news.
     EXPECT_EQ(out.find(":ERROR: "), std::string::npos) << out;
-    EXPECT_EQ(out.find(":WARNING: "), std::string::npos) << out;
+    const size_t warning = out.find(":WARNING: ");
+    EXPECT_NE(out.find("'present' ignored", warning), std::string::npos) << out;
+    EXPECT_EQ(out.find(":WARNING: ", warning + 1), std::string::npos) << out;
 }
 
 }  // namespace

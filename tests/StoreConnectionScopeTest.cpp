@@ -22,15 +22,6 @@ using namespace OrbelTest;
 
 namespace {
 
-// Connections the server has accepted so far, asked on `c`.
-long long ConnectionsReceived(redisContext* c) {
-    Reply r(static_cast<redisReply*>(redisCommand(c, "INFO stats")));
-    const std::string key = "total_connections_received:";
-    const std::string text = r && r->type == REDIS_REPLY_STRING ? r->str : "";
-    const size_t at = text.find(key);
-    return at == std::string::npos ? -1 : std::atoll(text.c_str() + at + key.size());
-}
-
 // A member with its channel lists and a nested object, applied.
 eRtCode BuildSystem(ZResourceCollection* coll, ZSchema* schema) {
     auto* system = new ZResource(coll, schema, std::to_string(coll->GetFreeMemberId()));
@@ -48,10 +39,10 @@ protected:
         ASSERT_TRUE(mStats);
         NewConnections();
     }
-    // New connections since the last call.
+    // New connections the server accepted since the last call.
     long long NewConnections() {
         const long long before = mLast;
-        mLast = ConnectionsReceived(mStats.get());
+        mLast = ServerStat("stats", "total_connections_received:", mStats.get());
         return mLast - before;
     }
     RedisConn mStats;

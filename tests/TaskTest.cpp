@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "ChildProcess.h"
 #include "FrontEnd.h"
 #include "HTTP_MethodContext.h"
 #include "ObjectModelFixture.h"
@@ -178,9 +179,7 @@ TEST_F(TaskTest, ProgressMonitorReadsAndTheFinalAnswer) {
     EXPECT_EQ(read.status, "PROCESSING");
     EXPECT_EQ(read.hash.at("&&Location"), url);
     // The work announces its progress, then waits at the gate.
-    for (int i = 0; i < 500 && HGetAll(url)["PercentComplete"] != "50"; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    WaitUntil([&] { return HGetAll(url)["PercentComplete"] == "50"; }, 10000);
     EXPECT_EQ(HGetAll(url)["TaskState"], "\"Running\"");
     EXPECT_EQ(HGetAll(url)["PercentComplete"], "50");
 
@@ -267,12 +266,8 @@ TEST_F(TaskTest, WorkThatReturnsAtOnceEndsAfterItsAnswer) {
     for (int i = 0; i < 30; ++i) {
         const FrontEnd::Answer a = SendAction(fe, nullptr);
         EXPECT_EQ(a.status, "PROCESSING") << i;
-        std::string status;
-        for (int n = 0; n < 500 && status != "OK_EMPTY"; ++n) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            status = HGetAll(a.key)["&&ReturnStatus"];
-        }
-        EXPECT_EQ(status, "OK_EMPTY") << i;
+        EXPECT_TRUE(WaitUntil([&] { return HGetAll(a.key)["&&ReturnStatus"] == "OK_EMPTY"; }, 10000))
+            << i << " " << HGetAll(a.key)["&&ReturnStatus"];
     }
     EXPECT_TRUE(ZTask::WaitRunningTasks(10000));
 }

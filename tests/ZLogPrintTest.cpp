@@ -39,6 +39,15 @@ std::string Echo(const std::function<void()>& body) {
     return testing::internal::GetCapturedStdout();
 }
 
+// Runs `body(t)` on `n` threads at once, standard output captured.
+void OnThreads(int n, const std::function<void(int)>& body) {
+    Echo([&] {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < n; ++t) threads.emplace_back(body, t);
+        for (auto& th : threads) th.join();
+    });
+}
+
 // Lines of `text` that contain `marker`.
 std::vector<std::string> LinesWith(const std::string& text, const std::string& marker) {
     std::vector<std::string> out;
@@ -308,17 +317,11 @@ TEST_F(ZLogPrintTest, ConcurrentWritersNeverSplitALine) {
     log.SetAppInitDone(true);
     const int kThreads = 4;
     const int kLines = 250;
-    Echo([&] {
-        std::vector<std::thread> threads;
-        for (int t = 0; t < kThreads; ++t) {
-            threads.emplace_back([&log, t] {
-                for (int i = 0; i < kLines; ++i) {
-                    log.LogPrint(t % 2 == 0 ? "" : "NoSuch", eZLogWarning, "T.cpp", "t", 1,
-                                 "thread %d line %d\n", t, i);
-                }
-            });
+    OnThreads(kThreads, [&log](int t) {
+        for (int i = 0; i < kLines; ++i) {
+            log.LogPrint(t % 2 == 0 ? "" : "NoSuch", eZLogWarning, "T.cpp", "t", 1,
+                         "thread %d line %d\n", t, i);
         }
-        for (auto& th : threads) th.join();
     });
     const std::regex line("^" + kStamp + R"(\[WARNING\] T\.cpp:t\(\): thread (\d) line (\d+)$)");
     for (const std::string& path : {mBase + ".log", mBase + ".logerr"}) {
@@ -419,20 +422,12 @@ TEST_F(ZLogPrintTest, NothingIsLostOrReorderedAcrossRotationsUnderLoad) {
     log.SetAppInitDone(true);
     const int kThreads = 4;
     const int kLines = 400;  // about 130 KB per file: two rotations, three generations
-    Echo([&] {
-        std::vector<std::thread> threads;
-        for (int t = 0; t < kThreads; ++t) {
-            threads.emplace_back([&log, t] {
-                for (int i = 0; i < kLines; ++i) {
-                    log.LogPrint("", eZLogAccess, "T.cpp", "t", 1,
-                                 "REQ[k] %d %04d ..................................................\n",
-                                 t, i);
-                    log.LogPrint("", eZLogInfo, "T.cpp", "t", 1, "line %d %04d ..............\n", t,
-                                 i);
-                }
-            });
+    OnThreads(kThreads, [&log](int t) {
+        for (int i = 0; i < kLines; ++i) {
+            log.LogPrint("", eZLogAccess, "T.cpp", "t", 1,
+                         "REQ[k] %d %04d ..................................................\n", t, i);
+            log.LogPrint("", eZLogInfo, "T.cpp", "t", 1, "line %d %04d ..............\n", t, i);
         }
-        for (auto& th : threads) th.join();
     });
     log.Flush();
     for (const std::string& p : {mBase + ".accesslog", mBase + ".log"}) {

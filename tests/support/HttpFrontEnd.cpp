@@ -102,11 +102,11 @@ std::string HttpFrontEndTest::ErrorId(const sHttp& r) {
                                                         : "<no error body>";
 }
 
-int HttpFrontEndTest::Connect() {
+int HttpFrontEndTest::Connect(int port) {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(sPort));
+    a.sin_port = htons(static_cast<uint16_t>(port));
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
         close(fd);

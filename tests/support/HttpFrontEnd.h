@@ -37,8 +37,9 @@ public:
                       std::vector<std::string> more = {}, bool secure = false);
     // The "code" of an error answer.
     static std::string ErrorId(const sHttp& r);
-    // A raw connection to the front end's HTTP port (-1 on failure).
-    static int Connect();
+    // A raw connection to the front end's HTTP port, or another one on
+    // 127.0.0.1 (-1 on failure).
+    static int Connect(int port = sPort);
     // Everything the peer sends until it closes or `ms` pass.
     static std::string ReadAll(int fd, int ms);
 

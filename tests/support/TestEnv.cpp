@@ -254,6 +254,18 @@ std::string StoreDoc(const std::string& jpath, bool meta) {
     return json;
 }
 
+long ServerStat(const std::string& section, const std::string& tag, redisContext* c) {
+    Reply info = c != nullptr ? Reply(static_cast<redisReply*>(redisCommand(c, "INFO %s", section.c_str())))
+                              : RawCommand({"INFO", section});
+    const std::string text = info && info->str != nullptr ? info->str : "";
+    const size_t at = text.find(tag);
+    return at == std::string::npos ? 0 : std::stol(text.substr(at + tag.size()));
+}
+
+long ServerCalls(const std::string& command) {
+    return ServerStat("commandstats", "cmdstat_" + command + ":calls=");
+}
+
 size_t CountOf(const std::string& text, const std::string& what) {
     size_t n = 0;
     for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;

@@ -100,6 +100,12 @@ bool Exists(const std::string& key);
 // (with the library's && fields when `meta`); "<reason>" when it cannot be read.
 std::string StoreDoc(const std::string& jpath, bool meta = false);
 
+// A counter of the server's INFO `section` ("stats", "commandstats"), the
+// number after `tag`, asked on `c` (a test connection when null); 0 when absent.
+long ServerStat(const std::string& section, const std::string& tag, redisContext* c = nullptr);
+// How often the server has run `command` ("hset").
+long ServerCalls(const std::string& command);
+
 // How often `what` occurs in `text`, overlapping occurrences included.
 size_t CountOf(const std::string& text, const std::string& what);
 
