@@ -51,8 +51,8 @@ public:
     // The element count in the store (0 when it cannot be read, logged).
     unsigned int ItemNum();
 
-    // Store side of the change queue (called while applying); each refreshes
-    // the parent's count.
+    // Writes at once on `c`, outside the change queue (an apply sends its
+    // own pipeline); each refreshes the parent's count.
     eRtCode AppendItem(redisContext* c, const std::string& value);
     eRtCode UpdateItem(redisContext* c, const std::string& index, const std::string& value);
     eRtCode RemoveItem(redisContext* c, const std::string& text);

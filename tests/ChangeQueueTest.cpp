@@ -136,6 +136,37 @@ TEST_F(ChangeQueueTest, ListWritesAppendOverwriteAndHoldNodeTexts) {
     EXPECT_EQ(arr->GetRedisChangeNum() + sys->GetRedisChangeNum(), 0u);
 }
 
+// The calls that write at once, outside the queue: a counted array keeps
+// its parent's count, and a shared node removes only what it wrote itself.
+TEST_F(ChangeQueueTest, DirectStoreWritesKeepTheCountAndTheOwnersFields) {
+    auto* arr = new ZJsonArray(sys, "Items", ZJsonArray::ARRAY_ATTR_OdataCount);
+    auto* obj = new ZJsonObject(sys, "Status");
+    auto* shared =
+        new ZResource(nullptr, nullptr, "/redfish/v1/Shared", "", ZObject::ATTR_MultiBackend);
+    auto* list = new ZJsonArray(shared, "L");
+    RedisConn c = RawConnect();
+    ASSERT_TRUE(c);
+    for (const char* v : {"1", "2", "2"}) EXPECT_EQ(arr->AppendItem(c.get(), v), RT_SUCCESS);
+    EXPECT_EQ(arr->UpdateItem(c.get(), "0", "7"), RT_SUCCESS);
+    EXPECT_EQ(arr->RemoveItem(c.get(), "2"), RT_SUCCESS);  // the first equal one only
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/1/Items"), (Items{"7", "2"}));
+    EXPECT_EQ(arr->ItemNum(), 2u);
+    EXPECT_EQ(HGetAll(kSys)["Items@odata.count"], "2");
+    EXPECT_EQ(obj->AppendProperty(c.get(), "Health", "\"OK\""), RT_SUCCESS);
+    EXPECT_EQ(obj->AppendProperty(c.get(), "State", "\"On\""), RT_SUCCESS);
+    EXPECT_EQ(obj->RemoveProperty(c.get(), "State"), RT_SUCCESS);
+    EXPECT_EQ(HGetAll("&&/redfish/v1/Systems/1/Status"), (Fields{{"Health", "\"OK\""}}));
+
+    EXPECT_EQ(RawCommand({"RPUSH", "&&/redfish/v1/Shared/L", "other"})->integer, 1);
+    EXPECT_EQ(list->AppendItem(c.get(), "mine"), RT_SUCCESS);
+    size_t mark = LogMark();
+    EXPECT_EQ(list->RemoveItem(c.get(), "other"), RT_FAILURE);
+    EXPECT_TRUE(Logged(mark, {"Unknown item[other] in Object[&&/redfish/v1/Shared/L].\n"}));
+    EXPECT_EQ(list->RemoveItem(c.get(), "mine"), RT_SUCCESS);
+    EXPECT_EQ(LRange("&&/redfish/v1/Shared/L"), (Items{"other"}));
+    shared->ObjDestroy(ZObject::eDestroyDelete, true);
+}
+
 TEST_F(ChangeQueueTest, RemovingPropertiesNodesAndLinks) {
     auto* manager = new ZResource(nullptr, nullptr, "/redfish/v1/Managers/1");
     auto* status = new ZJsonObject(sys, "Status");
