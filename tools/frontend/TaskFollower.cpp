@@ -29,14 +29,6 @@ std::string Quoted(const std::string& s) {
     return "\"" + s + "\"";
 }
 
-std::string Now() {
-    char buf[32];
-    const std::time_t t = std::time(nullptr);
-    std::tm tm{};
-    gmtime_r(&t, &tm);
-    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%S+00:00", &tm);
-    return buf;
-}
 
 bool IsFinal(const std::string& state) {
     return state == "Completed" || state == "Killed" || state == "Exception" ||
@@ -44,6 +36,15 @@ bool IsFinal(const std::string& state) {
 }
 
 }  // namespace
+
+std::string TaskFollower::Now() {
+    char buf[32];
+    const std::time_t t = std::time(nullptr);
+    std::tm tm{};
+    gmtime_r(&t, &tm);
+    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%S+00:00", &tm);
+    return buf;
+}
 
 // ---------------------------------------------------------------------------
 // Before the request

@@ -53,6 +53,9 @@ public:
     static bool IsFinished(redisContext* c, const std::string& taskURL);
     // Removes a Task and every key below it (its nodes and messages).
     static void Remove(redisContext* c, const std::string& taskURL);
+    // The current UTC time as a Task's StartTime, EndTime and message
+    // DateTime give it.
+    static std::string Now();
 
     // Subscribes on a connection of its own to `socketPath` (again after
     // the store restarted); Listening() tells when the subscription stands.

@@ -8,7 +8,6 @@
 // request would have been answered at once. Whether the task has ended is
 // read from the Task itself, where the follower writes the final state and
 // the final answer in one command, so the two can never disagree.
-#include <ctime>
 
 #include "RedfishService.h"
 
@@ -39,15 +38,6 @@ bool IsFinalState(const nlohmann::json& doc) {
     const std::string state = doc.value("TaskState", std::string());
     return state == "Completed" || state == "Killed" || state == "Exception" ||
            state == "Cancelled";
-}
-
-std::string Now() {
-    char buf[32];
-    const std::time_t t = std::time(nullptr);
-    std::tm tm{};
-    gmtime_r(&t, &tm);
-    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%S+00:00", &tm);
-    return buf;
 }
 
 }  // namespace
@@ -93,7 +83,7 @@ bool RedfishService::_ServeTasks(sCall& call) {
                    {"CompletedTaskOverWritePolicy", "Oldest"},
                    {"LifeCycleEventOnTaskStateChange", false},
                    {"ServiceEnabled", true},
-                   {"DateTime", Now()},
+                   {"DateTime", TaskFollower::Now()},
                    {"Status", {{"State", "Enabled"}, {"Health", "OK"}}},
                    {"Tasks", {{"@odata.id", kTasks}}}});
         return true;
