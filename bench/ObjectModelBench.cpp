@@ -53,6 +53,7 @@
 #include <vector>
 
 #include "BenchStore.h"
+#include "CallgrindRun.h"
 #include "CommandRecording.h"
 #include "FixedPaths.h"
 #include "RedisCli.h"
@@ -465,73 +466,19 @@ struct InstrFigure {
     double floor = 0;    // instructions of one replay
 };
 
-// "desc: Trigger: Client Request: <tag>" and "summary: <Ir>" of every dump
-// file that callgrind wrote into `dir`.
-std::map<std::string, double> ReadDumps(const std::string& dir) {
-    std::map<std::string, double> totals;
-    for (int i = 1; i <= 16; ++i) {
-        std::ifstream in(dir + "/cg.out." + std::to_string(i));
-        if (!in) continue;
-        std::string line;
-        std::string tag;
-        double ir = -1;
-        while (std::getline(in, line)) {
-            static const std::string kDesc = "desc: Trigger: Client Request: ";
-            if (line.compare(0, kDesc.size(), kDesc) == 0) tag = line.substr(kDesc.size());
-            // "summary:" is the dump's event total; "totals:" sums the cost
-            // lines, which count some calls twice.
-            if (line.compare(0, 9, "summary: ") == 0) ir = std::strtod(line.c_str() + 9, nullptr);
-        }
-        if (!tag.empty() && ir >= 0) totals[tag] = ir;
-    }
-    return totals;
-}
-
 // Runs this program under callgrind; the figures per member count, or an
 // empty map with the reason in `why`.
 std::map<int, InstrFigure> MeasureInstructions(std::string* why) {
     std::map<int, InstrFigure> figures;
-    char exe[4096];
-    const ssize_t n = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
-    char dirTemplate[] = "/tmp/orbel-callgrind-XXXXXX";
-    if (n <= 0 || mkdtemp(dirTemplate) == nullptr) {
-        *why = "no scratch directory";
-        return figures;
-    }
-    exe[n] = '\0';
-    const std::string dir = dirTemplate;
-    const std::string outFile = "--callgrind-out-file=" + dir + "/cg.out";
-    const std::string logFile = dir + "/valgrind.log";
-    std::fflush(stdout);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        FILE* log = std::freopen(logFile.c_str(), "w", stderr);
-        if (log != nullptr) dup2(fileno(stderr), STDOUT_FILENO);
-        execlp("valgrind", "valgrind", "--tool=callgrind", "--instr-atstart=no",
-               outFile.c_str(), exe, kInstrFlag, static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    int status = 0;
-    if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status) ||
-        WEXITSTATUS(status) != 0) {
-        *why = pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 127
-                   ? "valgrind is not installed (./run deps)"
-                   : "the callgrind run failed, see " + logFile;
-        return figures;
-    }
-    const std::map<std::string, double> totals = ReadDumps(dir);
+    std::map<std::string, double> totals;
+    if (!OrbelBench::RunSelfUnderCallgrind(kInstrFlag, false, &totals, why)) return figures;
     for (int members : kInstrMembers) {
         auto lib = totals.find("library/" + std::to_string(members));
         auto flo = totals.find("floor/" + std::to_string(members));
         if (lib == totals.end() || flo == totals.end() || flo->second <= 0) continue;
         figures[members] = {lib->second, flo->second};
     }
-    if (figures.empty()) {
-        *why = "no counts in " + dir;
-        return figures;
-    }
-    const std::string cleanup = "rm -rf '" + dir + "'";
-    if (std::system(cleanup.c_str()) != 0) std::fprintf(stderr, "bench: %s stays\n", dir.c_str());
+    if (figures.empty()) *why = "no counts for the member trees";
     return figures;
 }
 

@@ -57,6 +57,7 @@
 #include <vector>
 
 #include "BenchStore.h"
+#include "CallgrindRun.h"
 #include "HTTP_MethodContext.h"
 #include "MonitorScript.h"
 #include "ZApplication.h"
@@ -487,58 +488,12 @@ int RunInstructionChild() {
     return 0;
 }
 
-// Tag -> "summary:" of the dump files callgrind wrote into `dir`.
-std::map<std::string, double> ReadDumps(const std::string& dir) {
-    std::map<std::string, double> out;
-    FILE* ls = popen(("ls '" + dir + "'").c_str(), "r");
-    if (ls == nullptr) return out;
-    char name[512];
-    while (std::fgets(name, sizeof name, ls) != nullptr) {
-        std::string file(name);
-        while (!file.empty() && file.back() == '\n') file.pop_back();
-        if (file.compare(0, 7, "cg.out.") != 0) continue;
-        std::ifstream in(dir + "/" + file);
-        std::string line, tag;
-        double ir = -1;
-        while (std::getline(in, line)) {
-            static const std::string kDesc = "desc: Trigger: Client Request: ";
-            if (line.compare(0, kDesc.size(), kDesc) == 0) tag = line.substr(kDesc.size());
-            if (line.compare(0, 9, "summary: ") == 0) ir = std::strtod(line.c_str() + 9, nullptr);
-        }
-        if (!tag.empty() && ir >= 0) out[tag] = ir;
-    }
-    pclose(ls);
-    return out;
-}
-
 std::map<std::string, double> RunUnderCallgrind(bool perThread) {
-    char exe[4096];
-    const ssize_t n = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
-    char dirTemplate[] = "/tmp/orbel-callgrind-XXXXXX";
-    if (n <= 0 || mkdtemp(dirTemplate) == nullptr) return {};
-    exe[n] = '\0';
-    const std::string dir = dirTemplate;
-    const std::string outFile = "--callgrind-out-file=" + dir + "/cg.out";
-    const std::string logFile = dir + "/valgrind.log";
-    std::fflush(stdout);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        FILE* log = std::freopen(logFile.c_str(), "w", stderr);
-        if (log != nullptr) dup2(fileno(stderr), STDOUT_FILENO);
-        execlp("valgrind", "valgrind", "--tool=callgrind", "--instr-atstart=no",
-               perThread ? "--separate-threads=yes" : "--separate-threads=no", outFile.c_str(),
-               exe, kInstrFlag, static_cast<char*>(nullptr));
-        _exit(127);
+    std::map<std::string, double> dumps;
+    std::string why;
+    if (!OrbelBench::RunSelfUnderCallgrind(kInstrFlag, perThread, &dumps, &why)) {
+        std::printf("instructions: %s\n", why.c_str());
     }
-    int status = 0;
-    if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status) ||
-        WEXITSTATUS(status) != 0) {
-        std::printf("instructions: the callgrind run failed, see %s\n", logFile.c_str());
-        return {};
-    }
-    std::map<std::string, double> dumps = ReadDumps(dir);
-    const std::string cleanup = "rm -rf '" + dir + "'";
-    if (std::system(cleanup.c_str()) != 0) std::fprintf(stderr, "bench: %s stays\n", dir.c_str());
     return dumps;
 }
 
