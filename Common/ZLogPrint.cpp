@@ -322,6 +322,27 @@ void ZLogPrint::_CachePush(sLogParam& param, uint32_t capacity, sLogParam::sCach
     (void)capacity;
 }
 
+namespace {
+
+// Bytes of the generation a file is writing: the lines kept aside while its
+// rotation is pending, else the file itself.
+long long GenerationSize(const ZLogPrint::sLogParam::sLogFile& file) {
+    if (!file.diverted.empty()) return static_cast<long long>(file.diverted.back().size());
+    struct stat st;
+    if (file.fd >= 0 && fstat(file.fd, &st) == 0) return static_cast<long long>(st.st_size);
+    return -1;
+}
+
+}  // namespace
+
+void ZLogPrint::_StartRotation(sLogParam& param, sLogParam::sLogFile& file, bool isError) {
+    // The file's current lines close the generation; the next ones wait for
+    // the new file.
+    file.diverted.emplace_back();
+    sLogParam* p = &param;
+    _Post([this, p, isError]() { _Rotate(p, isError); });
+}
+
 void ZLogPrint::_WriteLine(sLogParam& param, sLogParam::sLogFile& file, const std::string& path,
                            const std::string& title, const std::string& body, int32_t threshold,
                            bool checkSize, bool isError) {
@@ -330,16 +351,17 @@ void ZLogPrint::_WriteLine(sLogParam& param, sLogParam::sLogFile& file, const st
     // a busy start is not slowed down by stat(). The rotation itself is the
     // writer thread's.
     bool rotate = false;
+    bool rotateSibling = false;
     if (checkSize && --param.writeCountdown < 1) {
         param.writeCountdown = kSizeCheckInterval;
-        long long size = -1;
-        struct stat st;
-        if (!file.diverted.empty()) {
-            size = static_cast<long long>(file.diverted.back().size());
-        } else if (file.fd >= 0 && fstat(file.fd, &st) == 0) {
-            size = static_cast<long long>(st.st_size);
+        rotate = GenerationSize(file) > threshold;
+        // A warning or error is written to both files and counts down twice,
+        // so with only those logged the countdown always ends on the error
+        // file's write: the normal file is checked along with it, or it
+        // would grow without bound.
+        if (isError && !param.normalPath.empty()) {
+            rotateSibling = GenerationSize(param.normalFile) > threshold;
         }
-        rotate = size > threshold;
     }
     if (!file.diverted.empty()) {
         file.diverted.back() += title;
@@ -356,12 +378,8 @@ void ZLogPrint::_WriteLine(sLogParam& param, sLogParam::sLogFile& file, const st
             }
         }
     }
-    if (rotate) {
-        // This line closes the generation; the next ones wait for the new file.
-        file.diverted.emplace_back();
-        sLogParam* p = &param;
-        _Post([this, p, isError]() { _Rotate(p, isError); });
-    }
+    if (rotate) _StartRotation(param, file, isError);
+    if (rotateSibling) _StartRotation(param, param.normalFile, false);
 }
 
 void ZLogPrint::_LogWriteToFile(const char* module, eZLogType type, const char* file,

@@ -185,6 +185,8 @@ private:
     void _WriteLine(sLogParam& param, sLogParam::sLogFile& file, const std::string& path,
                     const std::string& title, const std::string& body, int32_t threshold,
                     bool checkSize, bool isError) REQUIRES(param.mutex);
+    void _StartRotation(sLogParam& param, sLogParam::sLogFile& file, bool isError)
+        REQUIRES(param.mutex);
     // Writer thread.
     void _Post(std::function<void()> task);
     void _WriterLoop();

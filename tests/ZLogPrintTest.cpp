@@ -416,7 +416,8 @@ TEST_F(ZLogPrintTest, DroppedDebugLinesAreFormattedOnlyByTheDump) {
 }
 
 // Rotation runs on the writer thread while others log: every line is in
-// exactly one generation, in each thread's order.
+// exactly one generation, in each thread's order. Warnings go to the normal
+// and the error file, and both must rotate.
 TEST_F(ZLogPrintTest, NothingIsLostOrReorderedAcrossRotationsUnderLoad) {
     ZLogPrint log(mBase, 50000);
     log.SetAppInitDone(true);
@@ -426,11 +427,12 @@ TEST_F(ZLogPrintTest, NothingIsLostOrReorderedAcrossRotationsUnderLoad) {
         for (int i = 0; i < kLines; ++i) {
             log.LogPrint("", eZLogAccess, "T.cpp", "t", 1,
                          "REQ[k] %d %04d ..................................................\n", t, i);
-            log.LogPrint("", eZLogInfo, "T.cpp", "t", 1, "line %d %04d ..............\n", t, i);
+            log.LogPrint("", eZLogWarning, "T.cpp", "t", 1, "line %d %04d ..............\n", t,
+                         i);
         }
     });
     log.Flush();
-    for (const std::string& p : {mBase + ".accesslog", mBase + ".log"}) {
+    for (const std::string& p : {mBase + ".accesslog", mBase + ".log", mBase + ".logerr"}) {
         SCOPED_TRACE(p);
         ASSERT_TRUE(FileExists(p + "1.gz") && FileExists(p + "2.gz"));
         const auto lines = Lines(Gunzip(p + "2.gz") + Gunzip(p + "1.gz") + ReadFile(p));
