@@ -2,6 +2,7 @@
 #include "FrontEnd.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -50,6 +51,9 @@ FrontEnd::~FrontEnd() {
 }
 
 bool FrontEnd::_Connect() {
+    // Like the real front end: a write to a store that is restarting fails
+    // with EPIPE instead of ending the test process.
+    signal(SIGPIPE, SIG_IGN);
     if (mCmd != nullptr) redisFree(mCmd);
     if (mListen != nullptr) redisFree(mListen);
     const std::string sock = RedisServer::Instance().SocketPath();
