@@ -78,9 +78,12 @@ bool IsJsonType(std::string type) {
     return type == "application/json";
 }
 
+std::string Dump(const nlohmann::json& doc) {
+    return doc.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
 // A weak ETag of a document's text (FNV-1a, 64 bits).
-std::string EtagOf(const nlohmann::json& doc) {
-    const std::string text = doc.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+std::string EtagOfText(const std::string& text) {
     uint64_t h = 1469598103934665603ull;
     for (unsigned char c : text) {
         h ^= c;
@@ -91,14 +94,12 @@ std::string EtagOf(const nlohmann::json& doc) {
     return out;
 }
 
+std::string EtagOf(const nlohmann::json& doc) { return EtagOfText(Dump(doc)); }
+
 std::string Mask(uint32_t privileges) {
     char b[16];
     snprintf(b, sizeof b, "0x%" PRIX32, privileges);
     return b;
-}
-
-std::string Dump(const nlohmann::json& doc) {
-    return doc.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 }  // namespace
@@ -305,11 +306,13 @@ void RedfishService::_Read(sCall& call) {
     if (!info.resource) return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
     const std::string channel = info.channels["GETQ"];
     nlohmann::json messages = nlohmann::json::array();
+    StoreRequest::sAnswer answer;
     if (!channel.empty() && !info.fresh) {
-        // A dynamic resource: its plug-in refreshes it (and checks the user).
-        StoreRequest::sAnswer answer =
+        // A dynamic resource: its plug-in refreshes it (and checks the user);
+        // the refreshed document comes with the answer.
+        answer =
             store.Send(channel, _Fields(call, call.method, call.uri == kServiceRoot ? "" : "Login"),
-                       nullptr, mConfig.answerTimeoutMs);
+                       nullptr, mConfig.answerTimeoutMs, call.uri);
         if (!answer.answered) return _Unavailable(call);
         if (answer.status != "OK" && answer.status != "IGNORE") return _Answer(call, answer);
         // A task's read thread says "finished" as soon as its work ends; the
@@ -318,6 +321,7 @@ void RedfishService::_Read(sCall& call) {
         const std::string tasks = std::string(TaskFollower::kTasksURI) + "/";
         if (call.uri.compare(0, tasks.size(), tasks) == 0) {
             store.WaitField(call.uri, "EndTime", mConfig.lockWaitMs);
+            answer.documentRead = false;  // read again, with its final state
         }
         messages = mRegistry.ExpandAll(answer.messages);
     } else {
@@ -331,10 +335,12 @@ void RedfishService::_Read(sCall& call) {
     }
     nlohmann::json doc;
     std::string etag;
-    if (!_Resource(call.uri, &doc, &etag)) {
+    std::string text;
+    if (!_Resource(call.uri, &doc, &etag, answer.documentRead ? &answer.document : nullptr,
+                   &text)) {
         return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
     }
-    _SendResource(call, std::move(doc), etag, _AllowOf(info), messages);
+    _SendResource(call, std::move(doc), etag, _AllowOf(info), messages, std::move(text));
 }
 
 void RedfishService::_ReadOwn(sCall& call) {
@@ -373,16 +379,19 @@ void RedfishService::_ReadOwn(sCall& call) {
                   nlohmann::json::array());
 }
 
-bool RedfishService::_Resource(const std::string& uri, nlohmann::json* doc, std::string* etag) {
+bool RedfishService::_Resource(const std::string& uri, nlohmann::json* doc, std::string* etag,
+                               const std::string* read, std::string* text) {
     std::string id;
     const eOwn own = ServiceResources::Classify(uri, &id);
     if (own != eOwn::kNone) {
         if (ServiceResources::Open(own) || !mOwn.Document(own, id, doc)) return false;
     } else {
-        StoreRequest store(mConfig.socketPath);
-        std::string text;
-        if (!store.ReadDoc(uri, &text)) return false;
-        *doc = nlohmann::json::parse(text, nullptr, false);
+        std::string stored;
+        if (read == nullptr) {
+            if (!StoreRequest(mConfig.socketPath).ReadDoc(uri, &stored)) return false;
+            read = &stored;
+        }
+        *doc = nlohmann::json::parse(*read, nullptr, false);
         if (doc->is_discarded() || !doc->is_object()) return false;
     }
     _Present(uri, doc);
@@ -392,7 +401,11 @@ bool RedfishService::_Resource(const std::string& uri, nlohmann::json* doc, std:
         *etag = (*doc)["@odata.etag"].get<std::string>();
         if ((*etag)[0] != '"' && etag->compare(0, 3, "W/\"") != 0) *etag = "\"" + *etag + "\"";
     } else {
-        *etag = EtagOf(*doc);
+        // The text the ETag is made of is the body, unless a query or
+        // messages change the document.
+        std::string dumped = Dump(*doc);
+        *etag = EtagOfText(dumped);
+        if (text != nullptr) *text = std::move(dumped);
     }
     return true;
 }
@@ -430,7 +443,8 @@ void RedfishService::_Present(const std::string& uri, nlohmann::json* doc) {
 }
 
 void RedfishService::_SendResource(sCall& call, nlohmann::json doc, const std::string& etag,
-                                   const std::string& allow, const nlohmann::json& messages) {
+                                   const std::string& allow, const nlohmann::json& messages,
+                                   std::string text) {
     call.res.set_header("Allow", allow);
     call.res.set_header("ETag", etag);
     std::string base;
@@ -458,8 +472,9 @@ void RedfishService::_SendResource(sCall& call, nlohmann::json doc, const std::s
         });
     }
     if (!messages.empty()) doc["@Message.ExtendedInfo"] = messages;
+    if (call.query.any || !messages.empty() || text.empty()) text = Dump(doc);
     call.res.status = 200;
-    call.res.set_content(Dump(doc), "application/json");
+    call.res.set_content(std::move(text), "application/json");
 }
 
 void RedfishService::_WriteOwn(sCall& call) {

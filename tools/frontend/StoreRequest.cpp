@@ -36,6 +36,32 @@ ReplyPtr Command(redisContext* c, const std::vector<std::string>& args) {
         redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lens.data())));
 }
 
+// Sends `cmds` in one round trip; a null reply for each command not
+// answered (the connection failed).
+std::vector<ReplyPtr> Pipeline(redisContext* c, const std::vector<std::vector<std::string>>& cmds) {
+    std::vector<ReplyPtr> replies(cmds.size());
+    if (c == nullptr || c->err != 0) return replies;
+    size_t sent = 0;
+    for (; sent < cmds.size(); ++sent) {
+        std::vector<const char*> argv;
+        std::vector<size_t> lens;
+        for (const auto& a : cmds[sent]) {
+            argv.push_back(a.data());
+            lens.push_back(a.size());
+        }
+        if (redisAppendCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lens.data()) !=
+            REDIS_OK) {
+            break;
+        }
+    }
+    for (size_t i = 0; i < sent; ++i) {
+        void* raw = nullptr;
+        if (redisGetReply(c, &raw) != REDIS_OK) break;
+        replies[i].reset(static_cast<redisReply*>(raw));
+    }
+    return replies;
+}
+
 std::string Text(const redisReply* r) {
     if (r == nullptr || r->str == nullptr) return std::string();
     return std::string(r->str, r->len);
@@ -366,13 +392,15 @@ bool StoreRequest::ReadDoc(const std::string& jpath, std::string* json) {
 
 StoreRequest::sAnswer StoreRequest::Send(const std::string& channel,
                                          std::map<std::string, std::string> fields,
-                                         const sBodyTree* body, int timeoutMs) {
+                                         const sBodyTree* body, int timeoutMs,
+                                         const std::string& alsoRead) {
     sAnswer answer;
     if (mCmd == nullptr) return answer;
     mListen = ThreadListen(mSocket, mReturnChannel);
     if (mListen == nullptr) return answer;
+    std::vector<std::vector<std::string>> cmds;
     if (body != nullptr) {
-        for (const auto& cmd : body->commands) Command(mCmd, cmd);
+        cmds = body->commands;
         fields["&&RequestData"] = RequestDataKey();
     }
     fields["&&ReturnChannel"] = mReturnChannel;
@@ -381,16 +409,63 @@ StoreRequest::sAnswer StoreRequest::Send(const std::string& channel,
         hset.push_back(f.first);
         hset.push_back(f.second);
     }
-    Command(mCmd, hset);
-    ReplyPtr published = Command(mCmd, {"PUBLISH", channel, mKey});
+    cmds.push_back(std::move(hset));
+    cmds.push_back({"PUBLISH", channel, mKey});
+    // The body, the request hash and the announcement go in one round trip,
+    // in this order: the plug-in reads nothing before the PUBLISH.
+    std::vector<ReplyPtr> replies = Pipeline(mCmd, cmds);
+    const redisReply* published = replies.back().get();
     // Nobody subscribed (a plug-in starting or restarting): no answer will
     // come, so the client is told at once instead of after the time-out.
     answer.noListener =
         published && published->type == REDIS_REPLY_INTEGER && published->integer == 0;
     answer.answered = !answer.noListener && _Wait(mKey, timeoutMs);
 
-    ReplyPtr all = Command(mCmd, {"HGETALL", mKey});
-    if (all && all->type == REDIS_REPLY_ARRAY) {
+    // One script run reads the answer, the documents it names and the one
+    // the caller serves next (while the answer's lock is still held), then
+    // cleans up; ARGV after the gathering's limits: the request key, "1"
+    // when answered, "1" when a task may keep the request, the document to
+    // read too, the body's keys.
+    static const std::string script = Orbel::StoreTreeGatherLua() + R"LUA(
+local key, answered, task, also = ARGV[3], ARGV[4] == '1', ARGV[5] == '1', ARGV[6]
+local all = redis.pcall('HGETALL', key)
+if all.err then all = {} end
+local f = {}
+for i = 1, #all, 2 do f[all[i]] = all[i + 1] end
+local roots = {}
+if answered then
+  for _, name in ipairs({'&&ExtendedInfo', '&&ResponseData'}) do
+    if f[name] and f[name] ~= '' then roots[#roots + 1] = f[name] end
+  end
+  if also ~= '' then roots[#roots + 1] = also end
+end
+local docs = gather(roots)
+local del = {}
+if not (answered and task and f['&&ReturnStatus'] == 'PROCESSING') then
+  del[1] = key
+  for i = 7, #ARGV do del[#del + 1] = ARGV[i] end
+end
+local lock = f['&&ResourceLock']
+if lock and string.sub(lock, 1, 15) == '&&ResourceLock:' then del[#del + 1] = lock end
+if #del > 0 then redis.call('DEL', unpack(del)) end
+return {all, docs}
+)LUA";
+    const bool mayKeep = fields.count("&&Task") != 0;
+    std::vector<std::string> args = Orbel::StoreTreeGatherArgs();
+    args.insert(args.end(), {mKey, answer.answered ? "1" : "0", mayKeep ? "1" : "0", alsoRead});
+    if (body != nullptr) args.insert(args.end(), body->keys.begin(), body->keys.end());
+    Orbel::StoreReply run = Orbel::StoreEval(mCmd, script, args);
+    if (!run) {
+        answer.answered = false;  // the store went away
+        return answer;
+    }
+    const bool ran = run->type == REDIS_REPLY_ARRAY && run->elements == 2 &&
+                     run->element[0]->type == REDIS_REPLY_ARRAY;
+    // A store that refused the script (busy with another one, say) gets the
+    // same steps one command at a time.
+    ReplyPtr own = ran ? nullptr : Command(mCmd, {"HGETALL", mKey});
+    const redisReply* all = ran ? run->element[0] : own.get();
+    if (all != nullptr && all->type == REDIS_REPLY_ARRAY) {
         for (size_t i = 0; i + 1 < all->elements; i += 2) {
             answer.hash[Text(all->element[i])] = Text(all->element[i + 1]);
         }
@@ -399,30 +474,46 @@ StoreRequest::sAnswer StoreRequest::Send(const std::string& channel,
         auto it = answer.hash.find(name);
         return it == answer.hash.end() ? std::string() : it->second;
     };
+    std::vector<std::string> roots;
     if (answer.answered) {
         answer.status = field("&&ReturnStatus");
-        std::string doc;
         // No list under the named key: the answer has no messages.
-        if (!field("&&ExtendedInfo").empty() && ReadDoc(field("&&ExtendedInfo"), &doc)) {
-            answer.messages = nlohmann::json::parse(doc, nullptr, false);
-            if (!answer.messages.is_array()) answer.messages = nlohmann::json::array();
+        if (!field("&&ExtendedInfo").empty()) roots.push_back(field("&&ExtendedInfo"));
+        if (!field("&&ResponseData").empty()) roots.push_back(field("&&ResponseData"));
+        if (!alsoRead.empty()) roots.push_back(alsoRead);
+    }
+    Orbel::sStoreTreeOptions options;
+    options.pretty = false;
+    std::vector<Orbel::sStoreTreeDoc> docs =
+        Orbel::RenderStoreTrees(mCmd, ran ? run->element[1] : nullptr, roots, options);
+    size_t at = 0;
+    if (answer.answered && !field("&&ExtendedInfo").empty() && docs[at++].ok) {
+        answer.messages = nlohmann::json::parse(docs[at - 1].json, nullptr, false);
+        if (!answer.messages.is_array()) answer.messages = nlohmann::json::array();
+    }
+    if (answer.answered && !field("&&ResponseData").empty()) {
+        answer.responseData = std::move(docs[at++].json);
+    }
+    if (answer.answered && !alsoRead.empty()) {
+        answer.documentRead = docs[at].ok;
+        answer.document = std::move(docs[at].json);
+    }
+    // A task finishes the request later, into the same hash: the task
+    // follower deletes it and the body's keys then.
+    const bool kept = answer.status == "PROCESSING" && mayKeep;
+    if (kept && body != nullptr) answer.keptKeys = body->keys;
+    if (!ran) {
+        std::vector<std::string> del = {"DEL"};
+        if (!kept) {
+            del.push_back(mKey);
+            if (body != nullptr) del.insert(del.end(), body->keys.begin(), body->keys.end());
         }
-        if (!field("&&ResponseData").empty())
-            ReadDoc(field("&&ResponseData"), &answer.responseData);
+        // Only a lock key may be released here, never whatever key a hash
+        // names.
+        const std::string lock = field("&&ResourceLock");
+        if (lock.compare(0, 15, "&&ResourceLock:") == 0) del.push_back(lock);
+        if (del.size() > 1) Command(mCmd, del);
     }
-    std::vector<std::string> del = {"DEL"};
-    if (answer.status == "PROCESSING" && fields.count("&&Task") != 0) {
-        // A task finishes the request later, into the same hash: the task
-        // follower deletes it and the body then.
-        answer.keptKeys = body != nullptr ? body->keys : std::vector<std::string>();
-    } else {
-        del.push_back(mKey);
-        if (body != nullptr) del.insert(del.end(), body->keys.begin(), body->keys.end());
-    }
-    // Only a lock key may be released here, never whatever key a hash names.
-    const std::string lock = field("&&ResourceLock");
-    if (lock.compare(0, 15, "&&ResourceLock:") == 0) del.push_back(lock);
-    if (del.size() > 1) Command(mCmd, del);
     return answer;
 }
 

@@ -58,6 +58,8 @@ public:
         nlohmann::json messages = nlohmann::json::array();  // stored messages, unexpanded
         std::string responseData;  // document of "&&ResponseData" ("" without)
         std::vector<std::string> keptKeys;  // "PROCESSING": the body's keys, left for the task
+        bool documentRead = false;  // `alsoRead` was read into `document`
+        std::string document;       // its document on one line
     };
 
     explicit StoreRequest(const std::string& socketPath);
@@ -108,9 +110,12 @@ public:
     // key on `channel`, waits up to `timeoutMs` and reads the answer. Then
     // the request hash, the body's keys and the lock key the answer names
     // are deleted (for "PROCESSING" only the lock key: the task answers into
-    // the hash later). One call per object.
+    // the hash later). The answer, the documents it names, the document of
+    // `alsoRead` (when given) and the clean-up take one round trip (one
+    // script run), so the documents are read before the lock is released.
+    // One call per object.
     sAnswer Send(const std::string& channel, std::map<std::string, std::string> fields,
-                 const sBodyTree* body, int timeoutMs);
+                 const sBodyTree* body, int timeoutMs, const std::string& alsoRead = "");
 
     // The front end's preparation of a task for this request
     // (TaskFollower::Prepare): the task monitor URL for "&&Task", or "".
