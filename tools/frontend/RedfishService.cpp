@@ -302,17 +302,18 @@ std::map<std::string, std::string> RedfishService::_Fields(const sCall& call,
 void RedfishService::_Read(sCall& call) {
     StoreRequest store(mConfig.socketPath);
     StoreRequest::sResourceInfo info;
-    if (!store.Describe(call.uri, &info)) return _Unavailable(call);
-    if (!info.resource) return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
-    const std::string channel = info.channels["GETQ"];
-    nlohmann::json messages = nlohmann::json::array();
     StoreRequest::sAnswer answer;
-    if (!channel.empty() && !info.fresh) {
-        // A dynamic resource: its plug-in refreshes it (and checks the user);
-        // the refreshed document comes with the answer.
-        answer =
-            store.Send(channel, _Fields(call, call.method, call.uri == kServiceRoot ? "" : "Login"),
-                       nullptr, mConfig.answerTimeoutMs, call.uri);
+    bool forwarded = false;
+    // A dynamic resource (a read channel, not fresh): its plug-in refreshes
+    // it (and checks the user); the refreshed document comes with the
+    // answer. The look at the resource and the forwarding share a round trip.
+    if (!store.Read(call.uri, _Fields(call, call.method, call.uri == kServiceRoot ? "" : "Login"),
+                    mConfig.answerTimeoutMs, &info, &answer, &forwarded)) {
+        return _Unavailable(call);
+    }
+    if (!info.resource) return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
+    nlohmann::json messages = nlohmann::json::array();
+    if (forwarded) {
         if (!answer.answered) return _Unavailable(call);
         if (answer.status != "OK" && answer.status != "IGNORE") return _Answer(call, answer);
         // A task's read thread says "finished" as soon as its work ends; the

@@ -300,22 +300,31 @@ bool StoreRequest::Describe(const std::string& uri, sResourceInfo* info) {
         redisAppendCommandArgv(mCmd, static_cast<int>(argv.size()), argv.data(), lens.data());
     }
     std::vector<ReplyPtr> replies;
+    std::vector<const redisReply*> raw;
     for (size_t i = 0; i < cmds.size(); ++i) {
-        void* raw = nullptr;
-        if (redisGetReply(mCmd, &raw) != REDIS_OK) return false;
-        replies.emplace_back(static_cast<redisReply*>(raw));
+        void* r = nullptr;
+        if (redisGetReply(mCmd, &r) != REDIS_OK) return false;
+        replies.emplace_back(static_cast<redisReply*>(r));
+        raw.push_back(replies.back().get());
     }
-    auto one = [&replies](size_t i) {
+    FillInfo(raw.data(), info);
+    return true;
+}
+
+void StoreRequest::FillInfo(const redisReply* const* replies, sResourceInfo* info) {
+    static const char* const kQueues[] = {"GETQ", "PATCHQ", "POSTCREATEQ", "POSTACTIONQ",
+                                          "DELETEQ"};
+    auto one = [replies](size_t i) {
         return replies[i] && replies[i]->type == REDIS_REPLY_INTEGER && replies[i]->integer == 1;
     };
-    info->resource = Text(replies[0].get()) == "hash" && (one(1) || one(2));
+    info->resource = Text(replies[0]) == "hash" && (one(1) || one(2));
     info->locked = one(3);
     info->channels.clear();
     for (size_t i = 0; i < sizeof kQueues / sizeof kQueues[0]; ++i) {
-        const redisReply* r = replies[4 + i].get();
+        const redisReply* r = replies[4 + i];
         if (r != nullptr && r->type == REDIS_REPLY_STRING) info->channels[kQueues[i]] = Text(r);
     }
-    const redisReply* ttl = replies.back().get();
+    const redisReply* ttl = replies[9];
     info->fresh = false;
     if (ttl != nullptr && ttl->type == REDIS_REPLY_STRING) {
         const std::string until = Text(ttl);
@@ -324,6 +333,68 @@ bool StoreRequest::Describe(const std::string& uri, sResourceInfo* info) {
         info->fresh = !until.empty() && end != nullptr && *end == '\0' &&
                       t > static_cast<long long>(time(nullptr));
     }
+}
+
+bool StoreRequest::Read(const std::string& uri, std::map<std::string, std::string> fields,
+                        int timeoutMs, sResourceInfo* info, sAnswer* answer, bool* forwarded) {
+    *forwarded = false;
+    if (mCmd == nullptr || mCmd->err != 0) return false;
+    mListen = ThreadListen(mSocket, mReturnChannel);
+    if (mListen == nullptr) return false;
+    // Describe's reads, then, for a resource its plug-in refreshes (a read
+    // channel, no "&&TTL" in the future), Send's request hash and PUBLISH;
+    // the last element is PUBLISH's count, nil when not forwarded. ARGV: the
+    // URI, the request key, the time now, the hash's fields and values.
+    static const std::string script = R"LUA(
+local uri, key, now = ARGV[1], ARGV[2], tonumber(ARGV[3])
+local function try(...)
+  local r = redis.pcall(...)
+  if type(r) == 'table' and r.err then return false end
+  return r
+end
+local out = {redis.call('TYPE', uri).ok, try('HEXISTS', uri, '@odata.id'),
+             try('HEXISTS', uri, '&&RawJSON'), try('EXISTS', '&&ResourceLock:' .. uri)}
+for _, q in ipairs({'GETQ', 'PATCHQ', 'POSTCREATEQ', 'POSTACTIONQ', 'DELETEQ'}) do
+  out[#out + 1] = try('LINDEX', '&&' .. uri .. '/' .. q, 0)
+end
+local ttl = try('HGET', '&&TTL', uri)
+out[#out + 1] = ttl
+local fresh = ttl and string.match(ttl, '^%s*[+-]?%d+$') and tonumber(ttl) > now
+local channel = out[5]
+if out[1] == 'hash' and (out[2] == 1 or out[3] == 1) and channel and channel ~= '' and
+   not fresh then
+  redis.call('HSET', key, unpack(ARGV, 4))
+  out[#out + 1] = redis.call('PUBLISH', channel, key)
+else
+  out[#out + 1] = false
+end
+return out
+)LUA";
+    fields["&&ReturnChannel"] = mReturnChannel;
+    std::vector<std::string> args = {uri, mKey, std::to_string(time(nullptr))};
+    for (const auto& f : fields) {
+        args.push_back(f.first);
+        args.push_back(f.second);
+    }
+    Orbel::StoreReply run = Orbel::StoreEval(mCmd, script, args);
+    if (!run) return false;
+    if (run->type != REDIS_REPLY_ARRAY || run->elements != 11) {
+        // A store that refused the script: the same steps, a round trip each.
+        if (!Describe(uri, info)) return false;
+        const std::string channel = info->channels["GETQ"];
+        if (channel.empty() || info->fresh) return true;
+        *forwarded = true;
+        *answer = Send(channel, std::move(fields), nullptr, timeoutMs, uri);
+        return true;
+    }
+    std::vector<const redisReply*> raw(run->element, run->element + 10);
+    FillInfo(raw.data(), info);
+    const redisReply* published = run->element[10];
+    if (published->type != REDIS_REPLY_INTEGER) return true;
+    *forwarded = true;
+    answer->noListener = published->integer == 0;
+    answer->answered = !answer->noListener && _Wait(mKey, timeoutMs);
+    *answer = _Collect(std::move(*answer), false, nullptr, uri);
     return true;
 }
 
@@ -420,6 +491,11 @@ StoreRequest::sAnswer StoreRequest::Send(const std::string& channel,
     answer.noListener =
         published && published->type == REDIS_REPLY_INTEGER && published->integer == 0;
     answer.answered = !answer.noListener && _Wait(mKey, timeoutMs);
+    return _Collect(std::move(answer), fields.count("&&Task") != 0, body, alsoRead);
+}
+
+StoreRequest::sAnswer StoreRequest::_Collect(sAnswer answer, bool mayKeep, const sBodyTree* body,
+                                             const std::string& alsoRead) {
 
     // One script run reads the answer, the documents it names and the one
     // the caller serves next (while the answer's lock is still held), then
@@ -450,7 +526,6 @@ if lock and string.sub(lock, 1, 15) == '&&ResourceLock:' then del[#del + 1] = lo
 if #del > 0 then redis.call('DEL', unpack(del)) end
 return {all, docs}
 )LUA";
-    const bool mayKeep = fields.count("&&Task") != 0;
     std::vector<std::string> args = Orbel::StoreTreeGatherArgs();
     args.insert(args.end(), {mKey, answer.answered ? "1" : "0", mayKeep ? "1" : "0", alsoRead});
     if (body != nullptr) args.insert(args.end(), body->keys.begin(), body->keys.end());

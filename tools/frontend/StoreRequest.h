@@ -117,6 +117,14 @@ public:
     sAnswer Send(const std::string& channel, std::map<std::string, std::string> fields,
                  const sBodyTree* body, int timeoutMs, const std::string& alsoRead = "");
 
+    // A read of `uri` in one round trip up to the plug-in's answer: fills
+    // `*info` as Describe and, when the resource has a read channel and is
+    // not fresh, forwards the read with `fields` as Send does (`*forwarded`
+    // set, `*answer` as Send gives it, with the document of `uri`). False
+    // when the store cannot be asked.
+    bool Read(const std::string& uri, std::map<std::string, std::string> fields, int timeoutMs,
+              sResourceInfo* info, sAnswer* answer, bool* forwarded);
+
     // The front end's preparation of a task for this request
     // (TaskFollower::Prepare): the task monitor URL for "&&Task", or "".
     std::string PrepareTask();
@@ -125,6 +133,12 @@ public:
 
 private:
     bool _Wait(const std::string& key, int timeoutMs);
+    // Send's second half, after the wait: reads the answer, its documents and
+    // `alsoRead`, and cleans up (`mayKeep`: a task may keep the request).
+    sAnswer _Collect(sAnswer answer, bool mayKeep, const sBodyTree* body,
+                     const std::string& alsoRead);
+    // Describe's result from its ten replies.
+    static void FillInfo(const redisReply* const* replies, sResourceInfo* info);
 
     redisContext* mCmd = nullptr;
     redisContext* mListen = nullptr;

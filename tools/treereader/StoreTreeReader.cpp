@@ -83,8 +83,15 @@ std::string Quote(const std::string& s) {
             continue;
         }
         if (ch >= 0x20 && ch < 0x80) {
-            out += static_cast<char>(ch);
-            ++i;
+            // A run of plain characters goes in at once.
+            size_t end = i + 1;
+            while (end < s.size()) {
+                const unsigned char next = static_cast<unsigned char>(s[end]);
+                if (next < 0x20 || next >= 0x80 || next == '"' || next == '\\') break;
+                ++end;
+            }
+            out.append(s, i, end - i);
+            i = end;
             continue;
         }
         switch (ch) {
@@ -404,21 +411,53 @@ struct sMember {
     std::string value;  // rendered value
 };
 
+// The replies of one run of the gathering script, indexed for rendering.
+struct sGathered {
+    explicit sGathered(const redisReply* g) { Index(g); }
+
+    static std::string AheadKey(const std::string& key, eNodeKind kind) {
+        return (kind == eNodeKind::kHash ? "h" : "l") + key;
+    }
+
+    const redisReply* Ahead(const std::string& key, eNodeKind kind) const {
+        auto it = ahead.find(AheadKey(key, kind));
+        return it == ahead.end() ? nullptr : it->second;
+    }
+
+    // The script's reply: key, tag, reply of the read, for each key. Only a
+    // typed key's type word stands for the key; a linked key read as a hash
+    // ("h") may be missing, so its reply serves only reads of that kind. A
+    // node read as the other kind ("wrong") is left to rendering.
+    void Index(const redisReply* g) {
+        if (g == nullptr || g->type != REDIS_REPLY_ARRAY) return;
+        for (size_t i = 0; i + 2 < g->elements; i += 3) {
+            const std::string key = ReplyText(g->element[i]);
+            const std::string tag = ReplyText(g->element[i + 1]);
+            const redisReply* data = g->element[i + 2];
+            if (tag == "wrong" || data->type != REDIS_REPLY_ARRAY) continue;
+            const bool hash = tag == "h" || tag == "hash" || tag == "none";
+            const bool list = tag == "l" || tag == "list" || tag == "none";
+            if (tag.size() > 1) types.emplace(key, tag);
+            // An empty reply is a missing key for either kind.
+            if (hash) ahead.emplace(AheadKey(key, eNodeKind::kHash), data);
+            if (list) ahead.emplace(AheadKey(key, eNodeKind::kList), data);
+        }
+    }
+
+    std::map<std::string, const redisReply*> ahead;  // replies, by kind and key
+    std::map<std::string, std::string> types;         // type words of typed keys
+};
+
 class TreeAssembler {
 public:
-    TreeAssembler(redisContext* c, const sStoreTreeOptions& options) : mC(c), mOpt(options) {}
-
-    // Reads the gathered documents of `roots` (one reply of the gathering
-    // script, or null when the store could not run it: every node is then
-    // read on its own).
-    void Use(const redisReply* gathered) { Index(gathered); }
+    TreeAssembler(redisContext* c, const sStoreTreeOptions& options, const sGathered* gathered)
+        : mC(c), mOpt(options), mGathered(gathered) {}
 
     bool Read(const std::string& jpath, std::string& json, std::string& error) {
         std::string typeName;
         ReplyPtr type;
-        auto known = mType.find(jpath);
-        if (known != mType.end()) {
-            typeName = known->second;
+        if (const std::string* known = KnownType(jpath)) {
+            typeName = *known;
         } else {
             type = Command(mC, {"TYPE", jpath});
             if (!type) return Fail(error, ContextError(mC));
@@ -623,8 +662,9 @@ private:
     // or one of another type gives null. False when the store fails.
     bool BareJPathElement(const std::string& key, unsigned depth, unsigned indent,
                           std::string& out) {
-        auto known = mType.find(key);
-        if (known != mType.end()) return TypedElement(key, known->second, depth, indent, out);
+        if (const std::string* known = KnownType(key)) {
+            return TypedElement(key, *known, depth, indent, out);
+        }
         ReplyPtr type = Command(mC, {"TYPE", key});
         if (!type) {
             mError = ContextError(mC);
@@ -712,7 +752,7 @@ private:
     // -----------------------------------------------------------------------
     // Gathering. A document is a tree of keys; read one by one, a resource
     // with a few nested objects costs a round trip per key. The gathering
-    // script (kGatherScript) reads, inside the store, every key that
+    // script (kGatherLua) reads, inside the store, every key that
     // rendering would read, in one round trip, and rendering takes the
     // replies from here. It reads only what rendering reads, so what it
     // missed or could not read the same way (a key of the other kind, keys
@@ -720,37 +760,16 @@ private:
     // own, as before. One script run is one snapshot of the store.
     // -----------------------------------------------------------------------
 
-    static std::string AheadKey(const std::string& key, eNodeKind kind) {
-        return (kind == eNodeKind::kHash ? "h" : "l") + key;
-    }
-
     const redisReply* Ahead(const std::string& key, eNodeKind kind) const {
-        auto it = mAhead.find(AheadKey(key, kind));
-        return it == mAhead.end() ? nullptr : it->second;
+        return mGathered != nullptr ? mGathered->Ahead(key, kind) : nullptr;
+    }
+    const std::string* KnownType(const std::string& key) const {
+        if (mGathered == nullptr) return nullptr;
+        auto it = mGathered->types.find(key);
+        return it == mGathered->types.end() ? nullptr : &it->second;
     }
 
-    // The script's reply: key, tag, reply of the read, for each key. Only a
-    // typed key's type word stands for the key; a linked key read as a hash
-    // ("h") may be missing, so its reply serves only reads of that kind. A
-    // node read as the other kind ("wrong") is left to rendering.
-    void Index(const redisReply* g) {
-        if (g == nullptr || g->type != REDIS_REPLY_ARRAY) return;
-        for (size_t i = 0; i + 2 < g->elements; i += 3) {
-            const std::string key = ReplyText(g->element[i]);
-            const std::string tag = ReplyText(g->element[i + 1]);
-            const redisReply* data = g->element[i + 2];
-            if (tag == "wrong" || data->type != REDIS_REPLY_ARRAY) continue;
-            const bool hash = tag == "h" || tag == "hash" || tag == "none";
-            const bool list = tag == "l" || tag == "list" || tag == "none";
-            if (tag.size() > 1) mType.emplace(key, tag);
-            // An empty reply is a missing key for either kind.
-            if (hash) mAhead.emplace(AheadKey(key, eNodeKind::kHash), data);
-            if (list) mAhead.emplace(AheadKey(key, eNodeKind::kList), data);
-        }
-    }
-
-    std::map<std::string, const redisReply*> mAhead;  // gathered replies, by kind and key
-    std::map<std::string, std::string> mType;          // gathered type words, by key
+    const sGathered* mGathered;
     std::vector<std::string> mPath;  // keys being expanded, top first
     unsigned mNodes = 0;             // nodes read so far
     std::string mError;
@@ -801,13 +820,13 @@ std::vector<sStoreTreeDoc> RenderStoreTrees(redisContext* c, const redisReply* g
                                             const std::vector<std::string>& jpaths,
                                             const sStoreTreeOptions& options) {
     std::vector<sStoreTreeDoc> docs(jpaths.size());
+    const sGathered index(gathered);
     for (size_t i = 0; i < jpaths.size(); ++i) {
         if (c == nullptr || c->err != 0) {
             docs[i].error = ContextError(c);
             continue;
         }
-        TreeAssembler reader(c, options);
-        reader.Use(gathered);
+        TreeAssembler reader(c, options, &index);
         docs[i].ok = reader.Read(jpaths[i], docs[i].json, docs[i].error);
         if (!docs[i].ok) docs[i].json.clear();
     }
