@@ -87,6 +87,10 @@ private:
     bool _Resource(const std::string& uri, nlohmann::json* doc, std::string* etag,
                    const std::string* read = nullptr, std::string* text = nullptr);
     void _Present(const std::string& uri, nlohmann::json* doc);
+    // Sets the headers of a resource read (Allow, ETag, Link from the
+    // document's `type`); true when If-None-Match names the ETag (304 set).
+    bool _ReadHeaders(sCall& call, const std::string& etag, const std::string& allow,
+                      const std::string& type);
     // Sends `doc` with the headers of a resource read (Allow, Link, ETag),
     // the query applied; 304 when If-None-Match names its ETag. `text`:
     // the document's text when already made (the body when neither a query

@@ -501,7 +501,10 @@ StoreRequest::sAnswer StoreRequest::_Collect(sAnswer answer, bool mayKeep, const
     // the caller serves next (while the answer's lock is still held), then
     // cleans up; ARGV after the gathering's limits: the request key, "1"
     // when answered, "1" when a task may keep the request, the document to
-    // read too, the body's keys.
+    // read too, the digest of this thread's last gathering, the body's keys.
+    // The reply: the request hash, the gathering (left out when its digest
+    // is the one given: the documents are those rendered last) and its
+    // digest (SHA-1 of every key, tag and value, each with its length).
     static const std::string script = Orbel::StoreTreeGatherLua() + R"LUA(
 local key, answered, task, also = ARGV[3], ARGV[4] == '1', ARGV[5] == '1', ARGV[6]
 local all = redis.pcall('HGETALL', key)
@@ -519,23 +522,42 @@ local docs = gather(roots)
 local del = {}
 if not (answered and task and f['&&ReturnStatus'] == 'PROCESSING') then
   del[1] = key
-  for i = 7, #ARGV do del[#del + 1] = ARGV[i] end
+  for i = 8, #ARGV do del[#del + 1] = ARGV[i] end
 end
 local lock = f['&&ResourceLock']
 if lock and string.sub(lock, 1, 15) == '&&ResourceLock:' then del[#del + 1] = lock end
 if #del > 0 then redis.call('DEL', unpack(del)) end
-return {all, docs}
+local parts = {}
+for i = 1, #docs, 3 do
+  parts[#parts + 1] = #docs[i] .. ':' .. docs[i] .. #docs[i + 1] .. ':' .. docs[i + 1] ..
+                      '#' .. #docs[i + 2] .. ';'
+  for _, v in ipairs(docs[i + 2]) do parts[#parts + 1] = #v .. ':' .. v end
+end
+local digest = redis.sha1hex(table.concat(parts))
+if digest == ARGV[7] then return {all, digest} end
+return {all, docs, digest}
 )LUA";
+    // The documents this thread rendered last, by the digest of their
+    // gathering: a resource read again unchanged is not rendered again.
+    struct sRendered {
+        std::vector<std::string> roots;
+        std::string digest;
+        std::vector<Orbel::sStoreTreeDoc> docs;
+    };
+    thread_local sRendered tRendered;
     std::vector<std::string> args = Orbel::StoreTreeGatherArgs();
-    args.insert(args.end(), {mKey, answer.answered ? "1" : "0", mayKeep ? "1" : "0", alsoRead});
+    args.insert(args.end(), {mKey, answer.answered ? "1" : "0", mayKeep ? "1" : "0", alsoRead,
+                             tRendered.digest});
     if (body != nullptr) args.insert(args.end(), body->keys.begin(), body->keys.end());
     Orbel::StoreReply run = Orbel::StoreEval(mCmd, script, args);
     if (!run) {
         answer.answered = false;  // the store went away
         return answer;
     }
-    const bool ran = run->type == REDIS_REPLY_ARRAY && run->elements == 2 &&
+    const bool ran = run->type == REDIS_REPLY_ARRAY &&
+                     (run->elements == 2 || run->elements == 3) &&
                      run->element[0]->type == REDIS_REPLY_ARRAY;
+    const bool same = ran && run->elements == 2;  // the gathering of the last documents
     // A store that refused the script (busy with another one, say) gets the
     // same steps one command at a time.
     ReplyPtr own = ran ? nullptr : Command(mCmd, {"HGETALL", mKey});
@@ -557,10 +579,20 @@ return {all, docs}
         if (!field("&&ResponseData").empty()) roots.push_back(field("&&ResponseData"));
         if (!alsoRead.empty()) roots.push_back(alsoRead);
     }
-    Orbel::sStoreTreeOptions options;
-    options.pretty = false;
-    std::vector<Orbel::sStoreTreeDoc> docs =
-        Orbel::RenderStoreTrees(mCmd, ran ? run->element[1] : nullptr, roots, options);
+    std::vector<Orbel::sStoreTreeDoc> docs;
+    if (same && tRendered.roots == roots && Text(run->element[1]) == tRendered.digest) {
+        docs = tRendered.docs;
+    } else {
+        Orbel::sStoreTreeOptions options;
+        options.pretty = false;
+        const redisReply* gathered = ran && !same ? run->element[1] : nullptr;
+        docs = Orbel::RenderStoreTrees(mCmd, gathered, roots, options);
+        // Only documents made of the gathering alone stand for its digest.
+        tRendered = sRendered();
+        bool whole = gathered != nullptr;
+        for (const auto& d : docs) whole = whole && d.gathered;
+        if (whole) tRendered = {roots, Text(run->element[2]), docs};
+    }
     size_t at = 0;
     if (answer.answered && !field("&&ExtendedInfo").empty() && docs[at++].ok) {
         answer.messages = nlohmann::json::parse(docs[at - 1].json, nullptr, false);

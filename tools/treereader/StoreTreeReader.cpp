@@ -453,12 +453,16 @@ public:
     TreeAssembler(redisContext* c, const sStoreTreeOptions& options, const sGathered* gathered)
         : mC(c), mOpt(options), mGathered(gathered) {}
 
+    // Whether a read went to the store instead of the gathering.
+    bool ReadOnItsOwn() const { return mOwnReads; }
+
     bool Read(const std::string& jpath, std::string& json, std::string& error) {
         std::string typeName;
         ReplyPtr type;
         if (const std::string* known = KnownType(jpath)) {
             typeName = *known;
         } else {
+            mOwnReads = true;
             type = Command(mC, {"TYPE", jpath});
             if (!type) return Fail(error, ContextError(mC));
             if (type->type == REDIS_REPLY_ERROR)
@@ -508,6 +512,7 @@ private:
         ReplyPtr own;
         const redisReply* r = Ahead(key, kind);
         if (r == nullptr) {
+            mOwnReads = true;
             own = kind == eNodeKind::kHash ? Command(mC, {"HGETALL", key})
                                            : Command(mC, {"LRANGE", key, "0", "-1"});
             r = own.get();
@@ -665,6 +670,7 @@ private:
         if (const std::string* known = KnownType(key)) {
             return TypedElement(key, *known, depth, indent, out);
         }
+        mOwnReads = true;
         ReplyPtr type = Command(mC, {"TYPE", key});
         if (!type) {
             mError = ContextError(mC);
@@ -770,6 +776,7 @@ private:
     }
 
     const sGathered* mGathered;
+    bool mOwnReads = false;  // a node or type was read from the store, not the gathering
     std::vector<std::string> mPath;  // keys being expanded, top first
     unsigned mNodes = 0;             // nodes read so far
     std::string mError;
@@ -828,6 +835,7 @@ std::vector<sStoreTreeDoc> RenderStoreTrees(redisContext* c, const redisReply* g
         }
         TreeAssembler reader(c, options, &index);
         docs[i].ok = reader.Read(jpaths[i], docs[i].json, docs[i].error);
+        docs[i].gathered = gathered != nullptr && !reader.ReadOnItsOwn();
         if (!docs[i].ok) docs[i].json.clear();
     }
     return docs;

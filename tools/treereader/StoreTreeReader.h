@@ -82,7 +82,8 @@ bool ReadStoreTree(redisContext* c, const std::string& jpath, std::string& json,
 struct sStoreTreeDoc {
     bool ok = false;
     std::string json;
-    std::string error;  // when !ok
+    std::string error;      // when !ok
+    bool gathered = false;  // made of the gathering alone (no read of its own)
 };
 std::vector<sStoreTreeDoc> ReadStoreTrees(redisContext* c, const std::vector<std::string>& jpaths,
                                           const sStoreTreeOptions& options = {});
