@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -40,29 +41,44 @@ TEST_F(FrontEndProtocolTest, KeepAliveServesManyRequestsInOneWriteEach) {
         for (int i = 0; i < 20; ++i) {
             argv.insert(argv.end(), {"-o", "/dev/null", "-w", "%{num_connects}", url});
         }
+        const long reads = ServerStat("stats", "total_reads_processed:");
         ChildProcess curl(argv);
         ASSERT_TRUE(curl.Start());
         ASSERT_EQ(curl.Wait(60000), 0);
         EXPECT_EQ(curl.Output(), "1" + std::string(19, '0')) << "keep-alive cut";
+        // The front end's share of a GET is two round trips (the look at the
+        // resource with the forwarding, then the answer with the document
+        // and the clean-up); the plug-in's share is at most 5.
+        if (!secure) {
+            EXPECT_LE(ServerStat("stats", "total_reads_processed:") - reads, 20 * 7 + 12);
+        }
     }
     const int fd = Connect();
     ASSERT_GE(fd, 0);
-    const std::string get = "GET /redfish/v1/ HTTP/1.1\r\nHost: x\r\n\r\n";
-    for (int i = 0; i < 5; ++i) {
-        ASSERT_EQ(send(fd, get.data(), get.size(), MSG_NOSIGNAL), static_cast<ssize_t>(get.size()));
+    const auto get = [fd](const std::string& uri) {
+        const std::string req = "GET " + uri +
+                                " HTTP/1.1\r\nHost: x\r\nAuthorization: Basic "
+                                "YWRtaW46YWRtaW4tcHc=\r\n\r\n";
+        EXPECT_EQ(send(fd, req.data(), req.size(), MSG_NOSIGNAL), static_cast<ssize_t>(req.size()));
         pollfd p{fd, POLLIN, 0};
-        ASSERT_EQ(poll(&p, 1, kTimeoutMs), 1);
+        EXPECT_EQ(poll(&p, 1, kTimeoutMs), 1);
         char buf[65536];
         const ssize_t n = recv(fd, buf, sizeof buf, 0);
-        ASSERT_GT(n, 0);
-        const std::string got(buf, static_cast<size_t>(n));
+        const std::string got(buf, static_cast<size_t>(std::max<ssize_t>(n, 0)));
         const size_t end = got.find("\r\n\r\n");
         const size_t length = got.find("Content-Length: ");
-        ASSERT_NE(end, std::string::npos) << got;
-        ASSERT_NE(length, std::string::npos) << got;
+        EXPECT_TRUE(end != std::string::npos && length != std::string::npos) << got;
         EXPECT_EQ(got.size(), end + 4 + strtoul(got.c_str() + length + 16, nullptr, 10))
-            << "answer " << i << " came in pieces";
-    }
+            << "an answer came in pieces";
+        return got;
+    };
+    for (int i = 0; i < 3; ++i) get("/redfish/v1/");
+    // A document read again is served anew once the store holds another.
+    const std::string before = get("/redfish/v1/Systems/1");
+    EXPECT_EQ(get("/redfish/v1/Systems/1"), before);
+    ASSERT_TRUE(RawCommand({"HSET", "/redfish/v1/Systems/1", "AssetTag", "\"moved\""}));
+    EXPECT_EQ(before.find("\"AssetTag\":\"moved\""), std::string::npos);
+    EXPECT_NE(get("/redfish/v1/Systems/1").find("\"AssetTag\":\"moved\""), std::string::npos);
     close(fd);
 }
 

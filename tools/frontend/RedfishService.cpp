@@ -78,9 +78,12 @@ bool IsJsonType(std::string type) {
     return type == "application/json";
 }
 
+std::string Dump(const nlohmann::json& doc) {
+    return doc.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
 // A weak ETag of a document's text (FNV-1a, 64 bits).
-std::string EtagOf(const nlohmann::json& doc) {
-    const std::string text = doc.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+std::string EtagOfText(const std::string& text) {
     uint64_t h = 1469598103934665603ull;
     for (unsigned char c : text) {
         h ^= c;
@@ -91,15 +94,24 @@ std::string EtagOf(const nlohmann::json& doc) {
     return out;
 }
 
+std::string EtagOf(const nlohmann::json& doc) { return EtagOfText(Dump(doc)); }
+
 std::string Mask(uint32_t privileges) {
     char b[16];
     snprintf(b, sizeof b, "0x%" PRIX32, privileges);
     return b;
 }
 
-std::string Dump(const nlohmann::json& doc) {
-    return doc.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-}
+// The last plain resource body a worker thread sent (no query, no
+// messages), with the stored document it was made of.
+struct sLastBody {
+    std::string uri;
+    std::string stored;  // the stored document's text
+    std::string etag;
+    std::string body;
+    std::string type;  // its "@odata.type"
+};
+thread_local sLastBody tLastBody;
 
 }  // namespace
 
@@ -301,15 +313,18 @@ std::map<std::string, std::string> RedfishService::_Fields(const sCall& call,
 void RedfishService::_Read(sCall& call) {
     StoreRequest store(mConfig.socketPath);
     StoreRequest::sResourceInfo info;
-    if (!store.Describe(call.uri, &info)) return _Unavailable(call);
+    StoreRequest::sAnswer answer;
+    bool forwarded = false;
+    // A dynamic resource (a read channel, not fresh): its plug-in refreshes
+    // it (and checks the user); the refreshed document comes with the
+    // answer. The look at the resource and the forwarding share a round trip.
+    if (!store.Read(call.uri, _Fields(call, call.method, call.uri == kServiceRoot ? "" : "Login"),
+                    mConfig.answerTimeoutMs, &info, &answer, &forwarded)) {
+        return _Unavailable(call);
+    }
     if (!info.resource) return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
-    const std::string channel = info.channels["GETQ"];
     nlohmann::json messages = nlohmann::json::array();
-    if (!channel.empty() && !info.fresh) {
-        // A dynamic resource: its plug-in refreshes it (and checks the user).
-        StoreRequest::sAnswer answer =
-            store.Send(channel, _Fields(call, call.method, call.uri == kServiceRoot ? "" : "Login"),
-                       nullptr, mConfig.answerTimeoutMs);
+    if (forwarded) {
         if (!answer.answered) return _Unavailable(call);
         if (answer.status != "OK" && answer.status != "IGNORE") return _Answer(call, answer);
         // A task's read thread says "finished" as soon as its work ends; the
@@ -318,6 +333,7 @@ void RedfishService::_Read(sCall& call) {
         const std::string tasks = std::string(TaskFollower::kTasksURI) + "/";
         if (call.uri.compare(0, tasks.size(), tasks) == 0) {
             store.WaitField(call.uri, "EndTime", mConfig.lockWaitMs);
+            answer.documentRead = false;  // read again, with its final state
         }
         messages = mRegistry.ExpandAll(answer.messages);
     } else {
@@ -329,12 +345,30 @@ void RedfishService::_Read(sCall& call) {
             return _Error(call, 503, "Base.1.12.ResourceInUse");
         }
     }
+    // A document read again unchanged is served as this thread made it last
+    // time (the service root also shows the front end's own state: it is
+    // made anew each time).
+    const bool plain = answer.documentRead && call.uri != kServiceRoot && messages.empty() &&
+                       !call.query.any;
+    if (plain && tLastBody.uri == call.uri && tLastBody.stored == answer.document) {
+        if (!_ReadHeaders(call, tLastBody.etag, _AllowOf(info), tLastBody.type)) {
+            call.res.status = 200;
+            call.res.set_content(tLastBody.body, "application/json");
+        }
+        return;
+    }
     nlohmann::json doc;
     std::string etag;
-    if (!_Resource(call.uri, &doc, &etag)) {
+    std::string text;
+    if (!_Resource(call.uri, &doc, &etag, answer.documentRead ? &answer.document : nullptr,
+                   &text)) {
         return _Error(call, 404, "Base.1.12.ResourceMissingAtURI", {call.uri});
     }
-    _SendResource(call, std::move(doc), etag, _AllowOf(info), messages);
+    tLastBody = sLastBody();
+    if (plain && !text.empty()) {
+        tLastBody = {call.uri, answer.document, etag, text, doc.value("@odata.type", std::string())};
+    }
+    _SendResource(call, std::move(doc), etag, _AllowOf(info), messages, std::move(text));
 }
 
 void RedfishService::_ReadOwn(sCall& call) {
@@ -373,16 +407,19 @@ void RedfishService::_ReadOwn(sCall& call) {
                   nlohmann::json::array());
 }
 
-bool RedfishService::_Resource(const std::string& uri, nlohmann::json* doc, std::string* etag) {
+bool RedfishService::_Resource(const std::string& uri, nlohmann::json* doc, std::string* etag,
+                               const std::string* read, std::string* text) {
     std::string id;
     const eOwn own = ServiceResources::Classify(uri, &id);
     if (own != eOwn::kNone) {
         if (ServiceResources::Open(own) || !mOwn.Document(own, id, doc)) return false;
     } else {
-        StoreRequest store(mConfig.socketPath);
-        std::string text;
-        if (!store.ReadDoc(uri, &text)) return false;
-        *doc = nlohmann::json::parse(text, nullptr, false);
+        std::string stored;
+        if (read == nullptr) {
+            if (!StoreRequest(mConfig.socketPath).ReadDoc(uri, &stored)) return false;
+            read = &stored;
+        }
+        *doc = nlohmann::json::parse(*read, nullptr, false);
         if (doc->is_discarded() || !doc->is_object()) return false;
     }
     _Present(uri, doc);
@@ -392,7 +429,11 @@ bool RedfishService::_Resource(const std::string& uri, nlohmann::json* doc, std:
         *etag = (*doc)["@odata.etag"].get<std::string>();
         if ((*etag)[0] != '"' && etag->compare(0, 3, "W/\"") != 0) *etag = "\"" + *etag + "\"";
     } else {
-        *etag = EtagOf(*doc);
+        // The text the ETag is made of is the body, unless a query or
+        // messages change the document.
+        std::string dumped = Dump(*doc);
+        *etag = EtagOfText(dumped);
+        if (text != nullptr) *text = std::move(dumped);
     }
     return true;
 }
@@ -429,24 +470,29 @@ void RedfishService::_Present(const std::string& uri, nlohmann::json* doc) {
     }
 }
 
-void RedfishService::_SendResource(sCall& call, nlohmann::json doc, const std::string& etag,
-                                   const std::string& allow, const nlohmann::json& messages) {
+bool RedfishService::_ReadHeaders(sCall& call, const std::string& etag, const std::string& allow,
+                                  const std::string& type) {
     call.res.set_header("Allow", allow);
     call.res.set_header("ETag", etag);
-    std::string base;
-    const std::string type = doc.value("@odata.type", std::string());
     if (type.size() > 1 && type[0] == '#') {
         // "#ComputerSystem.v1_20_0.ComputerSystem" is described by
         // ComputerSystem.v1_20_0.json; an unversioned type by its own name.
         const std::string t = type.substr(1);
-        base = t.substr(0, t.rfind('.'));
+        const std::string base = t.substr(0, t.rfind('.'));
         call.res.set_header("Link", "<http://redfish.dmtf.org/schemas/v1/" + base +
                                         ".json>; rel=describedby");
     }
     if (call.req.has_header("If-None-Match") && call.req.get_header_value("If-None-Match") == etag) {
         call.res.status = 304;
-        return;
+        return true;
     }
+    return false;
+}
+
+void RedfishService::_SendResource(sCall& call, nlohmann::json doc, const std::string& etag,
+                                   const std::string& allow, const nlohmann::json& messages,
+                                   std::string text) {
+    if (_ReadHeaders(call, etag, allow, doc.value("@odata.type", std::string()))) return;
     if (call.query.any) {
         ApplyQuery(call.query, call.uri, &doc, [this, &call](const std::string& uri,
                                                               nlohmann::json* linked) {
@@ -458,8 +504,9 @@ void RedfishService::_SendResource(sCall& call, nlohmann::json doc, const std::s
         });
     }
     if (!messages.empty()) doc["@Message.ExtendedInfo"] = messages;
+    if (call.query.any || !messages.empty() || text.empty()) text = Dump(doc);
     call.res.status = 200;
-    call.res.set_content(Dump(doc), "application/json");
+    call.res.set_content(std::move(text), "application/json");
 }
 
 void RedfishService::_WriteOwn(sCall& call) {

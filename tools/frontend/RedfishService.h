@@ -81,13 +81,23 @@ private:
     void _WriteOwn(sCall& call);
     void _Login(sCall& call);
     // The document a client gets of `uri` (own or stored, presented) and its
-    // ETag; false when there is none.
-    bool _Resource(const std::string& uri, nlohmann::json* doc, std::string* etag);
+    // ETag; false when there is none. `read`: its stored document, when
+    // already read. `text`, when given, receives the document's text when
+    // the ETag was made of it (else it is left empty).
+    bool _Resource(const std::string& uri, nlohmann::json* doc, std::string* etag,
+                   const std::string* read = nullptr, std::string* text = nullptr);
     void _Present(const std::string& uri, nlohmann::json* doc);
+    // Sets the headers of a resource read (Allow, ETag, Link from the
+    // document's `type`); true when If-None-Match names the ETag (304 set).
+    bool _ReadHeaders(sCall& call, const std::string& etag, const std::string& allow,
+                      const std::string& type);
     // Sends `doc` with the headers of a resource read (Allow, Link, ETag),
-    // the query applied; 304 when If-None-Match names its ETag.
+    // the query applied; 304 when If-None-Match names its ETag. `text`:
+    // the document's text when already made (the body when neither a query
+    // nor messages change it).
     void _SendResource(sCall& call, nlohmann::json doc, const std::string& etag,
-                       const std::string& allow, const nlohmann::json& messages);
+                       const std::string& allow, const nlohmann::json& messages,
+                       std::string text = std::string());
     static std::string _AllowOf(const StoreRequest::sResourceInfo& info);
     std::map<std::string, std::string> _Fields(const sCall& call, const std::string& method,
                                                const std::string& needs);

@@ -36,6 +36,32 @@ ReplyPtr Command(redisContext* c, const std::vector<std::string>& args) {
         redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lens.data())));
 }
 
+// Sends `cmds` in one round trip; a null reply for each command not
+// answered (the connection failed).
+std::vector<ReplyPtr> Pipeline(redisContext* c, const std::vector<std::vector<std::string>>& cmds) {
+    std::vector<ReplyPtr> replies(cmds.size());
+    if (c == nullptr || c->err != 0) return replies;
+    size_t sent = 0;
+    for (; sent < cmds.size(); ++sent) {
+        std::vector<const char*> argv;
+        std::vector<size_t> lens;
+        for (const auto& a : cmds[sent]) {
+            argv.push_back(a.data());
+            lens.push_back(a.size());
+        }
+        if (redisAppendCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lens.data()) !=
+            REDIS_OK) {
+            break;
+        }
+    }
+    for (size_t i = 0; i < sent; ++i) {
+        void* raw = nullptr;
+        if (redisGetReply(c, &raw) != REDIS_OK) break;
+        replies[i].reset(static_cast<redisReply*>(raw));
+    }
+    return replies;
+}
+
 std::string Text(const redisReply* r) {
     if (r == nullptr || r->str == nullptr) return std::string();
     return std::string(r->str, r->len);
@@ -274,22 +300,31 @@ bool StoreRequest::Describe(const std::string& uri, sResourceInfo* info) {
         redisAppendCommandArgv(mCmd, static_cast<int>(argv.size()), argv.data(), lens.data());
     }
     std::vector<ReplyPtr> replies;
+    std::vector<const redisReply*> raw;
     for (size_t i = 0; i < cmds.size(); ++i) {
-        void* raw = nullptr;
-        if (redisGetReply(mCmd, &raw) != REDIS_OK) return false;
-        replies.emplace_back(static_cast<redisReply*>(raw));
+        void* r = nullptr;
+        if (redisGetReply(mCmd, &r) != REDIS_OK) return false;
+        replies.emplace_back(static_cast<redisReply*>(r));
+        raw.push_back(replies.back().get());
     }
-    auto one = [&replies](size_t i) {
+    FillInfo(raw.data(), info);
+    return true;
+}
+
+void StoreRequest::FillInfo(const redisReply* const* replies, sResourceInfo* info) {
+    static const char* const kQueues[] = {"GETQ", "PATCHQ", "POSTCREATEQ", "POSTACTIONQ",
+                                          "DELETEQ"};
+    auto one = [replies](size_t i) {
         return replies[i] && replies[i]->type == REDIS_REPLY_INTEGER && replies[i]->integer == 1;
     };
-    info->resource = Text(replies[0].get()) == "hash" && (one(1) || one(2));
+    info->resource = Text(replies[0]) == "hash" && (one(1) || one(2));
     info->locked = one(3);
     info->channels.clear();
     for (size_t i = 0; i < sizeof kQueues / sizeof kQueues[0]; ++i) {
-        const redisReply* r = replies[4 + i].get();
+        const redisReply* r = replies[4 + i];
         if (r != nullptr && r->type == REDIS_REPLY_STRING) info->channels[kQueues[i]] = Text(r);
     }
-    const redisReply* ttl = replies.back().get();
+    const redisReply* ttl = replies[9];
     info->fresh = false;
     if (ttl != nullptr && ttl->type == REDIS_REPLY_STRING) {
         const std::string until = Text(ttl);
@@ -298,6 +333,68 @@ bool StoreRequest::Describe(const std::string& uri, sResourceInfo* info) {
         info->fresh = !until.empty() && end != nullptr && *end == '\0' &&
                       t > static_cast<long long>(time(nullptr));
     }
+}
+
+bool StoreRequest::Read(const std::string& uri, std::map<std::string, std::string> fields,
+                        int timeoutMs, sResourceInfo* info, sAnswer* answer, bool* forwarded) {
+    *forwarded = false;
+    if (mCmd == nullptr || mCmd->err != 0) return false;
+    mListen = ThreadListen(mSocket, mReturnChannel);
+    if (mListen == nullptr) return false;
+    // Describe's reads, then, for a resource its plug-in refreshes (a read
+    // channel, no "&&TTL" in the future), Send's request hash and PUBLISH;
+    // the last element is PUBLISH's count, nil when not forwarded. ARGV: the
+    // URI, the request key, the time now, the hash's fields and values.
+    static const std::string script = R"LUA(
+local uri, key, now = ARGV[1], ARGV[2], tonumber(ARGV[3])
+local function try(...)
+  local r = redis.pcall(...)
+  if type(r) == 'table' and r.err then return false end
+  return r
+end
+local out = {redis.call('TYPE', uri).ok, try('HEXISTS', uri, '@odata.id'),
+             try('HEXISTS', uri, '&&RawJSON'), try('EXISTS', '&&ResourceLock:' .. uri)}
+for _, q in ipairs({'GETQ', 'PATCHQ', 'POSTCREATEQ', 'POSTACTIONQ', 'DELETEQ'}) do
+  out[#out + 1] = try('LINDEX', '&&' .. uri .. '/' .. q, 0)
+end
+local ttl = try('HGET', '&&TTL', uri)
+out[#out + 1] = ttl
+local fresh = ttl and string.match(ttl, '^%s*[+-]?%d+$') and tonumber(ttl) > now
+local channel = out[5]
+if out[1] == 'hash' and (out[2] == 1 or out[3] == 1) and channel and channel ~= '' and
+   not fresh then
+  redis.call('HSET', key, unpack(ARGV, 4))
+  out[#out + 1] = redis.call('PUBLISH', channel, key)
+else
+  out[#out + 1] = false
+end
+return out
+)LUA";
+    fields["&&ReturnChannel"] = mReturnChannel;
+    std::vector<std::string> args = {uri, mKey, std::to_string(time(nullptr))};
+    for (const auto& f : fields) {
+        args.push_back(f.first);
+        args.push_back(f.second);
+    }
+    Orbel::StoreReply run = Orbel::StoreEval(mCmd, script, args);
+    if (!run) return false;
+    if (run->type != REDIS_REPLY_ARRAY || run->elements != 11) {
+        // A store that refused the script: the same steps, a round trip each.
+        if (!Describe(uri, info)) return false;
+        const std::string channel = info->channels["GETQ"];
+        if (channel.empty() || info->fresh) return true;
+        *forwarded = true;
+        *answer = Send(channel, std::move(fields), nullptr, timeoutMs, uri);
+        return true;
+    }
+    std::vector<const redisReply*> raw(run->element, run->element + 10);
+    FillInfo(raw.data(), info);
+    const redisReply* published = run->element[10];
+    if (published->type != REDIS_REPLY_INTEGER) return true;
+    *forwarded = true;
+    answer->noListener = published->integer == 0;
+    answer->answered = !answer->noListener && _Wait(mKey, timeoutMs);
+    *answer = _Collect(std::move(*answer), false, nullptr, uri);
     return true;
 }
 
@@ -366,13 +463,15 @@ bool StoreRequest::ReadDoc(const std::string& jpath, std::string* json) {
 
 StoreRequest::sAnswer StoreRequest::Send(const std::string& channel,
                                          std::map<std::string, std::string> fields,
-                                         const sBodyTree* body, int timeoutMs) {
+                                         const sBodyTree* body, int timeoutMs,
+                                         const std::string& alsoRead) {
     sAnswer answer;
     if (mCmd == nullptr) return answer;
     mListen = ThreadListen(mSocket, mReturnChannel);
     if (mListen == nullptr) return answer;
+    std::vector<std::vector<std::string>> cmds;
     if (body != nullptr) {
-        for (const auto& cmd : body->commands) Command(mCmd, cmd);
+        cmds = body->commands;
         fields["&&RequestData"] = RequestDataKey();
     }
     fields["&&ReturnChannel"] = mReturnChannel;
@@ -381,16 +480,89 @@ StoreRequest::sAnswer StoreRequest::Send(const std::string& channel,
         hset.push_back(f.first);
         hset.push_back(f.second);
     }
-    Command(mCmd, hset);
-    ReplyPtr published = Command(mCmd, {"PUBLISH", channel, mKey});
+    cmds.push_back(std::move(hset));
+    cmds.push_back({"PUBLISH", channel, mKey});
+    // The body, the request hash and the announcement go in one round trip,
+    // in this order: the plug-in reads nothing before the PUBLISH.
+    std::vector<ReplyPtr> replies = Pipeline(mCmd, cmds);
+    const redisReply* published = replies.back().get();
     // Nobody subscribed (a plug-in starting or restarting): no answer will
     // come, so the client is told at once instead of after the time-out.
     answer.noListener =
         published && published->type == REDIS_REPLY_INTEGER && published->integer == 0;
     answer.answered = !answer.noListener && _Wait(mKey, timeoutMs);
+    return _Collect(std::move(answer), fields.count("&&Task") != 0, body, alsoRead);
+}
 
-    ReplyPtr all = Command(mCmd, {"HGETALL", mKey});
-    if (all && all->type == REDIS_REPLY_ARRAY) {
+StoreRequest::sAnswer StoreRequest::_Collect(sAnswer answer, bool mayKeep, const sBodyTree* body,
+                                             const std::string& alsoRead) {
+
+    // One script run reads the answer, the documents it names and the one
+    // the caller serves next (while the answer's lock is still held), then
+    // cleans up; ARGV after the gathering's limits: the request key, "1"
+    // when answered, "1" when a task may keep the request, the document to
+    // read too, the digest of this thread's last gathering, the body's keys.
+    // The reply: the request hash, the gathering (left out when its digest
+    // is the one given: the documents are those rendered last) and its
+    // digest (SHA-1 of every key, tag and value, each with its length).
+    static const std::string script = Orbel::StoreTreeGatherLua() + R"LUA(
+local key, answered, task, also = ARGV[3], ARGV[4] == '1', ARGV[5] == '1', ARGV[6]
+local all = redis.pcall('HGETALL', key)
+if all.err then all = {} end
+local f = {}
+for i = 1, #all, 2 do f[all[i]] = all[i + 1] end
+local roots = {}
+if answered then
+  for _, name in ipairs({'&&ExtendedInfo', '&&ResponseData'}) do
+    if f[name] and f[name] ~= '' then roots[#roots + 1] = f[name] end
+  end
+  if also ~= '' then roots[#roots + 1] = also end
+end
+local docs = gather(roots)
+local del = {}
+if not (answered and task and f['&&ReturnStatus'] == 'PROCESSING') then
+  del[1] = key
+  for i = 8, #ARGV do del[#del + 1] = ARGV[i] end
+end
+local lock = f['&&ResourceLock']
+if lock and string.sub(lock, 1, 15) == '&&ResourceLock:' then del[#del + 1] = lock end
+if #del > 0 then redis.call('DEL', unpack(del)) end
+local parts = {}
+for i = 1, #docs, 3 do
+  parts[#parts + 1] = #docs[i] .. ':' .. docs[i] .. #docs[i + 1] .. ':' .. docs[i + 1] ..
+                      '#' .. #docs[i + 2] .. ';'
+  for _, v in ipairs(docs[i + 2]) do parts[#parts + 1] = #v .. ':' .. v end
+end
+local digest = redis.sha1hex(table.concat(parts))
+if digest == ARGV[7] then return {all, digest} end
+return {all, docs, digest}
+)LUA";
+    // The documents this thread rendered last, by the digest of their
+    // gathering: a resource read again unchanged is not rendered again.
+    struct sRendered {
+        std::vector<std::string> roots;
+        std::string digest;
+        std::vector<Orbel::sStoreTreeDoc> docs;
+    };
+    thread_local sRendered tRendered;
+    std::vector<std::string> args = Orbel::StoreTreeGatherArgs();
+    args.insert(args.end(), {mKey, answer.answered ? "1" : "0", mayKeep ? "1" : "0", alsoRead,
+                             tRendered.digest});
+    if (body != nullptr) args.insert(args.end(), body->keys.begin(), body->keys.end());
+    Orbel::StoreReply run = Orbel::StoreEval(mCmd, script, args);
+    if (!run) {
+        answer.answered = false;  // the store went away
+        return answer;
+    }
+    const bool ran = run->type == REDIS_REPLY_ARRAY &&
+                     (run->elements == 2 || run->elements == 3) &&
+                     run->element[0]->type == REDIS_REPLY_ARRAY;
+    const bool same = ran && run->elements == 2;  // the gathering of the last documents
+    // A store that refused the script (busy with another one, say) gets the
+    // same steps one command at a time.
+    ReplyPtr own = ran ? nullptr : Command(mCmd, {"HGETALL", mKey});
+    const redisReply* all = ran ? run->element[0] : own.get();
+    if (all != nullptr && all->type == REDIS_REPLY_ARRAY) {
         for (size_t i = 0; i + 1 < all->elements; i += 2) {
             answer.hash[Text(all->element[i])] = Text(all->element[i + 1]);
         }
@@ -399,30 +571,56 @@ StoreRequest::sAnswer StoreRequest::Send(const std::string& channel,
         auto it = answer.hash.find(name);
         return it == answer.hash.end() ? std::string() : it->second;
     };
+    std::vector<std::string> roots;
     if (answer.answered) {
         answer.status = field("&&ReturnStatus");
-        std::string doc;
         // No list under the named key: the answer has no messages.
-        if (!field("&&ExtendedInfo").empty() && ReadDoc(field("&&ExtendedInfo"), &doc)) {
-            answer.messages = nlohmann::json::parse(doc, nullptr, false);
-            if (!answer.messages.is_array()) answer.messages = nlohmann::json::array();
-        }
-        if (!field("&&ResponseData").empty())
-            ReadDoc(field("&&ResponseData"), &answer.responseData);
+        if (!field("&&ExtendedInfo").empty()) roots.push_back(field("&&ExtendedInfo"));
+        if (!field("&&ResponseData").empty()) roots.push_back(field("&&ResponseData"));
+        if (!alsoRead.empty()) roots.push_back(alsoRead);
     }
-    std::vector<std::string> del = {"DEL"};
-    if (answer.status == "PROCESSING" && fields.count("&&Task") != 0) {
-        // A task finishes the request later, into the same hash: the task
-        // follower deletes it and the body then.
-        answer.keptKeys = body != nullptr ? body->keys : std::vector<std::string>();
+    std::vector<Orbel::sStoreTreeDoc> docs;
+    if (same && tRendered.roots == roots && Text(run->element[1]) == tRendered.digest) {
+        docs = tRendered.docs;
     } else {
-        del.push_back(mKey);
-        if (body != nullptr) del.insert(del.end(), body->keys.begin(), body->keys.end());
+        Orbel::sStoreTreeOptions options;
+        options.pretty = false;
+        const redisReply* gathered = ran && !same ? run->element[1] : nullptr;
+        docs = Orbel::RenderStoreTrees(mCmd, gathered, roots, options);
+        // Only documents made of the gathering alone stand for its digest.
+        tRendered = sRendered();
+        bool whole = gathered != nullptr;
+        for (const auto& d : docs) whole = whole && d.gathered;
+        if (whole) tRendered = {roots, Text(run->element[2]), docs};
     }
-    // Only a lock key may be released here, never whatever key a hash names.
-    const std::string lock = field("&&ResourceLock");
-    if (lock.compare(0, 15, "&&ResourceLock:") == 0) del.push_back(lock);
-    if (del.size() > 1) Command(mCmd, del);
+    size_t at = 0;
+    if (answer.answered && !field("&&ExtendedInfo").empty() && docs[at++].ok) {
+        answer.messages = nlohmann::json::parse(docs[at - 1].json, nullptr, false);
+        if (!answer.messages.is_array()) answer.messages = nlohmann::json::array();
+    }
+    if (answer.answered && !field("&&ResponseData").empty()) {
+        answer.responseData = std::move(docs[at++].json);
+    }
+    if (answer.answered && !alsoRead.empty()) {
+        answer.documentRead = docs[at].ok;
+        answer.document = std::move(docs[at].json);
+    }
+    // A task finishes the request later, into the same hash: the task
+    // follower deletes it and the body's keys then.
+    const bool kept = answer.status == "PROCESSING" && mayKeep;
+    if (kept && body != nullptr) answer.keptKeys = body->keys;
+    if (!ran) {
+        std::vector<std::string> del = {"DEL"};
+        if (!kept) {
+            del.push_back(mKey);
+            if (body != nullptr) del.insert(del.end(), body->keys.begin(), body->keys.end());
+        }
+        // Only a lock key may be released here, never whatever key a hash
+        // names.
+        const std::string lock = field("&&ResourceLock");
+        if (lock.compare(0, 15, "&&ResourceLock:") == 0) del.push_back(lock);
+        if (del.size() > 1) Command(mCmd, del);
+    }
     return answer;
 }
 

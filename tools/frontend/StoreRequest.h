@@ -58,6 +58,8 @@ public:
         nlohmann::json messages = nlohmann::json::array();  // stored messages, unexpanded
         std::string responseData;  // document of "&&ResponseData" ("" without)
         std::vector<std::string> keptKeys;  // "PROCESSING": the body's keys, left for the task
+        bool documentRead = false;  // `alsoRead` was read into `document`
+        std::string document;       // its document on one line
     };
 
     explicit StoreRequest(const std::string& socketPath);
@@ -108,9 +110,20 @@ public:
     // key on `channel`, waits up to `timeoutMs` and reads the answer. Then
     // the request hash, the body's keys and the lock key the answer names
     // are deleted (for "PROCESSING" only the lock key: the task answers into
-    // the hash later). One call per object.
+    // the hash later). The answer, the documents it names, the document of
+    // `alsoRead` (when given) and the clean-up take one round trip (one
+    // script run), so the documents are read before the lock is released.
+    // One call per object.
     sAnswer Send(const std::string& channel, std::map<std::string, std::string> fields,
-                 const sBodyTree* body, int timeoutMs);
+                 const sBodyTree* body, int timeoutMs, const std::string& alsoRead = "");
+
+    // A read of `uri` in one round trip up to the plug-in's answer: fills
+    // `*info` as Describe and, when the resource has a read channel and is
+    // not fresh, forwards the read with `fields` as Send does (`*forwarded`
+    // set, `*answer` as Send gives it, with the document of `uri`). False
+    // when the store cannot be asked.
+    bool Read(const std::string& uri, std::map<std::string, std::string> fields, int timeoutMs,
+              sResourceInfo* info, sAnswer* answer, bool* forwarded);
 
     // The front end's preparation of a task for this request
     // (TaskFollower::Prepare): the task monitor URL for "&&Task", or "".
@@ -120,6 +133,12 @@ public:
 
 private:
     bool _Wait(const std::string& key, int timeoutMs);
+    // Send's second half, after the wait: reads the answer, its documents and
+    // `alsoRead`, and cleans up (`mayKeep`: a task may keep the request).
+    sAnswer _Collect(sAnswer answer, bool mayKeep, const sBodyTree* body,
+                     const std::string& alsoRead);
+    // Describe's result from its ten replies.
+    static void FillInfo(const redisReply* const* replies, sResourceInfo* info);
 
     redisContext* mCmd = nullptr;
     redisContext* mListen = nullptr;

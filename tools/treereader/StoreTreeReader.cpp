@@ -83,8 +83,15 @@ std::string Quote(const std::string& s) {
             continue;
         }
         if (ch >= 0x20 && ch < 0x80) {
-            out += static_cast<char>(ch);
-            ++i;
+            // A run of plain characters goes in at once.
+            size_t end = i + 1;
+            while (end < s.size()) {
+                const unsigned char next = static_cast<unsigned char>(s[end]);
+                if (next < 0x20 || next >= 0x80 || next == '"' || next == '\\') break;
+                ++end;
+            }
+            out.append(s, i, end - i);
+            i = end;
             continue;
         }
         switch (ch) {
@@ -303,6 +310,96 @@ bool IsQueueWord(const std::string& name) {
 }
 
 // ---------------------------------------------------------------------------
+// Gathering inside the store
+// ---------------------------------------------------------------------------
+
+// Defines the Lua function gather(roots): reads, breadth first, the roots
+// and every key their documents link to by the rules of ParseLink, Links and
+// the message fields below, each key once, at most ARGV[1] keys and ARGV[2]
+// levels below a root. Returns key, tag, reply for each: a root and a bare
+// JPath of a message list are typed first (the tag is the type word:
+// "hash", "list", "none" or another, with an empty reply for the last two);
+// a linked key is read as its link says (tag "h" or "l"), "wrong" when it is
+// of the other kind. Reads only.
+constexpr const char* kGatherLua = R"LUA(
+local function gather(roots)
+  local maxNodes, maxDepth = tonumber(ARGV[1]), tonumber(ARGV[2])
+  local queues = {GETQ=true, PATCHQ=true, POSTCREATEQ=true, DELETEQ=true, POSTACTIONQ=true}
+  local out, seen, todo, n = {}, {}, {}, 0
+  local function add(key, kind, depth)
+    if depth <= maxDepth and not seen[kind .. key] then
+      seen[kind .. key] = true
+      todo[#todo + 1] = {key, kind, depth}
+    end
+  end
+  local function link(text, inHash)
+    if string.sub(text, 1, 2) ~= '&&' then return nil end
+    local blank = string.find(text, ' ', 1, true)
+    if not blank then return nil end
+    local word, rest = string.sub(text, 1, blank - 1), string.sub(text, blank + 1)
+    local kind
+    if word == '&&Object' then kind = 'h'
+    elseif word == '&&Array' or word == '&&ArraySimple' then kind = 'l'
+    else return nil end
+    if rest == '' then return nil end
+    local name, target = '', rest
+    local nameEnd = string.find(rest, ' ', 1, true)
+    if string.sub(rest, 1, 2) ~= '&&' and string.sub(rest, 1, 1) ~= '/' and nameEnd then
+      name, target = string.sub(rest, 1, nameEnd - 1), string.sub(rest, nameEnd + 1)
+      if name == '' or target == '' then return nil end
+    end
+    if (name == '') == inHash then return nil end
+    if kind == 'l' and queues[name] then return nil end
+    return kind, target
+  end
+  for _, root in ipairs(roots) do add(root, '?', 0) end
+  local i = 1
+  while i <= #todo and n < maxNodes do
+    local key, kind, depth = todo[i][1], todo[i][2], todo[i][3]
+    i, n = i + 1, n + 1
+    local tag = kind
+    if kind == '?' then
+      tag = redis.call('TYPE', key).ok
+      kind = tag == 'hash' and 'h' or (tag == 'list' and 'l' or '')
+      seen[kind .. key] = true
+    end
+    local data = {}
+    if kind ~= '' then
+      data = kind == 'h' and redis.pcall('HGETALL', key) or redis.pcall('LRANGE', key, 0, -1)
+      if data.err then tag, data = 'wrong', {} end
+    end
+    out[#out + 1] = key
+    out[#out + 1] = tag
+    out[#out + 1] = data
+    if kind == 'h' then
+      for f = 1, #data, 2 do
+        local k, target = link(data[f], true)
+        if k then add(target, k, depth + 1)
+        elseif data[f] == '&&MessageArgs' or data[f] == '&&RelatedProperties' then
+          add(data[f + 1], 'l', depth + 1)
+        end
+      end
+    elseif kind == 'l' then
+      for _, e in ipairs(data) do
+        if string.sub(e, 1, 3) == '&&/' and not string.find(e, ' ', 1, true) then
+          add(e, '?', depth + 1)
+        else
+          local k, target = link(e, false)
+          if k then add(target, k, depth + 1) end
+        end
+      end
+    end
+  end
+  return out
+end
+)LUA";
+
+
+// The digests of the scripts this thread has loaded into the store, by
+// script text (one per thread: no lock on the read path).
+thread_local std::map<std::string, std::string> tDigests;
+
+// ---------------------------------------------------------------------------
 // Assembly
 // ---------------------------------------------------------------------------
 
@@ -314,16 +411,64 @@ struct sMember {
     std::string value;  // rendered value
 };
 
+// The replies of one run of the gathering script, indexed for rendering.
+struct sGathered {
+    explicit sGathered(const redisReply* g) { Index(g); }
+
+    static std::string AheadKey(const std::string& key, eNodeKind kind) {
+        return (kind == eNodeKind::kHash ? "h" : "l") + key;
+    }
+
+    const redisReply* Ahead(const std::string& key, eNodeKind kind) const {
+        auto it = ahead.find(AheadKey(key, kind));
+        return it == ahead.end() ? nullptr : it->second;
+    }
+
+    // The script's reply: key, tag, reply of the read, for each key. Only a
+    // typed key's type word stands for the key; a linked key read as a hash
+    // ("h") may be missing, so its reply serves only reads of that kind. A
+    // node read as the other kind ("wrong") is left to rendering.
+    void Index(const redisReply* g) {
+        if (g == nullptr || g->type != REDIS_REPLY_ARRAY) return;
+        for (size_t i = 0; i + 2 < g->elements; i += 3) {
+            const std::string key = ReplyText(g->element[i]);
+            const std::string tag = ReplyText(g->element[i + 1]);
+            const redisReply* data = g->element[i + 2];
+            if (tag == "wrong" || data->type != REDIS_REPLY_ARRAY) continue;
+            const bool hash = tag == "h" || tag == "hash" || tag == "none";
+            const bool list = tag == "l" || tag == "list" || tag == "none";
+            if (tag.size() > 1) types.emplace(key, tag);
+            // An empty reply is a missing key for either kind.
+            if (hash) ahead.emplace(AheadKey(key, eNodeKind::kHash), data);
+            if (list) ahead.emplace(AheadKey(key, eNodeKind::kList), data);
+        }
+    }
+
+    std::map<std::string, const redisReply*> ahead;  // replies, by kind and key
+    std::map<std::string, std::string> types;         // type words of typed keys
+};
+
 class TreeAssembler {
 public:
-    TreeAssembler(redisContext* c, const sStoreTreeOptions& options) : mC(c), mOpt(options) {}
+    TreeAssembler(redisContext* c, const sStoreTreeOptions& options, const sGathered* gathered)
+        : mC(c), mOpt(options), mGathered(gathered) {}
+
+    // Whether a read went to the store instead of the gathering.
+    bool ReadOnItsOwn() const { return mOwnReads; }
 
     bool Read(const std::string& jpath, std::string& json, std::string& error) {
-        ReplyPtr type = Command(mC, {"TYPE", jpath});
-        if (!type) return Fail(error, ContextError(mC));
-        if (type->type == REDIS_REPLY_ERROR)
-            return Fail(error, "store error: " + ReplyText(type.get()));
-        const std::string typeName = ReplyText(type.get());
+        std::string typeName;
+        ReplyPtr type;
+        if (const std::string* known = KnownType(jpath)) {
+            typeName = *known;
+        } else {
+            mOwnReads = true;
+            type = Command(mC, {"TYPE", jpath});
+            if (!type) return Fail(error, ContextError(mC));
+            if (type->type == REDIS_REPLY_ERROR)
+                return Fail(error, "store error: " + ReplyText(type.get()));
+            typeName = ReplyText(type.get());
+        }
         eNodeKind kind;
         if (typeName == "hash") {
             kind = eNodeKind::kHash;
@@ -367,6 +512,7 @@ private:
         ReplyPtr own;
         const redisReply* r = Ahead(key, kind);
         if (r == nullptr) {
+            mOwnReads = true;
             own = kind == eNodeKind::kHash ? Command(mC, {"HGETALL", key})
                                            : Command(mC, {"LRANGE", key, "0", "-1"});
             r = own.get();
@@ -393,10 +539,6 @@ private:
             if (missing != nullptr) *missing = true;
             out += "null";
             return true;
-        }
-        if (!mReadAhead) {
-            mReadAhead = true;
-            ReadAhead(r, kind, depth);
         }
         mPath.push_back(key);
         const bool ok = kind == eNodeKind::kHash ? Hash(r, depth, indent, out)
@@ -525,6 +667,10 @@ private:
     // or one of another type gives null. False when the store fails.
     bool BareJPathElement(const std::string& key, unsigned depth, unsigned indent,
                           std::string& out) {
+        if (const std::string* known = KnownType(key)) {
+            return TypedElement(key, *known, depth, indent, out);
+        }
+        mOwnReads = true;
         ReplyPtr type = Command(mC, {"TYPE", key});
         if (!type) {
             mError = ContextError(mC);
@@ -534,7 +680,11 @@ private:
             mError = "store error: " + ReplyText(type.get());
             return false;
         }
-        const std::string typeName = ReplyText(type.get());
+        return TypedElement(key, ReplyText(type.get()), depth, indent, out);
+    }
+
+    bool TypedElement(const std::string& key, const std::string& typeName, unsigned depth,
+                      unsigned indent, std::string& out) {
         if (typeName != "hash" && typeName != "list") {
             out += "null";
             return true;
@@ -606,80 +756,27 @@ private:
     redisContext* mC;
     const sStoreTreeOptions& mOpt;
     // -----------------------------------------------------------------------
-    // Reading ahead. A document is a tree of keys; read one by one, a
-    // resource with a few nested objects costs a round trip per key. The
-    // first node read sends, level by level, one pipeline of the reads of
-    // every object and array the level links to, so that a document takes
-    // one round trip per level of nesting. The reads are the ones rendering
-    // would make; rendering takes them from here and reads on its own only
-    // what was not read ahead (queue lists, message nodes, keys past a
-    // limit). Ahead and on their own, the reads are not one snapshot: the
-    // store may change between them, as it may between single reads.
+    // Gathering. A document is a tree of keys; read one by one, a resource
+    // with a few nested objects costs a round trip per key. The gathering
+    // script (kGatherLua) reads, inside the store, every key that
+    // rendering would read, in one round trip, and rendering takes the
+    // replies from here. It reads only what rendering reads, so what it
+    // missed or could not read the same way (a key of the other kind, keys
+    // past a limit, a store that refused the script) rendering reads on its
+    // own, as before. One script run is one snapshot of the store.
     // -----------------------------------------------------------------------
 
-    static std::string AheadKey(const std::string& key, eNodeKind kind) {
-        return (kind == eNodeKind::kHash ? "h" : "l") + key;
-    }
-
     const redisReply* Ahead(const std::string& key, eNodeKind kind) const {
-        auto it = mAhead.find(AheadKey(key, kind));
-        return it == mAhead.end() ? nullptr : it->second.get();
+        return mGathered != nullptr ? mGathered->Ahead(key, kind) : nullptr;
+    }
+    const std::string* KnownType(const std::string& key) const {
+        if (mGathered == nullptr) return nullptr;
+        auto it = mGathered->types.find(key);
+        return it == mGathered->types.end() ? nullptr : &it->second;
     }
 
-    // The objects and arrays that reply `r`, read as `kind`, links to.
-    static void Links(const redisReply* r, eNodeKind kind,
-                      std::vector<std::pair<std::string, eNodeKind>>& out) {
-        if (r == nullptr || r->type != REDIS_REPLY_ARRAY) return;
-        const bool hash = kind == eNodeKind::kHash;
-        for (size_t i = 0; i < r->elements; i += hash ? 2 : 1) {
-            const std::string text = ReplyText(r->element[i]);
-            if (text.compare(0, 2, "&&") != 0 || (!hash && IsBareJPath(text))) continue;
-            sLink link;
-            if (!ParseLink(text, link) || link.name.empty() != !hash ||
-                link.word == eLinkWord::kObjectRef ||
-                (link.word == eLinkWord::kArray && IsQueueWord(link.name))) {
-                continue;
-            }
-            out.emplace_back(link.target, link.word == eLinkWord::kArray ? eNodeKind::kList
-                                                                         : eNodeKind::kHash);
-        }
-    }
-
-    void ReadAhead(const redisReply* root, eNodeKind kind, unsigned depth) {
-        std::vector<std::pair<std::string, eNodeKind>> level;
-        Links(root, kind, level);
-        while (!level.empty() && ++depth <= kStoreTreeMaxDepth) {
-            std::vector<std::pair<std::string, eNodeKind>> batch;
-            for (auto& node : level) {
-                if (mAhead.emplace(AheadKey(node.first, node.second), nullptr).second)
-                    batch.push_back(std::move(node));
-            }
-            if (batch.empty() || mAhead.size() > kStoreTreeMaxNodes) return;
-            size_t sent = 0;
-            for (; sent < batch.size(); ++sent) {
-                const auto& node = batch[sent];
-                const bool hash = node.second == eNodeKind::kHash;
-                const char* argv[4] = {hash ? "HGETALL" : "LRANGE", node.first.c_str(), "0", "-1"};
-                const size_t lens[4] = {hash ? 7u : 6u, node.first.size(), 1, 2};
-                if (redisAppendCommandArgv(mC, hash ? 2 : 4, argv, lens) != REDIS_OK) break;
-            }
-            level.clear();
-            // Every reply of what was sent is taken, so that none is left for
-            // a later read of the connection to take as its own.
-            for (size_t i = 0; i < sent; ++i) {
-                void* raw = nullptr;
-                // A broken connection: rendering reads again and reports it.
-                if (redisGetReply(mC, &raw) != REDIS_OK) return;
-                ReplyPtr reply(static_cast<redisReply*>(raw));
-                Links(reply.get(), batch[i].second, level);
-                mAhead[AheadKey(batch[i].first, batch[i].second)] = std::move(reply);
-            }
-            if (sent < batch.size()) return;
-        }
-    }
-
-    std::map<std::string, ReplyPtr> mAhead;  // replies read ahead, by kind and key
-    bool mReadAhead = false;                  // the first node has read ahead
+    const sGathered* mGathered;
+    bool mOwnReads = false;  // a node or type was read from the store, not the gathering
     std::vector<std::string> mPath;  // keys being expanded, top first
     unsigned mNodes = 0;             // nodes read so far
     std::string mError;
@@ -689,19 +786,69 @@ private:
 
 bool ReadStoreTree(redisContext* c, const std::string& jpath, std::string& json, std::string* error,
                    const sStoreTreeOptions& options) {
-    json.clear();
-    std::string why;
-    bool ok = false;
-    if (c == nullptr || c->err != 0) {
-        why = ContextError(c);
-    } else {
-        ok = TreeAssembler(c, options).Read(jpath, json, why);
+    std::vector<sStoreTreeDoc> docs = ReadStoreTrees(c, {jpath}, options);
+    json = std::move(docs[0].json);
+    if (!docs[0].ok && error != nullptr) *error = docs[0].error;
+    return docs[0].ok;
+}
+
+const std::string& StoreTreeGatherLua() {
+    static const std::string text = kGatherLua;
+    return text;
+}
+
+std::vector<std::string> StoreTreeGatherArgs() {
+    return {std::to_string(kStoreTreeMaxNodes + 1), std::to_string(kStoreTreeMaxDepth)};
+}
+
+StoreReply StoreEval(redisContext* c, const std::string& script,
+                     const std::vector<std::string>& args) {
+    if (c == nullptr || c->err != 0) return nullptr;
+    auto known = tDigests.find(script);
+    if (known == tDigests.end()) {
+        ReplyPtr loaded = Command(c, {"SCRIPT", "LOAD", script});
+        if (!loaded || loaded->type != REDIS_REPLY_STRING) return loaded;
+        known = tDigests.emplace(script, ReplyText(loaded.get())).first;
     }
-    if (!ok) {
-        json.clear();
-        if (error != nullptr) *error = why;
+    std::vector<std::string> cmd = {"EVALSHA", known->second, "0"};
+    cmd.insert(cmd.end(), args.begin(), args.end());
+    ReplyPtr r = Command(c, cmd);
+    // The store restarted or dropped its scripts since: the text loads it
+    // again.
+    if (r && r->type == REDIS_REPLY_ERROR && ReplyText(r.get()).compare(0, 8, "NOSCRIPT") == 0) {
+        cmd[0] = "EVAL";
+        cmd[1] = script;
+        r = Command(c, cmd);
     }
-    return ok;
+    return r;
+}
+
+std::vector<sStoreTreeDoc> RenderStoreTrees(redisContext* c, const redisReply* gathered,
+                                            const std::vector<std::string>& jpaths,
+                                            const sStoreTreeOptions& options) {
+    std::vector<sStoreTreeDoc> docs(jpaths.size());
+    const sGathered index(gathered);
+    for (size_t i = 0; i < jpaths.size(); ++i) {
+        if (c == nullptr || c->err != 0) {
+            docs[i].error = ContextError(c);
+            continue;
+        }
+        TreeAssembler reader(c, options, &index);
+        docs[i].ok = reader.Read(jpaths[i], docs[i].json, docs[i].error);
+        docs[i].gathered = gathered != nullptr && !reader.ReadOnItsOwn();
+        if (!docs[i].ok) docs[i].json.clear();
+    }
+    return docs;
+}
+
+std::vector<sStoreTreeDoc> ReadStoreTrees(redisContext* c, const std::vector<std::string>& jpaths,
+                                          const sStoreTreeOptions& options) {
+    static const std::string script = StoreTreeGatherLua() + "return gather({unpack(ARGV, 3)})\n";
+    std::vector<std::string> args = StoreTreeGatherArgs();
+    args.insert(args.end(), jpaths.begin(), jpaths.end());
+    // A refused script (an error reply) leaves every read to rendering.
+    ReplyPtr gathered = StoreEval(c, script, args);
+    return RenderStoreTrees(c, gathered.get(), jpaths, options);
 }
 
 bool ListStoreKeys(redisContext* c, const std::string& pattern, std::vector<std::string>& keys,

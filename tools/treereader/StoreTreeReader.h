@@ -7,7 +7,8 @@
 // the library wrote, not what the library believes it wrote. The command
 // `orbel-tree` and the test suites use it.
 //
-// Threads: the functions keep no state and may run on any thread; the
+// Threads: the functions keep no state but a per-thread list of the
+// scripts loaded into the store, and may run on any thread; the
 // redisContext belongs to the calling thread (a hiredis context is not
 // thread-safe) and is only read from and written to, never freed.
 #ifndef ORBEL_STORETREEREADER_H
@@ -72,6 +73,41 @@ struct sStoreTreeOptions {
 // not UTF-8) renders as a JSON string holding the text.
 bool ReadStoreTree(redisContext* c, const std::string& jpath, std::string& json,
                    std::string* error = nullptr, const sStoreTreeOptions& options = {});
+
+// The documents of several JPaths, each as ReadStoreTree gives it, read in
+// one round trip: one script run in the store gathers every key the
+// documents need (so they are one snapshot), and rendering reads on its own
+// only what the run did not give (a store that refuses scripts, a key of
+// the other kind than its link says).
+struct sStoreTreeDoc {
+    bool ok = false;
+    std::string json;
+    std::string error;      // when !ok
+    bool gathered = false;  // made of the gathering alone (no read of its own)
+};
+std::vector<sStoreTreeDoc> ReadStoreTrees(redisContext* c, const std::vector<std::string>& jpaths,
+                                          const sStoreTreeOptions& options = {});
+
+// For a caller that reads documents inside a script of its own, together
+// with other store work of one round trip (the front end: an answer, its
+// documents and the clean-up):
+// - StoreTreeGatherLua() is Lua source that defines `gather(roots)`, which
+//   reads the documents of the JPaths in the table `roots` and returns what
+//   RenderStoreTrees takes; it reads its limits from ARGV[1] and ARGV[2], so
+//   the script's arguments begin with StoreTreeGatherArgs();
+// - StoreEval runs a script (by its digest, loading it once per thread and
+//   again after a store restart) with no keys and `args`; null when the
+//   connection failed;
+// - RenderStoreTrees renders the documents of `jpaths` from the table that
+//   `gather` returned (`gathered`; null or an error reply: every node is read
+//   on its own).
+const std::string& StoreTreeGatherLua();
+std::vector<std::string> StoreTreeGatherArgs();
+StoreReply StoreEval(redisContext* c, const std::string& script,
+                     const std::vector<std::string>& args);
+std::vector<sStoreTreeDoc> RenderStoreTrees(redisContext* c, const redisReply* gathered,
+                                            const std::vector<std::string>& jpaths,
+                                            const sStoreTreeOptions& options = {});
 
 // Lists the keys that match the glob `pattern` (Redis MATCH syntax), sorted
 // byte-wise, without duplicates. Uses SCAN, so a large store is not blocked.
