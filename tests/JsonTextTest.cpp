@@ -63,27 +63,14 @@ TEST_F(JsonTextTest, ValuesAreTypedInOrderAndStoredByteForByte) {
     EXPECT_EQ(sys->GetRedisChangeNum(), 21u);
     EXPECT_EQ(Props(), Fields{});  // nothing reaches the store before the apply
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
-    EXPECT_EQ(Props(), (Fields{{"Name", "\"abc\""},
-                               {"Count", "3"},
-                               {"Neg", "-2"},
-                               {"Ratio", "0.500000"},
-                               {"On", "true"},
-                               {"X", "null"},
-                               {"UMax", "18446744073709551615"},
-                               {"SMin", "-9223372036854775808"},
-                               {"Over", "18446744073709551616.000000"},
-                               {"Huge", "\"" + huge + "\""},
-                               {"Dash", "\"-\""},
-                               {"OneDot", "1.000000"},
-                               {"Cap", "\"True\""},
-                               {"Exp", "\"1e5\""},
-                               {"Zero", "7"},
-                               {"Inner", "\"a b\""},
-                               {"Str", "\"3\""},
-                               {"Pad", "\"  x\""},
-                               {"Quote", R"("say \"hi\"")"},
-                               {"Empty", "\"\""},
-                               {"Null", "\"null\""}}));
+    EXPECT_EQ(Props(),
+              (Fields{{"Name", "\"abc\""}, {"Count", "3"}, {"Neg", "-2"}, {"Ratio", "0.500000"},
+                      {"On", "true"}, {"X", "null"}, {"UMax", "18446744073709551615"},
+                      {"SMin", "-9223372036854775808"}, {"Over", "18446744073709551616.000000"},
+                      {"Huge", "\"" + huge + "\""}, {"Dash", "\"-\""}, {"OneDot", "1.000000"},
+                      {"Cap", "\"True\""}, {"Exp", "\"1e5\""}, {"Zero", "7"}, {"Inner", "\"a b\""},
+                      {"Str", "\"3\""}, {"Pad", "\"  x\""}, {"Quote", R"("say \"hi\"")"},
+                      {"Empty", "\"\""}, {"Null", "\"null\""}}));
 }
 
 TEST_F(JsonTextTest, LinksNestedContainersAndTrailingSeparators) {
@@ -383,6 +370,9 @@ void Build(ZObject* node, const json& doc) {
     for (auto it = doc.begin(); it != doc.end(); ++it, ++idx) {
         const json& v = it.value();
         const std::string key = array ? std::to_string(idx) : it.key();
+        const auto put = [&](auto value) {
+            return array ? node->ListWrite(-1, value) : node->HashWrite(key, value);
+        };
         eRtCode rt = RT_SUCCESS;
         if (IsLinkObject(v)) {
             const std::string uri = v["@odata.id"];
@@ -391,19 +381,17 @@ void Build(ZObject* node, const json& doc) {
             ZObject* child = v.is_array() ? static_cast<ZObject*>(new ZJsonArray(node, key, 0))
                                           : static_cast<ZObject*>(new ZJsonObject(node, key, 0));
             Build(child, v);
-            rt = array ? node->ListWrite(-1, child) : node->HashWrite(key, child);
+            rt = put(child);
         } else if (v.is_string()) {
-            rt = array ? node->ListWrite(-1, v.get<std::string>()) : node->HashWrite(key, v.get<std::string>());
+            rt = put(v.get<std::string>());
         } else if (v.is_boolean()) {
-            rt = array ? node->ListWrite(-1, v.get<bool>()) : node->HashWrite(key, v.get<bool>());
+            rt = put(v.get<bool>());
         } else if (v.is_number_unsigned()) {
-            const auto u = v.get<unsigned long long>();
-            rt = array ? node->ListWrite(-1, u) : node->HashWrite(key, u);
+            rt = put(v.get<unsigned long long>());
         } else if (v.is_number_integer()) {
-            const auto n = v.get<long long>();
-            rt = array ? node->ListWrite(-1, n) : node->HashWrite(key, n);
+            rt = put(v.get<long long>());
         } else if (v.is_number_float()) {
-            rt = array ? node->ListWrite(-1, v.get<double>()) : node->HashWrite(key, v.get<double>());
+            rt = put(v.get<double>());
         } else {
             rt = array ? node->ListWrite(-1) : node->HashWrite(key);
         }
@@ -494,9 +482,7 @@ TEST_F(JsonTextTest, APropertyRewrittenInAnotherFormKeepsOneField) {
                 const std::string uri = "/redfish/v1/Pairs/" + std::to_string(n++);
                 auto* r = new ZResource(nullptr, nullptr, uri);
                 ASSERT_EQ(forms[first].first(r, "1"), RT_SUCCESS);
-                if (!oneApply) {
-                    ASSERT_EQ(r->ApplyRedisChanges(), RT_SUCCESS);
-                }
+                if (!oneApply) ASSERT_EQ(r->ApplyRedisChanges(), RT_SUCCESS);
                 ASSERT_EQ(forms[second].first(r, "2"), RT_SUCCESS);
                 ASSERT_EQ(r->ApplyRedisChanges(), RT_SUCCESS);
                 json back;
