@@ -2,9 +2,8 @@
 // and replaced containers, the first-character rules, client-shaped bad text
 // (each a logged failure on a tree that stays consistent), the depth limit,
 // every prefix of a valid text, and the flag bits.
-#include <nlohmann/json.hpp>
-
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <string>
 #include <tuple>
@@ -63,14 +62,27 @@ TEST_F(JsonTextTest, ValuesAreTypedInOrderAndStoredByteForByte) {
     EXPECT_EQ(sys->GetRedisChangeNum(), 21u);
     EXPECT_EQ(Props(), Fields{});  // nothing reaches the store before the apply
     ASSERT_EQ(sys->ApplyRedisChanges(), RT_SUCCESS);
-    EXPECT_EQ(Props(),
-              (Fields{{"Name", "\"abc\""}, {"Count", "3"}, {"Neg", "-2"}, {"Ratio", "0.500000"},
-                      {"On", "true"}, {"X", "null"}, {"UMax", "18446744073709551615"},
-                      {"SMin", "-9223372036854775808"}, {"Over", "18446744073709551616.000000"},
-                      {"Huge", "\"" + huge + "\""}, {"Dash", "\"-\""}, {"OneDot", "1.000000"},
-                      {"Cap", "\"True\""}, {"Exp", "\"1e5\""}, {"Zero", "7"}, {"Inner", "\"a b\""},
-                      {"Str", "\"3\""}, {"Pad", "\"  x\""}, {"Quote", R"("say \"hi\"")"},
-                      {"Empty", "\"\""}, {"Null", "\"null\""}}));
+    EXPECT_EQ(Props(), (Fields{{"Name", "\"abc\""},
+                               {"Count", "3"},
+                               {"Neg", "-2"},
+                               {"Ratio", "0.500000"},
+                               {"On", "true"},
+                               {"X", "null"},
+                               {"UMax", "18446744073709551615"},
+                               {"SMin", "-9223372036854775808"},
+                               {"Over", "18446744073709551616.000000"},
+                               {"Huge", "\"" + huge + "\""},
+                               {"Dash", "\"-\""},
+                               {"OneDot", "1.000000"},
+                               {"Cap", "\"True\""},
+                               {"Exp", "\"1e5\""},
+                               {"Zero", "7"},
+                               {"Inner", "\"a b\""},
+                               {"Str", "\"3\""},
+                               {"Pad", "\"  x\""},
+                               {"Quote", R"("say \"hi\"")"},
+                               {"Empty", "\"\""},
+                               {"Null", "\"null\""}}));
 }
 
 TEST_F(JsonTextTest, LinksNestedContainersAndTrailingSeparators) {
@@ -482,7 +494,9 @@ TEST_F(JsonTextTest, APropertyRewrittenInAnotherFormKeepsOneField) {
                 const std::string uri = "/redfish/v1/Pairs/" + std::to_string(n++);
                 auto* r = new ZResource(nullptr, nullptr, uri);
                 ASSERT_EQ(forms[first].first(r, "1"), RT_SUCCESS);
-                if (!oneApply) ASSERT_EQ(r->ApplyRedisChanges(), RT_SUCCESS);
+                if (!oneApply) {
+                    ASSERT_EQ(r->ApplyRedisChanges(), RT_SUCCESS);
+                }
                 ASSERT_EQ(forms[second].first(r, "2"), RT_SUCCESS);
                 ASSERT_EQ(r->ApplyRedisChanges(), RT_SUCCESS);
                 json back;
