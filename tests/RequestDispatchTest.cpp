@@ -289,8 +289,10 @@ TEST_F(RequestDispatchTest, ActionsAnswerWithResponseDataOrEmpty) {
         std::string action, status, extInfo;
     } rows[] = {
         {"ComputerSystem.Nothing", "OK_EMPTY", "[]"},
-        {"ComputerSystem.Reset", "FAILURE", One("Base.1.12.ActionParameterMissing", R"("Reset","ResetType")")},
-        {"ComputerSystem.Fly", "FAILURE", One("Base.1.12.ActionNotSupported", R"("ComputerSystem.Fly")")},
+        {"ComputerSystem.Reset", "FAILURE",
+         One("Base.1.12.ActionParameterMissing", R"("Reset","ResetType")")},
+        {"ComputerSystem.Fly", "FAILURE",
+         One("Base.1.12.ActionNotSupported", R"("ComputerSystem.Fly")")},
     };
     for (const auto& row : rows) {
         FrontEnd::Answer r = fe.Send(kActionQ, "POSTACTION", kSys1 + "/Actions/" + row.action);
@@ -304,7 +306,8 @@ TEST_F(RequestDispatchTest, ActionsAnswerWithResponseDataOrEmpty) {
 TEST_F(RequestDispatchTest, FaultsGetTheirStatusAndMessagesAndServingGoesOn) {
     FrontEnd fe("F");
     const Fields get1 = fe.RequestFields("GET", kSys1, false);
-    const std::string internal = One("Base.1.12.InternalError"), missing = "Base.1.12.ResourceMissingAtURI";
+    const std::string internal = One("Base.1.12.InternalError");
+    const std::string missing = "Base.1.12.ResourceMissingAtURI";
     const struct {
         const char* what;
         int mode;
@@ -312,11 +315,12 @@ TEST_F(RequestDispatchTest, FaultsGetTheirStatusAndMessagesAndServingGoesOn) {
         Fields request;
         std::string status, extInfo;
     } rows[] = {
-        {"unknown method", kNormal, kReadQ, fe.RequestFields("PUT", kSys1, false), "EXCEPTION", internal},
-        {"no such target", kNormal, kReadQ, fe.RequestFields("GET", kSystems + "/9", false), "NOT_FOUND",
-         One(missing, "\"" + kSystems + "/9\"")},
-        {"embedded resource", kThrow, kReadQ, fe.RequestFields("GET", kSys1 + "/Fans/0", false), "NOT_FOUND",
-         One(missing, "\"" + kSys1 + "/Fans/0\"")},
+        {"unknown method", kNormal, kReadQ, fe.RequestFields("PUT", kSys1, false), "EXCEPTION",
+         internal},
+        {"no such target", kNormal, kReadQ, fe.RequestFields("GET", kSystems + "/9", false),
+         "NOT_FOUND", One(missing, "\"" + kSystems + "/9\"")},
+        {"embedded resource", kThrow, kReadQ, fe.RequestFields("GET", kSys1 + "/Fans/0", false),
+         "NOT_FOUND", One(missing, "\"" + kSys1 + "/Fans/0\"")},
         {"privileges", kThrow, kReadQ,
          fe.RequestFields("GET", kSys1, false, {{"&&OperationPrivileges", "Login,UEFISecurity"}}),
          "FORBIDDEN", One("Base.1.12.InsufficientPrivilege")},
@@ -324,12 +328,13 @@ TEST_F(RequestDispatchTest, FaultsGetTheirStatusAndMessagesAndServingGoesOn) {
         {"handler fails", kFail, kReadQ, get1, "EXCEPTION", internal},
         {"handler fails with its own status", kFailConflict, kReadQ, get1, "CONFLICT",
          One("ExtendedError.1.2.Conflict")},
-        {"not-writable notes only", kNotWritableAndError, kPatchQ, fe.RequestFields("PATCH", kSys1, false),
-         "FAILURE",
+        {"not-writable notes only", kNotWritableAndError, kPatchQ,
+         fe.RequestFields("PATCH", kSys1, false), "FAILURE",
          "[" + Msg("Base.1.12.PropertyNotWritable", "\"Id\"") + "," +
              Msg("Base.1.12.PropertyNotWritable", "\"Name\"") + "]"},
-        {"create on a plain resource", kNormal, kCreateQ, fe.RequestFields("POSTCREATE", kSys1, false),
-         "NOT_ALLOWED", One("ExtendedError.1.2.MethodNotAllowed", "\"POST\",\"" + kSys1 + "\"")},
+        {"create on a plain resource", kNormal, kCreateQ,
+         fe.RequestFields("POSTCREATE", kSys1, false), "NOT_ALLOWED",
+         One("ExtendedError.1.2.MethodNotAllowed", "\"POST\",\"" + kSys1 + "\"")},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
