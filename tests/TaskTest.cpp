@@ -184,15 +184,17 @@ TEST_F(TaskTest, ProgressMonitorReadsAndTheFinalAnswer) {
     SetGate(true);
     const TaskFollower::sTaskRecord rec = mFollower->Wait(key, 10000);
     ASSERT_TRUE(rec.done);
-    EXPECT_EQ(rec.changes, (std::vector<std::string>{key + " null Running OK " + change, key + " 50 null null null",
-                                                     key + " 50 Running OK " + change,
-                                                     key + " 100 Completed OK " + change}));
+    EXPECT_EQ(rec.changes,
+              (std::vector<std::string>{
+                  key + " null Running OK " + change, key + " 50 null null null",
+                  key + " 50 Running OK " + change, key + " 100 Completed OK " + change}));
     EXPECT_EQ(rec.finalStatus, "OK_RES");
     EXPECT_TRUE(ZTask::WaitRunningTasks(5000));
 
     const Fields task = HGetAll(url);
     EXPECT_EQ(task.at("TaskState") + task.at("PercentComplete"), "\"Completed\"100");
-    EXPECT_EQ(task.at("&&FinalResponseData") + " " + task.at("&&FinalLocation"), url + "/ResponseData " + kSys);
+    EXPECT_EQ(task.at("&&FinalResponseData") + " " + task.at("&&FinalLocation"),
+              url + "/ResponseData " + kSys);
     EXPECT_EQ(task.count("&&Array GETQ &&" + url + "/GETQ"), 0u);  // reads go to the store now
     EXPECT_EQ(HGetAll(url + "/ResponseData"), (Fields{{"Version", "\"2.0\""}}));
     EXPECT_EQ(HGetAll(url + "/ExtraInfo"),
@@ -357,7 +359,8 @@ TEST_F(TaskTest, RequestsWithoutAPreparedTaskAreRefused) {
         if (!row.withTask) extra["&&Task"] = "";
         const std::string url = fe.PrepareTask(key);
         if (row.mapping.empty()) RawCommand({"HDEL", "TaskMonitorAndResourceMapping", key});
-        if (row.mapping.size() > 1) RawCommand({"HSET", "TaskMonitorAndResourceMapping", key, row.mapping});
+        if (row.mapping.size() > 1)
+            RawCommand({"HSET", "TaskMonitorAndResourceMapping", key, row.mapping});
         if (row.withTask) extra["&&Task"] = url;
         const FrontEnd::Answer a =
             fe.Send(kActionQ, "POSTACTION", kSys + "/Actions/Orbel.Update", nullptr, extra);
@@ -365,7 +368,8 @@ TEST_F(TaskTest, RequestsWithoutAPreparedTaskAreRefused) {
         EXPECT_EQ(a.status, "EXCEPTION");
         EXPECT_NE(a.extInfo.find("Base.1.12.InternalError"), std::string::npos);
         // The answer's messages are the request's own again.
-        EXPECT_EQ(a.hash.at("&&ExtendedInfo"), kSys + "/Actions/Orbel.Update/" + kActionQ + "/ExtendedInfo");
+        EXPECT_EQ(a.hash.at("&&ExtendedInfo"),
+                  kSys + "/Actions/Orbel.Update/" + kActionQ + "/ExtendedInfo");
         EXPECT_TRUE(Logged(mark, row.log));
         EXPECT_EQ(ZTask::GetTaskNum(), 0u);
     }
