@@ -93,8 +93,9 @@ TEST_F(PlatformSimTest, TheReadyFlagTakesOnlyBoolValues) {
          "2:orbel-sim: nginx_redfish_ready is a bool VEX variable: 'yes' is not one of true, "
          "false, 1, 0\n",
          "true"},
-        {"", "2:orbel-sim: nginx_redfish_ready is a bool VEX variable: '' is not one of true, "
-             "false, 1, 0\n",
+        {"",
+         "2:orbel-sim: nginx_redfish_ready is a bool VEX variable: '' is not one of true, "
+         "false, 1, 0\n",
          "true"},
     };
     for (const Case& c : cases) {
