@@ -40,7 +40,8 @@ protected:
         sCRUD_ReqData req;
         CRUDParseReqFields("Corvel:Req:1",
                            {{"&&RequestMethod", method},
-                            {"&&TargetURI", uri}, {"&&ReturnChannel", "Corvel:Return"},
+                            {"&&TargetURI", uri},
+                            {"&&ReturnChannel", "Corvel:Return"},
                             {"&&Task", "/redfish/v1/TaskService/TaskMonitors/5"},
                             {"&&RequestData", dataKey}},
                            req);
