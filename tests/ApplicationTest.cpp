@@ -76,10 +76,9 @@ std::string GetVexString(const std::string& name) {
 
 Texts CreatedSchemas(const std::string& output) {
     Texts names;
-    for (const auto& line : Lines(output)) {
+    for (const auto& line : Lines(output))
         if (line.rfind("Created schema[", 0) == 0)
             names.push_back(line.substr(15, line.size() - 16));
-    }
     return names;
 }
 
@@ -109,12 +108,10 @@ TEST_F(PluginProcessTest, UsageAndDebugOptionsEndExecWithZeroBeforeAnySchema) {
     // usage and end Exec with 0 before any schema is created; options before
     // -h are still applied. Each case: the arguments, texts printed in
     // order, and the value left in <app>_dbg_MsgLvl.
-    struct Case {
-        Texts args;
-        Texts printed;
+    const struct {
+        Texts args, printed;
         std::string variable;
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {{"-h"}, {}, "0"},  // without any -d the variable is reset to "0"
         {{"-x"}, {}, "0"},
         {{"-i"}, {}, "0"},
@@ -133,12 +130,12 @@ TEST_F(PluginProcessTest, UsageAndDebugOptionsEndExecWithZeroBeforeAnySchema) {
     // Another instance of RF_Dbg0 is starting: its entry is not ours to drop.
     RawCommand({"SADD", "&&AccessBlockList", "RF_Dbg0"});
     std::vector<std::unique_ptr<ChildProcess>> children;
-    for (size_t i = 0; i < cases.size(); ++i) {
+    for (size_t i = 0; i < std::size(cases); ++i) {
         const std::string app = "RF_Dbg" + std::to_string(i);
         ASSERT_NE(vex_config_set_str_n((app + "_dbg_MsgLvl").c_str(), "junk", 4, 0), 0);
         children.push_back(StartPlugin(app, cases[i].args));
     }
-    for (size_t i = 0; i < cases.size(); ++i) {
+    for (size_t i = 0; i < std::size(cases); ++i) {
         SCOPED_TRACE("case " + std::to_string(i));
         ASSERT_EQ(children[i]->Wait(kTimeoutMs), 0);
         std::string out = children[i]->Output();
@@ -153,13 +150,11 @@ TEST_F(PluginProcessTest, UsageAndDebugOptionsEndExecWithZeroBeforeAnySchema) {
 
 TEST(ApplicationOptionsTest, IncludeAndExcludeSelectTheSchemasCreated) {
     SetCorvelReady(false);  // the children stop in the wait; nothing else is needed
-    struct Case {
-        Texts args;
-        Texts created;
+    const struct {
+        Texts args, created;
         std::string printed;
         bool echoTried;  // Echo (ID 6) selected: its factory runs and fails
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {{}, {"Alpha", "Bravo", "Charlie", "Delta"}, "", true},
         // Exclusion wins over inclusion.
         {{"-i", "2,3", "-e", "3"}, {"Alpha"}, "Include Schemas: Alpha Bravo \n", false},
@@ -176,10 +171,9 @@ TEST(ApplicationOptionsTest, IncludeAndExcludeSelectTheSchemasCreated) {
          true},
     };
     std::vector<std::unique_ptr<ChildProcess>> children;
-    for (size_t i = 0; i < cases.size(); ++i) {
+    for (size_t i = 0; i < std::size(cases); ++i)
         children.push_back(StartPlugin("RF_Sel" + std::to_string(i), cases[i].args));
-    }
-    for (size_t i = 0; i < cases.size(); ++i) {
+    for (size_t i = 0; i < std::size(cases); ++i) {
         SCOPED_TRACE("case " + std::to_string(i));
         std::string marker = "ZApplication[RF_Sel" + std::to_string(i) + "] initialed.\n";
         ASSERT_TRUE(children[i]->WaitForOutput(marker, kTimeoutMs)) << children[i]->Output();
@@ -225,9 +219,8 @@ TEST_F(PluginProcessTest, WaitsForTheFrontEndThenReportsReadyAndExitsInOrder) {
           "VEX event[TestEvent] has been registered.\nRegister[TestEvent] at factory: rt=2\n",
           "Register[FactoryEvent] at factory: rt=0\n",
           "Should call this function not before the step 2.\nRegister[LateEvent] at init-done: "
-          "rt=2\n"}) {
+          "rt=2\n"})
         EXPECT_TRUE(Has(out, line)) << line;
-    }
 
     ASSERT_TRUE(child->Signal(SIGTERM));
     ASSERT_EQ(child->Wait(kTimeoutMs), 0) << child->Output();
@@ -321,9 +314,8 @@ TEST_F(PluginProcessTest, FirstHourMistakesDiagnosticsAndEventsOfARunningPlugin)
           "After stage[PreCorvelReady]: node[/redfish/v1/Mistakes] has changes that were never "
           "applied to the store (ApplyRedisChanges).\n",
           "Collection[/redfish/v1/Things]: schema[Alpha] names no member schema",
-          "Schema[Bravo]: PostCorvelReady_InitialResources() returned 2.\n"}) {
+          "Schema[Bravo]: PostCorvelReady_InitialResources() returned 2.\n"})
         EXPECT_EQ(CountOf(out, line), 1u) << line << "\n" << out;
-    }
     // Nothing else is taken for a mistake (Echo's factory fails on purpose).
     EXPECT_EQ(CountOf(out, ":WARNING: "), 5u) << out;
 

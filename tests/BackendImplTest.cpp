@@ -42,19 +42,18 @@ TEST(BackendImplTest, PlatformFlagsFollowTheEnvironmentAndTheConfiguredWords) {
     const std::string dense = w.denseFamilies[1] + "Y";
     const std::string almost = w.codenames[0] + "X";
     const std::string shortFamily = w.bladedFamily.substr(0, 7);
-    struct Case {
+    const struct {
         const char* flags;
         const char* codename;
         const char* family;
         bool amd, morwen, bladed, dense;
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"8000", w.codenames[0].c_str(), bladed.c_str(), true, true, true, false},
         {"0x18001", w.codenames[1].c_str(), dense.c_str(), true, true, false, true},
         {"7FFF", almost.c_str(), shortFamily.c_str(), false, false, false, false},
         {"FFFF0000", nullptr, nullptr, false, false, false, false},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.flags);
         SetPlatformEnv(c.flags, c.codename, c.family);
         ZBackendImpl backend(nullptr);

@@ -58,12 +58,11 @@ TEST(CRUDRequestTest, EveryMetaKeyLandsInTheRecordAndItsDumpLine) {
 }
 
 TEST(CRUDRequestTest, MethodTextsAndAuthForms) {
-    struct Row {
+    const struct {
         Fields extra;
         int32_t method;
         eReqAuthType auth;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {{{"&&RequestMethod", "POSTCREATE"}}, eReqCreate, eReqAuthNone},
         {{{"&&RequestMethod", "GET"}, {"&&AuthHeader", "OAuth"}}, eReqRead, eReqAuthOAuth},
         {{{"&&RequestMethod", "HEAD"}, {"&&AuthHeader", "BasicAuth"}}, eReqRead, eReqAuthBasic},
@@ -77,7 +76,7 @@ TEST(CRUDRequestTest, MethodTextsAndAuthForms) {
     CRUDParseReqFields("k", {{"&&TargetURI", "/redfish/v1/Systems/1/Actions/"}}, bare);
     EXPECT_EQ(bare.resourceUri, "/redfish/v1/Systems/1/Actions/");
     EXPECT_EQ(bare.targetAction, "");
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         sCRUD_ReqData req;
         EXPECT_EQ(CRUDParseReqFields("k", row.extra, req), RT_SUCCESS);
         EXPECT_EQ(req.method, row.method) << req.methodText;
@@ -88,17 +87,17 @@ TEST(CRUDRequestTest, MethodTextsAndAuthForms) {
 }
 
 TEST(CRUDRequestTest, FaultsAreLoggedWithTheirTextsAndSkipped) {
-    struct Row {
+    const struct {
         Fields fields;
         std::string logged;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {{{"&&RequestMethod", "PUT"}}, "Unknown method[PUT]\n"},
         {{{"&&UserPrivNumber", "12abc"}}, "Unknown value[12abc] of metaKey[&&UserPrivNumber]\n"},
         {{{"&&UserPrivNumber", "0x100000000"}},
          "Unknown value[0x100000000] of metaKey[&&UserPrivNumber]\n"},
         {{{"&&AuthHeader", "Digest"}}, "Unknown value[Digest] of metaKey[&&AuthHeader]\n"},
-        {{{"&&TransferMethod", "Chunked"}}, "Unknown value[Chunked] of metaKey[&&TransferMethod]\n"},
+        {{{"&&TransferMethod", "Chunked"}},
+         "Unknown value[Chunked] of metaKey[&&TransferMethod]\n"},
         {{{"&&Privileges", "Login,Root"}}, "privilegeName[Root] is unknown.\n"},
         {{{"&&AuthSession", "/redfish/v1/SessionService/Sessions/"}},
          "AuthSession [/redfish/v1/SessionService/Sessions/] parsing error.\n"},
@@ -106,7 +105,7 @@ TEST(CRUDRequestTest, FaultsAreLoggedWithTheirTextsAndSkipped) {
         {{{"Color", "blue"}}, "Unexpected data[Color:blue]\n"},
         {{{"UserPassword", "hunter2"}}, "Unexpected data[UserPassword:******]\n"},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         size_t mark = OrbelTest::LogMark();
         sCRUD_ReqData req;
         EXPECT_EQ(CRUDParseReqFields("k", row.fields, req), RT_SUCCESS);
@@ -123,12 +122,11 @@ TEST(CRUDRequestTest, FaultsAreLoggedWithTheirTextsAndSkipped) {
 }
 
 TEST(CRUDRequestTest, CommonPrivilegeRule) {
-    struct Row {
+    const struct {
         std::string required;
         uint32_t user;
         bool granted;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"", 0, true},
         {"Login", PRIV_Login, true},
         {"Login", PRIV_Supervisor, false},
@@ -137,7 +135,7 @@ TEST(CRUDRequestTest, CommonPrivilegeRule) {
         {"DenyAlways", 0xFFFFFFFFu, false},
         {"UEFISecurity", PRIV_UEFISecurity, true},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         sCRUD_ReqData req;
         CRUDParseReqFields("k",
                            {{"&&OperationPrivileges", row.required},

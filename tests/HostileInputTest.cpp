@@ -51,7 +51,7 @@ TEST_F(HostileInputTest, StringsNeverBreakTheStoredDocument) {
         {"kept \\\" \\n \\u00e9", R"("kept \" \n \u00e9")"},
         {"caf\xc3\xa9 au lait", "\"caf\xc3\xa9 au lait\""},
     };
-    for (size_t i = 0; i < cases.size(); ++i) {
+    for (size_t i = 0; i < std::size(cases); ++i) {
         const std::string name = "S" + std::to_string(i);
         ASSERT_EQ(obj->HashWrite(name, cases[i].first), RT_SUCCESS);
         ASSERT_EQ(list->ListWrite(-1, cases[i].first), RT_SUCCESS);
@@ -59,7 +59,7 @@ TEST_F(HostileInputTest, StringsNeverBreakTheStoredDocument) {
     ASSERT_EQ(obj->ApplyRedisChanges(true), RT_SUCCESS);
     const Fields fields = HGetAll(kObj);
     Items expected;
-    for (size_t i = 0; i < cases.size(); ++i) {
+    for (size_t i = 0; i < std::size(cases); ++i) {
         EXPECT_EQ(fields.at("S" + std::to_string(i)), cases[i].second) << i;
         expected.push_back(cases[i].second);
     }
@@ -75,11 +75,10 @@ TEST_F(HostileInputTest, NulBytesForgedLinksAndKeyBreakingIdsAreRefused) {
     auto* child = new ZJsonObject(obj, "Child", 0);
     const std::string nul("x\0y", 3);
     size_t mark = LogMark();
-    struct Case {
+    const struct {
         const char* what;
         eRtCode rt;
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"nul value", obj->HashWrite("A", nul)},
         {"nul raw", obj->HashWriteRawString("B", std::string("1\0 2", 4))},
         {"forged link", obj->HashWrite("&&ObjectRef Leak /redfish/v1/Secret", "v")},
@@ -90,7 +89,7 @@ TEST_F(HostileInputTest, NulBytesForgedLinksAndKeyBreakingIdsAreRefused) {
         {"quote in link", obj->HashWrite("Link", std::string("/redfish/v1/x\"y"), true)},
         {"blank in link", obj->HashWrite("Link", std::string("/redfish/v1/x y"), true)},
     };
-    for (const Case& c : cases) EXPECT_EQ(c.rt, RT_INVALID_ARG) << c.what;
+    for (const auto& c : cases) EXPECT_EQ(c.rt, RT_INVALID_ARG) << c.what;
     EXPECT_TRUE(Logged(mark, {"Object[" + kObj + "] property[A]: a value holding a NUL byte is "
                               "refused.\n",
                               "Object[" + kObj + "] property name[&&ObjectRef Leak "

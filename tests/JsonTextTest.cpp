@@ -2,9 +2,8 @@
 // and replaced containers, the first-character rules, client-shaped bad text
 // (each a logged failure on a tree that stays consistent), the depth limit,
 // every prefix of a valid text, and the flag bits.
-#include <nlohmann/json.hpp>
-
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <string>
 #include <tuple>
@@ -383,6 +382,9 @@ void Build(ZObject* node, const json& doc) {
     for (auto it = doc.begin(); it != doc.end(); ++it, ++idx) {
         const json& v = it.value();
         const std::string key = array ? std::to_string(idx) : it.key();
+        const auto put = [&](auto value) {
+            return array ? node->ListWrite(-1, value) : node->HashWrite(key, value);
+        };
         eRtCode rt = RT_SUCCESS;
         if (IsLinkObject(v)) {
             const std::string uri = v["@odata.id"];
@@ -391,19 +393,17 @@ void Build(ZObject* node, const json& doc) {
             ZObject* child = v.is_array() ? static_cast<ZObject*>(new ZJsonArray(node, key, 0))
                                           : static_cast<ZObject*>(new ZJsonObject(node, key, 0));
             Build(child, v);
-            rt = array ? node->ListWrite(-1, child) : node->HashWrite(key, child);
+            rt = put(child);
         } else if (v.is_string()) {
-            rt = array ? node->ListWrite(-1, v.get<std::string>()) : node->HashWrite(key, v.get<std::string>());
+            rt = put(v.get<std::string>());
         } else if (v.is_boolean()) {
-            rt = array ? node->ListWrite(-1, v.get<bool>()) : node->HashWrite(key, v.get<bool>());
+            rt = put(v.get<bool>());
         } else if (v.is_number_unsigned()) {
-            const auto u = v.get<unsigned long long>();
-            rt = array ? node->ListWrite(-1, u) : node->HashWrite(key, u);
+            rt = put(v.get<unsigned long long>());
         } else if (v.is_number_integer()) {
-            const auto n = v.get<long long>();
-            rt = array ? node->ListWrite(-1, n) : node->HashWrite(key, n);
+            rt = put(v.get<long long>());
         } else if (v.is_number_float()) {
-            rt = array ? node->ListWrite(-1, v.get<double>()) : node->HashWrite(key, v.get<double>());
+            rt = put(v.get<double>());
         } else {
             rt = array ? node->ListWrite(-1) : node->HashWrite(key);
         }

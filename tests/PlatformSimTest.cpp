@@ -80,12 +80,11 @@ TEST_F(PlatformSimTest, VexValuesCrossBetweenToolAndLibraryAndVolatileHidesPersi
 // bool set stores, and refuses text a bool reader would fail on (and keeps
 // the value it had).
 TEST_F(PlatformSimTest, TheReadyFlagTakesOnlyBoolValues) {
-    struct Case {
+    const struct {
         const char* given;
         const char* expected;  // tool status and output, then the stored value
         const char* stored;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"1", "0:", "true"},
         {"false", "0:", "false"},
         {"true", "0:", "true"},
@@ -93,11 +92,12 @@ TEST_F(PlatformSimTest, TheReadyFlagTakesOnlyBoolValues) {
          "2:orbel-sim: nginx_redfish_ready is a bool VEX variable: 'yes' is not one of true, "
          "false, 1, 0\n",
          "true"},
-        {"", "2:orbel-sim: nginx_redfish_ready is a bool VEX variable: '' is not one of true, "
-             "false, 1, 0\n",
+        {"",
+         "2:orbel-sim: nginx_redfish_ready is a bool VEX variable: '' is not one of true, "
+         "false, 1, 0\n",
          "true"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         EXPECT_EQ(Sim({"vex", "set", "nginx_redfish_ready", c.given}).Text(), c.expected) << c.given;
         EXPECT_EQ(GetStr("nginx_redfish_ready"), c.stored) << c.given;
     }

@@ -5,7 +5,6 @@
 
 #include <cinttypes>
 #include <cstdio>
-#include <functional>
 #include <memory>
 #include <set>
 #include <thread>
@@ -127,47 +126,40 @@ TEST_F(RedfishEventTest, AnEventIsStoredInItsLayoutQueuedAndItsNodesRetired) {
 }
 
 TEST_F(RedfishEventTest, EventsTheServiceRefusesAreRemovedFromTheStore) {
-    struct Case {
+    // Each case: the store commands that make the service refuse, whether
+    // the event has a record, and the lines logged (none: a silent refusal).
+    const std::string failed = kSendFailed;
+    const struct {
         const char* what;
-        std::function<void()> setup;
+        std::vector<Items> setup;
         bool withRecord;
-        std::vector<std::string> logged;  // empty: a silent refusal
-    };
-    const std::vector<Case> cases = {
+        Items logged;
+    } cases[] = {
         {"no subscription (2)",
-         [] {
-             RawCommand({"HSET", kEventServiceState, "EventSubscriptions", "0"});
-         },
+         {{"HSET", kEventServiceState, "EventSubscriptions", "0"}},
          true,
          {}},
-        {"no record (3)", [] {}, false, {}},
+        {"no record (3)", {}, false, {}},
         {"queue full (4)",
-         [] {
-             RawCommand({"HSET", kEventServiceState, "QueueLimit", "1"});
-             RawCommand({"RPUSH", kEventQueue, "earlier"});
-         },
+         {{"HSET", kEventServiceState, "QueueLimit", "1"}, {"RPUSH", kEventQueue, "earlier"}},
          true,
-         {std::string(kSendFailed) + "4.\n"}},
+         {failed + "4.\n"}},
         {"no digest",
-         [] {
-             RawCommand({"HDEL", "redisSHAScripts", "enqueueEvent"});
-         },
+         {{"HDEL", "redisSHAScripts", "enqueueEvent"}},
          true,
-         {"Failed to get script[enqueueEvent] SHA value.\n", std::string(kSendFailed) + "-1.\n"}},
+         {"Failed to get script[enqueueEvent] SHA value.\n", failed + "-1.\n"}},
         {"unknown digest",
-         [] {
-             RawCommand({"SCRIPT", "FLUSH"});
-         },
+         {{"SCRIPT", "FLUSH"}},
          true,
-         {"reply type[6] is unexpected.\n", std::string(kSendFailed) + "-1.\n"}},
+         {"reply type[6] is unexpected.\n", failed + "-1.\n"}},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         std::string error;
         RedisConn conn = RawConnect();
         ASSERT_TRUE(LoadEventScripts(conn.get(), &error)) << error;
         RawCommand({"DEL", kEventQueue});
-        c.setup();
+        for (const Items& command : c.setup) RawCommand(command);
         const size_t mark = LogMark();
         auto* ev = new ZRedfishEvent("Refused");
         const std::string root = "&&" + ev->GetEventId();
@@ -175,9 +167,7 @@ TEST_F(RedfishEventTest, EventsTheServiceRefusesAreRemovedFromTheStore) {
         ZApplication::SendRedfishEvent(ev);
 
         EXPECT_THAT(LRange(kEventQueue), Not(::testing::Contains(root)));
-        EXPECT_FALSE(Exists(root));
-        EXPECT_FALSE(Exists(root + "/Events"));
-        EXPECT_FALSE(Exists(root + "/Events/0"));
+        EXPECT_FALSE(Exists(root) || Exists(root + "/Events") || Exists(root + "/Events/0"));
         if (c.logged.empty()) {
             EXPECT_THAT(LogSince(mark), Not(HasSubstr(kSendFailed)));
         } else {
@@ -189,28 +179,19 @@ TEST_F(RedfishEventTest, EventsTheServiceRefusesAreRemovedFromTheStore) {
 
 TEST_F(RedfishEventTest, AnUnreadableMachineRecordLeavesTheAlertBlockWithNulls) {
     const std::string vpd = SysrootDir() + "/var/lib/vpd/machine.vpd";
-    struct Case {
-        const char* what;
+    // Each case: the record, the line logged, and the three fields' values.
+    const struct {
         std::string record;
-        std::string logged;
-        Fields veltra;
+        const char* logged;
+        const char* uuid;
+        const char* others;
+    } cases[] = {
+        {"short", "Failed to call vpdd_machine_vpd_read() res[2].\n", "null", "null"},
+        {std::string(1106, '\0'),
+         "The machine UUID in the vital product data is not 32 hex digits.\n", "null", "\"\""},
     };
-    const std::vector<Case> cases = {
-        {"damaged",
-         "short",
-         "Failed to call vpdd_machine_vpd_read() res[2].\n",
-         {{"SystemUUID", "null"},
-          {"SystemSerialNumber", "null"},
-          {"SystemMachineTypeModel", "null"}}},
-        {"unprogrammed",
-         std::string(1106, '\0'),
-         "The machine UUID in the vital product data is not 32 hex digits.\n",
-         {{"SystemUUID", "null"},
-          {"SystemSerialNumber", "\"\""},
-          {"SystemMachineTypeModel", "\"\""}}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.logged);
         WriteFile(vpd, c.record);
         const size_t mark = LogMark();
         auto* ev = new ZRedfishEvent("Alert");
@@ -218,9 +199,11 @@ TEST_F(RedfishEventTest, AnUnreadableMachineRecordLeavesTheAlertBlockWithNulls) 
         ZJsonObject* rec = ev->CreateEventRecord("Base.1.12.Success", "Done.", mChassis);
         EXPECT_NE(ev->EventRecord_NewAlertOemObj(rec), nullptr);
         ZApplication::SendRedfishEvent(ev);
-        Fields expected = c.veltra;
-        expected["@odata.type"] = "\"#VeltraEvent.v1_0_0.VeltraEventRecord\"";
-        EXPECT_EQ(HGetAll(veltra), expected);
+        EXPECT_EQ(HGetAll(veltra),
+                  (Fields{{"SystemUUID", c.uuid},
+                          {"SystemSerialNumber", c.others},
+                          {"SystemMachineTypeModel", c.others},
+                          {"@odata.type", "\"#VeltraEvent.v1_0_0.VeltraEventRecord\""}}));
         EXPECT_TRUE(Logged(mark, c.logged));
         EXPECT_EQ(LRange(kEventQueue).size(), 1u);  // still delivered
         RawCommand({"DEL", kEventQueue});
@@ -294,33 +277,24 @@ TEST_F(RedfishEventTest, MetricReportsAreQueuedOrRefusedWithTheirTexts) {
     auto* report =
         new ZResource(nullptr, &reportSchema, "/redfish/v1/TelemetryService/MetricReports/1");
     const std::string key = report->GetJPath();
-    struct Case {
-        const char* what;
-        std::function<void()> setup;
+    const struct {
+        std::vector<Items> setup;
         const char* logged;  // null: queued, nothing logged
-    };
-    const std::vector<Case> cases = {
-        {"queued", [] {}, nullptr},
-        {"no subscription",
-         [] {
-             RawCommand({"HSET", kEventServiceState, "MetricReportSubscriptions", "0"});
-         },
+    } cases[] = {
+        {{}, nullptr},
+        {{{"HSET", kEventServiceState, "MetricReportSubscriptions", "0"}},
          "RedisEvalEnqueueMetricReport() ignore this event due to no subscription.\n"},
-        {"not stored",
-         [&key] {
-             RawCommand({"DEL", key});
-         },
-         "Failed to call RedisEvalEnqueueMetricReport() errCode:3.\n"},
+        {{{"DEL", key}}, "Failed to call RedisEvalEnqueueMetricReport() errCode:3.\n"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.logged ? c.logged : "queued");
         std::string error;
         RedisConn conn = RawConnect();
         ASSERT_TRUE(LoadEventScripts(conn.get(), &error)) << error;
         RawCommand({"DEL", kMetricReportQueue});
         report->HashWrite("Id", "1");
         report->ApplyRedisChanges();
-        c.setup();
+        for (const Items& command : c.setup) RawCommand(command);
         const size_t mark = LogMark();
         ZRedfishEvent::_SendMetricReport(report);
         if (c.logged == nullptr) {

@@ -226,9 +226,7 @@ TEST_F(StoreTreeReaderTest, RawJsonHashesAreTheirStoredText) {
     std::string json;
     ASSERT_TRUE(Orbel::ReadStoreTree(mConn.get(), "/redfish/v1/Sys", json));
     EXPECT_EQ(json, "{\n    \"L\": [\n        " + text +
-                        "\n    ],\n    \"N\": \"n\",\n"
-                        "    \"Oem\": " +
-                        text + "\n}");
+                        "\n    ],\n    \"N\": \"n\",\n    \"Oem\": " + text + "\n}");
 
     // A text that is not JSON never breaks the output; an empty one is null.
     HSet("/redfish/v1/Bad", {{"&&RawJSON", "{'a':1}"}});
@@ -293,9 +291,8 @@ TEST_F(StoreTreeReaderTest, CommandPrintsDocumentsAndKeysAndExitsByItsRules) {
         {{"--bogus", "/redfish/v1/Systems"}, 2, "orbel-tree: unknown option --bogus\n" + usage},
         {{"/redfish/v1/Systems", "-s"}, 2, "orbel-tree: option -s needs an argument\n" + usage},
         {{"--compact"}, 2, "orbel-tree: no JPATH given\n" + usage}};
-    for (const auto& [args, status, output] : cases) {
+    for (const auto& [args, status, output] : cases)
         EXPECT_EQ(RunTree(args), std::make_pair(status, output)) << args[0];
-    }
     // A missing JPath fails the run but does not stop the others.
     auto [status, out] = RunTree({"--compact", "/missing", "/redfish/v1/Systems"});
     EXPECT_EQ(status, 1);

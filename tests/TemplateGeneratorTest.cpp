@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <regex.h>
 
+#include <algorithm>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "ChildProcess.h"
@@ -52,16 +54,13 @@ struct Expect {
 
 void CheckRows(ZUserInputTemplate& tmpl, const std::vector<Expect>& rows) {
     for (const Expect& row : rows) {
+        SCOPED_TRACE(row.jpath);
         const sPropertyAttrTag* attr = tmpl.FindAttr(row.jpath);
-        ASSERT_NE(attr, nullptr) << row.jpath;
-        EXPECT_EQ(attr->dataTypes, row.types) << row.jpath;
-        EXPECT_EQ(attr->supportMethods, row.methods) << row.jpath;
-        EXPECT_EQ(attr->flags, row.flags) << row.jpath;
-        if (*row.enumItem != '\0') {
-            const auto& items = attr->limits.enumStrings;
-            EXPECT_NE(std::find(items.begin(), items.end(), row.enumItem), items.end())
-                << row.jpath;
-        }
+        ASSERT_NE(attr, nullptr);
+        EXPECT_EQ(std::make_tuple(attr->dataTypes, attr->supportMethods, attr->flags),
+                  std::make_tuple(row.types, row.methods, row.flags));
+        const auto& items = attr->limits.enumStrings;
+        EXPECT_TRUE(*row.enumItem == '\0' || std::count(items.begin(), items.end(), row.enumItem));
     }
 }
 
@@ -71,30 +70,27 @@ constexpr uint16_t kStrNull = UIT_TYPE_STRING | UIT_TYPE_NULL;
 TEST(TemplateGenerator, ComputerSystemSaysWhatTheSchemaSays) {
     auto tmpl = Generate("ComputerSystem.v1_20_0.json", "GenComputerSystem");
     ASSERT_EQ(tmpl->GetLoadResult(), RT_SUCCESS);
-    CheckRows(
-        *tmpl,
-        {
-            {"/AssetTag", kStrNull, kWritable, 0, ""},
-            {"/Boot", UIT_TYPE_OBJECT, kWritable, 0, ""},
-            {"/Boot/BootSourceOverrideTarget", kStrNull, kWritable, 0, "Pxe"},
-            {"/Boot/BootOrder/{}", kStrNull, kWritable, 0, ""},
-            {"/Id", UIT_TYPE_STRING, UIT_METHOD_ReadOnly, 0, ""},
-            {"/PowerState", kStrNull, UIT_METHOD_ReadOnly, 0, "Paused"},
-            // Objects whose members are all read-only, and Oem.
-            {"/Status", UIT_TYPE_OBJECT, UIT_METHOD_ReadOnly, 0, ""},
-            {"/Oem", UIT_TYPE_OBJECT, UIT_METHOD_ReadOnly, 0, ""},
-            // Links: read-only unless the schema makes the array writable.
-            {"/Bios/@odata.id", UIT_TYPE_STRING, UIT_METHOD_ReadOnly, 0, ""},
-            {"/Links/Chassis/{}/@odata.id", UIT_TYPE_STRING, UIT_METHOD_ReadOnly, 0, ""},
-            {"/Links/ResourceBlocks/{}/@odata.id", UIT_TYPE_STRING, kWritable, 0, ""},
-            {"/Actions/#ComputerSystem.Reset/ResetType", UIT_TYPE_STRING, UIT_METHOD_ActionOption,
-             0, "ForceOff"},
-            {"/Actions/#ComputerSystem.AddResourceBlock/ResourceBlock", UIT_TYPE_OBJECT,
-             UIT_METHOD_ActionRequired, 0, ""},
-            {"/KeyManagement/KMIPServers/{}/Password", kStrNull, kWritable, UIT_FLAG_SecureProperty,
-             ""},
-            {"/Boot/AutomaticRetryAttempts", UIT_TYPE_UNSIGNED | UIT_TYPE_NULL, kWritable, 0, ""},
-        });
+    CheckRows(*tmpl, {{"/AssetTag", kStrNull, kWritable, 0, ""},
+                      {"/Boot", UIT_TYPE_OBJECT, kWritable, 0, ""},
+                      {"/Boot/BootSourceOverrideTarget", kStrNull, kWritable, 0, "Pxe"},
+                      {"/Boot/BootOrder/{}", kStrNull, kWritable, 0, ""},
+                      {"/Id", UIT_TYPE_STRING, UIT_METHOD_ReadOnly, 0, ""},
+                      {"/PowerState", kStrNull, UIT_METHOD_ReadOnly, 0, "Paused"},
+                      // Objects whose members are all read-only, and Oem.
+                      {"/Status", UIT_TYPE_OBJECT, UIT_METHOD_ReadOnly, 0, ""},
+                      {"/Oem", UIT_TYPE_OBJECT, UIT_METHOD_ReadOnly, 0, ""},
+                      // Links: read-only unless the schema makes the array writable.
+                      {"/Bios/@odata.id", UIT_TYPE_STRING, UIT_METHOD_ReadOnly, 0, ""},
+                      {"/Links/Chassis/{}/@odata.id", UIT_TYPE_STRING, UIT_METHOD_ReadOnly, 0, ""},
+                      {"/Links/ResourceBlocks/{}/@odata.id", UIT_TYPE_STRING, kWritable, 0, ""},
+                      {"/Actions/#ComputerSystem.Reset/ResetType", UIT_TYPE_STRING,
+                       UIT_METHOD_ActionOption, 0, "ForceOff"},
+                      {"/Actions/#ComputerSystem.AddResourceBlock/ResourceBlock", UIT_TYPE_OBJECT,
+                       UIT_METHOD_ActionRequired, 0, ""},
+                      {"/KeyManagement/KMIPServers/{}/Password", kStrNull, kWritable,
+                       UIT_FLAG_SecureProperty, ""},
+                      {"/Boot/AutomaticRetryAttempts", UIT_TYPE_UNSIGNED | UIT_TYPE_NULL, kWritable,
+                       0, ""}});
     // The schema's pattern arrives in POSIX form and still matches what it should.
     const sPropertyAttrTag* uuid = tmpl->FindAttr("/UUID");
     ASSERT_NE(uuid, nullptr);
@@ -113,9 +109,8 @@ TEST(TemplateGenerator, ComputerSystemSaysWhatTheSchemaSays) {
         std::vector<sUsrInFault> faults;
         ZUserInputTemplate::VerifyUserInputData(tmpl.get(), args, &faults);
         std::vector<std::string> seen;
-        for (const sUsrInFault& f : faults) {
+        for (const sUsrInFault& f : faults)
             seen.push_back(std::to_string(f.msg) + " " + f.property);
-        }
         return seen;
     };
     EXPECT_EQ(verify({{"/Boot", {USRIN_OBJECT, "", 0}},
@@ -163,26 +158,21 @@ TEST(TemplateGenerator, BoundsRequiredMembersAndRecursion) {
     })");
     auto tmpl = Generate("Widget.v1_0_0.json", "GenWidget", dir);
     ASSERT_EQ(tmpl->GetLoadResult(), RT_SUCCESS);
-    CheckRows(*tmpl, {
-                         {"/Name", UIT_TYPE_STRING, UIT_METHOD_CreateRequired, 0, ""},
-                         {"/Level", UIT_TYPE_FLOAT | UIT_TYPE_NULL, kWritable, 0, ""},
-                         {"/Offset", UIT_TYPE_SIGNED, kWritable, 0, ""},
-                         {"/Parts/{}/@odata.id", UIT_TYPE_STRING, kWritable, 0, ""},
-                         {"/Self/Label", UIT_TYPE_STRING, kWritable, 0, ""},
-                         {"/Self/Next", UIT_TYPE_OBJECT, UIT_METHOD_ReadOnly, 0, ""},
-                         {"/Gadget", UIT_TYPE_OBJECT, UIT_METHOD_ReadOnly, 0, ""},
-                         {"/Actions/#Widget.Spin/Speed", UIT_TYPE_UNSIGNED,
-                          UIT_METHOD_ActionRequired, 0, ""},
-                     });
+    CheckRows(*tmpl, {{"/Name", UIT_TYPE_STRING, UIT_METHOD_CreateRequired, 0, ""},
+                      {"/Level", UIT_TYPE_FLOAT | UIT_TYPE_NULL, kWritable, 0, ""},
+                      {"/Offset", UIT_TYPE_SIGNED, kWritable, 0, ""},
+                      {"/Parts/{}/@odata.id", UIT_TYPE_STRING, kWritable, 0, ""},
+                      {"/Self/Label", UIT_TYPE_STRING, kWritable, 0, ""},
+                      {"/Self/Next", UIT_TYPE_OBJECT, UIT_METHOD_ReadOnly, 0, ""},
+                      {"/Gadget", UIT_TYPE_OBJECT, UIT_METHOD_ReadOnly, 0, ""},
+                      {"/Actions/#Widget.Spin/Speed", UIT_TYPE_UNSIGNED, UIT_METHOD_ActionRequired,
+                       0, ""}});
     EXPECT_EQ(tmpl->FindAttr("/Actions/#Widget.Spin/target"), nullptr);
-    const sPropertyAttrTag* name = tmpl->FindAttr("/Name");
-    EXPECT_EQ(name->limits.min, 1);
-    EXPECT_EQ(name->limits.max, 16);
-    const sPropertyAttrTag* level = tmpl->FindAttr("/Level");
-    EXPECT_EQ(level->limits.min, 0.5);
-    EXPECT_EQ(level->limits.max, 9.25);
-    EXPECT_EQ(tmpl->FindAttr("/Offset")->limits.min, -5);
-    EXPECT_EQ(tmpl->FindAttr("/Parts")->limits.max, 4);
+    const auto& name = tmpl->FindAttr("/Name")->limits;
+    const auto& level = tmpl->FindAttr("/Level")->limits;
+    EXPECT_TRUE(name.min == 1 && name.max == 16 && level.min == 0.5 && level.max == 9.25);
+    EXPECT_TRUE(tmpl->FindAttr("/Offset")->limits.min == -5 &&
+                tmpl->FindAttr("/Parts")->limits.max == 4);
     EXPECT_EQ(tmpl->GetRequiredList(eReqCreate), std::vector<std::string>{"/Name"});
     EXPECT_EQ(tmpl->GetRequiredList(eReqAction),
               std::vector<std::string>{"/Actions/#Widget.Spin/Speed"});

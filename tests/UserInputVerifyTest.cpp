@@ -50,11 +50,10 @@ struct In {
     eUsrInValueType type;
     const char* value;
 };
-struct Msg {
-    std::string msgId;
-    Items args;           // JSON forms, as stored
-    std::string related;  // "" for none
-};
+// A stored message as "MessageId|related property|argument|...": the
+// "Base.1.12." prefix left out, the arguments in their stored JSON forms
+// with ' for ".
+using Msgs = std::vector<std::string>;
 
 UsrInCache Body(const std::vector<In>& entries) {
     UsrInCache cache;
@@ -83,9 +82,9 @@ protected:
 
     // Verifies `body` and returns the result; the messages as the front end
     // reads them from the store go to `stored`, each with the related
-    // property its fault record names.
-    eRtCode Verify(eReqMethod method, UsrInCache body, std::vector<Msg>* stored,
-                   bool multi = false) {
+    // property its fault record names (related properties stay with the
+    // plug-in).
+    eRtCode Verify(eReqMethod method, UsrInCache body, Msgs* stored, bool multi = false) {
         const std::string arr = kArr + std::to_string(mRun++);
         ResponseExtendedInfo ext(mSchema, mSys);
         EXPECT_EQ(ext.NewExtInfoObj("RF_Test:Request:1", arr), RT_SUCCESS);
@@ -103,27 +102,14 @@ protected:
         const Items nodes = LRange(arr);
         EXPECT_EQ(nodes.size(), faults.size());
         for (size_t i = 0; i < nodes.size() && i < faults.size(); ++i) {
-            // Related properties stay with the plug-in; the fault record names it.
-            stored->push_back(Msg{HGetAll(nodes[i])["&&MessageId"],
-                                  LRange(nodes[i] + "/MessageArgs"), faults[i].property});
+            std::string id = HGetAll(nodes[i])["&&MessageId"];
+            id = id.substr(id.rfind("\"Base.1.12.", 0) == 0 ? 11 : 1);
+            std::string text = id.substr(0, id.size() - 1) + "|" + faults[i].property;
+            for (const std::string& arg : LRange(nodes[i] + "/MessageArgs")) text += "|" + arg;
+            for (char& ch : text) ch = ch == '"' ? '\'' : ch;
+            stored->push_back(text);
         }
         return rt;
-    }
-
-    static ::testing::AssertionResult Same(const std::vector<Msg>& got,
-                                           const std::vector<Msg>& want) {
-        bool same = got.size() == want.size();
-        for (size_t i = 0; same && i < got.size(); ++i) {
-            same = got[i].msgId == "\"" + want[i].msgId + "\"" && got[i].args == want[i].args &&
-                   got[i].related == want[i].related;
-        }
-        if (same) return ::testing::AssertionSuccess();
-        auto failure = ::testing::AssertionFailure() << "stored:";
-        for (const Msg& m : got) {
-            failure << "\n  " << m.msgId << " related " << m.related << " args";
-            for (const std::string& a : m.args) failure << " " << a;
-        }
-        return failure;
     }
 
     ZSchema* mSchema = nullptr;
@@ -134,96 +120,60 @@ protected:
 };
 
 TEST_F(UserInputVerifyTest, EachFaultRowStoresItsMessagePair) {
-    struct Row {
+    const eReqMethod U = eReqUpdate, A = eReqAction;
+    const struct {
         eReqMethod method;
         std::vector<In> body;
-        std::vector<Msg> want;
-    };
-    const Row rows[] = {
-        // Not in the template.
-        {eReqUpdate,
-         {{"/Nope", USRIN_STRING, "x"}},
-         {{"Base.1.12.PropertyUnknown", {"\"Nope\""}, "Nope"}}},
-        {eReqAction,
-         {{"/Nope", USRIN_STRING, "x"}},
-         {{"Base.1.12.ActionParameterNotSupported", {"\"Nope\"", "\"#Sys.Reset\""}, "Nope"}}},
-        // Not writable in this method.
-        {eReqUpdate,
-         {{"/Id", USRIN_STRING, "x"}},
-         {{"Base.1.12.PropertyNotWritable", {"\"Id\""}, "Id"}}},
-        {eReqAction,
-         {{"/Info", USRIN_STRING, "x"}},
-         {{"Base.1.12.ActionParameterNotSupported", {"\"Info\"", "\"#Sys.Reset\""}, "Info"}}},
+        const char* want;
+    } rows[] = {
+        // Not in the template; not writable in this method.
+        {U, {{"/Nope", USRIN_STRING, "x"}}, "PropertyUnknown|Nope|'Nope'"},
+        {A, {{"/Nope", USRIN_STRING, "x"}}, "ActionParameterNotSupported|Nope|'Nope'|'#Sys.Reset'"},
+        {U, {{"/Id", USRIN_STRING, "x"}}, "PropertyNotWritable|Id|'Id'"},
+        {A, {{"/Info", USRIN_STRING, "x"}}, "ActionParameterNotSupported|Info|'Info'|'#Sys.Reset'"},
         // A type the template does not allow; objects and arrays shown as {} and [].
-        {eReqUpdate,
-         {{"/Enabled", USRIN_STRING, "yes"}},
-         {{"Base.1.12.PropertyValueTypeError", {"\"yes\"", "\"Enabled\""}, "Enabled"}}},
-        {eReqUpdate,
-         {{"/AssetTag", USRIN_OBJECT, ""}},
-         {{"Base.1.12.PropertyValueTypeError", {"\"{}\"", "\"AssetTag\""}, "AssetTag"}}},
-        {eReqAction,
+        {U, {{"/Enabled", USRIN_STRING, "yes"}}, "PropertyValueTypeError|Enabled|'yes'|'Enabled'"},
+        {U, {{"/AssetTag", USRIN_OBJECT, ""}}, "PropertyValueTypeError|AssetTag|'{}'|'AssetTag'"},
+        {A,
          {{"/ResetType", USRIN_ARRAY, ""}},
-         {{"Base.1.12.ActionParameterValueTypeError",
-           {"\"[]\"", "\"ResetType\"", "\"#Sys.Reset\""},
-           "ResetType"}}},
+         "ActionParameterValueTypeError|ResetType|'[]'|'ResetType'|'#Sys.Reset'"},
         // Text not allowed, or the pattern not matched.
-        {eReqUpdate,
-         {{"/Code", USRIN_STRING, "12a"}},
-         {{"Base.1.12.PropertyValueFormatError", {"\"12a\"", "\"Code\""}, "Code"}}},
-        {eReqAction,
+        {U, {{"/Code", USRIN_STRING, "12a"}}, "PropertyValueFormatError|Code|'12a'|'Code'"},
+        {A,
          {{"/ResetType", USRIN_STRING, "O\x01n"}},
-         {{"Base.1.12.ActionParameterValueFormatError",
-           {"\"O\\u0001n\"", "\"ResetType\"", "\"#Sys.Reset\""},
-           "ResetType"}}},
+         "ActionParameterValueFormatError|ResetType|'O\\u0001n'|'ResetType'|'#Sys.Reset'"},
         // Not in the enumeration: an action answers with the value-format message.
-        {eReqUpdate,
-         {{"/Mode", USRIN_STRING, "C"}},
-         {{"Base.1.12.PropertyValueNotInList", {"\"C\"", "\"Mode\""}, "Mode"}}},
-        {eReqAction,
+        {U, {{"/Mode", USRIN_STRING, "C"}}, "PropertyValueNotInList|Mode|'C'|'Mode'"},
+        {A,
          {{"/ResetType", USRIN_STRING, "Pause"}},
-         {{"Base.1.12.ActionParameterValueFormatError",
-           {"\"Pause\"", "\"ResetType\"", "\"#Sys.Reset\""},
-           "ResetType"}}},
+         "ActionParameterValueFormatError|ResetType|'Pause'|'ResetType'|'#Sys.Reset'"},
         // A required property missing (an action may have an empty body).
-        {eReqCreate,
-         {{"/AssetTag", USRIN_STRING, "a"}},
-         {{"Base.1.12.PropertyMissing", {"\"Name\""}, "Name"}}},
-        {eReqAction,
-         {},
-         {{"Base.1.12.ActionParameterMissing", {"\"#Sys.Reset\"", "\"ResetType\""}, "ResetType"}}},
+        {eReqCreate, {{"/AssetTag", USRIN_STRING, "a"}}, "PropertyMissing|Name|'Name'"},
+        {A, {}, "ActionParameterMissing|ResetType|'#Sys.Reset'|'ResetType'"},
         // The length limit, the one message with a number.
-        {eReqUpdate,
+        {U,
          {{"/AssetTag", USRIN_STRING, "123456789"}},
-         {{"Base.1.12.StringValueTooLong", {"\"123456789\"", "8"}, "AssetTag"}}},
+         "StringValueTooLong|AssetTag|'123456789'|8"},
         // A number outside its range, a negative one where only unsigned is allowed.
-        {eReqAction,
+        {A,
          {{"/ResetType", USRIN_STRING, "On"}, {"/Delay", USRIN_UNUM, "61"}},
-         {{"Base.1.12.ActionParameterValueFormatError",
-           {"\"61\"", "\"Delay\"", "\"#Sys.Reset\""},
-           "Delay"}}},
-        {eReqUpdate,
-         {{"/Count", USRIN_SNUM, "-1"}},
-         {{"Base.1.12.PropertyValueTypeError", {"\"-1\"", "\"Count\""}, "Count"}}},
-        {eReqUpdate,
-         {{"/Level", USRIN_SNUM, "-2"}},
-         {{"Base.1.12.PropertyValueNotInList", {"\"-2\"", "\"Level\""}, "Level"}}},
+         "ActionParameterValueFormatError|Delay|'61'|'Delay'|'#Sys.Reset'"},
+        {U, {{"/Count", USRIN_SNUM, "-1"}}, "PropertyValueTypeError|Count|'-1'|'Count'"},
+        {U, {{"/Level", USRIN_SNUM, "-2"}}, "PropertyValueNotInList|Level|'-2'|'Level'"},
         // A SecureProperty value never leaves masked.
-        {eReqUpdate,
-         {{"/Secret", USRIN_BOOL, "true"}},
-         {{"Base.1.12.PropertyValueTypeError", {"\"******\"", "\"Secret\""}, "Secret"}}},
+        {U, {{"/Secret", USRIN_BOOL, "true"}}, "PropertyValueTypeError|Secret|'******'|'Secret'"},
         // Bodies: empty, only annotations, a path no front end makes.
-        {eReqUpdate, {}, {{"Base.1.12.EmptyJSON", {}, ""}}},
-        {eReqUpdate, {{"/@odata.etag", USRIN_STRING, "x"}}, {{"Base.1.12.NoOperation", {}, ""}}},
-        {eReqUpdate,
+        {U, {}, "EmptyJSON|"},
+        {U, {{"/@odata.etag", USRIN_STRING, "x"}}, "NoOperation|"},
+        {U,
          {{"/Tags", USRIN_ARRAY, ""}, {"/Tags/x", USRIN_STRING, "a"}},
-         {{"ExtendedError.1.2.BadRequest", {}, ""}}},
-        {eReqUpdate, {{"//Mode", USRIN_STRING, "A"}}, {{"ExtendedError.1.2.BadRequest", {}, ""}}},
+         "ExtendedError.1.2.BadRequest|"},
+        {U, {{"//Mode", USRIN_STRING, "A"}}, "ExtendedError.1.2.BadRequest|"},
     };
-    std::vector<Msg> stored;
-    for (size_t i = 0; i < sizeof(rows) / sizeof(rows[0]); ++i) {
-        const Row& row = rows[i];
-        EXPECT_EQ(Verify(row.method, Body(row.body), &stored), RT_FAILURE) << "row " << i;
-        EXPECT_TRUE(Same(stored, row.want)) << "row " << i;
+    Msgs stored;
+    for (const auto& row : rows) {
+        EXPECT_EQ(Verify(row.method, Body(row.body), &stored), RT_FAILURE) << row.want;
+        EXPECT_EQ(stored, Msgs{row.want});
     }
 }
 
@@ -253,48 +203,42 @@ TEST_F(UserInputVerifyTest, ValidBodiesPassAndArrayTypesCountTheirItems) {
         {eReqCreate, {{"/Name", USRIN_STRING, "n"}}},
         {eReqAction, {{"/ResetType", USRIN_STRING, "Off"}, {"/Delay", USRIN_UNUM, "60"}}},
     };
-    std::vector<Msg> stored;
+    Msgs stored;
     for (const auto& body : pass) {
         EXPECT_EQ(Verify(body.first, Body(body.second), &stored), RT_SUCCESS);
-        EXPECT_TRUE(Same(stored, {}));
+        EXPECT_EQ(stored, Msgs{});
     }
-    const Msg orderFault{
-        "Base.1.12.PropertyValueFormatError", {"\"[]\"", "\"Boot/Order\""}, "Boot/Order"};
-    const std::pair<std::vector<In>, Msg> fail[] = {
+    const In boot = {"/Boot", USRIN_OBJECT, ""}, slot = {"/Slots/0", USRIN_UNUM, "1"};
+    const std::pair<std::vector<In>, const char*> fail[] = {
         // Rigid: exactly M items.
-        {{{"/Boot", USRIN_OBJECT, ""},
+        {{boot,
           {"/Boot/Target", USRIN_STRING, "Pxe"},
           {"/Boot/Order", USRIN_ARRAY, ""},
           {"/Boot/Order/0", USRIN_STRING, "a"}},
-         orderFault},
+         "PropertyValueFormatError|Boot/Order|'[]'|'Boot/Order'"},
         // FixedLength: never more than its length.
         {{{"/Slots", USRIN_ARRAY, ""},
-          {"/Slots/0", USRIN_UNUM, "1"},
+          slot,
           {"/Slots/1", USRIN_UNUM, "1"},
           {"/Slots/2", USRIN_UNUM, "1"}},
-         {"Base.1.12.PropertyValueFormatError", {"\"[]\"", "\"Slots\""}, "Slots"}},
+         "PropertyValueFormatError|Slots|'[]'|'Slots'"},
         // VariableLength: within its bounds.
-        {{{"/Tags", USRIN_ARRAY, ""}},
-         {"Base.1.12.PropertyValueFormatError", {"\"[]\"", "\"Tags\""}, "Tags"}},
+        {{{"/Tags", USRIN_ARRAY, ""}}, "PropertyValueFormatError|Tags|'[]'|'Tags'"},
         // Required members of each array item; items of an array without item template.
         {{{"/Servers", USRIN_ARRAY, ""}, {"/Servers/0", USRIN_OBJECT, ""}},
-         {"Base.1.12.PropertyMissing", {"\"Servers/0/Address\""}, "Servers/0/Address"}},
-        {{{"/Raw", USRIN_ARRAY, ""}, {"/Raw/0", USRIN_UNUM, "1"}},
-         {"Base.1.12.PropertyUnknown", {"\"Raw/0\""}, "Raw/0"}},
-        {{{"/Boot", USRIN_OBJECT, ""}},
-         {"Base.1.12.PropertyMissing", {"\"Boot/Target\""}, "Boot/Target"}},
+         "PropertyMissing|Servers/0/Address|'Servers/0/Address'"},
+        {{{"/Raw", USRIN_ARRAY, ""}, {"/Raw/0", USRIN_UNUM, "1"}}, "PropertyUnknown|Raw/0|'Raw/0'"},
+        {{boot}, "PropertyMissing|Boot/Target|'Boot/Target'"},
     };
     for (const auto& row : fail) {
         EXPECT_EQ(Verify(eReqUpdate, Body(row.first), &stored), RT_FAILURE);
-        EXPECT_TRUE(Same(stored, {row.second})) << row.second.related;
+        EXPECT_EQ(stored, Msgs{row.second});
     }
     // Create: a FixedLength array needs all its items.
-    EXPECT_EQ(Verify(eReqCreate,
-                     Body({{"/Name", USRIN_STRING, "n"},
-                           {"/Slots", USRIN_ARRAY, ""},
-                           {"/Slots/0", USRIN_UNUM, "1"}}),
-                     &stored),
-              RT_FAILURE);
+    EXPECT_EQ(
+        Verify(eReqCreate, Body({{"/Name", USRIN_STRING, "n"}, {"/Slots", USRIN_ARRAY, ""}, slot}),
+               &stored),
+        RT_FAILURE);
 }
 
 TEST_F(UserInputVerifyTest, MultiModeReportsEveryFaultAndFlagsComeFromTheTemplate) {
@@ -303,14 +247,13 @@ TEST_F(UserInputVerifyTest, MultiModeReportsEveryFaultAndFlagsComeFromTheTemplat
                                   {"/Nope", USRIN_OBJECT, ""},
                                   {"/Nope/Deeper", USRIN_STRING, "x"},
                                   {"/Secret", USRIN_STRING, "pw"}});
-    std::vector<Msg> stored;
+    Msgs stored;
     EXPECT_EQ(Verify(eReqUpdate, body, &stored), RT_FAILURE);
-    EXPECT_TRUE(Same(stored, {{"Base.1.12.PropertyNotWritable", {"\"Id\""}, "Id"}}));
+    EXPECT_EQ(stored, Msgs{"PropertyNotWritable|Id|'Id'"});
     // Members of a refused value are not reported again.
     EXPECT_EQ(Verify(eReqUpdate, body, &stored, true), RT_FAILURE);
-    EXPECT_TRUE(Same(stored, {{"Base.1.12.PropertyNotWritable", {"\"Id\""}, "Id"},
-                              {"Base.1.12.PropertyValueNotInList", {"\"C\"", "\"Mode\""}, "Mode"},
-                              {"Base.1.12.PropertyUnknown", {"\"Nope\""}, "Nope"}}));
+    EXPECT_EQ(stored, (Msgs{"PropertyNotWritable|Id|'Id'", "PropertyValueNotInList|Mode|'C'|'Mode'",
+                            "PropertyUnknown|Nope|'Nope'"}));
 
     UsrInCache flagged = body;
     mTmpl->AssignUsrInPptFlagFromUsrInTemplate(flagged, eReqUpdate, "");
@@ -413,14 +356,12 @@ TEST_F(UserInputVerifyTest, BodyTreeFromTheStoreIsReadAndVerified) {
                   "/Link object ", "/Link/@odata.id string /redfish/v1/Chassis/1",
                   "/Ratio double 2.500000", "/Raw rawStr {\"a\":1}", "/Slots array 0",
                   "/Tags array 2", "/Tags/0 string a", "/Tags/1 object ", "/Tags/1/N uNum 1"}));
-    std::vector<Msg> stored;
+    Msgs stored;
     EXPECT_EQ(Verify(eReqUpdate, body, &stored, true), RT_FAILURE);
-    EXPECT_TRUE(
-        Same(stored, {{"Base.1.12.PropertyNotWritable", {"\"Id\""}, "Id"},
-                      {"Base.1.12.PropertyUnknown", {"\"Link\""}, "Link"},
-                      {"Base.1.12.PropertyUnknown", {"\"Ratio\""}, "Ratio"},
-                      {"Base.1.12.PropertyValueTypeError", {"\"{\\\"a\\\":1}\"", "\"Raw\""}, "Raw"},
-                      {"Base.1.12.PropertyValueTypeError", {"\"{}\"", "\"Tags/1\""}, "Tags/1"}}));
+    EXPECT_EQ(stored, (Msgs{"PropertyNotWritable|Id|'Id'", "PropertyUnknown|Link|'Link'",
+                            "PropertyUnknown|Ratio|'Ratio'",
+                            "PropertyValueTypeError|Raw|'{\\'a\\':1}'|'Raw'",
+                            "PropertyValueTypeError|Tags/1|'{}'|'Tags/1'"}));
 
     // A property twice, a link of the wrong kind, no body at all.
     RawCommand({"HSET", root, "&&Object Count " + root + "/Boot", ""});

@@ -356,18 +356,17 @@ TEST_F(ZLogPrintTest, ParameterDumpReadsUnderTheDestinationLock) {
 TEST_F(ZLogPrintTest, ControlBytesInValuesAreEscaped) {
     ZLogPrint log(mBase, 1 << 20);
     log.SetDebugLevel(1);
-    struct Row {
+    const struct {
         const char* value;
         const char* logged;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"x\nRSP[forged] RC[200] MSG[] IP[6.6.6.6]", "x\\nRSP[forged] RC[200] MSG[] IP[6.6.6.6]"},
         {"a\rb\tc", "a\\rb\\tc"},
         {"\x01\x1b[31m\x7f", "\\x01\\x1B[31m\\x7F"},
         {"caf\xc3\xa9 \"q\" %s", "caf\xc3\xa9 \"q\" %s"},  // high bytes, quotes, percent: kept
     };
     Echo([&] {
-        for (const Row& row : rows) {
+        for (const auto& row : rows) {
             log.LogPrint("", eZLogAccess, "A.cpp", "a", 1, "REQ[k] U[%s]\n", row.value);
             log.LogPrint("", eZLogInfo, "A.cpp", "a", 1, "v[%-3s|%.40s]\n", row.value, row.value);
         }

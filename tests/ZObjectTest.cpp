@@ -96,8 +96,8 @@ TEST_F(ZObjectTest, DuplicateChildrenJPathsAndResourceNamesAreRefused) {
     // when the refused one is retired with its store data.
     second->ObjDestroy(ZObject::eDestroyDelete, true);
     EXPECT_EQ(HGetAll("&&/redfish/v1/Systems/1/Status").at("State"), "\"Enabled\"");
-    EXPECT_EQ(mApp->GetObject("&&/redfish/v1/Systems/1/Status"), first);
-    EXPECT_EQ(sys->GetChild("Status"), first);
+    EXPECT_TRUE(mApp->GetObject("&&/redfish/v1/Systems/1/Status") == first &&
+                sys->GetChild("Status") == first);
 
     ZSchema schema("Chassis", "v1_0_0");
     auto* a = new ZResource(nullptr, &schema, "/redfish/v1/Chassis/1", "Board");
@@ -111,8 +111,7 @@ TEST_F(ZObjectTest, DuplicateChildrenJPathsAndResourceNamesAreRefused) {
     b->ObjDestroy(ZObject::eDestroyDelete, true);
     EXPECT_TRUE(mApp->GetResource("Board") == a && schema.GetResource("Board") == a);
     a->ObjDestroy(ZObject::eDestroyDelete, true);
-    EXPECT_EQ(mApp->GetResource("Board"), nullptr);
-    EXPECT_EQ(schema.GetResourceNum(), 0u);
+    EXPECT_TRUE(mApp->GetResource("Board") == nullptr && schema.GetResourceNum() == 0u);
 }
 
 // A system that links a manager and owns a Status that a chassis links; the
@@ -163,8 +162,7 @@ TEST_F(ZObjectTest, ReferencesAreRecordedBothWaysAndDeleteOrUnlinkRemoveThem) {
     EXPECT_EQ(LRange("&&/redfish/v1/Chassis/1/ManagedBy"), (Items{"\"first\"", "\"last\""}));
     std::vector<ZObject*> members;
     t.list->GetMemberObjects(members);
-    EXPECT_TRUE(members.empty());
-    EXPECT_EQ(t.system->GetChild("Status", true), nullptr);
+    EXPECT_TRUE(members.empty() && t.system->GetChild("Status", true) == nullptr);
 }
 
 TEST_F(ZObjectTest, RelinkRewritesTheStoredLinksAtOnceAndAnUnknownModeLeavesThem) {
@@ -198,12 +196,10 @@ TEST_F(ZObjectTest, RetirementIsOnceAndTheRecyclerWaitsForUsers) {
     EXPECT_EQ(mApp->GetObject("/redfish/v1/Systems/1"), nullptr);
     EXPECT_EQ(mApp->RecycledListSize(), 2u);
     Recycle();
-    EXPECT_EQ(mApp->RecycledListSize(), 1u);  // the held one stays
-    EXPECT_TRUE(mApp->IsValidObj(sys));
+    EXPECT_TRUE(mApp->RecycledListSize() == 1u && mApp->IsValidObj(sys));  // the held one stays
     sys->DecreaseUsingCount();
     Recycle();
-    EXPECT_EQ(mApp->RecycledListSize(), 0u);
-    EXPECT_FALSE(mApp->IsValidObj(sys));
+    EXPECT_TRUE(mApp->RecycledListSize() == 0u && !mApp->IsValidObj(sys));
 
     // A using count below zero is reported, and the node freed all the same.
     auto* loose = new ZJsonObject(nullptr, "Loose");
@@ -232,8 +228,7 @@ TEST_F(ZObjectTest, DeletingALiveNodeWarnsAndUnregistersIt) {
     EXPECT_TRUE(Logged(mark,
                        "! WARNING ! : Shall call ObjDestroy() function to delete this "
                        "ZObject[&&Parent/Child]."));
-    EXPECT_EQ(parent->GetChildNum(), 0u);
-    EXPECT_EQ(mApp->GetObject("&&Parent/Child"), nullptr);
+    EXPECT_TRUE(parent->GetChildNum() == 0u && mApp->GetObject("&&Parent/Child") == nullptr);
     ZSchema schema("Manager", "");
     delete new ZResource(nullptr, &schema, "/redfish/v1/Managers/1");
     EXPECT_EQ(schema.GetResourceNum(), 0u);
@@ -241,8 +236,7 @@ TEST_F(ZObjectTest, DeletingALiveNodeWarnsAndUnregistersIt) {
     auto* a = new ZJsonObject(parent, "A");
     auto* b = new ZJsonArray(parent, "B");
     parent->DeleteAllChildObjs();
-    EXPECT_TRUE(a->IsDied() && b->IsDied());
-    EXPECT_EQ(parent->GetChildNum(), 0u);
+    EXPECT_TRUE(a->IsDied() && b->IsDied() && parent->GetChildNum() == 0u);
 }
 
 TEST_F(ZObjectTest, ChildrenAreFoundByIdInIdOrderWhateverTheOrderTheyCameIn) {
@@ -280,8 +274,8 @@ TEST_F(ZObjectTest, LookupsRetryTheTrailingSlashAndListOrphans) {
     auto* response = new ZJsonObject(nullptr, "ResponseData");
     EXPECT_TRUE(mApp->GetObject("/redfish/v1") == root &&
                 mApp->GetObject("/redfish/v1/Systems/") == systems);
-    EXPECT_EQ(mApp->GetResource("AllSystems"), systems);
-    EXPECT_EQ(mApp->GetResource(systems->GetChild("Members")), systems);
+    EXPECT_TRUE(mApp->GetResource("AllSystems") == systems &&
+                mApp->GetResource(systems->GetChild("Members")) == systems);
     EXPECT_EQ(mApp->GetObjectList(), (Items{"&&/redfish/v1/Systems/Members", "/redfish/v1/",
                                             "/redfish/v1/Systems", "ResponseData"}));
     EXPECT_EQ(mApp->GetOrphanObjsList(), (Items{"ResponseData"}));

@@ -76,14 +76,28 @@ sHttp HttpFrontEndTest::Curl(const std::string& method, const std::string& path,
                            : "http://127.0.0.1:" + std::to_string(sPort)) +
                    path);
     ChildProcess curl(argv);
+    return curl.Start() && curl.Wait(30000) == 0 ? Parse(curl.Output()) : sHttp();
+}
+
+sHttp HttpFrontEndTest::Exchange(const std::string& request, int port) {
+    const int fd = Connect(port);
+    if (fd < 0) return sHttp();
+    std::string out;
+    if (write(fd, request.data(), request.size()) == static_cast<ssize_t>(request.size())) {
+        out = ReadAll(fd, 30000);
+    }
+    close(fd);
+    return Parse(out);
+}
+
+sHttp HttpFrontEndTest::Parse(std::string out) {
     sHttp r;
-    if (!curl.Start() || curl.Wait(30000) != 0) return r;
-    std::string out = curl.Output();
     // A 100 Continue comes before the answer.
     while (out.compare(0, 25, "HTTP/1.1 100 Continue\r\n\r\n") == 0) out.erase(0, 25);
     const size_t end = out.find("\r\n\r\n");
+    if (out.size() < 12 || end == std::string::npos) return r;
     const std::string head = out.substr(0, end);
-    r.body = end == std::string::npos ? std::string() : out.substr(end + 4);
+    r.body = out.substr(end + 4);
     r.status = atoi(head.c_str() + head.find(' ') + 1);
     for (size_t pos = head.find("\r\n"); pos != std::string::npos;) {
         const size_t next = head.find("\r\n", pos + 2);

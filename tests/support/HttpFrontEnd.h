@@ -35,6 +35,12 @@ public:
     // curl with `more` before the URL; the answer split into its parts.
     static sHttp Curl(const std::string& method, const std::string& path,
                       std::vector<std::string> more = {}, bool secure = false);
+    // `request` sent whole on a connection of its own to `port`, the answer
+    // read until the peer closes, split into its parts.
+    static sHttp Exchange(const std::string& request, int port = sPort);
+    // An answer as the peer sent it, split into its parts (status 0 when it
+    // is not one).
+    static sHttp Parse(std::string out);
     // The "code" of an error answer.
     static std::string ErrorId(const sHttp& r);
     // A raw connection to the front end's HTTP port, or another one on
