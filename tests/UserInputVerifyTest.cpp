@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "FixedPaths.h"
+#include "RedisCli.h"
 #include "ObjectModelFixture.h"
 #include "ResponseExtendedInfo.h"
 #include "ZResource.h"
@@ -339,8 +340,14 @@ TEST_F(UserInputVerifyTest, BodyTreeFromTheStoreIsReadAndVerified) {
     RawCommand({"RPUSH", root + "/Tags", "\"a\"", "&&Object " + root + "/Tags/1"});
     RawCommand({"HSET", root + "/Tags/1", "N", "1"});
     UsrInCache body;
-    ASSERT_EQ(ZUserInputTemplate::ParserUserInputData(nullptr, root, body, "ComputerSystem"),
-              RT_SUCCESS);
+    redisContext* c = RedisConnect();
+    ASSERT_NE(c, nullptr);
+    const long reads = ServerStat("stats", "total_reads_processed:", c);
+    ASSERT_EQ(ZUserInputTemplate::ParserUserInputData(c, root, body, "ComputerSystem"), RT_SUCCESS);
+    // An object's type comes with its fields: one round trip per hash, two
+    // per list, one for the missing list; then this INFO.
+    EXPECT_EQ(ServerStat("stats", "total_reads_processed:", c) - reads, 7L);
+    RedisDisconnect(c);
     std::vector<std::string> seen;
     for (const auto& entry : body) {
         seen.push_back(entry.first + " " + UsrInValueTypeWord(entry.second.type) + " " +

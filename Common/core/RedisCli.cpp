@@ -711,21 +711,30 @@ eRtCode RedisPublishToChannel(redisContext* c, std::string channel, std::string 
 // Keys
 // ---------------------------------------------------------------------------
 
-int RedisType(redisContext* c, const char* key) {
-    RedisCallConnection ctx(c);
-    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, REDIS_TABLE_UNSUPPORTED);
-    ReplyPtr reply = KeyCommand(__func__, ctx.get(), "TYPE", key, "TYPE");
-    if (!reply) return REDIS_TABLE_UNSUPPORTED;
+namespace {
+
+// The table type a TYPE reply names (RedisType's logging on a failure).
+int TableTypeOf(const redisReply* reply, const char* key) {
     if (reply->type != REDIS_REPLY_STATUS || reply->str == nullptr) {
-        ZLOG(eZLogError, "Command[TYPE %s] reply is failed.\n", key);
+        ZLOG_AS("RedisType", eZLogError, "Command[TYPE %s] reply is failed.\n", key);
         return REDIS_TABLE_UNSUPPORTED;
     }
     if (std::strcmp(reply->str, "none") == 0) return REDIS_TABLE_NONE;
     if (std::strcmp(reply->str, "hash") == 0) return REDIS_TABLE_HASH;
     if (std::strcmp(reply->str, "list") == 0) return REDIS_TABLE_LIST;
     if (std::strcmp(reply->str, "string") == 0) return REDIS_TABLE_STRING;
-    ZLOG(eZLogError, "Unsupported table type[%s].\n", reply->str);
+    ZLOG_AS("RedisType", eZLogError, "Unsupported table type[%s].\n", reply->str);
     return REDIS_TABLE_UNSUPPORTED;
+}
+
+}  // namespace
+
+int RedisType(redisContext* c, const char* key) {
+    RedisCallConnection ctx(c);
+    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, REDIS_TABLE_UNSUPPORTED);
+    ReplyPtr reply = KeyCommand(__func__, ctx.get(), "TYPE", key, "TYPE");
+    if (!reply) return REDIS_TABLE_UNSUPPORTED;
+    return TableTypeOf(reply.get(), key);
 }
 
 eRtCode RedisSet(redisContext* c, const char* key, const char* value, unsigned int seconds) {
@@ -948,6 +957,51 @@ eRtCode RedisHashVisitAll(redisContext* c, const char* key, RedisFieldVisitor vi
                                                  : std::string_view();
     };
     for (size_t i = 0; i + 1 < reply->elements; i += 2) visit(arg, view(i), view(i + 1));
+    return RT_SUCCESS;
+}
+
+eRtCode RedisHashVisitTyped(redisContext* c, const char* key, int& type, RedisFieldVisitor visit,
+                            void* arg) {
+    type = REDIS_TABLE_UNSUPPORTED;
+    RedisCallConnection ctx(c);
+    ORBEL_OPEN_WITH_KEY_OR_RETURN(ctx, key, RT_FAILURE);
+    const size_t keyLen = std::strlen(key);
+    const char* typeArgv[2] = {"TYPE", key};
+    const char* readArgv[2] = {"HGETALL", key};
+    const size_t typeLens[2] = {4, keyLen};
+    const size_t readLens[2] = {7, keyLen};
+    const bool typeQueued = AppendArgv(ctx.get(), 2, typeArgv, typeLens);
+    const bool readQueued = typeQueued && AppendArgv(ctx.get(), 2, readArgv, readLens);
+    DrainDeferred(ctx.get());
+    // Both replies are read whatever happens, so that no later call of the
+    // connection takes one of them for its own.
+    ReplyPtr typeReply = typeQueued ? ReadReply(ctx.get()) : ReplyPtr();
+    ReplyPtr readReply = readQueued ? ReadReply(ctx.get()) : ReplyPtr();
+    if (!typeReply) {
+        ZLOG_AS("RedisType", eZLogError, "Command[TYPE %s] reply is NULL.\n", key);
+        return RT_FAILURE;
+    }
+    type = TableTypeOf(typeReply.get(), key);
+    // On a key of another type the HGETALL's error reply is expected: the
+    // caller reads that key by its type.
+    if (type != REDIS_TABLE_HASH) return RT_SUCCESS;
+    if (!readReply) {
+        ZLOG_AS("RedisHashGetAll", eZLogError, "Command[HGETALL %s] reply is NULL.\n", key);
+        return RT_FAILURE;
+    }
+    if (readReply->type != REDIS_REPLY_ARRAY) {
+        ZLOG_AS("RedisHashGetAll", eZLogError, "Command[HGETALL %s] reply failed.\n", key);
+        return RT_FAILURE;
+    }
+    for (size_t i = 0; i + 1 < readReply->elements; i += 2) {
+        const redisReply* n = readReply->element[i];
+        const redisReply* v = readReply->element[i + 1];
+        visit(arg,
+              n != nullptr && n->str != nullptr ? std::string_view(n->str, n->len)
+                                                : std::string_view(),
+              v != nullptr && v->str != nullptr ? std::string_view(v->str, v->len)
+                                                : std::string_view());
+    }
     return RT_SUCCESS;
 }
 

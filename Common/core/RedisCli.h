@@ -274,6 +274,13 @@ eRtCode RedisEvalEnqueueMetricReport(redisContext* c, const char* payload, int& 
 // 2 logged as RedisHashGetAll logs it.
 using RedisFieldVisitor = void (*)(void* arg, std::string_view name, std::string_view value);
 eRtCode RedisHashVisitAll(redisContext* c, const char* key, RedisFieldVisitor visit, void* arg);
+// RedisHashVisitTyped: TYPE and HGETALL of `key` in one round trip, for a
+// reader that expects a hash but must tell a list or no key from it. `type`
+// gets the table type (eRedisTableType) and, for a hash only, each field goes
+// to `visit` as above. 0 when the type was read (and a hash's fields); 2
+// logged as RedisType or RedisHashGetAll log it.
+eRtCode RedisHashVisitTyped(redisContext* c, const char* key, int& type, RedisFieldVisitor visit,
+                            void* arg);
 
 // One command of RedisPipelineArgs: views of its arguments, which must
 // outlive the call.

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Orbel.h"
@@ -157,8 +158,9 @@ public:
     // One node: `key` is expected to be a hash (`object`) or a list. A key
     // that does not exist is an empty container: the store keeps no empty
     // hash or list.
-    // `knownType`: the key's type when the caller has just asked the store
-    // for it, else -1.
+    // An object's key is asked for its type and its fields in one round
+    // trip (the fields come back only when it is a hash); a list's type is
+    // `knownType` when the caller has just asked the store for it, else -1.
     bool ReadNode(const std::string& key, const std::string& jpath, bool object, unsigned depth,
                   int knownType = -1) {
         if (depth > ZUserInputTemplate::kMaxDepth) {
@@ -168,8 +170,15 @@ public:
                               " levels",
                           jpath);
         }
-        const int type = knownType >= 0 ? knownType : RedisType(mCtx, key.c_str());
         mItems = 0;
+        std::map<std::string, std::string> fields;
+        int type = knownType;
+        eRtCode read = RT_SUCCESS;
+        if (object) {
+            read = RedisHashVisitTyped(mCtx, key.c_str(), type, &TreeReader::_Collect, &fields);
+        } else if (type < 0) {
+            type = RedisType(mCtx, key.c_str());
+        }
         if (type == REDIS_TABLE_NONE) return true;
         if (type != (object ? REDIS_TABLE_HASH : REDIS_TABLE_LIST)) {
             ZLOG(eZLogError, "Table[%s] is not a hash or list or empty. schema[%s]\n", key.c_str(),
@@ -177,8 +186,7 @@ public:
             return false;
         }
         if (object) {
-            std::map<std::string, std::string> fields;
-            if (RedisHashGetAll(mCtx, key.c_str(), fields) != RT_SUCCESS) {
+            if (read != RT_SUCCESS) {
                 ZLOG(eZLogError, "Failed to call RedisHashGetAll(). schema[%s]\n", mSchema.c_str());
                 return false;
             }
@@ -215,7 +223,31 @@ public:
         return true;
     }
 
+    // The body's root: read as an object when it is a hash, as a list when
+    // it is one. `type` gets the root's table type.
+    bool ReadRoot(const std::string& key, int& type) {
+        std::map<std::string, std::string> fields;
+        if (RedisHashVisitTyped(mCtx, key.c_str(), type, &TreeReader::_Collect, &fields) !=
+                RT_SUCCESS &&
+            type == REDIS_TABLE_HASH) {
+            ZLOG(eZLogError, "Failed to call RedisHashGetAll(). schema[%s]\n", mSchema.c_str());
+            return false;
+        }
+        if (type == REDIS_TABLE_LIST) return ReadNode(key, "", false, 1, type);
+        if (type != REDIS_TABLE_HASH) return true;
+        for (const auto& field : fields) {
+            if (!_Member(field.first, field.second, "", 1)) return false;
+        }
+        return true;
+    }
+
 private:
+    // Sorted by field name, as the body has always been read.
+    static void _Collect(void* arg, std::string_view name, std::string_view value) {
+        static_cast<std::map<std::string, std::string>*>(arg)->insert_or_assign(
+            std::string(name), std::string(value));
+    }
+
     bool _Fault(const std::string& value, const std::string& jpath) {
         if (mFault != nullptr && mFault->value.empty()) *mFault = sUsrInReadFault{value, jpath};
         return false;
@@ -318,16 +350,16 @@ sUsrInCacheItem ZUserInputTemplate::ClassifyValueText(const std::string& text,
 eRtCode ZUserInputTemplate::ParserUserInputData(redisContext* c, const std::string& rootKey,
                                                 UsrInCache& out, const std::string& schemaName,
                                                 sUsrInReadFault* fault) {
-    const int type = RedisType(c, rootKey.c_str());
+    TreeReader reader(c, out, schemaName, fault);
+    int type = REDIS_TABLE_UNSUPPORTED;
+    const bool read = reader.ReadRoot(rootKey, type);
     if (type != REDIS_TABLE_HASH && type != REDIS_TABLE_LIST) {
         ZLOG(eZLogError, "Table[%s] is not a hash or list or empty. schema[%s]\n", rootKey.c_str(),
              schemaName.c_str());
         // No body at all is an empty one; the verification answers it.
         return type == REDIS_TABLE_NONE ? RT_SUCCESS : RT_FAILURE;
     }
-    TreeReader reader(c, out, schemaName, fault);
-    return reader.ReadNode(rootKey, "", type == REDIS_TABLE_HASH, 1, type) ? RT_SUCCESS
-                                                                            : RT_FAILURE;
+    return read ? RT_SUCCESS : RT_FAILURE;
 }
 
 }  // namespace Orbel
