@@ -169,8 +169,10 @@ eRtCode ZObject::HashWrite(const std::string& name, const std::string& value, bo
              SanitizedText(value, 64).c_str());
         return RT_INVALID_ARG;
     }
-    // The byte listing of the verbose check would show a secret's bytes.
-    if (!IsPureString(value, !IsSecretLikeName(name))) {
+    // The byte listing of the verbose check would show a secret's bytes; the
+    // name is looked at only for a text that is not pure.
+    if (!IsPureString(value, false)) {
+        if (!IsSecretLikeName(name)) IsPureString(value, true);
         ZLOG(eZLogWarning, "Object[%s] write a non pure string to property[%s] !\n",
              _LogName().c_str(), name.c_str());
     }
