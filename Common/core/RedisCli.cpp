@@ -241,9 +241,12 @@ void DrainDeferred(redisContext* c) {
 
 // Runs the handlers of the replies read so far, in order, with deferral on
 // for their connection: what they send goes out with the next round trip.
+thread_local std::vector<PendingHandler> tHandlersSpare;  // capacity kept between runs
+
 void RunDeferredHandlers() {
     if (tHandlers.empty()) return;
-    std::vector<PendingHandler> ready;
+    std::vector<PendingHandler> ready = std::move(tHandlersSpare);
+    ready.clear();
     ready.swap(tHandlers);
     redisContext* const previous = tDeferringOn;
     for (PendingHandler& h : ready) {
@@ -251,6 +254,8 @@ void RunDeferredHandlers() {
         h.handler(h.arg, h.reply);
     }
     tDeferringOn = previous;
+    ready.clear();
+    tHandlersSpare = std::move(ready);
 }
 
 bool HasDeferred(redisContext* c) {
