@@ -540,7 +540,11 @@ redisContext* RedisConnect() {
 }
 
 void RedisDisconnect(redisContext* c) {
-    if (c != nullptr) redisFree(c);
+    if (c == nullptr) return;
+    // What this thread still has queued on it goes first: no reply is left
+    // owed by a freed connection (whose address a new one may take).
+    if (cli::HasDeferred(c)) RedisDrainDeferred(c);
+    redisFree(c);
 }
 
 RedisConnectionScope::RedisConnectionScope() : mPrev(tScopedConn) {
