@@ -149,7 +149,7 @@ ReplyPtr ReadReply(redisContext* c) {
 struct DeferredReply {
     redisContext* c;
     bool isHashSet;  // else an UNLINK, whose reply is not checked
-    std::string key, name, shownValue;
+    std::string key, name, value;  // the value masked when a failure shows it
     // A command of RedisDeferCommand: its words (for the failure text, made
     // only on a failure) and who takes the reply.
     std::vector<std::string> argv{};
@@ -227,12 +227,13 @@ void DrainDeferred(redisContext* c) {
         if (!d.isHashSet) continue;
         if (!reply) {
             ZLOG_AS("RedisHashSet", eZLogError, "Command[HSET %s %s %s] reply is NULL. err[%s]\n",
-                    d.key.c_str(), d.name.c_str(), d.shownValue.c_str(), c->errstr);
+                    d.key.c_str(), d.name.c_str(), MaskSecretValue(d.name, d.value.c_str()),
+                    c->errstr);
         } else if (reply->type != REDIS_REPLY_INTEGER ||
                    (reply->integer != 0 && reply->integer != 1)) {
             RedisDumpReply("HSET", reply.get());
             ZLOG_AS("RedisHashSet", eZLogError, "Command[HSET %s %s %s] reply failed.\n",
-                    d.key.c_str(), d.name.c_str(), d.shownValue.c_str());
+                    d.key.c_str(), d.name.c_str(), MaskSecretValue(d.name, d.value.c_str()));
         }
     }
     mine.clear();
@@ -1008,7 +1009,7 @@ eRtCode RedisHashSet(redisContext* c, const char* key, const char* name, const c
     }
     if (Deferring(ctx.get()) &&
         Defer(ctx.get(), {"HSET", key, name, value},
-              DeferredReply{nullptr, true, key, name, MaskSecretValue(name, value)})) {
+              DeferredReply{nullptr, true, key, name, value})) {
         return RT_SUCCESS;
     }
     ReplyPtr reply = Command(ctx.get(), {"HSET", key, name, value});
