@@ -13,11 +13,20 @@
 
 namespace Orbel {
 
+namespace {
+// A channel list's clearing waiting for the read of the list (held array).
+struct sChannelClear {
+    ZJsonArray* array;
+    redisContext* c;
+};
+}  // namespace
+
 ZJsonArray::ZJsonArray(ZObject* parent, const std::string& name, uint32_t attributes)
     : ZObject(parent, eJsonArray, name, name, 0), mClassAttributes(attributes) {
     // Clearing the key, publishing the count or reading the other backends'
     // items: one connection for all of it.
     RedisConnectionScope storeScope;
+    ZObjectBuildWrites build;  // its writes in one round trip
     if (Initial() != RT_SUCCESS) return;
     if ((GetAttribute() & ATTR_MultiBackend) == 0) {
         _InitFillDefaultContents();
@@ -230,6 +239,17 @@ eRtCode ZJsonArray::CleanItemsFromRedis(redisContext* c) {
         app != nullptr && !app->AppName().empty()) {
         // Only this application's channels: the other elements name the
         // channels of other processes that serve the same resource.
+        // In a constructor the list is read with the round trip that
+        // carries the new node's other writes; the clearing ends when the
+        // reply is there (_OnChannelsRead).
+        auto* pending = new sChannelClear{this, c};
+        IncreaseUsingCount();  // released by the reply's handler
+        if (RedisDeferCommand(c, {"LRANGE", mJPath, "0", "-1"}, _OnChannelsRead, pending)) {
+            mChannelClearPending = true;
+            return RT_SUCCESS;
+        }
+        DecreaseUsingCount();
+        delete pending;
         const std::string own = app->AppName() + ":";
         std::vector<std::string> items;
         eRtCode rt = RedisListGetAll(c, mJPath.c_str(), 0, -1, items);
@@ -248,6 +268,48 @@ eRtCode ZJsonArray::CleanItemsFromRedis(redisContext* c) {
         if (RedisListDelAll(c, mJPath.c_str(), item) != RT_SUCCESS) rt = RT_FAILURE;
     }
     return rt;
+}
+
+bool ZJsonArray::PushChannelAfterClear(const std::string& channel) {
+    if (!mChannelClearPending) return false;
+    mPendingChannel = std::make_unique<std::string>(channel);
+    return true;
+}
+
+void ZJsonArray::_OnChannelsRead(void* arg, const sRedisDeferredReply& reply) {
+    std::unique_ptr<sChannelClear> pending(static_cast<sChannelClear*>(arg));
+    ZJsonArray* self = pending->array;
+    redisContext* c = pending->c;
+    self->mChannelClearPending = false;
+    std::unique_ptr<std::string> channel = std::move(self->mPendingChannel);
+    ZApplication* app = zApp;
+    // Retired meanwhile: its list is gone (or going), and stays so.
+    if (!self->IsDied() && app != nullptr) {
+        // The commands the clearing sends without a constructor, in the
+        // same order: this application's channels out, then its channel in,
+        // first when other processes' channels stay.
+        const std::string own = app->AppName() + ":";
+        bool kept = false;
+        for (const std::string& item : reply.items) {
+            if (item.compare(0, own.size(), own) != 0) {
+                kept = true;
+            } else if (!RedisDeferCommand(c, {"LREM", self->mJPath, "0", item})) {
+                RedisListDelAll(c, self->mJPath.c_str(), item);
+            }
+        }
+        self->mKeptForeignChannels = kept;
+        if (channel != nullptr) {
+            std::vector<std::string> push = {kept ? "LPUSH" : "RPUSH", self->mJPath, *channel};
+            if (!RedisDeferCommand(c, push)) {
+                std::vector<eRtCode> results;
+                if (RedisPipeline(c, {push}, results) != RT_SUCCESS || results[0] != RT_SUCCESS) {
+                    ZLOG(eZLogError, "Failed to put channel[%s] first in [%s].\n",
+                         channel->c_str(), self->mJPath.c_str());
+                }
+            }
+        }
+    }
+    self->DecreaseUsingCount();
 }
 
 void ZJsonArray::_Destroy(eDestroyMode mode, bool clearStore) {

@@ -22,6 +22,8 @@
 
 namespace Orbel {
 
+struct sRedisDeferredReply;
+
 class ZJsonArray : public ZObject {
 public:
     // Class attribute: publish the element count in the parent.
@@ -68,6 +70,11 @@ public:
     // A channel list whose clearing left other processes' channels in it.
     // Read by the thread that made the array, right after its constructor.
     bool KeptForeignChannels() const { return mKeptForeignChannels; }
+    // While the constructor's clearing of a channel list waits for its read
+    // (a deferred write, RedisDeferredWrites), keeps `channel` to be put into
+    // the list right after the clearing, and returns true; false when the
+    // clearing is done and the caller puts it there itself.
+    bool PushChannelAfterClear(const std::string& channel);
 
     // Deletes the parent's <name>@odata.navigationLink and <name>@odata.count
     // fields, then retires the array.
@@ -76,6 +83,7 @@ public:
 private:
     void _InitFillDefaultContents();
     void _InitMultiBackendMembers();
+    static void _OnChannelsRead(void* arg, const sRedisDeferredReply& reply);
     // Member bookkeeping.
     bool _IsMemberLocked(ZObject* obj) const REQUIRES(mMemberMutex);
     void _AddMemberLocked(ZObject* obj) REQUIRES(mMemberMutex);
@@ -94,6 +102,11 @@ private:
     int32_t mPublishedCount GUARDED_BY(mMemberMutex) = -1;
     // No lock: set by the constructor and read right after it by the same thread.
     bool mKeptForeignChannels = false;
+    // The same thread: set while a deferred clearing of the channel list
+    // waits for its read, and the channel to put in after it (see
+    // PushChannelAfterClear).
+    bool mChannelClearPending = false;
+    std::unique_ptr<std::string> mPendingChannel;
 };
 
 }  // namespace Orbel

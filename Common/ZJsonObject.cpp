@@ -7,6 +7,9 @@ namespace Orbel {
 
 ZJsonObject::ZJsonObject(ZObject* parent, const std::string& name, uint32_t attributes)
     : ZObject(parent, eJsonObject, name, name, 0), mClassAttributes(attributes) {
+    // Within a connection scope, clearing the key rides with the next round
+    // trip (the owner's apply, as a rule) instead of taking one of its own.
+    ZObjectBuildWrites build;
     Initial();
 }
 

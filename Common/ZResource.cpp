@@ -51,6 +51,7 @@ ZResource::ZResource(ZObject* parent, ZSchema* schema, const std::string& id,
     // Clearing its keys, its channel lists, the collection's member list and
     // the first apply share one connection.
     RedisConnectionScope storeScope;
+    ZObjectBuildWrites build;  // its writes in one round trip
     if (_InitResource()) ApplyRedisChanges(true, nullptr);
 }
 
@@ -115,6 +116,8 @@ void ZResource::_InitFillCRUDChannel(ZJsonArray* channelArray, int method) {
             return;
         }
         if (std::find(stored.begin(), stored.end(), channel) != stored.end()) return;
+    } else if (channelArray->PushChannelAfterClear(channel)) {
+        return;
     } else if (channelArray->KeptForeignChannels()) {
         // The resource's owner goes before the other processes' channels:
         // the front end sends a request to the first one.
@@ -380,7 +383,11 @@ eRtCode ZResource::CleanPropertiesFromRedis(redisContext* c) {
     eRtCode rt = _HashClean(c);
     // Content that is gone has nothing left to keep fresh (a MultiBackend
     // resource's content is not all gone).
-    if ((GetAttribute() & ATTR_MultiBackend) == 0) RedisHashDel(c, kTtlTable, mJPath.c_str());
+    // In a constructor it rides with the new resource's other writes.
+    if ((GetAttribute() & ATTR_MultiBackend) == 0 &&
+        !RedisDeferCommand(c, {"HDEL", kTtlTable, mJPath})) {
+        RedisHashDel(c, kTtlTable, mJPath.c_str());
+    }
     return rt;
 }
 

@@ -29,6 +29,7 @@ ZResourceCollection::ZResourceCollection(ZObject* parent, ZSchema* schema, const
                                          const std::string& name, uint32_t attributes)
     : ZResource(parent, schema, eResourceCollection, id, name, attributes) {
     RedisConnectionScope storeScope;  // one connection for the whole construction
+    ZObjectBuildWrites build;         // its writes in one round trip
     if (!_InitResource()) return;
     _WarnIfMemberSchemaUnfit();
     _InitFillDefaultContents();

@@ -235,6 +235,12 @@ std::string RecordFloor(const std::function<ZObject*()>& build, Script& script) 
     Retire(root);
     if (!recorded || script.empty()) return "cannot record the library's commands";
     if (first != script) return "the library's command sequence differs between two builds";
+    if (std::getenv("ORBEL_BENCH_DUMP") != nullptr) {  // what one build sends
+        for (const OrbelBench::Command& cmd : script) {
+            for (const std::string& arg : cmd) std::printf("%s ", arg.c_str());
+            std::printf("\n");
+        }
+    }
     return std::string();
 }
 

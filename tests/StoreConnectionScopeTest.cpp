@@ -76,6 +76,59 @@ TEST_F(StoreConnectionScopeTest, InsideAScopeWrappersAndNodesShareOneConnection)
     EXPECT_FALSE(Exists("/redfish/v1/Systems/1") || Exists("&&/redfish/v1/Systems/Members"));
 }
 
+TEST_F(StoreConnectionScopeTest, AMemberTakesFourRoundTripsAndIsCompleteWhenItsConstructorEnds) {
+    ZSchema collSchema("ComputerSystemCollection", "", ZSchema::CRUDQ_READ, "ComputerSystem");
+    ZSchema schema("ComputerSystem", "v1_20_0", ZSchema::CRUDQ_READ | ZSchema::CRUDQ_UPDATE);
+    // What a previous run left: stale fields, our stale channel beside another
+    // process's, a time-to-live entry.
+    RawCommand({"HSET", "&&/redfish/v1/Systems/1/Status", "Stale", "1"});
+    RawCommand({"HSET", "/redfish/v1/Systems/1", "Stale", "1"});
+    RawCommand({"HSET", "&&TTL", "/redfish/v1/Systems/1", "30"});
+    RawCommand({"RPUSH", "&&/redfish/v1/Systems/1/GETQ", "RF_Test:Old:GETQ", "RF_Other:X:GETQ"});
+    RedisConnectionScope scope;
+    auto* coll = new ZResourceCollection(nullptr, &collSchema, "/redfish/v1/Systems");
+    // Read events of the server; each look goes through the same connection
+    // as the count, so that it adds one read (and the INFO one more).
+    long reads = ServerStat("stats", "total_reads_processed:", mStats.get());
+    const auto roundTrips = [this, &reads](int looks) {
+        const long now = ServerStat("stats", "total_reads_processed:", mStats.get());
+        const long n = now - reads - 1 - looks;
+        reads = now;
+        return n;
+    };
+    const auto look = [this](const char* cmd, const char* key) {
+        Reply r(static_cast<redisReply*>(redisCommand(mStats.get(), cmd, key)));
+        std::vector<std::string> out;
+        for (size_t i = 0; r && i < r->elements; ++i) {
+            out.emplace_back(r->element[i]->str != nullptr ? r->element[i]->str : "(nil)");
+        }
+        return out;
+    };
+    using Words = std::vector<std::string>;
+    const int id = coll->GetFreeMemberId();  // one round trip: the member count
+    auto* system = new ZResource(coll, &schema, std::to_string(id));
+    // Its writes, then what their replies call for (the channels, the count).
+    EXPECT_EQ(roundTrips(0), 3);
+    // Seen from another connection: in the store, link and count included.
+    EXPECT_EQ(look("LRANGE %s 0 -1", "&&/redfish/v1/Systems/1/GETQ"),
+              (Words{"RF_Test:ComputerSystem:GETQ", "RF_Other:X:GETQ"}));
+    EXPECT_EQ(look("LRANGE %s 0 -1", "&&/redfish/v1/Systems/1/PATCHQ"),
+              (Words{"RF_Test:ComputerSystem:PATCHQ"}));
+    EXPECT_EQ(look("LRANGE %s 0 -1", "&&/redfish/v1/Systems/Members"),
+              (Words{"&&ObjectRef /redfish/v1/Systems/1"}));
+    EXPECT_EQ(look("HMGET %s Members@odata.count", "/redfish/v1/Systems"), (Words{"1"}));
+    EXPECT_EQ(look("HKEYS %s", "&&TTL"), Words{});
+    EXPECT_EQ(look("HMGET %s Stale", "/redfish/v1/Systems/1"), (Words{"(nil)"}));
+    roundTrips(6);
+    auto* status = new ZJsonObject(system, "Status");  // its clearing rides with the apply
+    status->HashWrite("State", "Enabled");
+    system->HashWrite("Status", status);
+    ASSERT_EQ(system->ApplyRedisChanges(), RT_SUCCESS);
+    EXPECT_EQ(roundTrips(0), 1);
+    EXPECT_EQ(HGetAll("&&/redfish/v1/Systems/1/Status"), (Fields{{"State", "\"Enabled\""}}));
+    EXPECT_EQ(HGetAll("/redfish/v1/Systems/1").count("Stale"), 0u);
+}
+
 TEST_F(StoreConnectionScopeTest, RedisConnectSubscriptionsAndOtherThreadsGetTheirOwn) {
     redisContext* own = RedisConnect();
     ASSERT_NE(own, nullptr);

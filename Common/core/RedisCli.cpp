@@ -38,6 +38,12 @@ thread_local redisContext* tScopedConn = nullptr;
 
 }  // namespace
 
+namespace {
+// "HSET <key> <field> <value>" and the like, values masked: a command as
+// its failure shows it.
+std::string ShownCommand(const std::vector<std::string>& argv);
+}  // namespace
+
 namespace cli {
 
 // The scoped connection while it can still carry commands; null otherwise.
@@ -143,7 +149,12 @@ ReplyPtr ReadReply(redisContext* c) {
 struct DeferredReply {
     redisContext* c;
     bool isHashSet;  // else an UNLINK, whose reply is not checked
-    std::string key, name, shownValue;
+    std::string key, name, value;  // the value masked when a failure shows it
+    // A command of RedisDeferCommand: its words (for the failure text, made
+    // only on a failure) and who takes the reply.
+    std::vector<std::string> argv{};
+    RedisDeferredHandler handler = nullptr;
+    void* arg = nullptr;
 };
 thread_local std::vector<DeferredReply> tDeferred;
 thread_local redisContext* tDeferringOn = nullptr;
@@ -152,29 +163,107 @@ bool Deferring(redisContext* c) {
     return c != nullptr && c == tDeferringOn && (c->flags & REDIS_BLOCK) != 0 && c->err == 0;
 }
 
+// Replies read for a handler, which runs once the call that read them has
+// read its own replies too (RunDeferredHandlers): a handler may then send,
+// and wait for, commands of its own.
+struct PendingHandler {
+    redisContext* c = nullptr;
+    RedisDeferredHandler handler = nullptr;
+    void* arg = nullptr;
+    sRedisDeferredReply reply;
+};
+thread_local std::vector<PendingHandler> tHandlers;
+
+thread_local std::vector<DeferredReply> tDrainSpare;  // capacity kept between drains
+
+// Reads the replies of what was deferred on `c` before this call, in order.
 void DrainDeferred(redisContext* c) {
     if (tDeferred.empty()) return;
+    std::vector<DeferredReply> mine = std::move(tDrainSpare);
+    mine.clear();
     size_t kept = 0;
     for (size_t i = 0; i < tDeferred.size(); ++i) {
         DeferredReply& d = tDeferred[i];
         if (d.c != c) {
             if (kept != i) tDeferred[kept] = std::move(d);
             ++kept;
+        } else {
+            mine.push_back(std::move(d));
+        }
+    }
+    tDeferred.resize(kept);
+    for (DeferredReply& d : mine) {
+        ReplyPtr reply = ReadReply(c);
+        if (d.handler != nullptr) {
+            tHandlers.emplace_back();
+            PendingHandler& h = tHandlers.back();
+            h.c = c;
+            h.handler = d.handler;
+            h.arg = d.arg;
+            sRedisDeferredReply& seen = h.reply;
+            if (reply && reply->type != REDIS_REPLY_ERROR) {
+                seen.result = RT_SUCCESS;
+                if (reply->type == REDIS_REPLY_INTEGER) seen.integer = reply->integer;
+                if (reply->type == REDIS_REPLY_ARRAY) {
+                    seen.items.reserve(reply->elements);
+                    for (size_t i = 0; i < reply->elements; ++i) {
+                        seen.items.push_back(ElementText(reply.get(), i));
+                    }
+                }
+            }
             continue;
         }
-        ReplyPtr reply = ReadReply(c);
+        if (!d.argv.empty()) {
+            if (!reply) {
+                ZLOG_AS("RedisPipelineWrites", eZLogError, "Command[%s] reply is NULL. err[%s]\n",
+                        ShownCommand(d.argv).c_str(), c->errstr);
+            } else if (reply->type == REDIS_REPLY_ERROR) {
+                RedisDumpReply(d.argv[0].c_str(), reply.get());
+                ZLOG_AS("RedisPipelineWrites", eZLogError, "Command[%s] reply failed.\n",
+                        ShownCommand(d.argv).c_str());
+            }
+            continue;
+        }
         if (!d.isHashSet) continue;
         if (!reply) {
             ZLOG_AS("RedisHashSet", eZLogError, "Command[HSET %s %s %s] reply is NULL. err[%s]\n",
-                    d.key.c_str(), d.name.c_str(), d.shownValue.c_str(), c->errstr);
+                    d.key.c_str(), d.name.c_str(), MaskSecretValue(d.name, d.value.c_str()),
+                    c->errstr);
         } else if (reply->type != REDIS_REPLY_INTEGER ||
                    (reply->integer != 0 && reply->integer != 1)) {
             RedisDumpReply("HSET", reply.get());
             ZLOG_AS("RedisHashSet", eZLogError, "Command[HSET %s %s %s] reply failed.\n",
-                    d.key.c_str(), d.name.c_str(), d.shownValue.c_str());
+                    d.key.c_str(), d.name.c_str(), MaskSecretValue(d.name, d.value.c_str()));
         }
     }
-    tDeferred.resize(kept);
+    mine.clear();
+    tDrainSpare = std::move(mine);
+}
+
+// Runs the handlers of the replies read so far, in order, with deferral on
+// for their connection: what they send goes out with the next round trip.
+thread_local std::vector<PendingHandler> tHandlersSpare;  // capacity kept between runs
+
+void RunDeferredHandlers() {
+    if (tHandlers.empty()) return;
+    std::vector<PendingHandler> ready = std::move(tHandlersSpare);
+    ready.clear();
+    ready.swap(tHandlers);
+    redisContext* const previous = tDeferringOn;
+    for (PendingHandler& h : ready) {
+        tDeferringOn = h.c;
+        h.handler(h.arg, h.reply);
+    }
+    tDeferringOn = previous;
+    ready.clear();
+    tHandlersSpare = std::move(ready);
+}
+
+bool HasDeferred(redisContext* c) {
+    for (const DeferredReply& d : tDeferred) {
+        if (d.c == c) return true;
+    }
+    return false;
 }
 
 // Queues a command whose reply DrainDeferred reads; false when it could not
@@ -198,6 +287,7 @@ bool Defer(redisContext* c, std::initializer_list<Arg> args, DeferredReply d) {
 // deferred before it, which share its round trip).
 ReplyPtr SendArgv(redisContext* c, size_t argc, const char* const* argv, const size_t* argvLen) {
     const bool queued = AppendArgv(c, argc, argv, argvLen);
+    DeferredHandlersAtEnd handlers;
     DrainDeferred(c);
     if (!queued) return ReplyPtr();
     return ReadReply(c);
@@ -451,7 +541,11 @@ redisContext* RedisConnect() {
 }
 
 void RedisDisconnect(redisContext* c) {
-    if (c != nullptr) redisFree(c);
+    if (c == nullptr) return;
+    // What this thread still has queued on it goes first: no reply is left
+    // owed by a freed connection (whose address a new one may take).
+    if (cli::HasDeferred(c)) RedisDrainDeferred(c);
+    redisFree(c);
 }
 
 RedisConnectionScope::RedisConnectionScope() : mPrev(tScopedConn) {
@@ -472,6 +566,9 @@ RedisConnectionScope::RedisConnectionScope(redisContext* c) : mPrev(tScopedConn)
 
 RedisConnectionScope::~RedisConnectionScope() {
     if (!mActive) return;
+    // Writes deferred on the scope's connection reach the store before the
+    // scope ends: its owner may close it or use it with hiredis directly.
+    RedisDrainDeferred(tScopedConn);
     tScopedConn = mPrev;
     RedisDisconnect(mOwned);
 }
@@ -550,8 +647,62 @@ RedisDeferredWrites::~RedisDeferredWrites() {
     cli::tDeferringOn = mPrevious;
 }
 
+redisContext* RedisSetDeferring(redisContext* c) {
+    redisContext* previous = cli::tDeferringOn;
+    cli::tDeferringOn = c;
+    return previous;
+}
+
 void RedisDrainDeferred(redisContext* c) {
-    cli::DrainDeferred(c);
+    // A handler may defer more (a count after its length): until none is left.
+    do {
+        cli::DrainDeferred(c);
+        cli::RunDeferredHandlers();
+    } while (cli::HasDeferred(c));
+}
+
+bool RedisAwaitsReplies(redisContext* c) {
+    for (const cli::DeferredReply& d : cli::tDeferred) {
+        if (d.c == c && d.handler != nullptr) return true;
+    }
+    for (const cli::PendingHandler& h : cli::tHandlers) {
+        if (h.c == c) return true;
+    }
+    return false;
+}
+
+bool RedisDeferCommand(redisContext* c, std::vector<std::string>&& argv,
+                       RedisDeferredHandler handler, void* arg) {
+    if (!Deferring(c) || argv.empty()) return false;
+    // Most commands of a build have a few words: no heap for their framing.
+    constexpr size_t kOnStack = 16;
+    const char* stackArgs[kOnStack];
+    size_t stackLens[kOnStack];
+    std::vector<const char*> heapArgs;
+    std::vector<size_t> heapLens;
+    const char** args = stackArgs;
+    size_t* lens = stackLens;
+    if (argv.size() > kOnStack) {
+        heapArgs.resize(argv.size());
+        heapLens.resize(argv.size());
+        args = heapArgs.data();
+        lens = heapLens.data();
+    }
+    for (size_t i = 0; i < argv.size(); ++i) {
+        args[i] = argv[i].data();
+        lens[i] = argv[i].size();
+    }
+    if (!AppendArgv(c, argv.size(), args, lens)) return false;
+    tDeferred.push_back(DeferredReply{c, false, {}, {}, {}, {}, handler, arg});
+    // Without a handler a failure is logged, and the words are kept for it.
+    if (handler == nullptr) tDeferred.back().argv = std::move(argv);
+    return true;
+}
+
+bool RedisDeferCommand(redisContext* c, const std::vector<std::string>& argv,
+                       RedisDeferredHandler handler, void* arg) {
+    std::vector<std::string> copy = argv;
+    return RedisDeferCommand(c, std::move(copy), handler, arg);
 }
 
 eRtCode RedisPipeline(redisContext* c, const std::vector<std::vector<std::string>>& commands,
@@ -559,6 +710,7 @@ eRtCode RedisPipeline(redisContext* c, const std::vector<std::vector<std::string
     results.assign(commands.size(), RT_FAILURE);
     RedisCallConnection ctx(c);
     ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
+    DeferredHandlersAtEnd handlers;
     std::vector<const char*> argv;
     std::vector<size_t> lens;
     for (size_t queued = 0; queued < commands.size(); ++queued) {
@@ -598,6 +750,7 @@ eRtCode RedisPipelineArgs(redisContext* c, const sRedisArgs* commands, size_t n,
     for (size_t i = 0; i < n; ++i) results[i] = RT_FAILURE;
     RedisCallConnection ctx(c);
     ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
+    DeferredHandlersAtEnd handlers;
     for (size_t queued = 0; queued < n; ++queued) {
         if (!AppendArgv(ctx.get(), commands[queued].argc, commands[queued].argv,
                         commands[queued].lens)) {
@@ -650,6 +803,7 @@ eRtCode RedisPipelineWrites(redisContext* c, std::vector<sRedisPipelineCmd>& cmd
     for (sRedisPipelineCmd& cmd : cmds) cmd.result = RT_FAILURE;
     RedisCallConnection ctx(c);
     ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
+    DeferredHandlersAtEnd handlers;
     std::vector<const char*> argv;
     std::vector<size_t> lens;
     size_t queued = 0;
@@ -864,7 +1018,7 @@ eRtCode RedisHashSet(redisContext* c, const char* key, const char* name, const c
     }
     if (Deferring(ctx.get()) &&
         Defer(ctx.get(), {"HSET", key, name, value},
-              DeferredReply{nullptr, true, key, name, MaskSecretValue(name, value)})) {
+              DeferredReply{nullptr, true, key, name, value})) {
         return RT_SUCCESS;
     }
     ReplyPtr reply = Command(ctx.get(), {"HSET", key, name, value});

@@ -145,8 +145,37 @@ public:
 private:
     redisContext* mPrevious;
 };
-// Reads the replies of the commands deferred on `c` by this thread.
+// What RedisDeferredWrites does, for a holder that cannot be a local
+// variable: turns deferral on for `c` (off with null) on this thread and
+// returns the connection it was on before, to be given back the same way.
+redisContext* RedisSetDeferring(redisContext* c);
+// Reads the replies of the commands deferred on `c` by this thread (and of
+// those their handlers deferred in turn), sending what is still queued.
 void RedisDrainDeferred(redisContext* c);
+// True while a command deferred on `c` by this thread waits for a reply
+// that a handler takes (RedisDeferCommand with a handler).
+bool RedisAwaitsReplies(redisContext* c);
+// The reply of a deferred command as its handler sees it.
+struct sRedisDeferredReply {
+    eRtCode result = RT_FAILURE;     // 0 when a reply came and is not an error
+    long long integer = -1;          // an integer reply's value
+    std::vector<std::string> items;  // an array reply's elements
+};
+// Takes the reply of a command sent by RedisDeferCommand when it is read.
+// Runs on the deferring thread with deferral on for the connection, so the
+// store calls it makes are deferred as well.
+using RedisDeferredHandler = void (*)(void* arg, const sRedisDeferredReply& reply);
+// While RedisDeferredWrites is on for `c`: queues the command `argv` to go
+// out with the next round trip on `c`. Its reply goes to `handler` (with
+// `arg`); without one, an error reply is logged as RedisPipelineWrites logs
+// it. False when nothing was queued (not deferring, or the command could not
+// be queued): the caller sends it the usual way.
+bool RedisDeferCommand(redisContext* c, const std::vector<std::string>& argv,
+                       RedisDeferredHandler handler = nullptr, void* arg = nullptr);
+// The same, taking the words over when the command is queued (`argv` is
+// left as it was when false is returned).
+bool RedisDeferCommand(redisContext* c, std::vector<std::string>&& argv,
+                       RedisDeferredHandler handler = nullptr, void* arg = nullptr);
 
 // Sends `commands` (each an argument vector) in one round trip and reads a
 // reply for each, in order. `results[i]` is 0 when command i got a reply

@@ -117,6 +117,13 @@ ReplyPtr TakeReply(redisContext* c, void* raw);
 char* PutCount(char* out, char mark, size_t n);
 bool AppendArgv(redisContext* c, size_t argc, const char* const* argv, const size_t* argvLen);
 ReplyPtr ReadReply(redisContext* c);
+bool HasDeferred(redisContext* c);
+void DrainDeferred(redisContext* c);
+void RunDeferredHandlers();
+// Runs the handlers of deferred replies when the call that read them ends.
+struct DeferredHandlersAtEnd {
+    ~DeferredHandlersAtEnd() { RunDeferredHandlers(); }
+};
 ReplyPtr SendArgv(redisContext* c, size_t argc, const char* const* argv, const size_t* argvLen);
 ReplyPtr Command(redisContext* c, std::initializer_list<Arg> args);
 ReplyPtr CommandArgv(redisContext* c, std::vector<const char*>& argv,

@@ -211,7 +211,7 @@ eRtCode ZObject::_SetId(const std::string& id) {
                  parent->mJPath.c_str());
             return RT_FAILURE;
         }
-        mJPath = JoinJPath(parent->GetJPath(), id, IsResourceType());
+        mJPath = JoinJPath(parent->mJPath, id, IsResourceType());
     } else {
         mJPath = id;
     }

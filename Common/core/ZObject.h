@@ -569,6 +569,30 @@ private:
     std::vector<ZObject*> mNodes;
 };
 
+// Held by the node constructors for their span: a new node's own store
+// writes (clearing its key, its defaults, its first apply, a collection's
+// member link) are sent without waiting for each reply. A span that applied
+// or whose replies feed more writes (a count, a channel after its list was
+// read) sends all of it when the outermost constructor of the thread ends,
+// in one round trip plus one for what the replies call for; the rest (a
+// nested node's key clearing) rides with the thread's next round trip on
+// the connection, at the latest when its scope ends. From the first apply
+// of the span to its end the span holds the apply order, so no other
+// thread's apply overtakes its writes. Needs the thread's scoped connection
+// (RedisConnectionScope); without one it changes nothing. One thread;
+// spans nest.
+class ZObjectBuildWrites {
+public:
+    ZObjectBuildWrites();
+    ~ZObjectBuildWrites();
+    ZObjectBuildWrites(const ZObjectBuildWrites&) = delete;
+    ZObjectBuildWrites& operator=(const ZObjectBuildWrites&) = delete;
+
+private:
+    redisContext* mCtx = nullptr;  // set on the outermost span only
+    redisContext* mPrevDefer = nullptr;
+};
+
 }  // namespace Orbel
 
 #endif  // ORBEL_ZOBJECT_H

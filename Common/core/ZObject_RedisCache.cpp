@@ -390,6 +390,27 @@ eRtCode ZObject::_ApplyOneItem(redisContext* c, sRedisCmdItem* item) {
 
 namespace {
 
+// The outermost ZObjectBuildWrites of the thread (its connection), and
+// whether it holds gApplyOrder.
+thread_local redisContext* tBuildConn = nullptr;
+thread_local bool tBuildHoldsOrder = false;
+
+// An array's count waiting for its deferred LLEN; the array is held.
+struct sPendingCount {
+    ZJsonArray* array;
+    redisContext* c;
+};
+
+void PublishDeferredCount(void* arg, const sRedisDeferredReply& reply) {
+    auto* pending = static_cast<sPendingCount*>(arg);
+    // A retired array's parent may be cleared already: no count for it.
+    if (reply.result == RT_SUCCESS && !pending->array->IsDied()) {
+        pending->array->PublishCount(pending->c, reply.integer);
+    }
+    pending->array->DecreaseUsingCount();
+    delete pending;
+}
+
 // The store commands of one apply (the top-level ApplyRedisChanges and its
 // recursion on one connection), sent in one round trip when it ends. Arrays
 // that publish a count read their length in the same round trip and publish
@@ -401,7 +422,32 @@ struct sApplyPipeline {
     std::vector<std::pair<ZJsonArray*, size_t>> counts;
 
     // Sends everything; publishes the counts. 0, or 2 when a command failed.
+    // While the thread defers writes on the connection (a constructor's own
+    // writes, whose result nobody reads), the commands go out with the next
+    // round trip instead, and a count follows its length's reply.
     eRtCode Flush() {
+        size_t deferred = 0;
+        size_t nextCount = 0;
+        for (; tBuildConn == c && deferred < cmds.size(); ++deferred) {
+            const bool isCount = nextCount < counts.size() && counts[nextCount].second == deferred;
+            if (!isCount) {
+                if (!RedisDeferCommand(c, std::move(cmds[deferred].argv))) break;
+                continue;
+            }
+            auto* pending = new sPendingCount{counts[nextCount].first, c};
+            if (!RedisDeferCommand(c, std::move(cmds[deferred].argv), PublishDeferredCount,
+                                   pending)) {
+                delete pending;
+                break;
+            }
+            ++nextCount;
+        }
+        if (deferred != 0) {
+            cmds.erase(cmds.begin(), cmds.begin() + static_cast<std::ptrdiff_t>(deferred));
+            counts.erase(counts.begin(), counts.begin() + static_cast<std::ptrdiff_t>(nextCount));
+            for (auto& count : counts) count.second -= deferred;
+            if (cmds.empty()) return RT_SUCCESS;
+        }
         eRtCode rt = RedisPipelineWrites(c, cmds);
         for (const auto& [array, at] : counts) {
             if (cmds[at].result == RT_SUCCESS &&
@@ -417,6 +463,7 @@ struct sApplyPipeline {
 };
 
 thread_local sApplyPipeline* tPipeline = nullptr;
+
 
 // Held by a pipelined apply from its first command to its flush. A node's
 // commands used to reach the store under its queue lock, in call order;
@@ -557,7 +604,18 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
     const bool top = tPipeline == nullptr;
     std::unique_lock<std::mutex> order(gApplyOrder, std::defer_lock);
     if (top) {
-        order.lock();
+        // A constructor's apply sends with the span's round trip: the order
+        // is held until then (ZObjectBuildWrites).
+        if (tBuildHoldsOrder) {
+            // This thread holds the order already; on another connection
+            // its deferred writes go first.
+            if (c != tBuildConn) RedisDrainDeferred(tBuildConn);
+        } else if (tBuildConn == c && c != nullptr) {
+            gApplyOrder.lock();
+            tBuildHoldsOrder = true;
+        } else {
+            order.lock();
+        }
         pipeline.c = c;
         tPipeline = &pipeline;
     }
@@ -588,6 +646,30 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
         if (pipeline.Flush() != RT_SUCCESS) rt = RT_FAILURE;
     }
     return rt;
+}
+
+ZObjectBuildWrites::ZObjectBuildWrites() {
+    if (tBuildConn != nullptr) return;  // an outer span serves the thread
+    redisContext* c = RedisConnectionScope::Current();
+    if (c == nullptr || c->err != 0) return;
+    mCtx = c;
+    tBuildConn = c;
+    mPrevDefer = RedisSetDeferring(c);
+}
+
+ZObjectBuildWrites::~ZObjectBuildWrites() {
+    if (mCtx == nullptr) return;
+    // Writes whose replies nobody waits for (a new node's key cleared) ride
+    // with the thread's next round trip on the connection, or go when its
+    // scope ends. A span that applied, or whose replies feed more writes (a
+    // count, a channel list), ends them all before it lets other applies on.
+    if (tBuildHoldsOrder || RedisAwaitsReplies(mCtx)) RedisDrainDeferred(mCtx);
+    RedisSetDeferring(mPrevDefer);
+    tBuildConn = nullptr;
+    if (tBuildHoldsOrder) {
+        tBuildHoldsOrder = false;
+        gApplyOrder.unlock();
+    }
 }
 
 void ZObject::DiscardRedisChanges(bool recursive, redisContext* c) {

@@ -22,10 +22,12 @@ namespace Orbel {
 namespace {
 
 // A NUL would cut the text wherever it is handled as a C string.
-bool RefuseNul(const std::string& objName, const std::string& name, const std::string& text) {
+// `objName()` gives the node's name for the log line, made only for one.
+template <typename NameOf>
+bool RefuseNul(const NameOf& objName, const std::string& name, const std::string& text) {
     if (text.find('\0') == std::string::npos) return false;
     ZLOG(eZLogError, "Object[%s] property[%s]: a value holding a NUL byte is refused.\n",
-         objName.c_str(), SanitizedText(name, 64).c_str());
+         objName().c_str(), SanitizedText(name, 64).c_str());
     return true;
 }
 
@@ -59,13 +61,14 @@ bool IsPropertyName(const std::string& name, bool embedded, bool rawJson) {
 
 // A string value that is not JSON string content would break the document
 // its quotes stand in: the bytes that would are escaped (see _ValueText).
-void WarnStringRepaired(const std::string& objName, const std::string& name,
+template <typename NameOf>
+void WarnStringRepaired(const NameOf& objName, const std::string& name,
                         const std::string& value) {
     if (IsJsonStringContent(StringRightStrip(value, " "))) return;
     ZLOG(eZLogWarning,
          "Object[%s] property[%s]: quotes, backslashes or control bytes of the string are "
          "escaped.\n",
-         objName.c_str(), SanitizedText(name, 64).c_str());
+         objName().c_str(), SanitizedText(name, 64).c_str());
 }
 
 }  // namespace
@@ -162,20 +165,22 @@ eRtCode ZObject::HashWrite(const std::string& name, const char* value, bool isLi
 }
 
 eRtCode ZObject::HashWrite(const std::string& name, const std::string& value, bool isLink) {
-    if (RefuseNul(_LogName(), name, value)) return RT_INVALID_ARG;
+    if (RefuseNul([this] { return _LogName(); }, name, value)) return RT_INVALID_ARG;
     if (isLink && !IsLinkText(value)) {
         ZLOG(eZLogError, "Object[%s] property[%s]: link text[%s] is refused.\n",
              _LogName().c_str(), SanitizedText(name, 64).c_str(),
              SanitizedText(value, 64).c_str());
         return RT_INVALID_ARG;
     }
-    // The byte listing of the verbose check would show a secret's bytes.
-    if (!IsPureString(value, !IsSecretLikeName(name))) {
+    // The byte listing of the verbose check would show a secret's bytes; the
+    // name is looked at only for a text that is not pure.
+    if (!IsPureString(value, false)) {
+        if (!IsSecretLikeName(name)) IsPureString(value, true);
         ZLOG(eZLogWarning, "Object[%s] write a non pure string to property[%s] !\n",
              _LogName().c_str(), name.c_str());
     }
     // A RawJson node quotes every string whole (its own text format).
-    if (!isLink && !mIsRawJson) WarnStringRepaired(_LogName(), name, value);
+    if (!isLink && !mIsRawJson) WarnStringRepaired([this] { return _LogName(); }, name, value);
     sObjectChange change;
     change.dataKind = eObjDataString;
     change.isLink = isLink;
@@ -192,7 +197,7 @@ eRtCode ZObject::HashWrite(const std::string& name, ZObject* value, bool isLink)
 }
 
 eRtCode ZObject::HashWriteRawString(const std::string& name, const std::string& text) {
-    if (RefuseNul(_LogName(), name, text)) return RT_INVALID_ARG;
+    if (RefuseNul([this] { return _LogName(); }, name, text)) return RT_INVALID_ARG;
     sObjectChange change;
     change.dataKind = eObjDataRawString;
     change.strValue = text;
@@ -426,13 +431,13 @@ eRtCode ZObject::ListWrite(int index, const char* value, bool isLink) {
 }
 
 eRtCode ZObject::ListWrite(int index, const std::string& value, bool isLink) {
-    if (RefuseNul(_LogName(), mId, value)) return RT_INVALID_ARG;
+    if (RefuseNul([this] { return _LogName(); }, mId, value)) return RT_INVALID_ARG;
     if (isLink && !IsLinkText(value)) {
         ZLOG(eZLogError, "Object[%s] item[%d]: link text[%s] is refused.\n", _LogName().c_str(),
              index, SanitizedText(value, 64).c_str());
         return RT_INVALID_ARG;
     }
-    if (!isLink && !mIsRawJson) WarnStringRepaired(_LogName(), mId, value);
+    if (!isLink && !mIsRawJson) WarnStringRepaired([this] { return _LogName(); }, mId, value);
     sObjectChange change;
     change.dataKind = eObjDataString;
     change.isLink = isLink;
@@ -449,7 +454,7 @@ eRtCode ZObject::ListWrite(int index, ZObject* value, bool isLink) {
 }
 
 eRtCode ZObject::ListWriteRawString(const std::string& text) {
-    if (RefuseNul(_LogName(), mId, text)) return RT_INVALID_ARG;
+    if (RefuseNul([this] { return _LogName(); }, mId, text)) return RT_INVALID_ARG;
     sObjectChange change;
     change.dataKind = eObjDataRawString;
     change.strValue = text;
