@@ -333,24 +333,4 @@ TEST_F(ResponseExtendedInfoTest, TheReturnMessageMovesToTheFrontAndNamesANotAllo
                                   MessageJson("", "Base.1.12.Success", "") + "]");
 }
 
-TEST_F(ResponseExtendedInfoTest, TheFrontEndReadsWholeMessagesFromTheRequestsArray) {
-    Messages* m = mMsgs.get();
-    sExtendedInfo* length = m->NewExtendedInfo(RESP_Base_StringValueTooLong, "HostName");
-    m->ExtendedInfo_AppendMsgArg(length, 64);
-    m->ExtendedInfo_AppendRelatedProperty(length, mSys, "HostName");
-    m->NewExtendedInfo(RESP_Base_PropertyNotWritable, "Id");
-    m->NewExtendedInfo(RESP_Task_TaskProgressChanged, "/redfish/v1/TaskService/Tasks/3");
-    m->RemoveExtendedInfo(RESP_Base_PropertyNotWritable);
-    ASSERT_EQ(m->ApplyExtInfoToRedis(), RT_SUCCESS);
-    // The request hash names the array; the array lists the message nodes.
-    const std::string named = HGetAll(kReqKey)["&&ExtendedInfo"];
-    ASSERT_EQ(named, kArr);
-    const std::string task =
-        MessageJson("\"/redfish/v1/TaskService/Tasks/3\"", "TaskEvent.1.0.TaskProgressChanged", "");
-    EXPECT_EQ(StoreDoc(named),
-              "[" + MessageJson("\"HostName\",64", "Base.1.12.StringValueTooLong", "") + "," +
-                  task + "]");
-    EXPECT_EQ(StoreDoc(Msg(2)), task);
-}
-
 }  // namespace
