@@ -223,30 +223,6 @@ TEST_F(HTTPMethodContextTest, LocationIsTheTaskMonitorWhileProcessingElseTheNewI
     }
 }
 
-TEST_F(HTTPMethodContextTest, AFailedHandlerAnswers500UnlessItSetAnError) {
-    struct FailingSchema : ZSchema {
-        FailingSchema() : ZSchema("Failing", "", CRUDQ_ALL) {}
-        eHttpRtStatus preset = HTTP_RT_OK;
-        eRtCode HttpMethod_READ(HTTP_MethodContext* ctx) override {
-            ctx->SetReturnStatus(preset);
-            return RT_FAILURE;
-        }
-    } schema;
-    for (eHttpRtStatus preset : {HTTP_RT_OK_EMPTY, HTTP_RT_CONFLICT}) {
-        schema.preset = preset;
-        sCRUD_ReqData req = Request("GET", kSys);
-        HTTP_MethodContext ctx(&schema, mConn, &req);
-        size_t mark = LogMark();
-        EXPECT_EQ(schema.DoHttpMethodRead(&ctx), RT_FAILURE);
-        const bool auto500 = preset == HTTP_RT_OK_EMPTY;
-        EXPECT_EQ(ctx.GetReturnStatus(), auto500 ? HTTP_RT_EXCEPTION : HTTP_RT_CONFLICT);
-        EXPECT_EQ(ctx.GetExtendedInfoNum(RESP_Base_InternalError), auto500 ? 1u : 0u);
-        EXPECT_EQ(Logged(mark, "Auto set Http returnStatus to '500' due to get failed from "
-                               "HttpMethod_READ() function.\n"),
-                  auto500);
-    }
-}
-
 // A handler waiting for the front end to release the lock does not hold a
 // leaving process for the key's lifetime (20 s); no callback is made.
 TEST_F(HTTPMethodContextTest, ShutdownEndsTheRespondedCallbackWait) {

@@ -336,6 +336,7 @@ TEST_F(RequestDispatchTest, FaultsGetTheirStatusAndMessagesAndServingGoesOn) {
          fe.RequestFields("POSTCREATE", kSys1, false), "NOT_ALLOWED",
          One("ExtendedError.1.2.MethodNotAllowed", "\"POST\",\"" + kSys1 + "\"")},
     };
+    const size_t mark = LogMark();
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         mSys->mode = row.mode;
@@ -343,6 +344,9 @@ TEST_F(RequestDispatchTest, FaultsGetTheirStatusAndMessagesAndServingGoesOn) {
         ASSERT_TRUE(a.answered);
         EXPECT_EQ(a.status + " " + a.extInfo, row.status + " " + row.extInfo);
     }
+    EXPECT_TRUE(Logged(mark,
+                       "Auto set Http returnStatus to '500' due to get failed from "
+                       "HttpMethod_READ() function.\n"));
     // An error that has other messages drops its not-writable notes.
     mSys->mode = kNotWritableAndError;
     FrontEnd::Body body;
@@ -461,16 +465,10 @@ TEST_F(RequestDispatchTest, BodiesAreVerifiedAgainstTheTemplateBeforeTheHandler)
         {"read-only and bad enum", false, {{"Id", "\"7\""}}, {{"BootSourceOverrideTarget", "\"Floppy\""}},
          "FAILURE",
          One("Base.1.12.PropertyValueNotInList", R"("Floppy","Boot/BootSourceOverrideTarget")")},
-        {"too long", false, {{"AssetTag", "\"123456789\""}}, {}, "FAILURE",
-         One("Base.1.12.StringValueTooLong", R"("123456789",8)")},
         {"accepted", false, {{"AssetTag", "\"R7\""}, {"HostName", "\"h1\""}}, {{"BootSourceOverrideTarget", "\"Pxe\""}},
          "OK", "[]"},
         {"action: read-only parameter", true, {{"ResetType", "\"On\""}, {"Delay", "5"}}, {}, "FAILURE",
          One("Base.1.12.ActionParameterNotSupported", R"("Delay","#ComputerSystem.Reset")")},
-        {"action: bad enum", true, {{"ResetType", "\"Nmi\""}}, {}, "FAILURE",
-         One("Base.1.12.ActionParameterValueFormatError", R"("Nmi","ResetType","#ComputerSystem.Reset")")},
-        {"action: required parameter missing", true, {}, {}, "FAILURE",
-         One("Base.1.12.ActionParameterMissing", R"("#ComputerSystem.Reset","ResetType")")},
         {"action accepted", true, {{"ResetType", "\"ForceOff\""}}, {}, "OK_RES", "[]"},
     };
     for (const Row& row : rows) {
