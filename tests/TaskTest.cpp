@@ -177,9 +177,8 @@ TEST_F(TaskTest, ProgressMonitorReadsAndTheFinalAnswer) {
     ASSERT_TRUE(read.answered);
     EXPECT_EQ(read.status + " " + read.hash.at("&&Location"), "PROCESSING " + url);
     // The work announces its progress, then waits at the gate.
-    WaitUntil([&] { return HGetAll(url)["PercentComplete"] == "50"; }, 10000);
+    EXPECT_TRUE(WaitUntil([&] { return HGetAll(url)["PercentComplete"] == "50"; }, 10000));
     EXPECT_EQ(HGetAll(url)["TaskState"], "\"Running\"");
-    EXPECT_EQ(HGetAll(url)["PercentComplete"], "50");
 
     SetGate(true);
     const TaskFollower::sTaskRecord rec = mFollower->Wait(key, 10000);
