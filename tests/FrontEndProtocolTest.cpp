@@ -268,18 +268,14 @@ TEST_F(FrontEndProtocolTest, HeadersEtagsAndQueries) {
          {"-u", "admin:admin-pw", "-H", "OData-Version: 4.1"},
          412},
         {"unknown method", "FROB", "/redfish/v1/Systems/1", Basic(), 501},
-        {"PUT", "PUT", "/redfish/v1/Systems/1", Basic(), 405},
         {"text body",
          "PATCH",
          "/redfish/v1/Systems/1",
          {"-u", "admin:admin-pw", "-H", "Content-Type: text/plain", "-d", "{}"},
          415},
-        {"stale If-Match", "PATCH", "/redfish/v1/Systems/1", with({"-H", "If-Match: W/\"0\""}),
-         412},
         {"current If-Match", "PATCH", "/redfish/v1/Systems/1", with({"-H", "If-Match: " + etag}),
          200},
         {"unknown plain parameter", "GET", "/redfish/v1/Systems?foo=bar", Basic(), 200},
-        {"$filter", "GET", "/redfish/v1/Systems?$filter=Id%20eq%201", Basic(), 501},
         {"bad $top", "GET", "/redfish/v1/Systems?$top=-1", Basic(), 400},
         {"deep $expand", "GET", "/redfish/v1/Systems?$expand=*($levels=9)", Basic(), 400},
     };
@@ -288,6 +284,8 @@ TEST_F(FrontEndProtocolTest, HeadersEtagsAndQueries) {
         EXPECT_EQ(r.status, row.status) << row.what << ": " << r.body;
         EXPECT_EQ(r.headers["OData-Version"], "4.0") << row.what;
     }
+    // A refused method names the ones served (the 405 itself, and the stale
+    // If-Match and $filter answers, are rows of FrontEndHttpTest's table).
     EXPECT_EQ(Curl("PUT", "/redfish/v1/Systems/1", Basic()).headers["Allow"],
               "GET, HEAD, PATCH, DELETE");
     // The PATCH changed the document: its ETag changed with it.

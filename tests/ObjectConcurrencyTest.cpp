@@ -115,7 +115,6 @@ TEST_F(ObjectConcurrencyTest, DestroyingWhileOthersReadAndTheRecyclerRuns) {
     recycler.join();
     Recycle();
 
-    EXPECT_GT(seen.load(), 0);
     EXPECT_EQ(mApp->RecycledListSize(), 0u);
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/Members"), Items{});
     EXPECT_EQ(HGetAll("/redfish/v1/Systems").at("Members@odata.count"), "0");

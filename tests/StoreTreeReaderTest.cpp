@@ -113,16 +113,10 @@ TEST_F(StoreTreeReaderTest, ResourceBodyFollowsLinksAndLeavesOutRoutingAndMeta) 
     // nesting a round trip took 4, key by key 10). The first read of a
     // thread loads the script.
     EXPECT_EQ(StoreDoc("/redfish/v1/Systems/1"), kSystemBody);
-    const auto reads = [this] {
-        Reply r(static_cast<redisReply*>(redisCommand(mConn.get(), "INFO stats")));
-        const std::string info = r ? std::string(r->str, r->len) : std::string();
-        const size_t at = info.find("total_reads_processed:");
-        return at == std::string::npos ? -1L : std::atol(info.c_str() + at + 22);
-    };
-    const long before = reads();
+    const long before = ServerStat("stats", "total_reads_processed:", mConn.get());
     EXPECT_EQ(StoreDoc("/redfish/v1/Systems/1"), kSystemBody);
     // 1, the reader's closing and the INFO.
-    EXPECT_LE(reads() - before, 3L);
+    EXPECT_LE(ServerStat("stats", "total_reads_processed:", mConn.get()) - before, 3L);
     // A store that lost its scripts (restarted) gets the script again.
     ASSERT_TRUE(RawCommand({"SCRIPT", "FLUSH"}));
     EXPECT_EQ(StoreDoc("/redfish/v1/Systems/1"), kSystemBody);

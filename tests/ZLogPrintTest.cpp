@@ -312,30 +312,6 @@ TEST_F(ZLogPrintTest, MacrosRouteThroughTheGlobalService) {
     EXPECT_THAT(file, ::testing::EndsWith("[ERROR] ZLogPrintTest.cpp:operator()(): via macro 7\n"));
 }
 
-TEST_F(ZLogPrintTest, ConcurrentWritersNeverSplitALine) {
-    ZLogPrint log(mBase, 1 << 20);
-    log.SetAppInitDone(true);
-    const int kThreads = 4;
-    const int kLines = 250;
-    OnThreads(kThreads, [&log](int t) {
-        for (int i = 0; i < kLines; ++i) {
-            log.LogPrint(t % 2 == 0 ? "" : "NoSuch", eZLogWarning, "T.cpp", "t", 1,
-                         "thread %d line %d\n", t, i);
-        }
-    });
-    const std::regex line("^" + kStamp + R"(\[WARNING\] T\.cpp:t\(\): thread (\d) line (\d+)$)");
-    for (const std::string& path : {mBase + ".log", mBase + ".logerr"}) {
-        std::set<std::string> seen;
-        const auto lines = Lines(ReadFile(path));
-        ASSERT_EQ(lines.size(), static_cast<size_t>(kThreads * kLines)) << path;
-        for (const auto& l : lines) {
-            std::smatch m;
-            ASSERT_TRUE(std::regex_match(l, m, line)) << l;
-            EXPECT_TRUE(seen.insert(m[1].str() + "/" + m[2].str()).second) << l;
-        }
-    }
-}
-
 // The parameter dump reads what SetRotateSize changes on another thread
 // under the destination's lock (the tsan build fails on an unlocked read).
 TEST_F(ZLogPrintTest, ParameterDumpReadsUnderTheDestinationLock) {
@@ -408,15 +384,13 @@ TEST_F(ZLogPrintTest, DroppedDebugLinesAreFormattedOnlyByTheDump) {
     char expected[128];
     std::snprintf(expected, sizeof expected, "n=99 s=before\\nvalue w=  2.2 -7 44 %p",
                   static_cast<void*>(nullptr));
-    EXPECT_TRUE(std::regex_match(lines.back(), std::regex("^" + kStamp +
-                                                          R"(\[DEBUG\] D\.cpp:d\(\): .*)")))
-        << lines.back();
     EXPECT_THAT(lines.back(), ::testing::EndsWith(expected));
 }
 
 // Rotation runs on the writer thread while others log: every line is in
-// exactly one generation, in each thread's order. Warnings go to the normal
-// and the error file, and both must rotate.
+// exactly one generation, whole, in each thread's order. Warnings go to the
+// normal and the error file, and both must rotate; half the threads name a
+// destination nobody rerouted, which writes to the same files.
 TEST_F(ZLogPrintTest, NothingIsLostOrReorderedAcrossRotationsUnderLoad) {
     ZLogPrint log(mBase, 50000);
     log.SetAppInitDone(true);
@@ -426,8 +400,8 @@ TEST_F(ZLogPrintTest, NothingIsLostOrReorderedAcrossRotationsUnderLoad) {
         for (int i = 0; i < kLines; ++i) {
             log.LogPrint("", eZLogAccess, "T.cpp", "t", 1,
                          "REQ[k] %d %04d ..................................................\n", t, i);
-            log.LogPrint("", eZLogWarning, "T.cpp", "t", 1, "line %d %04d ..............\n", t,
-                         i);
+            log.LogPrint(t % 2 == 0 ? "" : "NoSuch", eZLogWarning, "T.cpp", "t", 1,
+                         "line %d %04d ..............\n", t, i);
         }
     });
     log.Flush();
@@ -436,11 +410,12 @@ TEST_F(ZLogPrintTest, NothingIsLostOrReorderedAcrossRotationsUnderLoad) {
         ASSERT_TRUE(FileExists(p + "1.gz") && FileExists(p + "2.gz"));
         const auto lines = Lines(Gunzip(p + "2.gz") + Gunzip(p + "1.gz") + ReadFile(p));
         std::vector<int> next(kThreads, 0);
-        const std::regex re(R"(.* (\d) (\d{4}) \.+$)");
+        const std::regex re("^" + kStamp +
+                            R"((\[WARNING\] T\.cpp:t\(\): line| REQ\[k\]) (\d) (\d{4}) \.+$)");
         for (const auto& l : lines) {
             std::smatch m;
             ASSERT_TRUE(std::regex_match(l, m, re)) << l;
-            ASSERT_EQ(std::stoi(m[2].str()), next[std::stoi(m[1].str())]++) << l;
+            ASSERT_EQ(std::stoi(m[3].str()), next[std::stoi(m[2].str())]++) << l;
         }
         EXPECT_EQ(next, std::vector<int>(kThreads, kLines));
     }
