@@ -51,18 +51,14 @@ TEST_F(ObjectConcurrencyTest, ThreadsWritingDifferentNodesOfOneResource) {
     sys->HashWrite("Log", log);
     sys->ApplyRedisChanges();
 
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([=]() {
-            for (int i = 0; i < static_cast<int>(kWrites); ++i) {
-                parts[t]->HashWrite("Value" + std::to_string(i), i);
-                log->ListWrite(-1, t * 1000 + i);
-                // Applies from several threads share no connection.
-                if (i % 10 == 9) sys->ApplyRedisChanges();
-            }
-        });
-    }
-    for (auto& th : threads) th.join();
+    OnThreads(kThreads, [=](int t) {
+        for (int i = 0; i < static_cast<int>(kWrites); ++i) {
+            parts[t]->HashWrite("Value" + std::to_string(i), i);
+            log->ListWrite(-1, t * 1000 + i);
+            // Applies from several threads share no connection.
+            if (i % 10 == 9) sys->ApplyRedisChanges();
+        }
+    });
     sys->ApplyRedisChanges();
 
     for (int t = 0; t < kThreads; ++t) {
@@ -147,15 +143,11 @@ TEST_F(ObjectConcurrencyTest, CreatesRacingDeletesAndBackendThreadsNeverShareAnI
     EXPECT_EQ(coll->MemberIdHighWater(), static_cast<unsigned>(kRounds));
 
     // Four backend threads: every create gets its own id, nothing leaks.
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 10; ++i) {
-                if (schema.DoBackend_Create(coll) != RT_SUCCESS) ++failures;
-            }
-        });
-    }
-    for (auto& th : threads) th.join();
+    OnThreads(4, [&](int) {
+        for (int i = 0; i < 10; ++i) {
+            if (schema.DoBackend_Create(coll) != RT_SUCCESS) ++failures;
+        }
+    });
     EXPECT_EQ(failures.load(), 0);
     const std::vector<std::string> ids = coll->GetMemberObjIDs();
     EXPECT_EQ(ids.size(), 40u);
@@ -170,25 +162,21 @@ TEST_F(ObjectConcurrencyTest, TheNestedResourceLockExcludesOtherThreadsUntilFull
     auto* sys = new ZResource(nullptr, nullptr, "/redfish/v1/Systems/1");
     int counter = 0;  // guarded by the resource lock alone
     std::atomic<int> failures{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 25; ++i) {
-                if (sys->Lock(10000, ZResource::LOCK_IGNORE_CORVEL_KEY) != RT_SUCCESS ||
-                    sys->Lock(0, ZResource::LOCK_IGNORE_CORVEL_KEY) != RT_SUCCESS) {
-                    ++failures;
-                    continue;
-                }
-                // The first release leaves the lock held: still exclusive.
-                const int before = counter;
-                sys->Unlock();
-                std::this_thread::yield();
-                counter = before + 1;
-                sys->Unlock();
+    OnThreads(4, [&](int) {
+        for (int i = 0; i < 25; ++i) {
+            if (sys->Lock(10000, ZResource::LOCK_IGNORE_CORVEL_KEY) != RT_SUCCESS ||
+                sys->Lock(0, ZResource::LOCK_IGNORE_CORVEL_KEY) != RT_SUCCESS) {
+                ++failures;
+                continue;
             }
-        });
-    }
-    for (auto& th : threads) th.join();
+            // The first release leaves the lock held: still exclusive.
+            const int before = counter;
+            sys->Unlock();
+            std::this_thread::yield();
+            counter = before + 1;
+            sys->Unlock();
+        }
+    });
     EXPECT_EQ(failures.load(), 0);
     EXPECT_EQ(counter, 100);
 }

@@ -157,6 +157,12 @@ bool WaitForFile(const std::string& path, int timeoutMs) {
     return WaitUntil([&path] { return FileExists(path); }, timeoutMs);
 }
 
+void OnThreads(int n, const std::function<void(int)>& body) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < n; ++t) threads.emplace_back(body, t);
+    for (std::thread& th : threads) th.join();
+}
+
 std::string BuiltProgram(const std::string& relativePath) {
     return std::string(ORBEL_BUILD_DIR) + "/" + relativePath;
 }

@@ -52,6 +52,9 @@ private:
 bool WaitUntil(const std::function<bool()>& done, int timeoutMs);
 bool WaitForFile(const std::string& path, int timeoutMs);
 
+// Runs `body(t)` for t = 0..n-1 on n threads at once and joins them.
+void OnThreads(int n, const std::function<void(int)>& body);
+
 // Absolute path of a program built in this tree (e.g. "examples/RF_Root/RF_Root").
 std::string BuiltProgram(const std::string& relativePath);
 
