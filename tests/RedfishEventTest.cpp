@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <memory>
 #include <set>
-#include <thread>
 #include <tuple>
 #include <vector>
 
+#include "ChildProcess.h"
 #include "EventScripts.h"
 #include "ObjectModelFixture.h"
 #include "ZJsonObject.h"
@@ -227,22 +227,17 @@ TEST_F(RedfishEventTest, EventsFromManyThreadsKeepUniqueIncreasingIdsAndAreAllQu
     constexpr int kThreads = 8;
     constexpr int kEach = 25;
     std::vector<std::vector<std::string>> ids(kThreads);
-    std::vector<std::thread> threads;
     ZResource* origin = mChassis;
-    for (int t = 0; t < kThreads; ++t) {
-        std::vector<std::string>* mine = &ids[t];
-        threads.emplace_back([mine, origin] {
-            for (int i = 0; i < kEach; ++i) {
-                auto* ev = new ZRedfishEvent("Load");
-                mine->push_back(ev->GetEventId());
-                ZJsonObject* rec =
-                    ev->CreateEventRecord("ResourceEvent.1.0.ResourceChanged", "Changed.", origin);
-                ev->EventRecord_AppendMessageArgs(rec, std::to_string(i));
-                ZApplication::SendRedfishEvent(ev);
-            }
-        });
-    }
-    for (std::thread& th : threads) th.join();
+    OnThreads(kThreads, [&ids, origin](int t) {
+        for (int i = 0; i < kEach; ++i) {
+            auto* ev = new ZRedfishEvent("Load");
+            ids[t].push_back(ev->GetEventId());
+            ZJsonObject* rec =
+                ev->CreateEventRecord("ResourceEvent.1.0.ResourceChanged", "Changed.", origin);
+            ev->EventRecord_AppendMessageArgs(rec, std::to_string(i));
+            ZApplication::SendRedfishEvent(ev);
+        }
+    });
 
     // Ids order as (seconds, counter); the counter alone never repeats.
     auto order = [](const std::string& id) {
