@@ -394,17 +394,13 @@ TEST_F(TaskTest, HundredTasksAtOnceEndWithoutLossOrLeftoverThreads) {
     gWork = kShort;
     constexpr int kDrivers = 4, kEach = 25;
     std::vector<std::vector<std::string>> keys(kDrivers);
-    std::vector<std::thread> drivers;
-    for (int d = 0; d < kDrivers; ++d) {
-        drivers.emplace_back([this, d, &keys]() {
-            FrontEnd fe("D" + std::to_string(d));
-            for (int i = 0; i < kEach; ++i) {
-                const FrontEnd::Answer a = SendAction(fe, nullptr);
-                if (a.status == "PROCESSING") keys[d].push_back(a.key);
-            }
-        });
-    }
-    for (std::thread& t : drivers) t.join();
+    OnThreads(kDrivers, [this, &keys](int d) {
+        FrontEnd fe("D" + std::to_string(d));
+        for (int i = 0; i < kEach; ++i) {
+            const FrontEnd::Answer a = SendAction(fe, nullptr);
+            if (a.status == "PROCESSING") keys[d].push_back(a.key);
+        }
+    });
     size_t ended = 0;
     for (const auto& list : keys) {
         for (const std::string& key : list) {
