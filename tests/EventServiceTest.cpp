@@ -209,19 +209,15 @@ protected:
 
     // `perThread` events from each of 4 threads, raised as a plug-in does.
     void Raise(int perThread) {
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 4; ++t) {
-            threads.emplace_back([t, perThread] {
-                for (int i = 0; i < perThread; ++i) {
-                    auto* ev = new ZRedfishEvent("Load");
-                    ZJsonObject* rec = ev->CreateEventRecord(kIds[t], "event", nullptr);
-                    ev->EventRecord_AppendMessageArgs(rec, std::to_string(t));
-                    ev->EventRecord_AppendMessageArgs(rec, std::to_string(i));
-                    ZApplication::SendRedfishEvent(ev);
-                }
-            });
-        }
-        for (auto& th : threads) th.join();
+        OnThreads(4, [perThread](int t) {
+            for (int i = 0; i < perThread; ++i) {
+                auto* ev = new ZRedfishEvent("Load");
+                ZJsonObject* rec = ev->CreateEventRecord(kIds[t], "event", nullptr);
+                ev->EventRecord_AppendMessageArgs(rec, std::to_string(t));
+                ev->EventRecord_AppendMessageArgs(rec, std::to_string(i));
+                ZApplication::SendRedfishEvent(ev);
+            }
+        });
     }
 
     // Each (thread, i) once, in raising order per thread; the sequence seen.
