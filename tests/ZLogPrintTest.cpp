@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "ChildProcess.h"
 #include "TestEnv.h"
 #include "TestFiles.h"
 #include "ZLogPrint.h"
@@ -37,15 +38,6 @@ std::string Echo(const std::function<void()>& body) {
     testing::internal::CaptureStdout();
     body();
     return testing::internal::GetCapturedStdout();
-}
-
-// Runs `body(t)` on `n` threads at once, standard output captured.
-void OnThreads(int n, const std::function<void(int)>& body) {
-    Echo([&] {
-        std::vector<std::thread> threads;
-        for (int t = 0; t < n; ++t) threads.emplace_back(body, t);
-        for (auto& th : threads) th.join();
-    });
 }
 
 // Lines of `text` that contain `marker`.
@@ -396,13 +388,16 @@ TEST_F(ZLogPrintTest, NothingIsLostOrReorderedAcrossRotationsUnderLoad) {
     log.SetAppInitDone(true);
     const int kThreads = 4;
     const int kLines = 400;  // about 130 KB per file: two rotations, three generations
-    OnThreads(kThreads, [&log](int t) {
-        for (int i = 0; i < kLines; ++i) {
-            log.LogPrint("", eZLogAccess, "T.cpp", "t", 1,
-                         "REQ[k] %d %04d ..................................................\n", t, i);
-            log.LogPrint(t % 2 == 0 ? "" : "NoSuch", eZLogWarning, "T.cpp", "t", 1,
-                         "line %d %04d ..............\n", t, i);
-        }
+    Echo([&log] {
+        OnThreads(kThreads, [&log](int t) {
+            for (int i = 0; i < kLines; ++i) {
+                log.LogPrint("", eZLogAccess, "T.cpp", "t", 1,
+                             "REQ[k] %d %04d ..................................................\n",
+                             t, i);
+                log.LogPrint(t % 2 == 0 ? "" : "NoSuch", eZLogWarning, "T.cpp", "t", 1,
+                             "line %d %04d ..............\n", t, i);
+            }
+        });
     });
     log.Flush();
     for (const std::string& p : {mBase + ".accesslog", mBase + ".log", mBase + ".logerr"}) {
