@@ -1,11 +1,9 @@
 // The development front end over HTTP: the sample plug-in and orbel-frontend
 // run as children against the suite's store, and curl and redfishtool talk
 // to the front end on 127.0.0.1, as a plug-in author would.
-#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "HttpFrontEnd.h"
@@ -210,15 +208,7 @@ TEST_F(FrontEndHttpTest, HostileInputGetsFourHundreds) {
     }
 
     // A request line that is no HTTP at all.
-    const int fd = Connect();
-    ASSERT_GE(fd, 0);
-    const std::string junk = "\x01\x02 NOT HTTP\r\n\r\n";
-    ASSERT_EQ(write(fd, junk.data(), junk.size()), static_cast<ssize_t>(junk.size()));
-    char buf[64] = {};
-    const ssize_t n = read(fd, buf, sizeof buf - 1);
-    close(fd);
-    ASSERT_GT(n, 12);
-    EXPECT_EQ(std::string(buf, 12), "HTTP/1.1 400");
+    EXPECT_EQ(Exchange("\x01\x02 NOT HTTP\r\n\r\n").status, 400);
 
     // Still serving, nothing changed, nothing left behind.
     EXPECT_TRUE(sFront->IsRunning());
@@ -360,31 +350,26 @@ TEST_F(FrontEndHttpTest, ActionsAnsweredWithATaskMonitor) {
 TEST_F(FrontEndHttpTest, MonitorsPolledHardNeverRunAhead) {
     constexpr int kClients = 8, kEach = 25;
     std::vector<std::string> faults[kClients];
-    std::vector<std::thread> clients;
-    for (int n = 0; n < kClients; ++n) {
-        clients.emplace_back([n, &faults]() {
-            auto fault = [&](const std::string& what) { faults[n].push_back(what); };
-            for (int i = 0; i < kEach; ++i) {
-                sHttp r =
-                    RawHttp("POST", "/redfish/v1/Systems/2/Actions/Oem/Orbel.FailingSelfTest");
-                if (r.status != 202) {
-                    fault("POST " + std::to_string(r.status) + " " + r.body);
-                    continue;
-                }
-                if (!TaskDocFault(r.doc).empty()) fault("POST body: " + TaskDocFault(r.doc));
-                const std::string monitor = r.headers["Location"];
-                for (;;) {
-                    r = RawHttp("GET", monitor);
-                    if (r.status != 202) break;
-                    if (!TaskDocFault(r.doc).empty()) fault("202 body: " + TaskDocFault(r.doc));
-                }
-                if (r.status != 409 || ErrorId(r) != "Base.1.12.ResourceInUse") {
-                    fault("end " + std::to_string(r.status) + " " + r.body);
-                }
+    OnThreads(kClients, [&faults](int n) {
+        auto fault = [&](const std::string& what) { faults[n].push_back(what); };
+        for (int i = 0; i < kEach; ++i) {
+            sHttp r = RawHttp("POST", "/redfish/v1/Systems/2/Actions/Oem/Orbel.FailingSelfTest");
+            if (r.status != 202) {
+                fault("POST " + std::to_string(r.status) + " " + r.body);
+                continue;
             }
-        });
-    }
-    for (std::thread& t : clients) t.join();
+            if (!TaskDocFault(r.doc).empty()) fault("POST body: " + TaskDocFault(r.doc));
+            const std::string monitor = r.headers["Location"];
+            for (;;) {
+                r = RawHttp("GET", monitor);
+                if (r.status != 202) break;
+                if (!TaskDocFault(r.doc).empty()) fault("202 body: " + TaskDocFault(r.doc));
+            }
+            if (r.status != 409 || ErrorId(r) != "Base.1.12.ResourceInUse") {
+                fault("end " + std::to_string(r.status) + " " + r.body);
+            }
+        }
+    });
     for (const auto& list : faults) EXPECT_TRUE(list.empty()) << list.size() << ": " << list[0];
     // The finished tasks kept are bounded (the follower trims just after the
     // last final state is stored).
