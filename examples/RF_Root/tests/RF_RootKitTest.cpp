@@ -71,14 +71,10 @@ TEST_F(RF_RootKitTest, CreatesDeletesAndActs) {
 TEST_F(RF_RootKitTest, ATaskRunsToItsEnd) {
     sResponse r = Kit().Action(kSys, "Oem/Orbel.SimulatedFirmwareUpdate");
     ASSERT_EQ(r.status, 202) << r.text;
-    const std::string task = r.body["@odata.id"];
-    // The monitor's last answer is the action's own; the Task keeps the story.
+    // The monitor's last answer is the action's own.
     r = Kit().WaitTask(r.Header("Location"));
     EXPECT_EQ(r.status, 200);
     EXPECT_EQ(r.body["FirmwareVersion"], "1.1.0");
-    r = Kit().Get(task);
-    EXPECT_EQ(r.body["TaskState"], "Completed");
-    EXPECT_EQ(r.body["Messages"].back()["MessageId"], "TaskEvent.1.0.TaskCompletedOK");
 }
 
 // What clients send beyond JSON bodies: any method, headers of their own,
