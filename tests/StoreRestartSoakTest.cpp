@@ -100,6 +100,8 @@ TEST_F(StoreRestartSoakTest, NothingAcknowledgedIsLostAndNoIdIsGivenTwice) {
     RedisServer::Instance().Stop();
     ASSERT_TRUE(RedisServer::Instance().Start());
     EXPECT_EQ(plugin->Wait(kTimeoutMs), 2) << plugin->Output();
+    const std::string why = "(the store was restarted or emptied; marker[&&StoreMarker:RF_Root:";
+    EXPECT_EQ(CountOf(plugin->Output(), why + std::to_string(plugin->Pid()) + "] missing)"), 1u);
     // What the ending process wrote meanwhile must not pass for the new one's.
     RawCommand({"DEL", "/redfish/v1/Systems"});
     plugin = StartPlugin();
