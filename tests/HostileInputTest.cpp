@@ -2,6 +2,7 @@
 // forged link fields, ids that break keys, strings that would break the
 // stored document; a store that fails under an apply; and secrets, which
 // must never reach a log file by any path.
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -24,15 +25,6 @@ using Orbel::ZObject;
 namespace {
 
 const std::string kObj = "/redfish/v1/Accounts/3";
-
-// True when python3's json module reads `doc` as one document.
-bool IsValidJson(const std::string& doc) {
-    const std::string path = SysrootDir() + "/doc.json";
-    WriteFile(path, doc);
-    ChildProcess py({"/usr/bin/python3", "-c", "import json,sys; json.load(open(sys.argv[1]))",
-                     path});
-    return py.Start() && py.Wait(15000) == 0;
-}
 
 class HostileInputTest : public ObjectModelTest {};
 
@@ -65,7 +57,7 @@ TEST_F(HostileInputTest, StringsNeverBreakTheStoredDocument) {
     }
     EXPECT_EQ(LRange("&&" + kObj + "/Notes"), expected);
     const std::string doc = StoreDoc(kObj);
-    EXPECT_TRUE(IsValidJson(doc)) << doc;
+    EXPECT_TRUE(nlohmann::json::accept(doc)) << doc;  // an independent parser reads one document
     EXPECT_EQ(doc.find("\"Injected\":"), std::string::npos) << doc;
     obj->Destroy(true);
 }
