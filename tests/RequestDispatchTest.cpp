@@ -465,10 +465,16 @@ TEST_F(RequestDispatchTest, BodiesAreVerifiedAgainstTheTemplateBeforeTheHandler)
         {"read-only and bad enum", false, {{"Id", "\"7\""}}, {{"BootSourceOverrideTarget", "\"Floppy\""}},
          "FAILURE",
          One("Base.1.12.PropertyValueNotInList", R"("Floppy","Boot/BootSourceOverrideTarget")")},
+        {"too long", false, {{"AssetTag", "\"123456789\""}}, {}, "FAILURE",
+         One("Base.1.12.StringValueTooLong", R"("123456789",8)")},
         {"accepted", false, {{"AssetTag", "\"R7\""}, {"HostName", "\"h1\""}}, {{"BootSourceOverrideTarget", "\"Pxe\""}},
          "OK", "[]"},
         {"action: read-only parameter", true, {{"ResetType", "\"On\""}, {"Delay", "5"}}, {}, "FAILURE",
          One("Base.1.12.ActionParameterNotSupported", R"("Delay","#ComputerSystem.Reset")")},
+        {"action: bad enum", true, {{"ResetType", "\"Nmi\""}}, {}, "FAILURE",
+         One("Base.1.12.ActionParameterValueFormatError", R"("Nmi","ResetType","#ComputerSystem.Reset")")},
+        {"action: required parameter missing", true, {}, {}, "FAILURE",
+         One("Base.1.12.ActionParameterMissing", R"("#ComputerSystem.Reset","ResetType")")},
         {"action accepted", true, {{"ResetType", "\"ForceOff\""}}, {}, "OK_RES", "[]"},
     };
     for (const Row& row : rows) {
