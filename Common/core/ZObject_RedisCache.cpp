@@ -215,7 +215,10 @@ eRtCode ZObject::ApplyObjectChanges(sObjectChange* change) {
     if (change == nullptr) return RT_INVALID_ARG;
     if (!Use(this)) return RT_FAILURE;
     UseRelease release(this);
+    return _QueueChange(change);
+}
 
+eRtCode ZObject::_QueueChange(sObjectChange* change) {
     ZObject* retire = nullptr;
     ZObject* value = change->dataKind == eObjDataObject ? change->objValue : nullptr;
     switch (change->action) {
@@ -229,10 +232,12 @@ eRtCode ZObject::ApplyObjectChanges(sObjectChange* change) {
                 return rt;
             }
             // Taken before the queue owns the item (an apply on another
-            // thread may free it at once).
-            std::string metaKey = change->tableKind == eObjTableHash ? item->key : item->value;
+            // thread may free it at once); only a node value needs it.
+            const bool linked = value != nullptr && !mIsRawJson;
+            std::string metaKey;
+            if (linked) metaKey = change->tableKind == eObjTableHash ? item->key : item->value;
             AppendRedisChange(item);
-            if (value != nullptr && !mIsRawJson) {
+            if (linked) {
                 value->AppendReferencedBy(this, metaKey);
                 if (value->GetParent() != this) AppendReferenceTo(value);
             }
