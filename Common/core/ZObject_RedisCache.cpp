@@ -144,11 +144,22 @@ std::string ZObject::_ValueText(const sObjectChange* change) {
             return std::to_string(change->scalar.s);
         case eObjDataUnsigned:
             return std::to_string(change->scalar.u);
-        case eObjDataString:
+        case eObjDataString: {
             // Kept as given when it is JSON string content already (text
             // from the front end, or escaped by the plug-in); otherwise the
             // bytes that would break the document are escaped.
-            return "\"" + JsonStringContent(StringRightStrip(change->strValue, " ")) + "\"";
+            const std::string stripped = StringRightStrip(change->strValue, " ");
+            std::string text;
+            text.reserve(stripped.size() + 2);
+            text += '"';
+            if (IsJsonStringContent(stripped)) {
+                text += stripped;
+            } else {
+                text += JsonStringContent(stripped);
+            }
+            text += '"';
+            return text;
+        }
         case eObjDataObject:
             return change->objValue != nullptr
                        ? _NodeLinkText(change->objValue, change->isLink, std::string())
