@@ -148,7 +148,13 @@ std::string ZObject::_ValueText(const sObjectChange* change) {
             // Kept as given when it is JSON string content already (text
             // from the front end, or escaped by the plug-in); otherwise the
             // bytes that would break the document are escaped.
-            const std::string stripped = StringRightStrip(change->strValue, " ");
+            // Most texts end in a printable byte that is no blank: nothing to
+            // strip, no copy.
+            const std::string& given = change->strValue;
+            const unsigned char last = given.empty() ? 0 : static_cast<unsigned char>(given.back());
+            const bool strip = last <= 0x20 || last >= 0x7F;
+            const std::string strippedCopy = strip ? StringRightStrip(given, " ") : std::string();
+            const std::string& stripped = strip ? strippedCopy : given;
             std::string text;
             text.reserve(stripped.size() + 2);
             text += '"';
@@ -299,7 +305,11 @@ void ZObject::AppendRedisChange(sRedisCmdItem* item) {
         delete item;
         return;
     }
-    if (mRedisCmdQueue == nullptr) mRedisCmdQueue = new std::vector<sRedisCmdItem*>();
+    if (mRedisCmdQueue == nullptr) {
+        // Freed by the apply; a handler's writes usually come several at a time.
+        mRedisCmdQueue = new std::vector<sRedisCmdItem*>();
+        mRedisCmdQueue->reserve(8);
+    }
     // Differences of the 32-bit tick stay right across its wrap.
     if (!mRedisCmdQueue->empty() &&
         static_cast<uint32_t>(now - mLastAppendTick) > kUnappliedWarnMs) {
@@ -514,6 +524,7 @@ eRtCode ZObject::_ApplyQueue(redisContext* c, std::vector<sRedisCmdItem*>& queue
     if (mType != eJsonArray) {
         // A node's queue is short: a scan finds a field set before.
         std::vector<std::pair<std::string, std::string>> sets;
+        sets.reserve(queue.size());
         std::vector<std::string> dels;
         const auto setOf = [&sets](const std::string& field) {
             return std::find_if(sets.begin(), sets.end(),
