@@ -6,6 +6,8 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <string_view>
 
 #include "HTTP_MethodContext.h"
 #include "Orbel.h"
@@ -295,8 +297,11 @@ eRtCode HTTP_MethodContext::TranslateArray(const std::string& jpath,
 // Message arguments, parameter line and dumps
 // ---------------------------------------------------------------------------
 
-std::string HTTP_MethodContext::_ShownValue(const std::string& jpath,
-                                            const sUsrInCacheItem& item) const {
+namespace {
+
+// The text a log line or message shows for a cache item: a secret-like or
+// SecureProperty string masked.
+std::string_view ShownText(const std::string& jpath, const sUsrInCacheItem& item) {
     switch (item.type) {
         case USRIN_OBJECT:
             return "{}";
@@ -313,6 +318,13 @@ std::string HTTP_MethodContext::_ShownValue(const std::string& jpath,
         default:
             return item.value;
     }
+}
+
+}  // namespace
+
+std::string HTTP_MethodContext::_ShownValue(const std::string& jpath,
+                                            const sUsrInCacheItem& item) const {
+    return std::string(ShownText(jpath, item));
 }
 
 eRtCode HTTP_MethodContext::ExtendedInfo_AppendMsgArgOfUserInData(sExtendedInfo* info,
@@ -347,11 +359,15 @@ std::string HTTP_MethodContext::GetExtInfoArgByUserInDataJPath(const std::string
 }
 
 std::string HTTP_MethodContext::GetAllUsrParams() const {
+    // Every request's access line carries it: appended in place.
     std::string out;
+    out.reserve(256);
     for (const auto& entry : mUserInCache) {
         if (IsContainer(entry.second)) continue;
-        if (!out.empty()) out += ",";
-        out += entry.first + ":" + _ShownValue(entry.first, entry.second);
+        if (!out.empty()) out += ',';
+        out += entry.first;
+        out += ':';
+        out += ShownText(entry.first, entry.second);
     }
     return out;
 }

@@ -359,7 +359,9 @@ eRtCode ResponseExtendedInfo::NewExtInfoObj(const std::string& reqKey,
     // none, and a node costs a registration and its retirement. What the
     // store shows is the same from here on: the key cleared of an earlier
     // answer's messages, the request hash naming it.
-    if (app->GetObject(extInfoObjJPath) != nullptr) {
+    // Asked on every request, of a JPath that is normally free: no retry
+    // line for the trailing "/".
+    if (app->_FindObject(extInfoObjJPath, true) != nullptr) {
         ZLOG(eZLogError, "Failed to create extInfoObj[%s].\n", extInfoObjJPath.c_str());
         return RT_FAILURE;
     }

@@ -220,6 +220,7 @@ private:
     void _ForgetObject(ZObject* obj);
     friend class ZObject;
     friend class ZResourceCollection;  // looks member URIs up without log lines
+    friend class ResponseExtendedInfo;  // finds its array's JPath free without log lines
 
     int _ExecInitSchemas(sExecParams& params);
     int _ExecParserArgFlags(const char* list, unsigned char* flags, int count);

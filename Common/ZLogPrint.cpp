@@ -103,10 +103,19 @@ void FormatBody(std::string& body, const char* format, va_list args) {
 void EchoToStdout(eZLogType type, const char* file, const char* func, const char* body) {
     if (type == eZLogAccess) return;
     if (type == eZLogRaw) {
-        std::printf("%s", body);
+        std::fputs(body, stdout);
     } else {
-        std::printf("%s:%s:%s: %s", file != nullptr ? file : "", func != nullptr ? func : "",
-                    TypeWord(type), body);
+        // "%s:%s:%s: %s" (file, function, type word, body), put together
+        // without a printf's format walk and written at once.
+        thread_local std::string line;
+        line.assign(file != nullptr ? file : "");
+        line += ':';
+        line += func != nullptr ? func : "";
+        line += ':';
+        line += TypeWord(type);
+        line += ": ";
+        line += body;
+        std::fwrite(line.data(), 1, line.size(), stdout);
     }
     // Plug-ins usually run with stdout on a pipe or file: flush per line so
     // the echo is as current as the log file.

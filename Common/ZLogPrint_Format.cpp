@@ -25,10 +25,37 @@ struct Conversion {
     bool HasFlag(char f) const { return std::memchr(flags, f, nflags) != nullptr; }
 };
 
+// Every conversion of every line asks these: a switch, not a search of a
+// text.
+bool IsFlagChar(char c) {
+    switch (c) {
+        case '-': case '+': case ' ': case '#': case '0': case '\'':
+            return true;
+        default:
+            return false;
+    }
+}
+bool IsFloatConv(char c) {
+    switch (c) {
+        case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': case 'a': case 'A':
+            return true;
+        default:
+            return false;
+    }
+}
+bool IsConv(char c) {
+    switch (c) {
+        case 'd': case 'i': case 'o': case 'u': case 'x': case 'X': case 'c': case 's': case 'p':
+            return true;
+        default:
+            return IsFloatConv(c);
+    }
+}
+
 // Reads the conversion after '%' into `s`; the position after it, or null
 // for a conversion this formatter leaves to vsnprintf.
 const char* ParseConversion(const char* p, Conversion& s) {
-    while (*p != '\0' && std::strchr("-+ #0'", *p) != nullptr) {
+    while (IsFlagChar(*p)) {
         if (s.nflags == 7) return nullptr;
         s.flags[s.nflags++] = *p++;
     }
@@ -81,10 +108,12 @@ const char* ParseConversion(const char* p, Conversion& s) {
         default: break;
     }
     s.conv = *p;
-    if (s.conv == '\0' || std::strchr("diouxXcspfFeEgGaA", s.conv) == nullptr) return nullptr;
-    const bool isFloat = std::strchr("fFeEgGaA", s.conv) != nullptr;
+    if (!IsConv(s.conv)) return nullptr;
+    const bool isFloat = IsFloatConv(s.conv);
     if (s.len == Len::BigL && !isFloat) return nullptr;
-    if (s.len != Len::None && std::strchr("csp", s.conv) != nullptr) return nullptr;  // wide
+    if (s.len != Len::None && (s.conv == 'c' || s.conv == 's' || s.conv == 'p')) {
+        return nullptr;  // wide
+    }
     return p + 1;
 }
 

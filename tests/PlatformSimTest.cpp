@@ -4,11 +4,13 @@
 
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ChildProcess.h"
 #include "TestEnv.h"
 #include "koba.h"
+#include "proc_system.h"
 #include "vex.h"
 #include "vpdd.h"
 
@@ -174,6 +176,22 @@ TEST_F(PlatformSimTest, TheDefaultMachineRecordIsGeneratedOnce) {
     EXPECT_EQ(ReadFile(Path("/var/lib/vpd/machine.vpd")), text);
     EXPECT_EQ(Sim({"vpd", "show"}).output,
               "uuid: 6E2B8F14A09C4D3B8F5A1C7D2E9B0A63\nserial: SIM0000001\nmtm: 7X99CTO1WW\n");
+}
+
+// A plain absolute command runs without the shell; anything the shell would
+// interpret (or a builtin, or a missing program) still goes through it.
+TEST(ProcSystem, RunsPlainCommandsDirectlyAndTheRestThroughTheShell) {
+    const std::string mark = SysrootDir() + "/proc-system-mark";
+    const std::pair<std::string, int> kCases[] = {
+        {"/bin/true", 0},          {"/bin/false  ", 1},
+        {"exit 4", 4},             {"/bin/sh -c 'exit 3'", 3},
+        {"/no/such/program", 127}, {"/bin/touch " + mark + " && exit 5", 5},
+    };
+    for (const auto& [command, status] : kCases) {
+        EXPECT_EQ(proc_system(command.c_str()), status) << command;
+    }
+    EXPECT_EQ(access(mark.c_str(), F_OK), 0);
+    EXPECT_EQ(proc_system(nullptr), -1);
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include <exception>
 #include <mutex>
 #include <sstream>
+#include <string_view>
 
 #include "FixedPaths.h"
 #include "ZLogPrint.h"
@@ -250,10 +251,28 @@ std::string StringEscapeRevert(const std::string& s) {
 
 const char* const kSecretMask = "******";
 
+namespace {
+
+// Whether `text` holds `word` (lower case ASCII) in any case. The words are
+// ASCII, so folding ASCII letters is all a match needs.
+bool ContainsFolded(std::string_view text, std::string_view word) {
+    const auto fold = [](char ch) {
+        return ch >= 'A' && ch <= 'Z' ? static_cast<char>(ch - 'A' + 'a') : ch;
+    };
+    for (size_t i = 0; i + word.size() <= text.size(); ++i) {
+        size_t k = 0;
+        while (k < word.size() && fold(text[i + k]) == word[k]) ++k;
+        if (k == word.size()) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
 bool IsSecretLikeName(const std::string& name) {
     struct Word {
-        const char* word;
-        std::initializer_list<const char*> exceptions;
+        std::string_view word;
+        std::initializer_list<std::string_view> exceptions;
     };
     static const Word kWords[] = {
         {"password", {"passwordname"}},
@@ -263,13 +282,14 @@ bool IsSecretLikeName(const std::string& name) {
         {"secret", {}},
         {"ciphercode", {}},
     };
-    const size_t slash = name.rfind('/');
-    std::string last = slash == std::string::npos ? name : name.substr(slash + 1);
-    for (char& ch : last) ch = static_cast<char>(tolower(static_cast<unsigned char>(ch)));
+    // Asked of every property of every request's access line: no copy.
+    std::string_view last(name);
+    const size_t slash = last.rfind('/');
+    if (slash != std::string_view::npos) last.remove_prefix(slash + 1);
     for (const Word& w : kWords) {
-        if (last.find(w.word) == std::string::npos) continue;
-        for (const char* ex : w.exceptions) {
-            if (last.find(ex) != std::string::npos) return false;
+        if (!ContainsFolded(last, w.word)) continue;
+        for (std::string_view ex : w.exceptions) {
+            if (ContainsFolded(last, ex)) return false;
         }
         return true;
     }
@@ -312,34 +332,34 @@ std::regex* NewRegExpPattern(const std::string& pattern) {
 
 bool IsACorvelMetaKey(const std::string& key, std::string* name, std::string* target,
                       bool* isLink) {
-    static const char* const kTypes[] = {"&&Object", "&&Array", "&&ArraySimple", "&&ObjectRef"};
-    if (key.compare(0, 2, "&&") != 0) return false;
-    size_t blank = key.find(' ');
-    if (blank == std::string::npos) return false;
-    const std::string type = key.substr(0, blank);
-    bool known = false;
-    for (const char* t : kTypes) known = known || type == t;
-    if (!known) return false;
+    // Every write of a node asks this of its property name, and the search
+    // for a stored node of every candidate: views, no copies.
+    const std::string_view text(key);
+    if (text.size() < 2 || text[0] != '&' || text[1] != '&') return false;
+    const size_t blank = text.find(' ');
+    if (blank == std::string_view::npos) return false;
+    const std::string_view type = text.substr(0, blank);
+    if (type != "&&Object" && type != "&&Array" && type != "&&ArraySimple" &&
+        type != "&&ObjectRef") {
+        return false;
+    }
 
-    const std::string rest = key.substr(blank + 1);
+    const std::string_view rest = text.substr(blank + 1);
     if (rest.empty()) return false;
-    std::string outName;
-    std::string outTarget;
-    if (rest.compare(0, 2, "&&") == 0 || rest[0] == '/') {
-        // A list element: it names no property, only the node it links.
-        outTarget = rest;
-    } else {
-        size_t split = rest.find(' ');
-        if (split == std::string::npos) {
-            outTarget = rest;  // a list element that links a plain text
-        } else {
+    std::string_view outName;
+    std::string_view outTarget = rest;
+    // A list element names no property, only the node it links (or, with no
+    // second blank, a plain text it links).
+    if (rest.compare(0, 2, "&&") != 0 && rest[0] != '/') {
+        const size_t split = rest.find(' ');
+        if (split != std::string_view::npos) {
             outName = rest.substr(0, split);
             outTarget = rest.substr(split + 1);
             if (outTarget.empty()) return false;
         }
     }
-    if (name != nullptr) *name = outName;
-    if (target != nullptr) *target = outTarget;
+    if (name != nullptr) name->assign(outName);
+    if (target != nullptr) target->assign(outTarget);
     if (isLink != nullptr) *isLink = type == "&&ObjectRef";
     return true;
 }

@@ -17,6 +17,7 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
@@ -804,8 +805,12 @@ eRtCode RedisPipelineWrites(redisContext* c, std::vector<sRedisPipelineCmd>& cmd
     RedisCallConnection ctx(c);
     ORBEL_OPEN_OR_RETURN(ctx, RT_FAILURE);
     DeferredHandlersAtEnd handlers;
+    size_t longest = 0;
+    for (const sRedisPipelineCmd& cmd : cmds) longest = std::max(longest, cmd.argv.size());
     std::vector<const char*> argv;
     std::vector<size_t> lens;
+    argv.reserve(longest);
+    lens.reserve(longest);
     size_t queued = 0;
     for (; queued < cmds.size(); ++queued) {
         argv.clear();

@@ -382,6 +382,8 @@ protected:
     // of any other form that holds the property (retiring an owned node, as
     // HashRemove does), and notes the form written.
     void _ReplaceOtherForms(const std::string& name, const sObjectChange* change);
+    // ApplyObjectChanges for a caller that holds this node's using count.
+    eRtCode _QueueChange(sObjectChange* change);
     // The property's bit in mPlainBits / mLinkBits.
     static uint32_t _PropertyBit(const std::string& name);
     // Drops a removed text link field from mTextLinks.

@@ -144,11 +144,28 @@ std::string ZObject::_ValueText(const sObjectChange* change) {
             return std::to_string(change->scalar.s);
         case eObjDataUnsigned:
             return std::to_string(change->scalar.u);
-        case eObjDataString:
+        case eObjDataString: {
             // Kept as given when it is JSON string content already (text
             // from the front end, or escaped by the plug-in); otherwise the
             // bytes that would break the document are escaped.
-            return "\"" + JsonStringContent(StringRightStrip(change->strValue, " ")) + "\"";
+            // Most texts end in a printable byte that is no blank: nothing to
+            // strip, no copy.
+            const std::string& given = change->strValue;
+            const unsigned char last = given.empty() ? 0 : static_cast<unsigned char>(given.back());
+            const bool strip = last <= 0x20 || last >= 0x7F;
+            const std::string strippedCopy = strip ? StringRightStrip(given, " ") : std::string();
+            const std::string& stripped = strip ? strippedCopy : given;
+            std::string text;
+            text.reserve(stripped.size() + 2);
+            text += '"';
+            if (IsJsonStringContent(stripped)) {
+                text += stripped;
+            } else {
+                text += JsonStringContent(stripped);
+            }
+            text += '"';
+            return text;
+        }
         case eObjDataObject:
             return change->objValue != nullptr
                        ? _NodeLinkText(change->objValue, change->isLink, std::string())
@@ -215,7 +232,10 @@ eRtCode ZObject::ApplyObjectChanges(sObjectChange* change) {
     if (change == nullptr) return RT_INVALID_ARG;
     if (!Use(this)) return RT_FAILURE;
     UseRelease release(this);
+    return _QueueChange(change);
+}
 
+eRtCode ZObject::_QueueChange(sObjectChange* change) {
     ZObject* retire = nullptr;
     ZObject* value = change->dataKind == eObjDataObject ? change->objValue : nullptr;
     switch (change->action) {
@@ -229,10 +249,12 @@ eRtCode ZObject::ApplyObjectChanges(sObjectChange* change) {
                 return rt;
             }
             // Taken before the queue owns the item (an apply on another
-            // thread may free it at once).
-            std::string metaKey = change->tableKind == eObjTableHash ? item->key : item->value;
+            // thread may free it at once); only a node value needs it.
+            const bool linked = value != nullptr && !mIsRawJson;
+            std::string metaKey;
+            if (linked) metaKey = change->tableKind == eObjTableHash ? item->key : item->value;
             AppendRedisChange(item);
-            if (value != nullptr && !mIsRawJson) {
+            if (linked) {
                 value->AppendReferencedBy(this, metaKey);
                 if (value->GetParent() != this) AppendReferenceTo(value);
             }
@@ -283,7 +305,11 @@ void ZObject::AppendRedisChange(sRedisCmdItem* item) {
         delete item;
         return;
     }
-    if (mRedisCmdQueue == nullptr) mRedisCmdQueue = new std::vector<sRedisCmdItem*>();
+    if (mRedisCmdQueue == nullptr) {
+        // Freed by the apply; a handler's writes usually come several at a time.
+        mRedisCmdQueue = new std::vector<sRedisCmdItem*>();
+        mRedisCmdQueue->reserve(8);
+    }
     // Differences of the 32-bit tick stay right across its wrap.
     if (!mRedisCmdQueue->empty() &&
         static_cast<uint32_t>(now - mLastAppendTick) > kUnappliedWarnMs) {
@@ -498,6 +524,7 @@ eRtCode ZObject::_ApplyQueue(redisContext* c, std::vector<sRedisCmdItem*>& queue
     if (mType != eJsonArray) {
         // A node's queue is short: a scan finds a field set before.
         std::vector<std::pair<std::string, std::string>> sets;
+        sets.reserve(queue.size());
         std::vector<std::string> dels;
         const auto setOf = [&sets](const std::string& field) {
             return std::find_if(sets.begin(), sets.end(),

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <iterator>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "Orbel.h"
@@ -64,7 +65,9 @@ bool IsPropertyName(const std::string& name, bool embedded, bool rawJson) {
 template <typename NameOf>
 void WarnStringRepaired(const NameOf& objName, const std::string& name,
                         const std::string& value) {
-    if (IsJsonStringContent(StringRightStrip(value, " "))) return;
+    // Content stays content with its trailing blanks stripped (no escape
+    // holds a blank), so only other text needs the stripped copy.
+    if (IsJsonStringContent(value) || IsJsonStringContent(StringRightStrip(value, " "))) return;
     ZLOG(eZLogWarning,
          "Object[%s] property[%s]: quotes, backslashes or control bytes of the string are "
          "escaped.\n",
@@ -233,28 +236,35 @@ eRtCode ZObject::_HashWrite(sObjectChange* change, eObjChgAction action, const s
     change->action = action;
     change->tableKind = eObjTableHash;
     change->key = name;
-    return ApplyObjectChanges(change);
+    return _QueueChange(change);
 }
 
 namespace {
 
-// The plain fields a resource is built with have bits of their own, so that
-// a link written over one of them is always found and a link of another name
-// (its request channel lists, a collection's "Members", "Status", ...) never
-// takes them for a stale field. Other names share the remaining bits.
-const char* const kOwnBitNames[] = {"@odata.id", "@odata.type", "@odata.context", "@odata.etag",
-                                    "Members@odata.count"};
+// The fields a resource is built with have bits of their own, so that a link
+// written over one of them is always found, and a link of another name never
+// takes them for a stale field: the plain "@odata" fields, a collection's
+// count, and the request channel lists, which are links every resource holds
+// (without their own bits, one property name in five would share a bit with
+// one of them and make its every write search the node's links). Other
+// names share the remaining bits.
+constexpr std::string_view kOwnBitNames[] = {
+    "@odata.id",   "@odata.type", "@odata.context", "@odata.etag", "Members@odata.count",
+    "POSTCREATEQ", "GETQ",        "PATCHQ",         "DELETEQ",     "POSTACTIONQ"};
 constexpr uint32_t kOwnBits = sizeof(kOwnBitNames) / sizeof(kOwnBitNames[0]);
 
 }  // namespace
 
 uint32_t ZObject::_PropertyBit(const std::string& name) {
+    const std::string_view text(name);
+    // A view compares lengths first: most names are never compared byte
+    // by byte.
     for (uint32_t i = 0; i < kOwnBits; ++i) {
-        if (name == kOwnBitNames[i]) return 1u << i;
+        if (text == kOwnBitNames[i]) return 1u << i;
     }
     // FNV-1a, folded.
     uint32_t h = 2166136261u;
-    for (char ch : name) {
+    for (char ch : text) {
         h ^= static_cast<unsigned char>(ch);
         h *= 16777619u;
     }
@@ -335,7 +345,7 @@ void ZObject::_ReplaceOtherForms(const std::string& name, const sObjectChange* c
             removal.dataKind = eObjDataObject;
             removal.objValue = retire;
         }
-        ApplyObjectChanges(&removal);
+        _QueueChange(&removal);
     };
     for (const std::string& f : staleText) queueRemoval(f, nullptr);
     if (!plain && plainSeen) queueRemoval(name, nullptr);
@@ -486,7 +496,7 @@ eRtCode ZObject::_ListWrite(sObjectChange* change, eObjChgAction action, int ind
     change->action = action;
     change->tableKind = eObjTableList;
     change->index = index;
-    return ApplyObjectChanges(change);
+    return _QueueChange(change);
 }
 
 eRtCode ZObject::_ListWrite(sObjectChange* change, eObjChgAction action, const std::string& text) {

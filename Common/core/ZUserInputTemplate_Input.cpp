@@ -1,12 +1,15 @@
 // Reading a request body from the store into the user-input cache: the
 // front end's tree of hashes and lists, linked by meta keys, with
 // JSON-ready value texts (docs/wire-protocol.md, sections 1 and 5).
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Orbel.h"
@@ -48,12 +51,16 @@ bool DecodeJsonString(const std::string& text, std::string& out) {
     out.clear();
     out.reserve(end);
     for (size_t i = 1; i < end; ++i) {
+        // The plain run up to the next quote or backslash goes in at once.
+        size_t run = i;
+        while (run < end && text[run] != '"' && text[run] != '\\') ++run;
+        if (run > i) {
+            out.append(text, i, run - i);
+            i = run;
+            if (i == end) break;
+        }
         const char c = text[i];
         if (c == '"') return false;
-        if (c != '\\') {
-            out += c;
-            continue;
-        }
         if (++i >= end) return false;
         switch (text[i]) {
             case '"': out += '"'; break;
@@ -171,7 +178,7 @@ public:
                           jpath);
         }
         mItems = 0;
-        std::map<std::string, std::string> fields;
+        Fields fields;
         int type = knownType;
         eRtCode read = RT_SUCCESS;
         if (object) {
@@ -190,8 +197,8 @@ public:
                 ZLOG(eZLogError, "Failed to call RedisHashGetAll(). schema[%s]\n", mSchema.c_str());
                 return false;
             }
-            for (const auto& field : fields) {
-                if (!_Member(field.first, field.second, jpath, depth)) return false;
+            for (uint32_t i : _Order(fields)) {
+                if (!_Member(fields[i].first, fields[i].second, jpath, depth)) return false;
             }
             return true;
         }
@@ -207,7 +214,7 @@ public:
         return true;
     }
 
-    bool Enter(const std::string& jpath, eUsrInValueType type, const std::string& value) {
+    bool Enter(std::string jpath, eUsrInValueType type, std::string value) {
         if (mOut.size() >= ZUserInputTemplate::kMaxUsrInItems) {
             ZLOG(eZLogError, "Request data holds more than %u values at [%s]. schema[%s]\n",
                  static_cast<unsigned>(ZUserInputTemplate::kMaxUsrInItems), jpath.c_str(),
@@ -216,17 +223,19 @@ public:
                               " values",
                           jpath);
         }
-        if (!mOut.emplace(jpath, sUsrInCacheItem{type, value, 0}).second) {
+        auto at = mOut.lower_bound(jpath);
+        if (at != mOut.end() && at->first == jpath) {
             ZLOG(eZLogError, "Duplicate JPath[%s]. schema[%s]\n", jpath.c_str(), mSchema.c_str());
             return false;
         }
+        mOut.emplace_hint(at, std::move(jpath), sUsrInCacheItem{type, std::move(value), 0});
         return true;
     }
 
     // The body's root: read as an object when it is a hash, as a list when
     // it is one. `type` gets the root's table type.
     bool ReadRoot(const std::string& key, int& type) {
-        std::map<std::string, std::string> fields;
+        Fields fields;
         if (RedisHashVisitTyped(mCtx, key.c_str(), type, &TreeReader::_Collect, &fields) !=
                 RT_SUCCESS &&
             type == REDIS_TABLE_HASH) {
@@ -235,17 +244,29 @@ public:
         }
         if (type == REDIS_TABLE_LIST) return ReadNode(key, "", false, 1, type);
         if (type != REDIS_TABLE_HASH) return true;
-        for (const auto& field : fields) {
-            if (!_Member(field.first, field.second, "", 1)) return false;
+        for (uint32_t i : _Order(fields)) {
+            if (!_Member(fields[i].first, fields[i].second, "", 1)) return false;
         }
         return true;
     }
 
 private:
-    // Sorted by field name, as the body has always been read.
+    // A hash's fields, read in name order, as the body has always been read
+    // (the first fault found is the one reported). A vector sorted once: a
+    // map cost a tree node per field, and most names and values of a body
+    // fit in a string's own buffer.
+    using Fields = std::vector<std::pair<std::string, std::string>>;
     static void _Collect(void* arg, std::string_view name, std::string_view value) {
-        static_cast<std::map<std::string, std::string>*>(arg)->insert_or_assign(
-            std::string(name), std::string(value));
+        static_cast<Fields*>(arg)->emplace_back(name, value);
+    }
+    // The fields' indexes in name order (a hash holds each name once);
+    // sorting indexes moves no strings.
+    static std::vector<uint32_t> _Order(const Fields& fields) {
+        std::vector<uint32_t> order(fields.size());
+        for (uint32_t i = 0; i < order.size(); ++i) order[i] = i;
+        std::sort(order.begin(), order.end(),
+                  [&fields](uint32_t a, uint32_t b) { return fields[a].first < fields[b].first; });
+        return order;
     }
 
     bool _Fault(const std::string& value, const std::string& jpath) {
@@ -256,13 +277,13 @@ private:
     // One value text; a number that no double holds ends the read.
     bool _Value(const std::string& jpath, const std::string& text) {
         bool representable = true;
-        const sUsrInCacheItem item = ZUserInputTemplate::ClassifyValueText(text, &representable);
+        sUsrInCacheItem item = ZUserInputTemplate::ClassifyValueText(text, &representable);
         if (!representable) {
             ZLOG(eZLogError, "Request data: the number at [%s] is out of range. schema[%s]\n",
                  jpath.c_str(), mSchema.c_str());
             return _Fault(text.size() > 64 ? text.substr(0, 64) + "..." : text, jpath);
         }
-        return Enter(jpath, item.type, item.value);
+        return Enter(jpath, item.type, std::move(item.value));
     }
 
     // _ParserCorvelMetaKey: a link field or element; `name` empty for an element.
