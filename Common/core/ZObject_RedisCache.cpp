@@ -490,7 +490,6 @@ struct sApplyPipeline {
 
 thread_local sApplyPipeline* tPipeline = nullptr;
 
-
 // Held by a pipelined apply from its first command to its flush. A node's
 // commands used to reach the store under its queue lock, in call order;
 // gathered into a pipeline they leave after the lock is given back, so two

@@ -176,9 +176,10 @@ eRtCode ZObject::HashWrite(const std::string& name, const std::string& value, bo
         return RT_INVALID_ARG;
     }
     // The byte listing of the verbose check would show a secret's bytes; the
-    // name is looked at only for a text that is not pure.
+    // name is looked at only for a text that is not pure, and the verbose
+    // check runs again only to log that listing.
     if (!IsPureString(value, false)) {
-        if (!IsSecretLikeName(name)) IsPureString(value, true);
+        if (!IsSecretLikeName(name)) (void)IsPureString(value, true);
         ZLOG(eZLogWarning, "Object[%s] write a non pure string to property[%s] !\n",
              _LogName().c_str(), name.c_str());
     }

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
-#include <cstdint>
 #include <cstdlib>
 #include <map>
 #include <string>
@@ -197,8 +196,8 @@ public:
                 ZLOG(eZLogError, "Failed to call RedisHashGetAll(). schema[%s]\n", mSchema.c_str());
                 return false;
             }
-            for (uint32_t i : _Order(fields)) {
-                if (!_Member(fields[i].first, fields[i].second, jpath, depth)) return false;
+            for (const auto& field : _Sorted(fields)) {
+                if (!_Member(field.first, field.second, jpath, depth)) return false;
             }
             return true;
         }
@@ -244,8 +243,8 @@ public:
         }
         if (type == REDIS_TABLE_LIST) return ReadNode(key, "", false, 1, type);
         if (type != REDIS_TABLE_HASH) return true;
-        for (uint32_t i : _Order(fields)) {
-            if (!_Member(fields[i].first, fields[i].second, "", 1)) return false;
+        for (const auto& field : _Sorted(fields)) {
+            if (!_Member(field.first, field.second, "", 1)) return false;
         }
         return true;
     }
@@ -253,20 +252,16 @@ public:
 private:
     // A hash's fields, read in name order, as the body has always been read
     // (the first fault found is the one reported). A vector sorted once: a
-    // map cost a tree node per field, and most names and values of a body
-    // fit in a string's own buffer.
+    // map cost a tree node per field.
     using Fields = std::vector<std::pair<std::string, std::string>>;
     static void _Collect(void* arg, std::string_view name, std::string_view value) {
         static_cast<Fields*>(arg)->emplace_back(name, value);
     }
-    // The fields' indexes in name order (a hash holds each name once);
-    // sorting indexes moves no strings.
-    static std::vector<uint32_t> _Order(const Fields& fields) {
-        std::vector<uint32_t> order(fields.size());
-        for (uint32_t i = 0; i < order.size(); ++i) order[i] = i;
-        std::sort(order.begin(), order.end(),
-                  [&fields](uint32_t a, uint32_t b) { return fields[a].first < fields[b].first; });
-        return order;
+    // Puts the fields in name order (a hash holds each name once).
+    static Fields& _Sorted(Fields& fields) {
+        std::sort(fields.begin(), fields.end(),
+                  [](const auto& a, const auto& b) { return a.first < b.first; });
+        return fields;
     }
 
     bool _Fault(const std::string& value, const std::string& jpath) {

@@ -24,6 +24,10 @@ struct ReplyFree {
 };
 using ReplyPtr = std::unique_ptr<redisReply, ReplyFree>;
 
+// A resource's request channel lists, in the order Describe and Read's
+// script ask for their first elements.
+const char* const kQueues[] = {"GETQ", "PATCHQ", "POSTCREATEQ", "POSTACTIONQ", "DELETEQ"};
+
 ReplyPtr Command(redisContext* c, const std::vector<std::string>& args) {
     if (c == nullptr || c->err != 0) return ReplyPtr();
     std::vector<const char*> argv;
@@ -279,8 +283,6 @@ bool StoreRequest::IsResource(const std::string& uri) {
 }
 
 bool StoreRequest::Describe(const std::string& uri, sResourceInfo* info) {
-    static const char* const kQueues[] = {"GETQ", "PATCHQ", "POSTCREATEQ", "POSTACTIONQ",
-                                          "DELETEQ"};
     if (mCmd == nullptr || mCmd->err != 0) return false;
     std::vector<std::vector<std::string>> cmds = {
         {"TYPE", uri},
@@ -290,30 +292,16 @@ bool StoreRequest::Describe(const std::string& uri, sResourceInfo* info) {
     };
     for (const char* q : kQueues) cmds.push_back({"LINDEX", "&&" + uri + "/" + q, "0"});
     cmds.push_back({"HGET", "&&TTL", uri});
-    for (const auto& c : cmds) {
-        std::vector<const char*> argv;
-        std::vector<size_t> lens;
-        for (const auto& a : c) {
-            argv.push_back(a.data());
-            lens.push_back(a.size());
-        }
-        redisAppendCommandArgv(mCmd, static_cast<int>(argv.size()), argv.data(), lens.data());
-    }
-    std::vector<ReplyPtr> replies;
+    const std::vector<ReplyPtr> replies = Pipeline(mCmd, cmds);
+    // The replies stop at the first the connection lost.
+    if (!replies.back()) return false;
     std::vector<const redisReply*> raw;
-    for (size_t i = 0; i < cmds.size(); ++i) {
-        void* r = nullptr;
-        if (redisGetReply(mCmd, &r) != REDIS_OK) return false;
-        replies.emplace_back(static_cast<redisReply*>(r));
-        raw.push_back(replies.back().get());
-    }
+    for (const ReplyPtr& r : replies) raw.push_back(r.get());
     FillInfo(raw.data(), info);
     return true;
 }
 
 void StoreRequest::FillInfo(const redisReply* const* replies, sResourceInfo* info) {
-    static const char* const kQueues[] = {"GETQ", "PATCHQ", "POSTCREATEQ", "POSTACTIONQ",
-                                          "DELETEQ"};
     auto one = [replies](size_t i) {
         return replies[i] && replies[i]->type == REDIS_REPLY_INTEGER && replies[i]->integer == 1;
     };
@@ -496,7 +484,6 @@ StoreRequest::sAnswer StoreRequest::Send(const std::string& channel,
 
 StoreRequest::sAnswer StoreRequest::_Collect(sAnswer answer, bool mayKeep, const sBodyTree* body,
                                              const std::string& alsoRead) {
-
     // One script run reads the answer, the documents it names and the one
     // the caller serves next (while the answer's lock is still held), then
     // cleans up; ARGV after the gathering's limits: the request key, "1"

@@ -394,7 +394,6 @@ local function gather(roots)
 end
 )LUA";
 
-
 // The digests of the scripts this thread has loaded into the store, by
 // script text (one per thread: no lock on the read path).
 thread_local std::map<std::string, std::string> tDigests;
