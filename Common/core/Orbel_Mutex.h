@@ -12,8 +12,13 @@
 #ifndef ORBEL_MUTEX_H
 #define ORBEL_MUTEX_H
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 
 #if defined(__clang__)
@@ -67,6 +72,14 @@
 #define NO_THREAD_SAFETY_ANALYSIS ORBEL_THREAD_ANNOTATION(no_thread_safety_analysis)
 #endif
 
+#if defined(__SANITIZE_THREAD__)
+#define ORBEL_MUTEX_STD 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define ORBEL_MUTEX_STD 1
+#endif
+#endif
+
 namespace Orbel {
 
 class CondVar;
@@ -77,16 +90,64 @@ public:
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
+#ifdef ORBEL_MUTEX_STD
     void Lock() ACQUIRE() { mMutex.lock(); }
     void Unlock() RELEASE() { mMutex.unlock(); }
     bool TryLock() TRY_ACQUIRE(true) { return mMutex.try_lock(); }
+#else
+    void Lock() ACQUIRE() {
+        uint32_t free = 0;
+        if (!mState.compare_exchange_strong(free, 1, std::memory_order_acquire,
+                                            std::memory_order_relaxed)) {
+            LockContended();
+        }
+    }
+    void Unlock() RELEASE() {
+        if (mState.exchange(0, std::memory_order_release) == 2) Wake();
+    }
+    bool TryLock() TRY_ACQUIRE(true) {
+        uint32_t free = 0;
+        return mState.compare_exchange_strong(free, 1, std::memory_order_acquire,
+                                              std::memory_order_relaxed);
+    }
+#endif
     // Tells the analysis the caller holds this mutex where it cannot see it
     // (a callback run under a lock taken by its caller); checks nothing.
     void AssertHeld() ASSERT_CAPABILITY(this) {}
 
 private:
     friend class CondVar;
+#ifdef ORBEL_MUTEX_STD
     std::mutex mMutex;
+#else
+    static constexpr int kFutexWait = 128;  // FUTEX_WAIT | FUTEX_PRIVATE_FLAG
+    static constexpr int kFutexWake = 129;  // FUTEX_WAKE | FUTEX_PRIVATE_FLAG
+    static constexpr int kSpins = 64;
+
+    void LockContended() {
+        // Most sections under these mutexes are short: the holder is often
+        // done before a sleep would even begin.
+        for (int i = 0; i < kSpins; ++i) {
+            uint32_t free = 0;
+            if (mState.load(std::memory_order_relaxed) == 0 &&
+                mState.compare_exchange_weak(free, 1, std::memory_order_acquire,
+                                             std::memory_order_relaxed)) {
+                return;
+            }
+        }
+        // Marked as slept on (2), so that the holder's Unlock wakes a
+        // sleeper; the thread that takes it this way keeps the mark, which at
+        // worst costs one wake nobody waits for.
+        while (mState.exchange(2, std::memory_order_acquire) != 0) {
+            syscall(SYS_futex, &mState, kFutexWait, 2, nullptr, nullptr, 0);
+        }
+    }
+    void Wake() {
+        syscall(SYS_futex, &mState, kFutexWake, 1, nullptr, nullptr, 0);
+    }
+
+    std::atomic<uint32_t> mState{0};
+#endif
 };
 
 // Holds a Mutex for its scope. Unlock()/Lock() let a scope drop the mutex
@@ -120,44 +181,56 @@ private:
 class CondVar {
 public:
     void Wait(Mutex& mu) REQUIRES(mu) {
-        std::unique_lock<std::mutex> lk(mu.mMutex, std::adopt_lock);
-        mCv.wait(lk);
-        lk.release();
+        Held held(mu);
+        mCv.wait(held.lock);
     }
     template <class Pred>
     void Wait(Mutex& mu, Pred pred) REQUIRES(mu) {
-        std::unique_lock<std::mutex> lk(mu.mMutex, std::adopt_lock);
-        mCv.wait(lk, pred);
-        lk.release();
+        Held held(mu);
+        mCv.wait(held.lock, pred);
     }
     // false when the time ran out (the predicate's last value otherwise).
     template <class Rep, class Period, class Pred>
     bool WaitFor(Mutex& mu, const std::chrono::duration<Rep, Period>& d, Pred pred) REQUIRES(mu) {
-        std::unique_lock<std::mutex> lk(mu.mMutex, std::adopt_lock);
-        bool ok = mCv.wait_for(lk, d, pred);
-        lk.release();
-        return ok;
+        Held held(mu);
+        return mCv.wait_for(held.lock, d, pred);
     }
     template <class Clock, class Dur, class Pred>
     bool WaitUntil(Mutex& mu, const std::chrono::time_point<Clock, Dur>& t, Pred pred) REQUIRES(mu) {
-        std::unique_lock<std::mutex> lk(mu.mMutex, std::adopt_lock);
-        bool ok = mCv.wait_until(lk, t, pred);
-        lk.release();
-        return ok;
+        Held held(mu);
+        return mCv.wait_until(held.lock, t, pred);
     }
     // false when the time ran out before a notification.
     template <class Rep, class Period>
     bool WaitFor(Mutex& mu, const std::chrono::duration<Rep, Period>& d) REQUIRES(mu) {
-        std::unique_lock<std::mutex> lk(mu.mMutex, std::adopt_lock);
-        bool ok = mCv.wait_for(lk, d) == std::cv_status::no_timeout;
-        lk.release();
-        return ok;
+        Held held(mu);
+        return mCv.wait_for(held.lock, d) == std::cv_status::no_timeout;
     }
     void Signal() { mCv.notify_one(); }
     void SignalAll() { mCv.notify_all(); }
 
 private:
+#ifdef ORBEL_MUTEX_STD
+    // The caller's std::mutex, adopted for the wait and handed back held.
+    struct Held {
+        explicit Held(Mutex& mu) : lock(mu.mMutex, std::adopt_lock) {}
+        ~Held() { lock.release(); }
+        std::unique_lock<std::mutex> lock;
+    };
     std::condition_variable mCv;
+#else
+    // The caller's mutex, which the wait gives back and takes again.
+    struct Lockable {
+        Mutex& mu;
+        void lock() NO_THREAD_SAFETY_ANALYSIS { mu.Lock(); }
+        void unlock() NO_THREAD_SAFETY_ANALYSIS { mu.Unlock(); }
+    };
+    struct Held {
+        explicit Held(Mutex& mu) : lock{mu} {}
+        Lockable lock;
+    };
+    std::condition_variable_any mCv;
+#endif
 };
 
 }  // namespace Orbel
