@@ -292,10 +292,12 @@ private:
     std::unordered_map<ZObject*, uint8_t> mValidObjMap GUARDED_BY(mValidObjMutex);
     Mutex mObjectListMutex;
     // Keyed by views of the nodes' own JPath and name texts, which do not
-    // change while a node is listed: an entry copies no text.
-    std::map<std::string_view, ZObject*> mObjectList GUARDED_BY(mObjectListMutex);
+    // change while a node is listed: an entry copies no text. Hashed: JPaths
+    // share long prefixes, which an ordered map compares again at every
+    // level; what lists them sorts its own copy.
+    std::unordered_map<std::string_view, ZObject*> mObjectList GUARDED_BY(mObjectListMutex);
     Mutex mResourceListMutex;
-    std::map<std::string_view, ZResource*> mResourceList GUARDED_BY(mResourceListMutex);
+    std::unordered_map<std::string_view, ZResource*> mResourceList GUARDED_BY(mResourceListMutex);
     struct lRecycleRef {
         ZObject* obj;               // a retired object, or null
         ZUserInputTemplate* tmpl;   // a template whose cache is to be freed, or null

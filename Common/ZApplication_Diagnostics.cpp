@@ -3,6 +3,7 @@
 // the log cache dump appends. Part of ZApplication.
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -97,13 +98,17 @@ size_t ZApplication::CheckTreeAfterStage(const char* stage) {
     std::vector<ZObject*> nodes;
     {
         // A listed node is not freed while listed; the count taken here keeps
-        // it after the lock is gone.
+        // it after the lock is gone. Reported in JPath order.
+        std::vector<std::pair<std::string_view, ZObject*>> listed;
         MutexLock lock(mObjectListMutex);
-        nodes.reserve(mObjectList.size());
+        listed.reserve(mObjectList.size());
         for (const auto& entry : mObjectList) {
             entry.second->IncreaseUsingCount();
-            nodes.push_back(entry.second);
+            listed.push_back(entry);
         }
+        std::sort(listed.begin(), listed.end());
+        nodes.reserve(listed.size());
+        for (const auto& entry : listed) nodes.push_back(entry.second);
     }
     size_t warnings = 0;
     for (ZObject* node : nodes) {

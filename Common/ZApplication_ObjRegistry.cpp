@@ -115,12 +115,11 @@ eRtCode ZApplication::ObjectListAppend(ZObject* obj) {
     if (obj == nullptr) return RT_INVALID_ARG;
     const std::string& jpath = obj->mJPath;
     MutexLock lock(mObjectListMutex);
-    if (mObjectList.find(jpath) != mObjectList.end()) {
+    if (!mObjectList.emplace(jpath, obj).second) {
         ZLOG(eZLogError, "Failed to append object[%s] to list due to the JPath is duplicated!\n",
              jpath.c_str());
         return RT_FAILURE;
     }
-    mObjectList.emplace(jpath, obj);
     if (obj->IsResourceType()) {
         MutexLock resLock(mResourceListMutex);
         auto inserted = mResourceList.emplace(obj->mName, static_cast<ZResource*>(obj));
@@ -171,21 +170,29 @@ size_t ZApplication::ObjectListSize() {
 
 std::vector<std::string> ZApplication::GetObjectList() {
     std::vector<std::string> out;
-    MutexLock lock(mObjectListMutex);
-    out.reserve(mObjectList.size());
-    for (const auto& entry : mObjectList) out.emplace_back(entry.first);
+    {
+        MutexLock lock(mObjectListMutex);
+        out.reserve(mObjectList.size());
+        for (const auto& entry : mObjectList) out.emplace_back(entry.first);
+    }
+    std::sort(out.begin(), out.end());
     return out;
 }
 
 std::vector<std::string> ZApplication::GetOrphanObjsList() {
     std::vector<std::string> out;
-    MutexLock lock(mObjectListMutex);
-    for (const auto& entry : mObjectList) {
-        ZObject* obj = entry.second;
-        // A listed node is not freed while it is listed (it leaves the list
-        // before it reaches the recycle queue).
-        if (obj->GetParent() == nullptr && !obj->IsResourceType()) out.emplace_back(entry.first);
+    {
+        MutexLock lock(mObjectListMutex);
+        for (const auto& entry : mObjectList) {
+            ZObject* obj = entry.second;
+            // A listed node is not freed while it is listed (it leaves the
+            // list before it reaches the recycle queue).
+            if (obj->GetParent() == nullptr && !obj->IsResourceType()) {
+                out.emplace_back(entry.first);
+            }
+        }
     }
+    std::sort(out.begin(), out.end());
     return out;
 }
 
@@ -455,16 +462,18 @@ void ZApplication::_ReleaseObjRegistry() {
     // so member lists and references die together. The store keeps what it
     // has; the next start clears each key it reuses.
     for (int pass = 0; pass < 2; ++pass) {
-        std::vector<ZObject*> victims;
+        // In JPath order, the same from run to run.
+        std::vector<std::pair<std::string_view, ZObject*>> victims;
         {
             MutexLock lock(mObjectListMutex);
             for (const auto& entry : mObjectList) {
-                if (pass == 1 || entry.second->GetParent() == nullptr) {
-                    victims.push_back(entry.second);
-                }
+                if (pass == 1 || entry.second->GetParent() == nullptr) victims.push_back(entry);
             }
+            // Under the lock: the keys are the nodes' own texts.
+            std::sort(victims.begin(), victims.end());
         }
-        for (ZObject* obj : victims) {
+        for (const auto& victim : victims) {
+            ZObject* obj = victim.second;
             if (!UseIfValid(obj)) continue;
             obj->ObjDestroy(ZObject::eDestroyDelete, false);
             obj->DecreaseUsingCount();

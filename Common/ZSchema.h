@@ -46,6 +46,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "Orbel_Mutex.h"
@@ -312,8 +313,9 @@ private:
     Mutex mMutex;
     std::string mOdataPrintName GUARDED_BY(mMutex);
     // Keyed by views of the resources' own names (constant while listed:
-    // a resource leaves the map when it is retired or deleted).
-    std::map<std::string_view, ZResource*> mResources GUARDED_BY(mMutex);
+    // a resource leaves the map when it is retired or deleted). Hashed, as
+    // the application's registry; what lists them sorts its own copy.
+    std::unordered_map<std::string_view, ZResource*> mResources GUARDED_BY(mMutex);
 
     Mutex mActionMutex;
     std::map<std::string, ActionCallback_t> mActionCallbacks GUARDED_BY(mActionMutex);

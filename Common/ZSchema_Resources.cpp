@@ -1,4 +1,5 @@
 // ZSchema: the resource map (resources by name) and its teardown.
+#include <algorithm>
 #include <sstream>
 #include <vector>
 
@@ -61,12 +62,16 @@ ZResource* ZSchema::GetResource(const std::string& name) {
 }
 
 void ZSchema::DestroyAllResources() {
-    std::vector<ZResource*> resources;
+    // In name order, the same from run to run.
+    std::vector<std::pair<std::string_view, ZResource*>> resources;
     {
+        // Sorted under the lock: the names are the resources' own texts.
         MutexLock lock(mMutex);
-        for (const auto& entry : mResources) resources.push_back(entry.second);
+        resources.assign(mResources.begin(), mResources.end());
+        std::sort(resources.begin(), resources.end());
     }
-    for (ZResource* resource : resources) {
+    for (const auto& entry : resources) {
+        ZResource* resource = entry.second;
         // One may already be gone with an ancestor retired just before.
         if (!Use(resource)) continue;
         UseRelease release(resource);
@@ -92,7 +97,10 @@ std::string ZSchema::DumpResources() {
     std::ostringstream out;
     out << "Dump schema[" << mName << "] resources:\n";
     MutexLock lock(mMutex);
-    for (const auto& entry : mResources) {
+    std::vector<std::pair<std::string_view, ZResource*>> sorted(mResources.begin(),
+                                                                mResources.end());
+    std::sort(sorted.begin(), sorted.end());
+    for (const auto& entry : sorted) {
         char line[64];
         std::snprintf(line, sizeof(line), "  Resource(%p) : [", static_cast<void*>(entry.second));
         out << line << entry.first << "]\n";
