@@ -92,7 +92,7 @@ void ZResource::_InitFillDefaultContents() {
     for (int method = 0; method < eReqMethodNum && !IsDataFmtRawJson(); ++method) {
         if ((crudq & (1u << method)) == 0) continue;
         auto* channels = new ZJsonArray(this, QueueWord(method), ZJsonArray::ARRAY_ATTR_ChannelList);
-        if (channels->GetJPath().empty()) {
+        if (channels->JPathText().empty()) {
             channels->ObjDestroy(eDestroyDelete, false);
             continue;
         }

@@ -11,6 +11,7 @@
 
 #include "Orbel.h"
 #include "TestEnv.h"
+#include "ZObject_JsonStringTrans.h"
 
 using namespace Orbel;
 
@@ -175,6 +176,31 @@ TEST(OrbelPureString, VerboseLinesAndVerdict) {
     EXPECT_TRUE(_IsPureString("ab\x01", 2, true));
     EXPECT_FALSE(_IsPureString("ab\x01", 3, true));
     EXPECT_EQ(OrbelTest::LogSince(mark), "  idx(2) char[0x1] is not a printable char.\n");
+}
+
+// The checks read a word at a time: every byte that decides a verdict is
+// tried at every place in and around a word, in texts shorter and longer
+// than one, against a byte-by-byte reading of the same rule.
+TEST(OrbelPureString, WordAtATimeChecksAgreeWithBytes) {
+    const unsigned char deciding[] = {0x00, 0x01, 0x1F, 0x20, '"', '\\',
+                                      0x7E, 0x7F, 0x80, 0xC3, 0xFF};
+    for (size_t len = 1; len <= 19; ++len) {
+        for (size_t at = 0; at < len; ++at) {
+            for (unsigned char b : deciding) {
+                std::string text(len, 'a');
+                text[at] = static_cast<char>(b);
+                const bool printable = b >= 0x20 && b <= 0x7E;
+                SCOPED_TRACE(testing::Message() << "len " << len << " at " << at << " byte " << +b);
+                EXPECT_EQ(IsPureString(text, false), printable);
+                // Content unless a quote, a lone backslash or a control byte;
+                // bytes from 0x7F up are UTF-8 matters decided by the full walk.
+                const bool content = b >= 0x20 && b != '"' && b != '\\' && b < 0x80;
+                if (b < 0x80) {
+                    EXPECT_EQ(IsJsonStringContent(text), content);
+                }
+            }
+        }
+    }
 }
 
 TEST(OrbelMetaKey, SplitsTheLinkFormsAndRejectsOtherTexts) {

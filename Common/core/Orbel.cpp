@@ -18,6 +18,7 @@
 #include <string_view>
 
 #include "FixedPaths.h"
+#include "Orbel_TextScan.h"
 #include "ZLogPrint.h"
 #include "koba.h"
 #include "proc_system.h"
@@ -31,7 +32,7 @@ namespace Orbel {
 // ---------------------------------------------------------------------------
 
 bool _IsPureString(const char* buf, unsigned int len, bool verbose) {
-    if (buf == nullptr) return true;
+    if (buf == nullptr || textscan::AllPrintable(buf, len)) return true;
     // The listing names the first few bytes only: a large value of control
     // bytes must not cost one log call per byte.
     constexpr unsigned int kListedBytes = 16;

@@ -184,6 +184,8 @@ public:
     // The node's own name text, for a map that keys by a view of it (the
     // name is constant once the node is initialised).
     const std::string& NameText() const { return mName; }
+    // The JPath without a copy: fixed once Initial() has run.
+    const std::string& JPathText() const { return mJPath; }
     std::string GetJPath();
     eType GetType() const { return mType; }
     bool IsResourceType() const { return mType == eResource || mType == eResourceCollection; }
@@ -377,6 +379,8 @@ protected:
     void _ClearRedisCache();
 
     eRtCode _HashWrite(sObjectChange* change, eObjChgAction action, const std::string& name);
+    // A string write, the value taken over (one copy per write at most).
+    eRtCode _HashWriteText(const std::string& name, std::string&& value, bool isLink);
     // A property is one field in one form: before `change` (about to be
     // written as property `name`) is queued, queues the removal of the field
     // of any other form that holds the property (retiring an owned node, as

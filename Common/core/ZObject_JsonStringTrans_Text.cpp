@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Orbel.h"
+#include "Orbel_TextScan.h"
 #include "ZObject_JsonStringTrans.h"
 
 namespace Orbel {
@@ -268,7 +269,9 @@ bool IsWordByte(char ch) {
 }  // namespace
 
 bool IsJsonStringContent(const std::string& text) {
-    return WalkStringContent(text, nullptr);
+    // Nearly every text is printable ASCII without a quote or a backslash;
+    // the rest takes the full walk.
+    return textscan::AllPlainJson(text.data(), text.size()) || WalkStringContent(text, nullptr);
 }
 
 std::string JsonStringContent(const std::string& text) {

@@ -115,22 +115,23 @@ bool ZObject::_IsListTable(int index) {
 // ---------------------------------------------------------------------------
 
 std::string ZObject::_NodeLinkText(ZObject* node, bool isLink, const std::string& name) {
-    std::string text;
-    std::string target;
+    std::string_view word;
+    std::string odataId;  // a linked resource's URI may differ from its JPath
+    const std::string* target = &node->JPathText();
     if (isLink) {
-        text = "&&ObjectRef";
-        target =
-            node->IsResourceType() ? static_cast<ZResource*>(node)->GetOdataId() : node->GetJPath();
+        word = "&&ObjectRef";
+        if (node->IsResourceType()) {
+            odataId = static_cast<ZResource*>(node)->GetOdataId();
+            target = &odataId;
+        }
     } else {
-        text = node->GetType() == eJsonArray ? "&&Array" : "&&Object";
-        target = node->GetJPath();
+        word = node->GetType() == eJsonArray ? "&&Array" : "&&Object";
     }
-    text += ' ';
-    if (!name.empty()) {
-        text += name;
-        text += ' ';
-    }
-    text += target;
+    std::string text;
+    text.reserve(word.size() + name.size() + target->size() + 2);
+    text.append(word).push_back(' ');
+    if (!name.empty()) text.append(name).push_back(' ');
+    text += *target;
     return text;
 }
 

@@ -164,10 +164,14 @@ eRtCode ZObject::HashWrite(const std::string& name, const char* value, bool isLi
              static_cast<const void*>(value));
         return RT_INVALID_ARG;
     }
-    return HashWrite(name, std::string(value), isLink);
+    return _HashWriteText(name, std::string(value), isLink);
 }
 
 eRtCode ZObject::HashWrite(const std::string& name, const std::string& value, bool isLink) {
+    return _HashWriteText(name, std::string(value), isLink);
+}
+
+eRtCode ZObject::_HashWriteText(const std::string& name, std::string&& value, bool isLink) {
     if (RefuseNul([this] { return _LogName(); }, name, value)) return RT_INVALID_ARG;
     if (isLink && !IsLinkText(value)) {
         ZLOG(eZLogError, "Object[%s] property[%s]: link text[%s] is refused.\n",
@@ -188,7 +192,7 @@ eRtCode ZObject::HashWrite(const std::string& name, const std::string& value, bo
     sObjectChange change;
     change.dataKind = eObjDataString;
     change.isLink = isLink;
-    change.strValue = value;
+    change.strValue = std::move(value);
     return _HashWrite(&change, eObjChgUpdate, name);
 }
 
