@@ -227,8 +227,8 @@ eRtCode ZJsonArray::PublishCount(redisContext* c, long long length) {
     MutexLock lock(mMemberMutex);
     if (length == mPublishedCount) return RT_SUCCESS;
     const std::string field = mId + "@odata.count";
-    eRtCode rt = RedisHashSet(c, parent->GetJPath().c_str(), field.c_str(),
-                              std::to_string(length).c_str());
+    eRtCode rt =
+        RedisHashSet(c, parent->JPathText().c_str(), field.c_str(), std::to_string(length).c_str());
     if (rt == RT_SUCCESS) mPublishedCount = static_cast<int32_t>(length);
     return rt;
 }
@@ -288,10 +288,12 @@ void ZJsonArray::_OnChannelsRead(void* arg, const sRedisDeferredReply& reply) {
         // The commands the clearing sends without a constructor, in the
         // same order: this application's channels out, then its channel in,
         // first when other processes' channels stay.
-        const std::string own = app->AppName() + ":";
+        // This application's channels are "<application name>:...".
+        const std::string& name = app->AppName();
         bool kept = false;
         for (const std::string& item : reply.items) {
-            if (item.compare(0, own.size(), own) != 0) {
+            if (item.size() <= name.size() || item[name.size()] != ':' ||
+                item.compare(0, name.size(), name) != 0) {
                 kept = true;
             } else if (!RedisDeferCommand(c, {"LREM", self->mJPath, "0", item})) {
                 RedisListDelAll(c, self->mJPath.c_str(), item);
@@ -299,10 +301,11 @@ void ZJsonArray::_OnChannelsRead(void* arg, const sRedisDeferredReply& reply) {
         }
         self->mKeptForeignChannels = kept;
         if (channel != nullptr) {
-            std::vector<std::string> push = {kept ? "LPUSH" : "RPUSH", self->mJPath, *channel};
-            if (!RedisDeferCommand(c, push)) {
+            const char* push = kept ? "LPUSH" : "RPUSH";
+            if (!RedisDeferCommand(c, {push, self->mJPath, *channel})) {
                 std::vector<eRtCode> results;
-                if (RedisPipeline(c, {push}, results) != RT_SUCCESS || results[0] != RT_SUCCESS) {
+                if (RedisPipeline(c, {{push, self->mJPath, *channel}}, results) != RT_SUCCESS ||
+                    results[0] != RT_SUCCESS) {
                     ZLOG(eZLogError, "Failed to put channel[%s] first in [%s].\n",
                          channel->c_str(), self->mJPath.c_str());
                 }

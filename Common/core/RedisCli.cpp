@@ -41,7 +41,8 @@ thread_local redisContext* tScopedConn = nullptr;
 
 namespace {
 // "HSET <key> <field> <value>" and the like, values masked: a command as
-// its failure shows it.
+// its failure shows it (its first kShownWords words at most).
+constexpr size_t kShownWords = 4;
 std::string ShownCommand(const std::vector<std::string>& argv);
 }  // namespace
 
@@ -99,8 +100,8 @@ char* PutCount(char* out, char mark, size_t n) {
     return out;
 }
 
-// Queues one command, given as an argument vector, in the context's output
-// buffer (sent with the next reply read).
+// Queues one command in the context's output buffer (sent with the next
+// reply read); `dataAt(i)` and `sizeAt(i)` give its words.
 //
 // The command is written in the protocol's own framing ("*<argc>", then
 // "$<len>" and the bytes of each argument) here, in one pass into a buffer
@@ -108,14 +109,15 @@ char* PutCount(char* out, char mark, size_t n) {
 // hiredis's own argument-vector call writes; building them through its
 // general formatter cost about as many client instructions as the whole
 // rest of a round trip, which is what the controller's CPU feels.
-bool AppendArgv(redisContext* c, size_t argc, const char* const* argv, const size_t* argvLen) {
+template <class DataAt, class SizeAt>
+bool AppendFramed(redisContext* c, size_t argc, DataAt dataAt, SizeAt sizeAt) {
     KeepSigPipeFromEndingTheProcess();
     // A context of the caller's that does not block would return before the
     // reply; hiredis's own call gives no reply then either.
     if ((c->flags & REDIS_BLOCK) == 0) return false;
     constexpr size_t kFrame = 1 + 20 + 2;  // "*" or "$", a count, "\r\n"
     size_t total = kFrame;
-    for (size_t i = 0; i < argc; ++i) total += kFrame + argvLen[i] + 2;
+    for (size_t i = 0; i < argc; ++i) total += kFrame + sizeAt(i) + 2;
     char stackBuf[1024];
     std::unique_ptr<char[]> heapBuf;
     char* buf = stackBuf;
@@ -126,13 +128,25 @@ bool AppendArgv(redisContext* c, size_t argc, const char* const* argv, const siz
     }
     char* out = PutCount(buf, '*', argc);
     for (size_t i = 0; i < argc; ++i) {
-        out = PutCount(out, '$', argvLen[i]);
-        if (argvLen[i] != 0) std::memcpy(out, argv[i], argvLen[i]);
-        out += argvLen[i];
+        const size_t len = sizeAt(i);
+        out = PutCount(out, '$', len);
+        if (len != 0) std::memcpy(out, dataAt(i), len);
+        out += len;
         *out++ = '\r';
         *out++ = '\n';
     }
     return redisAppendFormattedCommand(c, buf, static_cast<size_t>(out - buf)) == REDIS_OK;
+}
+
+bool AppendArgv(redisContext* c, size_t argc, const char* const* argv, const size_t* argvLen) {
+    return AppendFramed(
+        c, argc, [argv](size_t i) { return argv[i]; }, [argvLen](size_t i) { return argvLen[i]; });
+}
+
+bool AppendArgs(redisContext* c, const Arg* args, size_t argc) {
+    return AppendFramed(
+        c, argc, [args](size_t i) { return args[i].data; },
+        [args](size_t i) { return args[i].size; });
 }
 
 // Reads the next reply (sending what is queued first).
@@ -146,19 +160,61 @@ ReplyPtr ReadReply(redisContext* c) {
 }
 
 // Commands sent without waiting for their replies (RedisDeferredWrites), in
-// the order sent; each thread has its own.
+// the order sent; each thread has its own. A record is a few words: what
+// a failure would show is kept as the command's words in one buffer per
+// thread (tDeferredWords), not as strings of its own, because nearly every
+// reply is a success and the texts are never read.
+enum class DeferKind : uint8_t {
+    kUnchecked,  // an UNLINK: a key already gone is as good as deleted
+    kHashSet,    // RedisHashSet: its own failure texts
+    kCommand,    // RedisDeferCommand without a handler: logged as a pipeline write
+    kHandler,    // RedisDeferCommand with a handler, which takes the reply
+};
 struct DeferredReply {
-    redisContext* c;
-    bool isHashSet;  // else an UNLINK, whose reply is not checked
-    std::string key, name, value;  // the value masked when a failure shows it
-    // A command of RedisDeferCommand: its words (for the failure text, made
-    // only on a failure) and who takes the reply.
-    std::vector<std::string> argv{};
+    redisContext* c = nullptr;
     RedisDeferredHandler handler = nullptr;
     void* arg = nullptr;
+    uint32_t wordsAt = 0;    // where the kept words start in tDeferredWords
+    uint32_t wordsSize = 0;  // their bytes there (0: none kept)
+    DeferKind kind = DeferKind::kUnchecked;
 };
 thread_local std::vector<DeferredReply> tDeferred;
 thread_local redisContext* tDeferringOn = nullptr;
+// The kept words of the records in tDeferred: per word its length (four
+// bytes, host order) and its bytes. Emptied when tDeferred is.
+thread_local std::string tDeferredWords;
+
+void KeepWords(DeferredReply& d, const Arg* words, size_t n) {
+    size_t total = 0;
+    for (size_t i = 0; i < n; ++i) total += sizeof(uint32_t) + words[i].size;
+    const size_t at = tDeferredWords.size();
+    tDeferredWords.resize(at + total);
+    char* out = &tDeferredWords[at];
+    for (size_t i = 0; i < n; ++i) {
+        const uint32_t len = static_cast<uint32_t>(words[i].size);
+        std::memcpy(out, &len, sizeof(len));
+        out += sizeof(len);
+        if (len != 0) std::memcpy(out, words[i].data, len);
+        out += len;
+    }
+    d.wordsAt = static_cast<uint32_t>(at);
+    d.wordsSize = static_cast<uint32_t>(total);
+}
+
+// The kept words of `d`, for a failure text.
+std::vector<std::string> KeptWords(const DeferredReply& d) {
+    std::vector<std::string> words;
+    const char* p = tDeferredWords.data() + d.wordsAt;
+    const char* const end = p + d.wordsSize;
+    while (p + sizeof(uint32_t) <= end) {
+        uint32_t len = 0;
+        std::memcpy(&len, p, sizeof(len));
+        p += sizeof(len);
+        words.emplace_back(p, len);
+        p += len;
+    }
+    return words;
+}
 
 bool Deferring(redisContext* c) {
     return c != nullptr && c == tDeferringOn && (c->flags & REDIS_BLOCK) != 0 && c->err == 0;
@@ -184,58 +240,82 @@ void DrainDeferred(redisContext* c) {
     mine.clear();
     size_t kept = 0;
     for (size_t i = 0; i < tDeferred.size(); ++i) {
-        DeferredReply& d = tDeferred[i];
+        const DeferredReply& d = tDeferred[i];
         if (d.c != c) {
-            if (kept != i) tDeferred[kept] = std::move(d);
+            if (kept != i) tDeferred[kept] = d;
             ++kept;
         } else {
-            mine.push_back(std::move(d));
+            mine.push_back(d);
         }
     }
     tDeferred.resize(kept);
-    for (DeferredReply& d : mine) {
+    for (const DeferredReply& d : mine) {
         ReplyPtr reply = ReadReply(c);
-        if (d.handler != nullptr) {
-            tHandlers.emplace_back();
-            PendingHandler& h = tHandlers.back();
-            h.c = c;
-            h.handler = d.handler;
-            h.arg = d.arg;
-            sRedisDeferredReply& seen = h.reply;
-            if (reply && reply->type != REDIS_REPLY_ERROR) {
-                seen.result = RT_SUCCESS;
-                if (reply->type == REDIS_REPLY_INTEGER) seen.integer = reply->integer;
-                if (reply->type == REDIS_REPLY_ARRAY) {
-                    seen.items.reserve(reply->elements);
-                    for (size_t i = 0; i < reply->elements; ++i) {
-                        seen.items.push_back(ElementText(reply.get(), i));
+        switch (d.kind) {
+            case DeferKind::kUnchecked:
+                break;
+            case DeferKind::kHandler: {
+                tHandlers.emplace_back();
+                PendingHandler& h = tHandlers.back();
+                h.c = c;
+                h.handler = d.handler;
+                h.arg = d.arg;
+                sRedisDeferredReply& seen = h.reply;
+                if (reply && reply->type != REDIS_REPLY_ERROR) {
+                    seen.result = RT_SUCCESS;
+                    if (reply->type == REDIS_REPLY_INTEGER) seen.integer = reply->integer;
+                    if (reply->type == REDIS_REPLY_ARRAY) {
+                        seen.items.reserve(reply->elements);
+                        for (size_t i = 0; i < reply->elements; ++i) {
+                            seen.items.push_back(ElementText(reply.get(), i));
+                        }
                     }
                 }
+                break;
             }
-            continue;
-        }
-        if (!d.argv.empty()) {
-            if (!reply) {
-                ZLOG_AS("RedisPipelineWrites", eZLogError, "Command[%s] reply is NULL. err[%s]\n",
-                        ShownCommand(d.argv).c_str(), c->errstr);
-            } else if (reply->type == REDIS_REPLY_ERROR) {
-                RedisDumpReply(d.argv[0].c_str(), reply.get());
-                ZLOG_AS("RedisPipelineWrites", eZLogError, "Command[%s] reply failed.\n",
-                        ShownCommand(d.argv).c_str());
+            case DeferKind::kCommand:
+                if (!reply) {
+                    ZLOG_AS("RedisPipelineWrites", eZLogError,
+                            "Command[%s] reply is NULL. err[%s]\n",
+                            ShownCommand(KeptWords(d)).c_str(), c->errstr);
+                } else if (reply->type == REDIS_REPLY_ERROR) {
+                    const std::vector<std::string> words = KeptWords(d);
+                    RedisDumpReply(words.empty() ? "" : words[0].c_str(), reply.get());
+                    ZLOG_AS("RedisPipelineWrites", eZLogError, "Command[%s] reply failed.\n",
+                            ShownCommand(words).c_str());
+                }
+                break;
+            case DeferKind::kHashSet: {
+                const bool failed = !reply || reply->type != REDIS_REPLY_INTEGER ||
+                                    (reply->integer != 0 && reply->integer != 1);
+                if (!failed) break;
+                // The words kept: the key, the field and the value.
+                std::vector<std::string> w = KeptWords(d);
+                w.resize(3);
+                if (!reply) {
+                    ZLOG_AS("RedisHashSet", eZLogError,
+                            "Command[HSET %s %s %s] reply is NULL. err[%s]\n", w[0].c_str(),
+                            w[1].c_str(), MaskSecretValue(w[1], w[2].c_str()), c->errstr);
+                } else {
+                    RedisDumpReply("HSET", reply.get());
+                    ZLOG_AS("RedisHashSet", eZLogError, "Command[HSET %s %s %s] reply failed.\n",
+                            w[0].c_str(), w[1].c_str(), MaskSecretValue(w[1], w[2].c_str()));
+                }
+                break;
             }
-            continue;
         }
-        if (!d.isHashSet) continue;
-        if (!reply) {
-            ZLOG_AS("RedisHashSet", eZLogError, "Command[HSET %s %s %s] reply is NULL. err[%s]\n",
-                    d.key.c_str(), d.name.c_str(), MaskSecretValue(d.name, d.value.c_str()),
-                    c->errstr);
-        } else if (reply->type != REDIS_REPLY_INTEGER ||
-                   (reply->integer != 0 && reply->integer != 1)) {
-            RedisDumpReply("HSET", reply.get());
-            ZLOG_AS("RedisHashSet", eZLogError, "Command[HSET %s %s %s] reply failed.\n",
-                    d.key.c_str(), d.name.c_str(), MaskSecretValue(d.name, d.value.c_str()));
+    }
+    if (kept == 0) {
+        tDeferredWords.clear();
+    } else if (tDeferredWords.size() > 64 * 1024) {
+        // Another connection's records stay: their words move to the front.
+        std::string words;
+        for (DeferredReply& d : tDeferred) {
+            const uint32_t at = static_cast<uint32_t>(words.size());
+            words.append(tDeferredWords, d.wordsAt, d.wordsSize);
+            d.wordsAt = at;
         }
+        tDeferredWords.swap(words);
     }
     mine.clear();
     tDrainSpare = std::move(mine);
@@ -268,20 +348,24 @@ bool HasDeferred(redisContext* c) {
 }
 
 // Queues a command whose reply DrainDeferred reads; false when it could not
-// be queued (the caller then sends it the usual way).
-bool Defer(redisContext* c, std::initializer_list<Arg> args, DeferredReply d) {
-    const char* argv[4];
-    size_t lens[4];
-    size_t argc = 0;
-    for (const Arg& a : args) {
-        argv[argc] = a.data;
-        lens[argc] = a.size;
-        ++argc;
-    }
-    if (!AppendArgv(c, argc, argv, lens)) return false;
+// be queued (the caller then sends it the usual way). Words `keepFrom` up to
+// `keepTo` (not included) are kept for a failure text.
+bool Defer(redisContext* c, const Arg* args, size_t argc, DeferKind kind, size_t keepFrom,
+           size_t keepTo, RedisDeferredHandler handler = nullptr, void* arg = nullptr) {
+    if (!AppendArgs(c, args, argc)) return false;
+    DeferredReply d;
     d.c = c;
-    tDeferred.push_back(std::move(d));
+    d.handler = handler;
+    d.arg = arg;
+    d.kind = kind;
+    keepTo = std::min(keepTo, argc);
+    if (keepFrom < keepTo) KeepWords(d, args + keepFrom, keepTo - keepFrom);
+    tDeferred.push_back(d);
     return true;
+}
+
+bool Defer(redisContext* c, std::initializer_list<Arg> args, DeferKind kind, size_t keepFrom) {
+    return Defer(c, args.begin(), args.size(), kind, keepFrom, args.size());
 }
 
 // Sends one command and waits for its reply (after those of the commands
@@ -664,7 +748,7 @@ void RedisDrainDeferred(redisContext* c) {
 
 bool RedisAwaitsReplies(redisContext* c) {
     for (const cli::DeferredReply& d : cli::tDeferred) {
-        if (d.c == c && d.handler != nullptr) return true;
+        if (d.c == c && d.kind == cli::DeferKind::kHandler) return true;
     }
     for (const cli::PendingHandler& h : cli::tHandlers) {
         if (h.c == c) return true;
@@ -672,38 +756,42 @@ bool RedisAwaitsReplies(redisContext* c) {
     return false;
 }
 
-bool RedisDeferCommand(redisContext* c, std::vector<std::string>&& argv,
+bool RedisDeferCommand(redisContext* c, const std::string_view* words, size_t n,
                        RedisDeferredHandler handler, void* arg) {
-    if (!Deferring(c) || argv.empty()) return false;
+    if (!Deferring(c) || n == 0) return false;
     // Most commands of a build have a few words: no heap for their framing.
     constexpr size_t kOnStack = 16;
-    const char* stackArgs[kOnStack];
-    size_t stackLens[kOnStack];
-    std::vector<const char*> heapArgs;
-    std::vector<size_t> heapLens;
-    const char** args = stackArgs;
-    size_t* lens = stackLens;
-    if (argv.size() > kOnStack) {
-        heapArgs.resize(argv.size());
-        heapLens.resize(argv.size());
+    cli::Arg stackArgs[kOnStack];
+    std::vector<cli::Arg> heapArgs;
+    cli::Arg* args = stackArgs;
+    if (n > kOnStack) {
+        heapArgs.resize(n);
         args = heapArgs.data();
-        lens = heapLens.data();
     }
-    for (size_t i = 0; i < argv.size(); ++i) {
-        args[i] = argv[i].data();
-        lens[i] = argv[i].size();
-    }
-    if (!AppendArgv(c, argv.size(), args, lens)) return false;
-    tDeferred.push_back(DeferredReply{c, false, {}, {}, {}, {}, handler, arg});
+    for (size_t i = 0; i < n; ++i) args[i] = cli::Arg(words[i]);
     // Without a handler a failure is logged, and the words are kept for it.
-    if (handler == nullptr) tDeferred.back().argv = std::move(argv);
-    return true;
+    // (As many as the text shows.)
+    return handler != nullptr ? cli::Defer(c, args, n, cli::DeferKind::kHandler, n, n, handler, arg)
+                              : cli::Defer(c, args, n, cli::DeferKind::kCommand, 0, kShownWords);
+}
+
+bool RedisDeferCommand(redisContext* c, std::initializer_list<std::string_view> words,
+                       RedisDeferredHandler handler, void* arg) {
+    return RedisDeferCommand(c, words.begin(), words.size(), handler, arg);
 }
 
 bool RedisDeferCommand(redisContext* c, const std::vector<std::string>& argv,
                        RedisDeferredHandler handler, void* arg) {
-    std::vector<std::string> copy = argv;
-    return RedisDeferCommand(c, std::move(copy), handler, arg);
+    constexpr size_t kOnStack = 16;
+    std::string_view stackWords[kOnStack];
+    std::vector<std::string_view> heapWords;
+    std::string_view* words = stackWords;
+    if (argv.size() > kOnStack) {
+        heapWords.resize(argv.size());
+        words = heapWords.data();
+    }
+    for (size_t i = 0; i < argv.size(); ++i) words[i] = argv[i];
+    return RedisDeferCommand(c, words, argv.size(), handler, arg);
 }
 
 eRtCode RedisPipeline(redisContext* c, const std::vector<std::vector<std::string>>& commands,
@@ -785,7 +873,7 @@ std::string ShownCommand(const std::vector<std::string>& argv) {
     std::string shown;
     const std::string word = argv.empty() ? std::string() : argv[0];
     const bool hash = word == "HSET";
-    const size_t words = hash || word == "LSET" || word == "LREM" ? 4 : 3;
+    const size_t words = hash || word == "LSET" || word == "LREM" ? kShownWords : 3;
     for (size_t i = 0; i < words && i < argv.size(); ++i) {
         if (i != 0) shown += ' ';
         if (hash ? i == 3 : i >= 2) {
@@ -996,7 +1084,9 @@ eRtCode RedisDelTable(redisContext* c, const char* key) {
     // large tree does not stall the front end. Replies are not checked: a
     // key that is already gone is as good as deleted.
     for (const std::string& k : keys) {
-        if (Deferring(ctx.get()) && Defer(ctx.get(), {"UNLINK", k}, DeferredReply{})) continue;
+        if (Deferring(ctx.get()) && Defer(ctx.get(), {"UNLINK", k}, DeferKind::kUnchecked, 2)) {
+            continue;
+        }
         Command(ctx.get(), {"UNLINK", k});
     }
     return RT_SUCCESS;
@@ -1022,8 +1112,7 @@ eRtCode RedisHashSet(redisContext* c, const char* key, const char* name, const c
         return RT_FAILURE;
     }
     if (Deferring(ctx.get()) &&
-        Defer(ctx.get(), {"HSET", key, name, value},
-              DeferredReply{nullptr, true, key, name, value})) {
+        Defer(ctx.get(), {"HSET", key, name, value}, DeferKind::kHashSet, 1)) {
         return RT_SUCCESS;
     }
     ReplyPtr reply = Command(ctx.get(), {"HSET", key, name, value});

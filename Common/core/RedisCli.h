@@ -165,16 +165,16 @@ struct sRedisDeferredReply {
 // Runs on the deferring thread with deferral on for the connection, so the
 // store calls it makes are deferred as well.
 using RedisDeferredHandler = void (*)(void* arg, const sRedisDeferredReply& reply);
-// While RedisDeferredWrites is on for `c`: queues the command `argv` to go
-// out with the next round trip on `c`. Its reply goes to `handler` (with
-// `arg`); without one, an error reply is logged as RedisPipelineWrites logs
-// it. False when nothing was queued (not deferring, or the command could not
-// be queued): the caller sends it the usual way.
-bool RedisDeferCommand(redisContext* c, const std::vector<std::string>& argv,
+// While RedisDeferredWrites is on for `c`: queues the command `words` to go
+// out with the next round trip on `c` (the words are copied). Its reply goes
+// to `handler` (with `arg`); without one, an error reply is logged as
+// RedisPipelineWrites logs it. False when nothing was queued (not deferring,
+// or the command could not be queued): the caller sends it the usual way.
+bool RedisDeferCommand(redisContext* c, std::initializer_list<std::string_view> words,
                        RedisDeferredHandler handler = nullptr, void* arg = nullptr);
-// The same, taking the words over when the command is queued (`argv` is
-// left as it was when false is returned).
-bool RedisDeferCommand(redisContext* c, std::vector<std::string>&& argv,
+bool RedisDeferCommand(redisContext* c, const std::string_view* words, size_t n,
+                       RedisDeferredHandler handler = nullptr, void* arg = nullptr);
+bool RedisDeferCommand(redisContext* c, const std::vector<std::string>& argv,
                        RedisDeferredHandler handler = nullptr, void* arg = nullptr);
 
 // Sends `commands` (each an argument vector) in one round trip and reads a

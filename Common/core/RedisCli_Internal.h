@@ -15,6 +15,7 @@
 #include <initializer_list>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "OrbelDefs.h"
@@ -38,8 +39,10 @@ using ReplyPtr = std::unique_ptr<redisReply, ReplyDeleter>;
 struct Arg {
     Arg(const char* text) : data(text), size(std::strlen(text)) {}  // NOLINT: implicit on purpose
     Arg(const std::string& text) : data(text.data()), size(text.size()) {}  // NOLINT
-    const char* data;
-    size_t size;
+    Arg(std::string_view text) : data(text.data()), size(text.size()) {}    // NOLINT
+    Arg() = default;
+    const char* data = nullptr;
+    size_t size = 0;
 };
 
 // An integer as the decimal text an argument carries ("-1", "20").
