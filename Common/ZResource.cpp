@@ -6,6 +6,9 @@
 
 #include <algorithm>
 #include <ctime>
+#include <string>
+#include <string_view>
+#include <utility>
 
 #include "Orbel.h"
 #include "RedisCli.h"
@@ -74,16 +77,23 @@ bool ZResource::_InitResource() {
 void ZResource::_InitFillDefaultContents() {
     // A RawJson resource gets the same defaults inside its text (its "&&"
     // fields stay fields of its hash), but no request channel lists.
-    HashWrite("@odata.id", GetOdataId());
+    _HashWriteText("@odata.id", GetOdataId(), false);
     if (mSchema != nullptr) {
         const std::string print = mSchema->GetOdataPrintName();
         const std::string& version = mSchema->GetVersion();
-        std::string type = "#" + print + ".";
-        if (!version.empty()) type += version + ".";
-        type += mSchema->GetName();
-        HashWrite("@odata.type", type);
+        const std::string& name = mSchema->GetName();
+        std::string type;
+        type.reserve(print.size() + version.size() + name.size() + 3);
+        type.append(1, '#').append(print).append(1, '.');
+        if (!version.empty()) type.append(version).append(1, '.');
+        type.append(name);
+        _HashWriteText("@odata.type", std::move(type), false);
         if (mSchema->IsEtagEnabled()) HashWrite("@odata.etag", std::string());
-        HashWrite("@odata.context", "/redfish/v1/$metadata#" + print);
+        static constexpr std::string_view kContext = "/redfish/v1/$metadata#";
+        std::string context;
+        context.reserve(kContext.size() + print.size());
+        context.append(kContext).append(print);
+        _HashWriteText("@odata.context", std::move(context), false);
     }
     if ((mClassAttributes & RES_ATTR_EnableChecklist) != 0) HashWrite("&&EnableChecklist", true);
     if (mSchema == nullptr) return;

@@ -3,6 +3,9 @@
 // resource lifecycle join this file with the object model.
 #include "ZSchema.h"
 
+#include <string>
+#include <string_view>
+
 #include "CRUDRequest.h"
 #include "HTTP_MethodContext.h"
 #include "ZApplication.h"
@@ -102,8 +105,12 @@ std::string ZSchema::GetCRUDqChannel(eReqMethod method) {
         return std::string();
     }
     ZApplication* app = zApp;
-    std::string appName = app != nullptr ? app->AppName() : std::string();
-    return appName + ":" + mName + ":" + word;
+    const std::string_view appName = app != nullptr ? std::string_view(app->AppName()) : "";
+    const std::string_view queue(word);
+    std::string channel;
+    channel.reserve(appName.size() + mName.size() + queue.size() + 2);
+    channel.append(appName).append(1, ':').append(mName).append(1, ':').append(queue);
+    return channel;
 }
 
 std::map<std::string, ZResource*> ZSchema::GetResourceList() {

@@ -25,16 +25,24 @@ namespace {
 // base is already '&' (the front end relies on exactly this test); one "/"
 // between the parts.
 std::string JoinJPath(const std::string& base, const std::string& tail, bool resourceChild) {
-    std::string path = base;
+    // Put together in one allocation: every node's JPath is made here.
+    std::string_view head(base);
+    std::string_view mark;
     if (resourceChild) {
-        if (path.compare(0, 2, "&&") == 0) path.erase(0, 2);
+        if (head.compare(0, 2, "&&") == 0) head.remove_prefix(2);
     } else {
-        bool marked = (!path.empty() && path[0] == '&') || (path.size() > 1 && path[1] == '&');
-        if (!marked) path.insert(0, "&&");
+        bool marked = (!head.empty() && head[0] == '&') || (head.size() > 1 && head[1] == '&');
+        if (!marked) mark = "&&";
     }
-    if (path.empty() || path.back() != '/') path += '/';
-    size_t start = tail.find_first_not_of('/');
-    if (start != std::string::npos) path.append(tail, start, std::string::npos);
+    const bool slash = head.empty() || head.back() != '/';
+    std::string_view rest;
+    const size_t start = tail.find_first_not_of('/');
+    if (start != std::string::npos) rest = std::string_view(tail).substr(start);
+    std::string path;
+    path.reserve(mark.size() + head.size() + 1 + rest.size());
+    path.append(mark).append(head);
+    if (slash) path += '/';
+    path.append(rest);
     return path;
 }
 
