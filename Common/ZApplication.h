@@ -39,8 +39,9 @@
 #include <utility>
 #include <vector>
 
-#include "Orbel_Mutex.h"
 #include "OrbelDefs.h"
+#include "Orbel_FlatTable.h"
+#include "Orbel_Mutex.h"
 #include "vex.h"
 
 namespace Orbel {
@@ -284,12 +285,26 @@ private:
     std::map<long, sThreadInfo> mThreadInfo GUARDED_BY(mThreadInfoMutex);  // by kernel thread id
 
     // Registry containers; each guarded by its own mutex (ZApplication_ObjRegistry.cpp).
-    // Hashed: looked up on nearly every node operation, never walked in order.
+    // Hashed in one array each: looked up on nearly every node operation,
+    // never walked in order.
+    struct OIDKeys {  // an OID widened: the two values above 32 bits are free
+        using Key = uint64_t;
+        static constexpr Key kEmpty = ~Key(0);
+        static constexpr Key kErased = ~Key(0) - 1;
+        static size_t Hash(Key k) { return FlatTableMix(k); }
+    };
+    struct NodeKeys {  // a node's address: no node lives at 0 or 1
+        using Key = uintptr_t;
+        static constexpr Key kEmpty = 0;
+        static constexpr Key kErased = 1;
+        static size_t Hash(Key k) { return FlatTableMix(k); }
+    };
+    static uintptr_t NodeKey(const ZObject* obj) { return reinterpret_cast<uintptr_t>(obj); }
     Mutex mOIDMutex;
-    std::unordered_map<uint32_t, ZObject*> mOIDMap GUARDED_BY(mOIDMutex);
+    FlatTable<OIDKeys, ZObject*> mOIDMap GUARDED_BY(mOIDMutex);
     uint32_t mOIDSeq GUARDED_BY(mOIDMutex) = 0;
     Mutex mValidObjMutex;
-    std::unordered_map<ZObject*, uint8_t> mValidObjMap GUARDED_BY(mValidObjMutex);
+    FlatTable<NodeKeys, bool> mValidObjMap GUARDED_BY(mValidObjMutex);
     Mutex mObjectListMutex;
     // Keyed by views of the nodes' own JPath and name texts, which do not
     // change while a node is listed: an entry copies no text. Hashed: JPaths

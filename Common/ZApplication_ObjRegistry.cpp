@@ -51,7 +51,7 @@ uint32_t ZApplication::NewOID(ZObject* obj) {
             uint32_t candidate = mOIDSeq++;
             // The number that means "none" is never handed out.
             if (candidate == kInvalidOID) candidate = mOIDSeq++;
-            if (mOIDMap.find(candidate) == mOIDMap.end()) {
+            if (mOIDMap.Find(candidate) == nullptr) {
                 oid = candidate;
                 break;
             }
@@ -60,12 +60,12 @@ uint32_t ZApplication::NewOID(ZObject* obj) {
             ZLOG(eZLogError, "Unable to get a free OID. CurrSeq[%lu]\n",
                  static_cast<unsigned long>(mOIDSeq));
         } else {
-            mOIDMap.emplace(oid, obj);
+            mOIDMap.Put(oid, obj);
         }
         // Even without a number the node is a valid object, so its owner can
         // still retire it and the recycler free it.
         MutexLock validLock(mValidObjMutex);
-        mValidObjMap[obj] = 1;
+        mValidObjMap.Put(NodeKey(obj), true);
     }
     return oid;
 }
@@ -77,7 +77,7 @@ void ZApplication::SetNextOIDCandidate(uint32_t seq) {
 
 bool ZApplication::IsValidObj(ZObject* obj) {
     MutexLock lock(mValidObjMutex);
-    if (mValidObjMap.find(obj) == mValidObjMap.end()) {
+    if (mValidObjMap.Find(NodeKey(obj)) == nullptr) {
         ZLOG(eZLogError, "Obj[%p] is an invalid ZObject. It might be a corrupt memory address.\n",
              static_cast<void*>(obj));
         return false;
@@ -87,7 +87,7 @@ bool ZApplication::IsValidObj(ZObject* obj) {
 
 bool ZApplication::UseIfValid(ZObject* obj) {
     MutexLock lock(mValidObjMutex);
-    if (mValidObjMap.find(obj) == mValidObjMap.end()) {
+    if (mValidObjMap.Find(NodeKey(obj)) == nullptr) {
         ZLOG(eZLogError, "Obj[%p] is an invalid ZObject. It might be a corrupt memory address.\n",
              static_cast<void*>(obj));
         return false;
@@ -100,11 +100,11 @@ bool ZApplication::UseIfValid(ZObject* obj) {
 void ZApplication::_ForgetObject(ZObject* obj) {
     {
         MutexLock lock(mValidObjMutex);
-        mValidObjMap.erase(obj);
+        mValidObjMap.Erase(NodeKey(obj));
     }
     MutexLock lock(mOIDMutex);
-    auto it = mOIDMap.find(obj->mOID);
-    if (it != mOIDMap.end() && it->second == obj) mOIDMap.erase(it);
+    ZObject** entered = mOIDMap.Find(obj->mOID);
+    if (entered != nullptr && *entered == obj) mOIDMap.Erase(obj->mOID);
 }
 
 // ---------------------------------------------------------------------------
@@ -158,8 +158,8 @@ eRtCode ZApplication::ObjectListRemove(ZObject* obj) {
         }
     }
     MutexLock oidLock(mOIDMutex);
-    auto oit = mOIDMap.find(obj->mOID);
-    if (oit != mOIDMap.end() && oit->second == obj) mOIDMap.erase(oit);
+    ZObject** entered = mOIDMap.Find(obj->mOID);
+    if (entered != nullptr && *entered == obj) mOIDMap.Erase(obj->mOID);
     return rt;
 }
 
@@ -287,12 +287,12 @@ void ZApplication::RecycleProcess() {
                         ++it;
                         continue;
                     }
-                    mValidObjMap.erase(obj);
+                    mValidObjMap.Erase(NodeKey(obj));
                 }
                 {
                     MutexLock oidLock(mOIDMutex);
-                    auto oit = mOIDMap.find(obj->mOID);
-                    if (oit != mOIDMap.end() && oit->second == obj) mOIDMap.erase(oit);
+                    ZObject** entered = mOIDMap.Find(obj->mOID);
+                    if (entered != nullptr && *entered == obj) mOIDMap.Erase(obj->mOID);
                 }
                 freeList.push_back(obj);
                 it = mRecycleList.erase(it);
@@ -368,7 +368,7 @@ void ZApplication::ObjMonitorScan() {
     auto stillAlive = [this](const _sOMTgt& tgt) {
         bool alive = false;
         MutexLock lock(mValidObjMutex);
-        if (mValidObjMap.find(tgt.obj) != mValidObjMap.end()) {
+        if (mValidObjMap.Find(NodeKey(tgt.obj)) != nullptr) {
             alive = !tgt.obj->IsDied() && tgt.obj->GetOID() == tgt.oid;
         }
         return alive;

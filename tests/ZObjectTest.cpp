@@ -1,11 +1,15 @@
 // The tree node core and the object registry: JPaths, attributes, children,
 // references and the three destroy modes, retirement and recycling, OIDs,
 // lookups and object monitors.
+#include <cstdint>
 #include <map>
+#include <random>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "ObjectModelFixture.h"
+#include "Orbel_FlatTable.h"
 #include "ZJsonArray.h"
 #include "ZJsonObject.h"
 #include "ZResource.h"
@@ -266,6 +270,46 @@ TEST_F(ZObjectTest, OIDsSkipTakenNumbersAndNeverGiveTheInvalidOne) {
     mApp->SetNextOIDCandidate(0xFFFFFFFEu);
     EXPECT_EQ((new ZJsonObject(nullptr, "Last"))->GetOID(), 0xFFFFFFFEu);
     EXPECT_EQ((new ZJsonObject(nullptr, "Wrapped"))->GetOID(), 0u);
+}
+
+struct WideKeys {
+    using Key = uint64_t;
+    static constexpr Key kEmpty = ~Key(0);
+    static constexpr Key kErased = ~Key(0) - 1;
+    static size_t Hash(Key k) { return Orbel::FlatTableMix(k); }
+};
+
+// The registries' table against the standard one: keys that collide in the
+// low bits, entries erased and entered again (their slots reused), growth
+// past several sizes.
+TEST(FlatTableTest, AgreesWithAStandardMapThroughEraseAndGrowth) {
+    Orbel::FlatTable<WideKeys, int> table;
+    std::unordered_map<uint64_t, int> expected;
+    std::mt19937 random(7);
+    for (int step = 0; step < 20000; ++step) {
+        const uint64_t key = (random() % 600) << 12;  // the low bits all alike
+        switch (random() % 3) {
+            case 0:
+            case 1:
+                table.Put(key, step);
+                expected[key] = step;
+                break;
+            default:
+                EXPECT_EQ(table.Erase(key), expected.erase(key) == 1) << step;
+                break;
+        }
+        if (step % 997 == 0) {
+            for (uint64_t k = 0; k < 600; ++k) {
+                const int* found = table.Find(k << 12);
+                auto it = expected.find(k << 12);
+                ASSERT_EQ(found != nullptr, it != expected.end()) << step << " " << k;
+                if (found != nullptr) {
+                    EXPECT_EQ(*found, it->second);
+                }
+            }
+        }
+    }
+    EXPECT_EQ(table.Size(), expected.size());
 }
 
 TEST_F(ZObjectTest, LookupsRetryTheTrailingSlashAndListOrphans) {
