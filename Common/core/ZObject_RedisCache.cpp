@@ -114,6 +114,76 @@ bool ZObject::_IsListTable(int index) {
 // From change to queued command
 // ---------------------------------------------------------------------------
 
+namespace {
+
+// Freed item blocks kept by a thread; given back to the heap when the
+// thread ends. The sanitizer builds use the heap every time, so that a
+// stale item is caught where it is used.
+#if defined(__SANITIZE_ADDRESS__)
+#define ORBEL_ITEM_CACHE 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ORBEL_ITEM_CACHE 0
+#endif
+#endif
+#ifndef ORBEL_ITEM_CACHE
+#define ORBEL_ITEM_CACHE 1
+#endif
+
+#if ORBEL_ITEM_CACHE
+struct sItemCache {
+    struct Block {
+        Block* next;
+    };
+    static constexpr uint32_t kMax = 64;  // a member's build queues about a dozen
+    Block* head = nullptr;
+    uint32_t count = 0;
+    bool closed = false;  // the thread is ending: blocks go straight back
+    ~sItemCache() {
+        closed = true;
+        while (head != nullptr) {
+            Block* next = head->next;
+            ::operator delete(head);
+            head = next;
+        }
+        count = 0;
+    }
+};
+thread_local sItemCache tItemCache;
+#endif
+
+}  // namespace
+
+void* sRedisCmdItem::operator new(size_t size) {
+#if ORBEL_ITEM_CACHE
+    sItemCache& cache = tItemCache;
+    if (size == sizeof(sRedisCmdItem) && cache.head != nullptr) {
+        sItemCache::Block* block = cache.head;
+        cache.head = block->next;
+        --cache.count;
+        return block;
+    }
+#endif
+    return ::operator new(size);
+}
+
+void sRedisCmdItem::operator delete(void* p, size_t size) noexcept {
+    if (p == nullptr) return;
+#if ORBEL_ITEM_CACHE
+    sItemCache& cache = tItemCache;
+    if (size == sizeof(sRedisCmdItem) && !cache.closed && cache.count < sItemCache::kMax) {
+        auto* block = static_cast<sItemCache::Block*>(p);
+        block->next = cache.head;
+        cache.head = block;
+        ++cache.count;
+        return;
+    }
+#else
+    (void)size;
+#endif
+    ::operator delete(p);
+}
+
 std::string ZObject::_NodeLinkText(ZObject* node, bool isLink, const std::string& name) {
     std::string_view word;
     std::string odataId;  // a linked resource's URI may differ from its JPath
@@ -490,6 +560,10 @@ struct sApplyPipeline {
 };
 
 thread_local sApplyPipeline* tPipeline = nullptr;
+// The vectors of the thread's last top-level apply, emptied: the next one
+// starts with their room instead of growing its own.
+thread_local std::vector<sRedisPipelineCmd> tSpareCmds;
+thread_local std::vector<std::pair<std::string, std::string>> tSpareSets;
 
 // Held by a pipelined apply from its first command to its flush. A node's
 // commands used to reach the store under its queue lock, in call order;
@@ -523,7 +597,8 @@ eRtCode ZObject::_ApplyQueue(redisContext* c, std::vector<sRedisCmdItem*>& queue
     const bool multi = (mAttribute & ATTR_MultiBackend) != 0;
     if (mType != eJsonArray) {
         // A node's queue is short: a scan finds a field set before.
-        std::vector<std::pair<std::string, std::string>> sets;
+        std::vector<std::pair<std::string, std::string>> sets = std::move(tSpareSets);
+        sets.clear();
         sets.reserve(queue.size());
         std::vector<std::string> dels;
         const auto setOf = [&sets](const std::string& field) {
@@ -574,6 +649,8 @@ eRtCode ZObject::_ApplyQueue(redisContext* c, std::vector<sRedisCmdItem*>& queue
             }
             out->cmds.push_back(Cmd(std::move(argv)));
         }
+        sets.clear();
+        tSpareSets = std::move(sets);
     } else {
         size_t i = 0;
         while (i < queue.size()) {
@@ -629,6 +706,7 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
     // recursion and sends them in one round trip at its end.
     sApplyPipeline pipeline;
     const bool top = tPipeline == nullptr;
+    if (top) pipeline.cmds = std::move(tSpareCmds);
     std::unique_lock<std::mutex> order(gApplyOrder, std::defer_lock);
     if (top) {
         // A constructor's apply sends with the span's round trip: the order
@@ -671,6 +749,8 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
     if (top) {
         tPipeline = nullptr;
         if (pipeline.Flush() != RT_SUCCESS) rt = RT_FAILURE;
+        pipeline.cmds.clear();
+        tSpareCmds = std::move(pipeline.cmds);
     }
     return rt;
 }
