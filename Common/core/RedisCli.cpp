@@ -100,33 +100,24 @@ char* PutCount(char* out, char mark, size_t n) {
     return out;
 }
 
-// Queues one command in the context's output buffer (sent with the next
-// reply read); `dataAt(i)` and `sizeAt(i)` give its words.
-//
-// The command is written in the protocol's own framing ("*<argc>", then
-// "$<len>" and the bytes of each argument) here, in one pass into a buffer
-// on the stack, and handed to hiredis ready-made. These are the bytes that
-// hiredis's own argument-vector call writes; building them through its
-// general formatter cost about as many client instructions as the whole
-// rest of a round trip, which is what the controller's CPU feels.
-template <class DataAt, class SizeAt>
-bool AppendFramed(redisContext* c, size_t argc, DataAt dataAt, SizeAt sizeAt) {
-    KeepSigPipeFromEndingTheProcess();
-    // A context of the caller's that does not block would return before the
-    // reply; hiredis's own call gives no reply then either.
-    if ((c->flags & REDIS_BLOCK) == 0) return false;
-    constexpr size_t kFrame = 1 + 20 + 2;  // "*" or "$", a count, "\r\n"
+// The framing of one command ("*<argc>", then "$<len>" and the bytes of
+// each argument): the bytes hiredis's own argument-vector call writes,
+// written here in one pass. Building them through hiredis's general
+// formatter cost about as many client instructions as the whole rest of a
+// round trip, which is what the controller's CPU feels. `dataAt(i)` and
+// `sizeAt(i)` give the words.
+constexpr size_t kFrame = 1 + 20 + 2;  // "*" or "$", a count, "\r\n"
+
+template <class SizeAt>
+size_t FramedSize(size_t argc, SizeAt sizeAt) {
     size_t total = kFrame;
     for (size_t i = 0; i < argc; ++i) total += kFrame + sizeAt(i) + 2;
-    char stackBuf[1024];
-    std::unique_ptr<char[]> heapBuf;
-    char* buf = stackBuf;
-    if (total > sizeof(stackBuf)) {
-        heapBuf.reset(new (std::nothrow) char[total]);
-        if (!heapBuf) return false;
-        buf = heapBuf.get();
-    }
-    char* out = PutCount(buf, '*', argc);
+    return total;
+}
+
+template <class DataAt, class SizeAt>
+char* Frame(char* out, size_t argc, DataAt dataAt, SizeAt sizeAt) {
+    out = PutCount(out, '*', argc);
     for (size_t i = 0; i < argc; ++i) {
         const size_t len = sizeAt(i);
         out = PutCount(out, '$', len);
@@ -135,22 +126,76 @@ bool AppendFramed(redisContext* c, size_t argc, DataAt dataAt, SizeAt sizeAt) {
         *out++ = '\r';
         *out++ = '\n';
     }
-    return redisAppendFormattedCommand(c, buf, static_cast<size_t>(out - buf)) == REDIS_OK;
+    return out;
 }
 
+// Deferred commands of this thread not yet handed to hiredis, and their
+// connection. A round trip's deferred commands are framed into this one
+// buffer, which keeps its room, and handed over in one piece before the
+// connection sends anything else or reads: hiredis's output buffer starts
+// empty after every write and grew (and was copied) several times per round
+// trip when each command was handed over on its own.
+thread_local std::string tPendingOut;
+thread_local redisContext* tPendingConn = nullptr;
+
+bool HandOver(redisContext* c) {
+    if (c == nullptr || tPendingConn != c) return true;
+    tPendingConn = nullptr;
+    if (tPendingOut.empty()) return true;
+    const bool ok =
+        redisAppendFormattedCommand(c, tPendingOut.data(), tPendingOut.size()) == REDIS_OK;
+    tPendingOut.clear();
+    return ok;
+}
+
+void DropPending(redisContext* c) {
+    if (tPendingConn != c) return;
+    tPendingConn = nullptr;
+    tPendingOut.clear();
+}
+
+// Queues one command in the context's output buffer (sent with the next
+// reply read), after what this thread deferred on it.
 bool AppendArgv(redisContext* c, size_t argc, const char* const* argv, const size_t* argvLen) {
-    return AppendFramed(
-        c, argc, [argv](size_t i) { return argv[i]; }, [argvLen](size_t i) { return argvLen[i]; });
+    KeepSigPipeFromEndingTheProcess();
+    // A context of the caller's that does not block would return before the
+    // reply; hiredis's own call gives no reply then either.
+    if ((c->flags & REDIS_BLOCK) == 0) return false;
+    if (!HandOver(c)) return false;
+    const auto dataAt = [argv](size_t i) { return argv[i]; };
+    const auto sizeAt = [argvLen](size_t i) { return argvLen[i]; };
+    const size_t total = FramedSize(argc, sizeAt);
+    char stackBuf[1024];
+    std::unique_ptr<char[]> heapBuf;
+    char* buf = stackBuf;
+    if (total > sizeof(stackBuf)) {
+        heapBuf.reset(new (std::nothrow) char[total]);
+        if (!heapBuf) return false;
+        buf = heapBuf.get();
+    }
+    const char* end = Frame(buf, argc, dataAt, sizeAt);
+    return redisAppendFormattedCommand(c, buf, static_cast<size_t>(end - buf)) == REDIS_OK;
 }
 
-bool AppendArgs(redisContext* c, const Arg* args, size_t argc) {
-    return AppendFramed(
-        c, argc, [args](size_t i) { return args[i].data; },
-        [args](size_t i) { return args[i].size; });
+// Queues a deferred command: framed into the thread's pending buffer.
+bool AppendDeferred(redisContext* c, const Arg* args, size_t argc) {
+    KeepSigPipeFromEndingTheProcess();
+    if ((c->flags & REDIS_BLOCK) == 0) return false;
+    // Another connection's pending commands go to it first.
+    if (tPendingConn != c && !HandOver(tPendingConn)) return false;
+    const auto dataAt = [args](size_t i) { return args[i].data; };
+    const auto sizeAt = [args](size_t i) { return args[i].size; };
+    const size_t at = tPendingOut.size();
+    tPendingOut.resize(at + FramedSize(argc, sizeAt));
+    const char* end = Frame(&tPendingOut[at], argc, dataAt, sizeAt);
+    tPendingOut.resize(static_cast<size_t>(end - tPendingOut.data()));
+    tPendingConn = c;
+    return true;
 }
 
 // Reads the next reply (sending what is queued first).
 ReplyPtr ReadReply(redisContext* c) {
+    HandOver(c);  // on failure the context's error makes the read fail
     void* raw = nullptr;
     if (redisGetReply(c, &raw) != REDIS_OK) {
         if (raw != nullptr) freeReplyObject(raw);
@@ -352,7 +397,7 @@ bool HasDeferred(redisContext* c) {
 // `keepTo` (not included) are kept for a failure text.
 bool Defer(redisContext* c, const Arg* args, size_t argc, DeferKind kind, size_t keepFrom,
            size_t keepTo, RedisDeferredHandler handler = nullptr, void* arg = nullptr) {
-    if (!AppendArgs(c, args, argc)) return false;
+    if (!AppendDeferred(c, args, argc)) return false;
     DeferredReply d;
     d.c = c;
     d.handler = handler;
@@ -630,6 +675,7 @@ void RedisDisconnect(redisContext* c) {
     // What this thread still has queued on it goes first: no reply is left
     // owed by a freed connection (whose address a new one may take).
     if (cli::HasDeferred(c)) RedisDrainDeferred(c);
+    cli::DropPending(c);  // nothing is owed; a new connection may take its address
     redisFree(c);
 }
 

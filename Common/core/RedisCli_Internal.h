@@ -119,6 +119,10 @@ void KeepSigPipeFromEndingTheProcess();
 ReplyPtr TakeReply(redisContext* c, void* raw);
 char* PutCount(char* out, char mark, size_t n);
 bool AppendArgv(redisContext* c, size_t argc, const char* const* argv, const size_t* argvLen);
+// Hands this thread's deferred commands on `c` to hiredis (they must go
+// before anything else sent on `c`, and before any read). False when hiredis
+// refused them.
+bool HandOver(redisContext * c);
 ReplyPtr ReadReply(redisContext* c);
 bool HasDeferred(redisContext* c);
 void DrainDeferred(redisContext* c);

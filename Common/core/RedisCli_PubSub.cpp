@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "RedisCli.h"
+#include "RedisCli_Internal.h"
 #include "ZLogPrint.h"
 
 namespace Orbel {
@@ -39,8 +40,8 @@ eRtCode RedisSubscribeChannels(redisContext* c, const std::vector<std::string>& 
         argv.push_back(ch.data());
         argl.push_back(ch.size());
     }
-    if (redisAppendCommandArgv(c, static_cast<int>(argv.size()), argv.data(), argl.data()) !=
-        REDIS_OK) {
+    if (!cli::HandOver(c) || redisAppendCommandArgv(c, static_cast<int>(argv.size()), argv.data(),
+                                                    argl.data()) != REDIS_OK) {
         ZLOG(eZLogError, "Command[SUBSCRIBE %s] failed: %s\n", channels[0].c_str(), c->errstr);
         return RT_FAILURE;
     }
