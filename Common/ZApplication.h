@@ -214,6 +214,10 @@ private:
     // Retires every object still registered and drains the recycle queue and
     // the monitor list (run by the destructor before the schemas go).
     void _ReleaseObjRegistry();
+    // The listed nodes in JPath order (copies of the views; the lock keeps
+    // the texts while they are compared).
+    std::vector<std::pair<std::string_view, ZObject*>> _SortedObjectList()
+        REQUIRES(mObjectListMutex);
     // GetObject without the retry log lines.
     ZObject* _FindObject(const std::string& jpath, bool quiet);
     // Drops `obj` from the valid-object and OID maps (a node deleted while

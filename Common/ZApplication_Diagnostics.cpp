@@ -3,7 +3,6 @@
 // the log cache dump appends. Part of ZApplication.
 #include <sys/resource.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -99,16 +98,13 @@ size_t ZApplication::CheckTreeAfterStage(const char* stage) {
     {
         // A listed node is not freed while listed; the count taken here keeps
         // it after the lock is gone. Reported in JPath order.
-        std::vector<std::pair<std::string_view, ZObject*>> listed;
         MutexLock lock(mObjectListMutex);
-        listed.reserve(mObjectList.size());
-        for (const auto& entry : mObjectList) {
-            entry.second->IncreaseUsingCount();
-            listed.push_back(entry);
-        }
-        std::sort(listed.begin(), listed.end());
+        const auto listed = _SortedObjectList();
         nodes.reserve(listed.size());
-        for (const auto& entry : listed) nodes.push_back(entry.second);
+        for (const auto& entry : listed) {
+            entry.second->IncreaseUsingCount();
+            nodes.push_back(entry.second);
+        }
     }
     size_t warnings = 0;
     for (ZObject* node : nodes) {

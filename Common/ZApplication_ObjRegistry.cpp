@@ -170,30 +170,30 @@ size_t ZApplication::ObjectListSize() {
 
 std::vector<std::string> ZApplication::GetObjectList() {
     std::vector<std::string> out;
-    {
-        MutexLock lock(mObjectListMutex);
-        out.reserve(mObjectList.size());
-        for (const auto& entry : mObjectList) out.emplace_back(entry.first);
-    }
-    std::sort(out.begin(), out.end());
+    MutexLock lock(mObjectListMutex);
+    const auto sorted = _SortedObjectList();
+    out.reserve(sorted.size());
+    for (const auto& entry : sorted) out.emplace_back(entry.first);
     return out;
 }
 
 std::vector<std::string> ZApplication::GetOrphanObjsList() {
     std::vector<std::string> out;
-    {
-        MutexLock lock(mObjectListMutex);
-        for (const auto& entry : mObjectList) {
-            ZObject* obj = entry.second;
-            // A listed node is not freed while it is listed (it leaves the
-            // list before it reaches the recycle queue).
-            if (obj->GetParent() == nullptr && !obj->IsResourceType()) {
-                out.emplace_back(entry.first);
-            }
-        }
+    MutexLock lock(mObjectListMutex);
+    for (const auto& entry : _SortedObjectList()) {
+        ZObject* obj = entry.second;
+        // A listed node is not freed while it is listed (it leaves the list
+        // before it reaches the recycle queue).
+        if (obj->GetParent() == nullptr && !obj->IsResourceType()) out.emplace_back(entry.first);
     }
-    std::sort(out.begin(), out.end());
     return out;
+}
+
+std::vector<std::pair<std::string_view, ZObject*>> ZApplication::_SortedObjectList() {
+    std::vector<std::pair<std::string_view, ZObject*>> sorted(mObjectList.begin(),
+                                                              mObjectList.end());
+    std::sort(sorted.begin(), sorted.end());
+    return sorted;
 }
 
 ZObject* ZApplication::_FindObject(const std::string& jpath, bool quiet) {
@@ -463,17 +463,16 @@ void ZApplication::_ReleaseObjRegistry() {
     // has; the next start clears each key it reuses.
     for (int pass = 0; pass < 2; ++pass) {
         // In JPath order, the same from run to run.
-        std::vector<std::pair<std::string_view, ZObject*>> victims;
+        std::vector<ZObject*> victims;
         {
             MutexLock lock(mObjectListMutex);
-            for (const auto& entry : mObjectList) {
-                if (pass == 1 || entry.second->GetParent() == nullptr) victims.push_back(entry);
+            for (const auto& entry : _SortedObjectList()) {
+                if (pass == 1 || entry.second->GetParent() == nullptr) {
+                    victims.push_back(entry.second);
+                }
             }
-            // Under the lock: the keys are the nodes' own texts.
-            std::sort(victims.begin(), victims.end());
         }
-        for (const auto& victim : victims) {
-            ZObject* obj = victim.second;
+        for (ZObject* obj : victims) {
             if (!UseIfValid(obj)) continue;
             obj->ObjDestroy(ZObject::eDestroyDelete, false);
             obj->DecreaseUsingCount();

@@ -62,8 +62,9 @@ ZResource* ZSchema::GetResource(const std::string& name) {
 }
 
 void ZSchema::DestroyAllResources() {
-    // In name order, the same from run to run.
-    std::vector<std::pair<std::string_view, ZResource*>> resources;
+    // In name order, the same from run to run (sorted as the registry's
+    // list is, one instantiation of the sort for both).
+    std::vector<std::pair<std::string_view, ZObject*>> resources;
     {
         // Sorted under the lock: the names are the resources' own texts.
         MutexLock lock(mMutex);
@@ -71,7 +72,7 @@ void ZSchema::DestroyAllResources() {
         std::sort(resources.begin(), resources.end());
     }
     for (const auto& entry : resources) {
-        ZResource* resource = entry.second;
+        auto* resource = static_cast<ZResource*>(entry.second);
         // One may already be gone with an ancestor retired just before.
         if (!Use(resource)) continue;
         UseRelease release(resource);
@@ -97,8 +98,7 @@ std::string ZSchema::DumpResources() {
     std::ostringstream out;
     out << "Dump schema[" << mName << "] resources:\n";
     MutexLock lock(mMutex);
-    std::vector<std::pair<std::string_view, ZResource*>> sorted(mResources.begin(),
-                                                                mResources.end());
+    std::vector<std::pair<std::string_view, ZObject*>> sorted(mResources.begin(), mResources.end());
     std::sort(sorted.begin(), sorted.end());
     for (const auto& entry : sorted) {
         char line[64];

@@ -46,6 +46,8 @@ constexpr size_t kShownWords = 4;
 std::string ShownCommand(const std::vector<std::string>& argv);
 }  // namespace
 
+// Private to the store client, like its header.
+#pragma GCC visibility push(hidden)
 namespace cli {
 
 // The scoped connection while it can still carry commands; null otherwise.
@@ -104,24 +106,21 @@ char* PutCount(char* out, char mark, size_t n) {
 // each argument): the bytes hiredis's own argument-vector call writes,
 // written here in one pass. Building them through hiredis's general
 // formatter cost about as many client instructions as the whole rest of a
-// round trip, which is what the controller's CPU feels. `dataAt(i)` and
-// `sizeAt(i)` give the words.
+// round trip, which is what the controller's CPU feels.
 constexpr size_t kFrame = 1 + 20 + 2;  // "*" or "$", a count, "\r\n"
 
-template <class SizeAt>
-size_t FramedSize(size_t argc, SizeAt sizeAt) {
+size_t FramedSize(const Arg* args, size_t argc) {
     size_t total = kFrame;
-    for (size_t i = 0; i < argc; ++i) total += kFrame + sizeAt(i) + 2;
+    for (size_t i = 0; i < argc; ++i) total += kFrame + args[i].size + 2;
     return total;
 }
 
-template <class DataAt, class SizeAt>
-char* Frame(char* out, size_t argc, DataAt dataAt, SizeAt sizeAt) {
+char* Frame(char* out, const Arg* args, size_t argc) {
     out = PutCount(out, '*', argc);
     for (size_t i = 0; i < argc; ++i) {
-        const size_t len = sizeAt(i);
+        const size_t len = args[i].size;
         out = PutCount(out, '$', len);
-        if (len != 0) std::memcpy(out, dataAt(i), len);
+        if (len != 0) std::memcpy(out, args[i].data, len);
         out += len;
         *out++ = '\r';
         *out++ = '\n';
@@ -135,23 +134,29 @@ char* Frame(char* out, size_t argc, DataAt dataAt, SizeAt sizeAt) {
 // connection sends anything else or reads: hiredis's output buffer starts
 // empty after every write and grew (and was copied) several times per round
 // trip when each command was handed over on its own.
-thread_local std::string tPendingOut;
+// (With the kept words of the deferred records, below: one thread-local
+// object for both texts.)
+struct sThreadTexts {
+    std::string pendingOut;
+    std::string deferredWords;
+};
+thread_local sThreadTexts tTexts;
 thread_local redisContext* tPendingConn = nullptr;
 
 bool HandOver(redisContext* c) {
     if (c == nullptr || tPendingConn != c) return true;
     tPendingConn = nullptr;
-    if (tPendingOut.empty()) return true;
-    const bool ok =
-        redisAppendFormattedCommand(c, tPendingOut.data(), tPendingOut.size()) == REDIS_OK;
-    tPendingOut.clear();
+    if (tTexts.pendingOut.empty()) return true;
+    const bool ok = redisAppendFormattedCommand(c, tTexts.pendingOut.data(),
+                                                tTexts.pendingOut.size()) == REDIS_OK;
+    tTexts.pendingOut.clear();
     return ok;
 }
 
 void DropPending(redisContext* c) {
     if (tPendingConn != c) return;
     tPendingConn = nullptr;
-    tPendingOut.clear();
+    tTexts.pendingOut.clear();
 }
 
 // Queues one command in the context's output buffer (sent with the next
@@ -162,9 +167,18 @@ bool AppendArgv(redisContext* c, size_t argc, const char* const* argv, const siz
     // reply; hiredis's own call gives no reply then either.
     if ((c->flags & REDIS_BLOCK) == 0) return false;
     if (!HandOver(c)) return false;
-    const auto dataAt = [argv](size_t i) { return argv[i]; };
-    const auto sizeAt = [argvLen](size_t i) { return argvLen[i]; };
-    const size_t total = FramedSize(argc, sizeAt);
+    // Most commands have a few words: their views and framing on the stack.
+    constexpr size_t kOnStack = 16;
+    Arg stackArgs[kOnStack];
+    std::unique_ptr<Arg[]> heapArgs;
+    Arg* args = stackArgs;
+    if (argc > kOnStack) {
+        heapArgs.reset(new (std::nothrow) Arg[argc]);
+        if (!heapArgs) return false;
+        args = heapArgs.get();
+    }
+    for (size_t i = 0; i < argc; ++i) args[i] = Arg(std::string_view(argv[i], argvLen[i]));
+    const size_t total = FramedSize(args, argc);
     char stackBuf[1024];
     std::unique_ptr<char[]> heapBuf;
     char* buf = stackBuf;
@@ -173,7 +187,7 @@ bool AppendArgv(redisContext* c, size_t argc, const char* const* argv, const siz
         if (!heapBuf) return false;
         buf = heapBuf.get();
     }
-    const char* end = Frame(buf, argc, dataAt, sizeAt);
+    const char* end = Frame(buf, args, argc);
     return redisAppendFormattedCommand(c, buf, static_cast<size_t>(end - buf)) == REDIS_OK;
 }
 
@@ -183,12 +197,10 @@ bool AppendDeferred(redisContext* c, const Arg* args, size_t argc) {
     if ((c->flags & REDIS_BLOCK) == 0) return false;
     // Another connection's pending commands go to it first.
     if (tPendingConn != c && !HandOver(tPendingConn)) return false;
-    const auto dataAt = [args](size_t i) { return args[i].data; };
-    const auto sizeAt = [args](size_t i) { return args[i].size; };
-    const size_t at = tPendingOut.size();
-    tPendingOut.resize(at + FramedSize(argc, sizeAt));
-    const char* end = Frame(&tPendingOut[at], argc, dataAt, sizeAt);
-    tPendingOut.resize(static_cast<size_t>(end - tPendingOut.data()));
+    const size_t at = tTexts.pendingOut.size();
+    tTexts.pendingOut.resize(at + FramedSize(args, argc));
+    const char* end = Frame(&tTexts.pendingOut[at], args, argc);
+    tTexts.pendingOut.resize(static_cast<size_t>(end - tTexts.pendingOut.data()));
     tPendingConn = c;
     return true;
 }
@@ -207,7 +219,7 @@ ReplyPtr ReadReply(redisContext* c) {
 // Commands sent without waiting for their replies (RedisDeferredWrites), in
 // the order sent; each thread has its own. A record is a few words: what
 // a failure would show is kept as the command's words in one buffer per
-// thread (tDeferredWords), not as strings of its own, because nearly every
+// thread (tTexts.deferredWords), not as strings of its own, because nearly every
 // reply is a success and the texts are never read.
 enum class DeferKind : uint8_t {
     kUnchecked,  // an UNLINK: a key already gone is as good as deleted
@@ -219,7 +231,7 @@ struct DeferredReply {
     redisContext* c = nullptr;
     RedisDeferredHandler handler = nullptr;
     void* arg = nullptr;
-    uint32_t wordsAt = 0;    // where the kept words start in tDeferredWords
+    uint32_t wordsAt = 0;    // where the kept words start in tTexts.deferredWords
     uint32_t wordsSize = 0;  // their bytes there (0: none kept)
     DeferKind kind = DeferKind::kUnchecked;
 };
@@ -227,14 +239,13 @@ thread_local std::vector<DeferredReply> tDeferred;
 thread_local redisContext* tDeferringOn = nullptr;
 // The kept words of the records in tDeferred: per word its length (four
 // bytes, host order) and its bytes. Emptied when tDeferred is.
-thread_local std::string tDeferredWords;
 
 void KeepWords(DeferredReply& d, const Arg* words, size_t n) {
     size_t total = 0;
     for (size_t i = 0; i < n; ++i) total += sizeof(uint32_t) + words[i].size;
-    const size_t at = tDeferredWords.size();
-    tDeferredWords.resize(at + total);
-    char* out = &tDeferredWords[at];
+    const size_t at = tTexts.deferredWords.size();
+    tTexts.deferredWords.resize(at + total);
+    char* out = &tTexts.deferredWords[at];
     for (size_t i = 0; i < n; ++i) {
         const uint32_t len = static_cast<uint32_t>(words[i].size);
         std::memcpy(out, &len, sizeof(len));
@@ -249,7 +260,7 @@ void KeepWords(DeferredReply& d, const Arg* words, size_t n) {
 // The kept words of `d`, for a failure text.
 std::vector<std::string> KeptWords(const DeferredReply& d) {
     std::vector<std::string> words;
-    const char* p = tDeferredWords.data() + d.wordsAt;
+    const char* p = tTexts.deferredWords.data() + d.wordsAt;
     const char* const end = p + d.wordsSize;
     while (p + sizeof(uint32_t) <= end) {
         uint32_t len = 0;
@@ -351,16 +362,16 @@ void DrainDeferred(redisContext* c) {
         }
     }
     if (kept == 0) {
-        tDeferredWords.clear();
-    } else if (tDeferredWords.size() > 64 * 1024) {
+        tTexts.deferredWords.clear();
+    } else if (tTexts.deferredWords.size() > 64 * 1024) {
         // Another connection's records stay: their words move to the front.
         std::string words;
         for (DeferredReply& d : tDeferred) {
             const uint32_t at = static_cast<uint32_t>(words.size());
-            words.append(tDeferredWords, d.wordsAt, d.wordsSize);
+            words.append(tTexts.deferredWords, d.wordsAt, d.wordsSize);
             d.wordsAt = at;
         }
-        tDeferredWords.swap(words);
+        tTexts.deferredWords.swap(words);
     }
     mine.clear();
     tDrainSpare = std::move(mine);
@@ -642,6 +653,7 @@ eRtCode EvalStoredScript(const char* func, redisContext* caller, const char* scr
 }
 
 }  // namespace cli
+#pragma GCC visibility pop
 
 using namespace cli;
 
