@@ -13,13 +13,14 @@
 
 namespace Orbel {
 
-namespace {
-// A channel list's clearing waiting for the read of the list (held array).
-struct sChannelClear {
+// A channel list's clearing waiting for the read of the list (held array),
+// and the channel to put in once it is done.
+struct ZJsonArray::sChannelClear {
     ZJsonArray* array;
     redisContext* c;
+    std::string channel;
+    bool hasChannel = false;
 };
-}  // namespace
 
 ZJsonArray::ZJsonArray(ZObject* parent, const std::string& name, uint32_t attributes)
     : ZObject(parent, eJsonArray, name, name, 0), mClassAttributes(attributes) {
@@ -242,10 +243,10 @@ eRtCode ZJsonArray::CleanItemsFromRedis(redisContext* c) {
         // In a constructor the list is read with the round trip that
         // carries the new node's other writes; the clearing ends when the
         // reply is there (_OnChannelsRead).
-        auto* pending = new sChannelClear{this, c};
+        auto* pending = new sChannelClear{this, c, std::string()};
         IncreaseUsingCount();  // released by the reply's handler
         if (RedisDeferCommand(c, {"LRANGE", mJPath, "0", "-1"}, _OnChannelsRead, pending)) {
-            mChannelClearPending = true;
+            mPendingClear = pending;
             return RT_SUCCESS;
         }
         DecreaseUsingCount();
@@ -271,8 +272,9 @@ eRtCode ZJsonArray::CleanItemsFromRedis(redisContext* c) {
 }
 
 bool ZJsonArray::PushChannelAfterClear(const std::string& channel) {
-    if (!mChannelClearPending) return false;
-    mPendingChannel = std::make_unique<std::string>(channel);
+    if (mPendingClear == nullptr) return false;
+    mPendingClear->channel = channel;
+    mPendingClear->hasChannel = true;
     return true;
 }
 
@@ -280,8 +282,8 @@ void ZJsonArray::_OnChannelsRead(void* arg, const sRedisDeferredReply& reply) {
     std::unique_ptr<sChannelClear> pending(static_cast<sChannelClear*>(arg));
     ZJsonArray* self = pending->array;
     redisContext* c = pending->c;
-    self->mChannelClearPending = false;
-    std::unique_ptr<std::string> channel = std::move(self->mPendingChannel);
+    self->mPendingClear = nullptr;
+    const std::string* channel = pending->hasChannel ? &pending->channel : nullptr;
     ZApplication* app = zApp;
     // Retired meanwhile: its list is gone (or going), and stays so.
     if (!self->IsDied() && app != nullptr) {

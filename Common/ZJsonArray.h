@@ -103,10 +103,10 @@ private:
     // No lock: set by the constructor and read right after it by the same thread.
     bool mKeptForeignChannels = false;
     // The same thread: set while a deferred clearing of the channel list
-    // waits for its read, and the channel to put in after it (see
+    // waits for its read; it carries the channel to put in after it (see
     // PushChannelAfterClear).
-    bool mChannelClearPending = false;
-    std::unique_ptr<std::string> mPendingChannel;
+    struct sChannelClear;
+    sChannelClear* mPendingClear = nullptr;
 };
 
 }  // namespace Orbel

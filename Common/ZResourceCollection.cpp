@@ -137,9 +137,18 @@ int ZResourceCollection::GetFreeMemberId() {
     // already out of "Members" but still registered (retiring on another
     // thread) keeps its URI until it is gone: its id is not free yet.
     ZApplication* app = zApp;
-    const std::string base = mJPath + "/";
-    while (n <= count && (members->GetChild(static_cast<int>(n), true) != nullptr ||
-                          app->_FindObject(base + std::to_string(n), true) != nullptr)) {
+    // One text for every URI asked about: the base, then the id.
+    std::string uri;
+    uri.reserve(mJPath.size() + 11);
+    uri.append(mJPath).push_back('/');
+    const size_t baseLen = uri.size();
+    const auto registered = [&](unsigned int id) {
+        uri.resize(baseLen);
+        uri += std::to_string(id);
+        return app->_FindObject(uri, true) != nullptr;
+    };
+    while (n <= count &&
+           (members->GetChild(static_cast<int>(n), true) != nullptr || registered(n))) {
         ++n;
     }
     {
@@ -150,7 +159,7 @@ int ZResourceCollection::GetFreeMemberId() {
     // count, the first id after it whose URI nobody holds.
     if (n > count) {
         n = count + 1;
-        while (app->_FindObject(base + std::to_string(n), true) != nullptr) ++n;
+        while (registered(n)) ++n;
     }
     return static_cast<int>(n);
 }

@@ -211,9 +211,10 @@ eRtCode ZObject::_SetId(const std::string& id) {
     ZApplication* app = zApp;
     if (app == nullptr) return RT_FAILURE;
     ZObject* parent = mParent.load();
+    // Held for the whole joining: registered, then entered in the parent.
+    if (parent != nullptr && !Use(parent)) return RT_FAILURE;
+    UseRelease release(parent);
     if (parent != nullptr) {
-        if (!Use(parent)) return RT_FAILURE;
-        UseRelease release(parent);
         if (parent->IsDied()) {
             ZLOG(eZLogError, "Object[%s] cannot join the died parent[%s].\n", id.c_str(),
                  parent->mJPath.c_str());
@@ -237,8 +238,6 @@ eRtCode ZObject::_SetId(const std::string& id) {
     }
 
     if (parent != nullptr) {
-        if (!Use(parent)) return RT_SUCCESS;
-        UseRelease release(parent);
         ZObject* holder = parent;
         if (parent->GetType() == eResourceCollection && mType == eResource) {
             parent->CollectionAddMember(static_cast<ZResource*>(this));

@@ -742,7 +742,11 @@ eRtCode ZObject::ObjData2RedisCache(bool recursive, redisContext* c) {
         // free a child that is retired meanwhile).
         std::vector<ZObject*> children = _UsedChildren();
         for (ZObject* child : children) {
-            if (child->ApplyRedisChanges(true, c) != RT_SUCCESS) rt = RT_FAILURE;
+            // Held by the count taken for the copy: no second look-up in the
+            // registry. A RawJson child takes the way that writes its text.
+            const eRtCode childRt = child->mIsRawJson ? child->ApplyRedisChanges(true, c)
+                                                      : child->ObjData2RedisCache(true, c);
+            if (childRt != RT_SUCCESS) rt = RT_FAILURE;
             child->DecreaseUsingCount();
         }
     }
