@@ -178,32 +178,36 @@ ZResource* ZResourceCollection::CreateMember(
         ZLOG(eZLogError, "Collection[%s] takes no member.\n", mJPath.c_str());
         return nullptr;
     }
-    // One creation at a time: the id is taken and its member registered
-    // before the next creation looks for an id. A retiring member keeps its
+    // One id at a time: it is taken, and the high-water mark moved past it,
+    // before the next creation looks for one. A retiring member keeps its
     // URI registered until it is gone, and its store keys are deleted after
     // it left the registry; an id is therefore never given twice, not even
     // the id of a member that left a moment ago: its old URI would name the
-    // new member for a client that still holds it.
-    MutexLock creating(mCreateMutex);
+    // new member for a client that still holds it. The member is made after
+    // the lock is given back: making it may wait for the apply order, which
+    // a thread building resources (ZObjectBuildWrites) holds while it may
+    // itself be creating a member here.
     ZApplication* app = zApp;
     const std::string base = mJPath + "/";
     unsigned int id;
-    std::string setting;
     {
-        MutexLock lock(mFreeIdMutex);
-        id = mIdHighWater + 1;
-        setting = mIdSetting;
-    }
-    // Made some other way (an explicit id, GetFreeMemberId) after the mark.
-    while (app->_FindObject(base + std::to_string(id), true) != nullptr) ++id;
-    // Kept before the member exists: a restart after this point cannot give
-    // the id again.
-    if (!setting.empty() && SetKOBA(setting, id) != RT_SUCCESS) {
-        ZLOG(eZLogError, "Collection[%s]: member id %u not kept in setting[%s]; no member made.\n",
-             mJPath.c_str(), id, setting.c_str());
-        return nullptr;
-    }
-    {
+        MutexLock creating(mCreateMutex);
+        std::string setting;
+        {
+            MutexLock lock(mFreeIdMutex);
+            id = mIdHighWater + 1;
+            setting = mIdSetting;
+        }
+        // Made some other way (an explicit id, GetFreeMemberId) after the mark.
+        while (app->_FindObject(base + std::to_string(id), true) != nullptr) ++id;
+        // Kept before the member exists: a restart after this point cannot
+        // give the id again.
+        if (!setting.empty() && SetKOBA(setting, id) != RT_SUCCESS) {
+            ZLOG(eZLogError,
+                 "Collection[%s]: member id %u not kept in setting[%s]; no member made.\n",
+                 mJPath.c_str(), id, setting.c_str());
+            return nullptr;
+        }
         MutexLock lock(mFreeIdMutex);
         if (id > mIdHighWater) mIdHighWater = id;
     }

@@ -92,8 +92,9 @@ private:
     uint32_t mFreeIdEpoch GUARDED_BY(mFreeIdMutex) = 0;
     unsigned int mIdHighWater GUARDED_BY(mFreeIdMutex) = 0;
     std::string mIdSetting GUARDED_BY(mFreeIdMutex);
-    // Held across one CreateMember, from the choice of the id until the
-    // member is built (no node lock is held while it is taken).
+    // Held while one CreateMember chooses its id and moves the high-water
+    // mark past it; not while the member is built (no node lock is held
+    // while it is taken).
     Mutex mCreateMutex;
 };
 

@@ -2,6 +2,7 @@
 // a destroyer racing readers and the recycler, and the resource lock as a
 // mutual exclusion. Meant for the thread sanitizer as much as for the asserts.
 #include <atomic>
+#include <future>
 #include <set>
 #include <string>
 #include <thread>
@@ -10,6 +11,7 @@
 #include "Backend_MethodContext.h"
 #include "ChildProcess.h"
 #include "ObjectModelFixture.h"
+#include "RedisCli.h"
 #include "ZJsonArray.h"
 #include "ZJsonObject.h"
 #include "ZResource.h"
@@ -156,6 +158,36 @@ TEST_F(ObjectConcurrencyTest, CreatesRacingDeletesAndBackendThreadsNeverShareAnI
     EXPECT_EQ(LRange("&&/redfish/v1/Systems/Members").size(), 40u);
     EXPECT_EQ(HGetAll("/redfish/v1/Systems").at("Members@odata.count"), "40");
     EXPECT_EQ(LogSince(0).find("duplicated"), std::string::npos);
+}
+
+// A thread building resources holds the apply order to the end of its
+// span; a member it creates must not wait for another creation of the same
+// collection that waits for that order.
+TEST_F(ObjectConcurrencyTest, ABuildHoldingTheApplyOrderCreatesMembersBesideAWaitingCreation) {
+    ZSchema collSchema("ComputerSystemCollection", "", ZSchema::CRUDQ_READ, "ComputerSystem");
+    MemberSchema schema;
+    auto* coll = new ZResourceCollection(nullptr, &collSchema, "/redfish/v1/Systems");
+    std::promise<void> holding;
+    std::promise<void> building;
+    std::thread other([&] {
+        holding.get_future().wait();
+        ZResource* member = coll->CreateMember([&](const std::string& id) {
+            building.set_value();  // the id is chosen; the build waits for the order
+            return new ZResource(coll, &schema, id);
+        });
+        EXPECT_NE(member, nullptr);
+    });
+    {
+        RedisConnectionScope scope;
+        ZObjectBuildWrites span;
+        new ZResource(nullptr, nullptr, "/redfish/v1/Managers/1");  // its apply takes the order
+        holding.set_value();
+        building.get_future().wait();
+        EXPECT_NE(coll->CreateMember(&schema), nullptr);
+    }
+    other.join();
+    EXPECT_EQ(coll->GetMemberCount(), 2u);
+    EXPECT_EQ(LRange("&&/redfish/v1/Systems/Members").size(), 2u);
 }
 
 TEST_F(ObjectConcurrencyTest, TheNestedResourceLockExcludesOtherThreadsUntilFullyReleased) {
