@@ -229,6 +229,52 @@ TEST_F(StoreTreeReaderTest, RawJsonHashesAreTheirStoredText) {
     EXPECT_EQ(StoreDoc("/redfish/v1/Empty"), "null");
 }
 
+// The gathering script repeats the reader's rules (which link words are
+// followed, the queue lists, message fields, RawJSON, cycles): every
+// document it gathers renders as the reader's node-by-node reads render it,
+// in both views.
+TEST_F(StoreTreeReaderTest, GatheredDocumentsRenderAsNodeByNodeReadsDo) {
+    StoreSystem();
+    StoreCollection();
+    const std::string arr = "/redfish/v1/Systems/1/RF_Root:ComputerSystem:PATCHQ/ExtendedInfo";
+    const std::string m = "&&" + arr + "/0";
+    RPush(arr, {m, "\"plain\"", "&&ObjectRef /redfish/v1/Systems"});
+    HSet(m, {{"&&MessageId", "\"Base.1.12.Success\""}, {"&&MessageArgs", m + "/args"}});
+    RPush(m + "/args", {"\"x\"", "1"});
+    HSet("/redfish/v1/Raw", {{"&&RawJSON", R"({"b":1,"a":[2]})"}, {"&&Async", "true"}});
+    HSet("/cyc", {{"&&Object A &&/cyc/A", ""}, {"V", "1"}});
+    HSet("&&/cyc/A", {{"&&Object Up /cyc", ""}, {"&&Array L &&/cyc/L", ""}});
+    RPush("&&/cyc/L", {"&&Object /redfish/v1/Raw", "&&Object &&/cyc/A"});
+    const Items jpaths = {"/redfish/v1/Systems/1",
+                          "/redfish/v1/Systems",
+                          "&&/redfish/v1/Systems/1/Status/Oem",
+                          arr,
+                          "/redfish/v1/Raw",
+                          "/cyc",
+                          "/missing"};
+    for (const bool meta : {false, true}) {
+        Orbel::sStoreTreeOptions options;
+        options.pretty = false;
+        options.includeMeta = meta;
+        const auto gathered = Orbel::ReadStoreTrees(mConn.get(), jpaths, options);
+        const auto apart = Orbel::RenderStoreTrees(mConn.get(), nullptr, jpaths, options);
+        ASSERT_EQ(gathered.size(), jpaths.size());
+        ASSERT_EQ(apart.size(), jpaths.size());
+        for (size_t i = 0; i < jpaths.size(); ++i) {
+            SCOPED_TRACE(jpaths[i] + (meta ? " (debug view)" : ""));
+            EXPECT_EQ(gathered[i].ok, apart[i].ok);
+            EXPECT_EQ(gathered[i].json, apart[i].json);
+            EXPECT_EQ(gathered[i].error, apart[i].error);
+            EXPECT_FALSE(apart[i].gathered);
+            // A body that exists is made of the gathering alone.
+            if (!meta && gathered[i].ok) {
+                EXPECT_TRUE(gathered[i].gathered);
+            }
+        }
+        EXPECT_FALSE(gathered.back().ok);
+    }
+}
+
 // ---------------------------------------------------------------------------
 // The command
 // ---------------------------------------------------------------------------
