@@ -23,6 +23,26 @@ unsigned int NumericId(const std::string& id) {
     }
     return static_cast<unsigned int>(std::strtoul(id.c_str(), nullptr, 10));
 }
+
+// The URIs of member ids asked about one after another: "<collection>/<id>"
+// in one text, the collection's part written once.
+class MemberUris {
+public:
+    explicit MemberUris(const std::string& collection) {
+        mUri.reserve(collection.size() + 11);
+        mUri.append(collection).push_back('/');
+        mBaseLen = mUri.size();
+    }
+    const std::string& Of(unsigned int id) {
+        mUri.resize(mBaseLen);
+        mUri += std::to_string(id);
+        return mUri;
+    }
+
+private:
+    std::string mUri;
+    size_t mBaseLen = 0;
+};
 }  // namespace
 
 ZResourceCollection::ZResourceCollection(ZObject* parent, ZSchema* schema, const std::string& id,
@@ -137,15 +157,9 @@ int ZResourceCollection::GetFreeMemberId() {
     // already out of "Members" but still registered (retiring on another
     // thread) keeps its URI until it is gone: its id is not free yet.
     ZApplication* app = zApp;
-    // One text for every URI asked about: the base, then the id.
-    std::string uri;
-    uri.reserve(mJPath.size() + 11);
-    uri.append(mJPath).push_back('/');
-    const size_t baseLen = uri.size();
+    MemberUris uris(mJPath);
     const auto registered = [&](unsigned int id) {
-        uri.resize(baseLen);
-        uri += std::to_string(id);
-        return app->_FindObject(uri, true) != nullptr;
+        return app->_FindObject(uris.Of(id), true) != nullptr;
     };
     while (n <= count &&
            (members->GetChild(static_cast<int>(n), true) != nullptr || registered(n))) {
@@ -188,7 +202,7 @@ ZResource* ZResourceCollection::CreateMember(
     // a thread building resources (ZObjectBuildWrites) holds while it may
     // itself be creating a member here.
     ZApplication* app = zApp;
-    const std::string base = mJPath + "/";
+    MemberUris uris(mJPath);
     unsigned int id;
     {
         MutexLock creating(mCreateMutex);
@@ -199,7 +213,7 @@ ZResource* ZResourceCollection::CreateMember(
             setting = mIdSetting;
         }
         // Made some other way (an explicit id, GetFreeMemberId) after the mark.
-        while (app->_FindObject(base + std::to_string(id), true) != nullptr) ++id;
+        while (app->_FindObject(uris.Of(id), true) != nullptr) ++id;
         // Kept before the member exists: a restart after this point cannot
         // give the id again.
         if (!setting.empty() && SetKOBA(setting, id) != RT_SUCCESS) {
@@ -211,7 +225,7 @@ ZResource* ZResourceCollection::CreateMember(
         MutexLock lock(mFreeIdMutex);
         if (id > mIdHighWater) mIdHighWater = id;
     }
-    const std::string uri = base + std::to_string(id);
+    const std::string uri = uris.Of(id);
     ZResource* member = make(std::to_string(id));
     if (member == nullptr) {
         ZLOG(eZLogError, "Collection[%s]: no member[%s] was made.\n", mJPath.c_str(), uri.c_str());

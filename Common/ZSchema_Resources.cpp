@@ -16,9 +16,14 @@ eRtCode ZSchema::AddResource(ZResource* resource) {
         return RT_INVALID_ARG;
     }
     const std::string& name = resource->NameText();
-    MutexLock lock(mMutex);
-    auto inserted = mResources.emplace(name, resource);
-    if (!inserted.second) {
+    bool added = false;
+    {
+        MutexLock lock(mMutex);
+        added = mResources.emplace(name, resource).second;
+    }
+    // Logged after the lock is given back: a dispatcher looking a resource
+    // up does not wait for a log line.
+    if (!added) {
         ZLOG(eZLogError,
              "Failed to add Resource to schema[%s] due to the name[%s] is not unique!\n",
              mName.c_str(), name.c_str());

@@ -35,23 +35,31 @@ public:
 
     // Enters `key` with `value`, or gives an entered key the new value.
     void Put(Key key, Value value) {
-        if (Value* found = Find(key)) {
-            *found = std::move(value);
-            return;
-        }
         // At most half full, erased slots counted: probes stay short and
         // always end at an empty slot.
         if ((mUsed + 1) * 2 > mSlots.size()) Rehash();
+        // One probe: the key's own slot if it is entered, else the first
+        // erased slot on the way, else the empty slot that ends the probe.
+        Slot* free = nullptr;
         for (size_t i = Home(key);; i = (i + 1) & mMask) {
             Slot& s = mSlots[i];
-            if (s.key == Traits::kEmpty || s.key == Traits::kErased) {
-                if (s.key == Traits::kEmpty) ++mUsed;
-                s.key = key;
+            if (s.key == key) {
                 s.value = std::move(value);
-                ++mSize;
                 return;
             }
+            if (s.key == Traits::kErased) {
+                if (free == nullptr) free = &s;
+            } else if (s.key == Traits::kEmpty) {
+                if (free == nullptr) {
+                    free = &s;
+                    ++mUsed;
+                }
+                break;
+            }
         }
+        free->key = key;
+        free->value = std::move(value);
+        ++mSize;
     }
 
     // False when `key` was not entered.

@@ -814,10 +814,13 @@ bool RedisAwaitsReplies(redisContext* c) {
     return false;
 }
 
-bool RedisDeferCommand(redisContext* c, const std::string_view* words, size_t n,
-                       RedisDeferredHandler handler, void* arg) {
+namespace {
+
+// RedisDeferCommand on the words `wordAt(0..n-1)`, each turned into an
+// argument view once (on the stack for the few words most commands have).
+template <class WordAt>
+bool DeferWords(redisContext* c, size_t n, WordAt wordAt, RedisDeferredHandler handler, void* arg) {
     if (!Deferring(c) || n == 0) return false;
-    // Most commands of a build have a few words: no heap for their framing.
     constexpr size_t kOnStack = 16;
     cli::Arg stackArgs[kOnStack];
     std::vector<cli::Arg> heapArgs;
@@ -826,11 +829,19 @@ bool RedisDeferCommand(redisContext* c, const std::string_view* words, size_t n,
         heapArgs.resize(n);
         args = heapArgs.data();
     }
-    for (size_t i = 0; i < n; ++i) args[i] = cli::Arg(words[i]);
-    // Without a handler a failure is logged, and the words are kept for it.
-    // (As many as the text shows.)
+    for (size_t i = 0; i < n; ++i) args[i] = cli::Arg(wordAt(i));
+    // Without a handler a failure is logged, and the words are kept for it
+    // (as many as the text shows).
     return handler != nullptr ? cli::Defer(c, args, n, cli::DeferKind::kHandler, n, n, handler, arg)
                               : cli::Defer(c, args, n, cli::DeferKind::kCommand, 0, kShownWords);
+}
+
+}  // namespace
+
+bool RedisDeferCommand(redisContext* c, const std::string_view* words, size_t n,
+                       RedisDeferredHandler handler, void* arg) {
+    return DeferWords(
+        c, n, [words](size_t i) { return words[i]; }, handler, arg);
 }
 
 bool RedisDeferCommand(redisContext* c, std::initializer_list<std::string_view> words,
@@ -840,16 +851,8 @@ bool RedisDeferCommand(redisContext* c, std::initializer_list<std::string_view> 
 
 bool RedisDeferCommand(redisContext* c, const std::vector<std::string>& argv,
                        RedisDeferredHandler handler, void* arg) {
-    constexpr size_t kOnStack = 16;
-    std::string_view stackWords[kOnStack];
-    std::vector<std::string_view> heapWords;
-    std::string_view* words = stackWords;
-    if (argv.size() > kOnStack) {
-        heapWords.resize(argv.size());
-        words = heapWords.data();
-    }
-    for (size_t i = 0; i < argv.size(); ++i) words[i] = argv[i];
-    return RedisDeferCommand(c, words, argv.size(), handler, arg);
+    return DeferWords(
+        c, argv.size(), [&argv](size_t i) { return std::string_view(argv[i]); }, handler, arg);
 }
 
 eRtCode RedisPipeline(redisContext* c, const std::vector<std::vector<std::string>>& commands,

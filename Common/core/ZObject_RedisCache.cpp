@@ -528,12 +528,11 @@ struct sApplyPipeline {
         for (; tBuildConn == c && deferred < cmds.size(); ++deferred) {
             const bool isCount = nextCount < counts.size() && counts[nextCount].second == deferred;
             if (!isCount) {
-                if (!RedisDeferCommand(c, std::move(cmds[deferred].argv))) break;
+                if (!RedisDeferCommand(c, cmds[deferred].argv)) break;
                 continue;
             }
             auto* pending = new sPendingCount{counts[nextCount].first, c};
-            if (!RedisDeferCommand(c, std::move(cmds[deferred].argv), PublishDeferredCount,
-                                   pending)) {
+            if (!RedisDeferCommand(c, cmds[deferred].argv, PublishDeferredCount, pending)) {
                 delete pending;
                 break;
             }
